@@ -1,0 +1,23 @@
+# Which room may include which: a room sees itself and the rooms named here, nothing else.
+# docs/architecture.md explains the table. It is checked when CMake configures and again by the
+# test `layers`.
+set(METRIX_ROOMS
+   corvax plexa quen hostctl agentdCommon hostsvc guestsvc metrix metrix/dynamic linuxHost agentd)
+
+set(SEES_corvax "")
+set(SEES_plexa corvax)
+set(SEES_quen plexa corvax)
+set(SEES_hostctl corvax)
+set(SEES_agentdCommon quen plexa hostctl corvax)
+set(SEES_hostsvc quen plexa hostctl corvax)
+set(SEES_guestsvc quen plexa hostctl corvax)
+# Within metrix the kernel library and the services behind it are for the kernel collector alone.
+set(SEES_metrix agentdCommon quen plexa corvax)
+set(SEES_metrix/dynamic metrix corvax)
+set(SEES_linuxHost agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+set(SEES_agentd linuxHost agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+
+# Single files that see more than the rest of their room.
+set(SEES_metrix/hykStatsCollector.h hostsvc guestsvc hostctl)
+set(SEES_metrix/hykStatsCollector.cpp hostsvc guestsvc hostctl)
+set(SEES_metrix/hykStatsCollectorVm.cpp hostsvc guestsvc hostctl)

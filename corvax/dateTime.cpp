@@ -1,0 +1,137 @@
+#include "corvax/dateTime.h"
+
+#include "corvax/system.h"
+
+#include <chrono>
+#include <cstdio>
+
+namespace Corvax {
+
+namespace {
+
+namespace Chrono = std::chrono;
+
+constexpr int64_t kMicroseconds = 1000000;
+
+/// Takes exactly `digits` decimal digits from the front.
+bool TakeNumber(std::string_view& text, size_t digits, int& value)
+{
+   if (text.size() < digits) {
+      return false;
+   }
+   value = 0;
+   for (const char c : text.substr(0, digits)) {
+      if (c < '0' || c > '9') {
+         return false;
+      }
+      value = value * 10 + (c - '0');
+   }
+   text.remove_prefix(digits);
+   return true;
+}
+
+bool TakeChar(std::string_view& text, char c)
+{
+   if (text.empty() || text.front() != c) {
+      return false;
+   }
+   text.remove_prefix(1);
+   return true;
+}
+
+/// Decimals of a second beyond the sixth are cut.
+bool TakeFraction(std::string_view& text, int64_t& fractionUs)
+{
+   fractionUs = 0;
+   if (!TakeChar(text, '.')) {
+      return true;
+   }
+   int64_t unit = kMicroseconds / 10;
+   size_t digits = 0;
+   for (int digit = 0; TakeNumber(text, 1, digit); ++digits) {
+      fractionUs += digit * unit;
+      unit /= 10;
+   }
+   return digits > 0;
+}
+
+bool TakeOffset(std::string_view& text, int64_t& offsetSec)
+{
+   offsetSec = 0;
+   if (TakeChar(text, 'Z')) {
+      return true;
+   }
+   const bool west = !text.empty() && text.front() == '-';
+   int hours = 0;
+   int minutes = 0;
+   if (!TakeChar(text, west ? '-' : '+') || !TakeNumber(text, 2, hours) || !TakeChar(text, ':') ||
+       !TakeNumber(text, 2, minutes) || hours > 23 || minutes > 59) {
+      return false;
+   }
+   offsetSec = (west ? -1 : 1) * (int64_t{hours} * 3600 + int64_t{minutes} * 60);
+   return true;
+}
+
+} // namespace
+
+DateTime DateTime::Now()
+{
+   return DateTime(System::GetTime());
+}
+
+std::string DateTime::ToString() const
+{
+   const Chrono::sys_time<Chrono::microseconds> instant{Chrono::microseconds(_utcUs)};
+   const auto day = Chrono::floor<Chrono::days>(instant);
+   const Chrono::year_month_day date(day);
+   const int year = static_cast<int>(date.year());
+   // The calendar's year has 16 bits; instants far outside it would show a wrapped one.
+   constexpr int64_t kYear0Us = -62167219200 * kMicroseconds;
+   constexpr int64_t kYear10000Us = 253402300800 * kMicroseconds;
+   if (_utcUs < kYear0Us || _utcUs >= kYear10000Us) {
+      return std::to_string(_utcUs);
+   }
+   const Chrono::hh_mm_ss time(instant - day);
+   char text[48];
+   int length = std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d", year,
+                              static_cast<unsigned>(date.month()),
+                              static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+                              static_cast<int>(time.minutes().count()),
+                              static_cast<int>(time.seconds().count()));
+   const auto fraction = static_cast<int>(time.subseconds().count());
+   if (fraction != 0) {
+      length += std::snprintf(text + length, sizeof text - static_cast<size_t>(length), ".%06d",
+                              fraction);
+   }
+   return std::string(text, static_cast<size_t>(length)) + "Z";
+}
+
+bool DateTime::Parse(std::string_view text, DateTime& result)
+{
+   int year = 0;
+   int month = 0;
+   int day = 0;
+   int hour = 0;
+   int minute = 0;
+   int second = 0;
+   int64_t fractionUs = 0;
+   int64_t offsetSec = 0;
+   if (!TakeNumber(text, 4, year) || !TakeChar(text, '-') || !TakeNumber(text, 2, month) ||
+       !TakeChar(text, '-') || !TakeNumber(text, 2, day) || !TakeChar(text, 'T') ||
+       !TakeNumber(text, 2, hour) || !TakeChar(text, ':') || !TakeNumber(text, 2, minute) ||
+       !TakeChar(text, ':') || !TakeNumber(text, 2, second) || !TakeFraction(text, fractionUs) ||
+       !TakeOffset(text, offsetSec) || !text.empty()) {
+      return false;
+   }
+   const Chrono::year_month_day date(Chrono::year(year), Chrono::month(static_cast<unsigned>(month)),
+                                     Chrono::day(static_cast<unsigned>(day)));
+   if (!date.ok() || hour > 23 || minute > 59 || second > 59) {
+      return false;
+   }
+   const int64_t days = Chrono::sys_days(date).time_since_epoch().count();
+   const int64_t seconds = days * 86400 + int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
+   result = DateTime((seconds - offsetSec) * kMicroseconds + fractionUs);
+   return true;
+}
+
+} // namespace Corvax

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "corvax/lockable.h"
+#include "corvax/object.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace Corvax {
+
+/// What an open file may be used for; a mask.
+enum FileAccess : uint32_t {
+   FILE_READ = 1,
+   FILE_WRITE = 2,
+   FILE_READ_WRITE = FILE_READ | FILE_WRITE,
+};
+
+enum class FileCreation {
+   OPEN_EXISTING, ///< the file must exist; its content stays
+   CREATE_ALWAYS, ///< the file is created, or emptied when it exists
+};
+
+/// An open file with a position of its own.
+///
+/// Cost: Seek is bookkeeping; Read and Write are one system call each where they can be.
+/// Errors: PlatformException naming the operation, the file, the offset and the reason.
+/// Locking: none; one thread at a time.
+class FileHandle : public virtual Object {
+public:
+   virtual void Open(const std::string& path, uint32_t accessMask, FileCreation creation) = 0;
+   virtual bool IsOpen() const = 0;
+   /// Closing what is not open does nothing.
+   virtual void Close() = 0;
+
+   /// Current size in bytes.
+   virtual uint64_t GetSize() = 0;
+
+   /// Position of the next read or write, counted from the start; may lie beyond the end.
+   virtual void Seek(uint64_t offset) = 0;
+
+   /// Reads up to `sizeBytes` and moves the position on. Fewer bytes than asked mean the end.
+   virtual size_t Read(void* buffer, size_t sizeBytes) = 0;
+
+   /// Writes, extending the file as needed (a gap reads as zero bytes), and moves the position on.
+   /// Returns the bytes written: fewer than asked when the device took no more after a part; when
+   /// it took nothing at all, that is an exception.
+   virtual size_t Write(const void* buffer, size_t sizeBytes) = 0;
+
+   /// Brings everything written to the disk.
+   virtual void Flush() = 0;
+
+   /// Write that throws when not everything was written.
+   void WriteAll(const void* buffer, size_t sizeBytes);
+};
+
+/// Makes the platform's objects. A test replaces it to fail on command.
+class SystemFactory {
+public:
+   virtual ~SystemFactory() = default;
+
+   virtual Ref<FileHandle> NewFileHandle() = 0;
+   /// Size in bytes of a named file; PlatformException when there is none.
+   virtual uint64_t GetFileSize(const std::string& path) = 0;
+   virtual bool Exists(const std::string& path) = 0;
+   /// With all missing parents.
+   virtual void CreateDirectory(const std::string& path) = 0;
+   /// Puts a file in another's place in one step.
+   virtual void Rename(const std::string& from, const std::string& to) = 0;
+   /// A new empty directory for passing data; the path ends with "/".
+   virtual std::string NewScratchDirectory() = 0;
+   /// Removes a file or a directory with all it holds; a missing one is no error.
+   virtual void Remove(const std::string& path) = 0;
+
+   virtual std::unique_ptr<Mutex> CreateMutex() { return NewMutex(); }
+};
+
+/// The real file system.
+std::unique_ptr<SystemFactory> NewPosixFactory();
+
+} // namespace Corvax

@@ -1,0 +1,54 @@
+#include "corvax/objectRegistry.h"
+
+#include "corvax/lockable.h"
+
+#include <unordered_map>
+
+namespace Corvax {
+
+namespace {
+
+class ObjectRegistryImpl : public ObjectRegistry, public ObjectImpl {
+public:
+   void Register(const std::string& id, Ref<Object> object) override
+   {
+      const WriteGuard guard(_lock);
+      if (id.empty() || !_objects.try_emplace(id, std::move(object)).second) {
+         throw InvalidArgumentException("An object cannot be registered as '" + id +
+                                        "': the id is empty or taken");
+      }
+   }
+
+   bool Unregister(const std::string& id) override
+   {
+      Ref<Object> last; // released after the lock: its destructor may call the registry
+      const WriteGuard guard(_lock);
+      const auto found = _objects.find(id);
+      if (found == _objects.end()) {
+         return false;
+      }
+      last = found->second;
+      _objects.erase(found);
+      return true;
+   }
+
+   Ref<Object> Find(const std::string& id) const override
+   {
+      const ReadGuard guard(_lock);
+      const auto found = _objects.find(id);
+      return found == _objects.end() ? nullptr : found->second;
+   }
+
+private:
+   mutable ReaderWriterLock _lock;
+   std::unordered_map<std::string, Ref<Object>> _objects;
+};
+
+} // namespace
+
+Ref<ObjectRegistry> NewObjectRegistry()
+{
+   return MakeRef<ObjectRegistryImpl>();
+}
+
+} // namespace Corvax

@@ -1,0 +1,194 @@
+#include "corvax/scheduler.h"
+
+#include "corvax/exception.h"
+#include "corvax/system.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace Corvax {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+class ScheduledItemImpl;
+
+/// The waiting items of one timer thread, shared with the items themselves.
+struct TimerQueue {
+   std::mutex mutex; // guards everything here and the items' state; nothing is called under it
+   std::condition_variable wake;
+   std::multimap<int64_t, Ref<ScheduledItemImpl>> items; // by due wall-clock time
+   bool stopping = false;
+};
+
+class ScheduledItemImpl : public ScheduledItem, public ObjectImpl {
+public:
+   ScheduledItemImpl(std::shared_ptr<TimerQueue> queue, Ref<Functor<>> functor, int64_t dueUs,
+                     SteadyClock::time_point latest)
+      : _queue(std::move(queue)), _functor(std::move(functor)), _dueUs(dueUs), _latest(latest)
+   {
+   }
+
+   bool Cancel() override
+   {
+      Ref<Functor<>> dropped; // released after the lock: it may hold the last reference on an owner
+      const std::lock_guard guard(_queue->mutex);
+      if (!_functor) {
+         return false;
+      }
+      const auto [first, last] = _queue->items.equal_range(_dueUs);
+      _queue->items.erase(
+         std::find_if(first, last, [this](const auto& entry) { return entry.second == this; }));
+      dropped = Take();
+      return true;
+   }
+
+   bool IsPending() const override
+   {
+      const std::lock_guard guard(_queue->mutex);
+      return static_cast<bool>(_functor);
+   }
+
+   /// With the queue locked: the functor, which the item gives up.
+   Ref<Functor<>> Take() { return std::exchange(_functor, nullptr); }
+
+   SteadyClock::time_point Latest() const { return _latest; }
+
+private:
+   const std::shared_ptr<TimerQueue> _queue;
+   Ref<Functor<>> _functor; // null once the item no longer waits
+   const int64_t _dueUs;
+   const SteadyClock::time_point _latest; // real time at which the delay has passed
+};
+
+class TimerThreadImpl : public TimerThread, public ObjectImpl {
+public:
+   TimerThreadImpl(const std::string& name, std::function<void(const TimerRun&)> observer)
+      : _observer(std::move(observer))
+   {
+      _thread = std::thread([this] { Run(); });
+      pthread_setname_np(_thread.native_handle(), name.substr(0, 15).c_str());
+   }
+
+   ~TimerThreadImpl() override
+   {
+      TimerThreadImpl::Stop();
+      if (_thread.joinable()) {
+         _thread.detach(); // released from a functor of its own: the thread ends by itself
+      }
+   }
+
+   Ref<ScheduledItem> ScheduleOnce(Ref<Functor<>> functor, int64_t delayUs) override
+   {
+      const int64_t dueUs = System::GetTime() + delayUs;
+      const auto latest = SteadyClock::now() + std::chrono::microseconds(delayUs);
+      auto item = MakeRef<ScheduledItemImpl>(_queue, std::move(functor), dueUs, latest);
+      const std::lock_guard guard(_queue->mutex);
+      Assert(!_queue->stopping, "the timer thread has not been stopped");
+      _queue->items.emplace(dueUs, item);
+      _queue->wake.notify_one();
+      return item;
+   }
+
+   void Stop() override
+   {
+      std::vector<Ref<Functor<>>> dropped;
+      {
+         const std::lock_guard guard(_queue->mutex);
+         _queue->stopping = true;
+         for (auto& [due, item] : _queue->items) {
+            dropped.push_back(item->Take());
+         }
+         _queue->items.clear();
+      }
+      _queue->wake.notify_one();
+      if (_thread.joinable() && _thread.get_id() != std::this_thread::get_id()) {
+         _thread.join();
+      }
+   }
+
+private:
+   // Wall-clock changes are noticed within this time, because nothing wakes a waiting thread for
+   // them. One wake-up a second costs a few microseconds of CPU.
+   static constexpr std::chrono::microseconds kLongestNap = std::chrono::seconds(1);
+
+   /// The next functor whose time has come; sleeps until there is one. Null at the end.
+   static Ref<Functor<>> Next(TimerQueue& queue, int64_t& dueUs)
+   {
+      std::unique_lock lock(queue.mutex);
+      while (!queue.stopping) {
+         if (queue.items.empty()) {
+            queue.wake.wait(lock);
+            continue;
+         }
+         const auto first = queue.items.begin();
+         const int64_t wallLeft = first->first - System::GetTime();
+         const auto steadyLeft = first->second->Latest() - SteadyClock::now();
+         // A second of grace keeps the small corrections of a disciplined clock from firing early.
+         if (wallLeft <= 0 || steadyLeft < -std::chrono::seconds(1)) {
+            dueUs = first->first;
+            Ref<Functor<>> functor = first->second->Take();
+            queue.items.erase(first);
+            return functor;
+         }
+         queue.wake.wait_for(lock, std::min(std::chrono::microseconds(wallLeft), kLongestNap));
+      }
+      return nullptr;
+   }
+
+   void Run()
+   {
+      const std::shared_ptr<TimerQueue> queue = _queue;
+      const auto observer = _observer;
+      System::SetThisThread(this);
+      TimerRun run{};
+      while (const Ref<Functor<>> functor = Next(*queue, run.dueUs)) {
+         run.startUs = System::GetTime();
+         run.error = Call(*functor);
+         run.endUs = System::GetTime();
+         {
+            const std::lock_guard guard(queue->mutex);
+            run.morePending = !queue->items.empty();
+         }
+         if (observer) {
+            observer(run);
+         }
+      }
+   }
+
+   static std::string Call(Functor<>& functor)
+   {
+      try {
+         functor();
+         return {};
+      } catch (const Exception& e) {
+         return e.GetMessage();
+      } catch (const std::exception& e) {
+         return e.what();
+      } catch (...) {
+         return "unknown exception";
+      }
+   }
+
+   const std::shared_ptr<TimerQueue> _queue = std::make_shared<TimerQueue>();
+   const std::function<void(const TimerRun&)> _observer;
+   std::thread _thread;
+};
+
+} // namespace
+
+Ref<TimerThread> NewTimerThread(const std::string& name,
+                                std::function<void(const TimerRun&)> observer)
+{
+   return MakeRef<TimerThreadImpl>(name, std::move(observer));
+}
+
+} // namespace Corvax

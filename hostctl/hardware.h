@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+/// What the host is made of. Ownership: what is returned as a raw pointer belongs to the caller.
+/// Errors: Lib::HostCtlException from every operation.
+namespace HostCtl::Hardware {
+
+class Cpu {
+public:
+   virtual ~Cpu() = default;
+   virtual uint64_t GetSpeedHz() = 0;
+};
+
+class CpuInfo {
+public:
+   virtual ~CpuInfo() = default;
+   /// CPUs that can run at once, 1 to 255.
+   virtual uint32_t GetCoreCount() = 0;
+   /// At least one.
+   virtual std::vector<Cpu*> GetCpus() = 0;
+};
+
+class MemoryInfo {
+public:
+   virtual ~MemoryInfo() = default;
+   virtual uint64_t GetPhysicalBytes() = 0;
+};
+
+class HardwareInfo {
+public:
+   virtual ~HardwareInfo() = default;
+   virtual CpuInfo* GetCpuInfo() = 0;
+   virtual MemoryInfo* GetMemoryInfo() = 0;
+};
+
+} // namespace HostCtl::Hardware

@@ -1,0 +1,44 @@
+#include "hostctl/host.h"
+
+#include <atomic>
+
+namespace HostCtl {
+
+namespace {
+
+std::atomic<HostProvider*> theProvider{nullptr};
+
+HostProvider& Provider()
+{
+   HostProvider* const provider = theProvider.load(std::memory_order_acquire);
+   if (provider == nullptr) {
+      throw Lib::HostCtlException("No source of host figures is installed");
+   }
+   return *provider;
+}
+
+} // namespace
+
+namespace Lib {
+
+HostCtlException::HostCtlException(std::string message) : _message(std::move(message)) {}
+HostCtlException::~HostCtlException() = default;
+
+} // namespace Lib
+
+Host* HostFactory::GetHost()
+{
+   return Provider().GetHost();
+}
+
+void HostFactory::SetProvider(HostProvider* provider)
+{
+   theProvider.store(provider, std::memory_order_release);
+}
+
+Network::Port* Network::NetworkFactory::GetPort(uint32_t portId)
+{
+   return Provider().GetPort(portId);
+}
+
+} // namespace HostCtl

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// Disks of the host. Ownership: what is returned as a raw pointer belongs to the caller.
+namespace HostCtl::Storage {
+
+/// Counts since the disk (or the kernel world that uses it) appeared; blocks are of the disk's
+/// block size.
+struct StorageStatistics {
+   uint64_t blocksRead = 0;
+   uint64_t blocksWritten = 0;
+   uint64_t readOperations = 0;
+   uint64_t writeOperations = 0;
+   uint64_t commands = 0;
+   uint64_t abortedCommands = 0;
+   uint64_t busResets = 0;
+};
+
+/// The part of a disk's traffic that one kernel world caused.
+struct WorldStatistics {
+   int32_t worldId = -1;
+   StorageStatistics statistics;
+};
+
+/// Errors: Lib::HostCtlException from every operation.
+class DiskLun {
+public:
+   virtual ~DiskLun() = default;
+   virtual std::string GetScsiName() = 0;
+   virtual uint64_t GetBlockSizeBytes() = 0;
+   virtual StorageStatistics GetStatistics() = 0;
+   virtual std::vector<WorldStatistics> GetWorldStatistics() = 0;
+};
+
+class StorageInfo {
+public:
+   virtual ~StorageInfo() = default;
+   virtual std::vector<DiskLun*> GetDiskLuns() = 0;
+};
+
+} // namespace HostCtl::Storage
