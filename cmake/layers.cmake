@@ -13,7 +13,7 @@ set(SEES_hostsvc quen plexa hostctl corvax)
 set(SEES_guestsvc quen plexa hostctl corvax)
 # Within metrix the kernel library and the services behind it are for the kernel collector alone.
 set(SEES_metrix agentdCommon quen plexa corvax)
-set(SEES_metrix/dynamic metrix corvax)
+set(SEES_metrix/dynamic metrix)
 set(SEES_linuxHost agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
 set(SEES_agentd linuxHost agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
 

@@ -1,0 +1,7 @@
+#include "agentdCommon/haPerformanceManager.h"
+
+namespace AgentdCommon {
+
+HaPerformanceManager::~HaPerformanceManager() = default;
+
+} // namespace AgentdCommon

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "corvax/object.h"
+
+#include <string>
+
+namespace AgentdCommon {
+
+/// A resource pool is gone; published on MQ_RESOURCE_POOL_DESTROYED.
+struct ResourcePoolDestroyedMsg : Corvax::ObjectImpl {
+   explicit ResourcePoolDestroyedMsg(std::string id) : poolId(std::move(id)) {}
+
+   const std::string poolId;
+};
+
+} // namespace AgentdCommon

@@ -1,0 +1,57 @@
+#pragma once
+
+#include "corvax/lockable.h"
+#include "plexa/dataArray.h"
+#include "quen/inventory.h"
+
+#include <cstdint>
+
+namespace Guestsvc {
+
+constexpr char MQ_VMEVENT_POWEROP[] = "/vm/runtime/powerop/";
+constexpr char MQ_VM_UNREGISTER[] = "/vm/unregister/";
+constexpr char MQ_VMEVENT_HEARTBEAT[] = "/vm/runtime/heartbeat/";
+constexpr char MQ_VM_DISK_CHANGE[] = "/vm/disk/";
+constexpr char MQ_VM_RECONFIG[] = "/vm/reconfig/";
+
+/// One registered virtual machine. Locking: locked by its users around a group of calls.
+class HaVirtualMachine : public virtual Quen::VirtualMachine,
+                         public virtual Corvax::LockableObject {
+public:
+   /// Whether the machine is in a state in which it can be sampled.
+   virtual bool IsStatsAvailable() = 0;
+   virtual Corvax::Ref<Quen::Vm::ConfigInfo> GetConfig() = 0;
+   virtual Corvax::Ref<Quen::Vm::RuntimeInfo> GetRuntime() = 0;
+   virtual uint64_t GetHeartbeatCount() = 0;
+   /// The machine's identity in the kernel, -1 for none.
+   virtual int32_t GetWorldId() = 0;
+   /// The kernel's id of the port that a network card is attached to.
+   virtual uint32_t GetPortId(Quen::Vm::Device::VirtualEthernetCard* card) = 0;
+};
+
+/// The virtual-machine service.
+class Guestsvc : public virtual Corvax::Object {
+public:
+   virtual void GetPoweredOnVms(Corvax::Ref<Plexa::DataArray<Plexa::MoRef>>& vms) = 0;
+};
+
+/// A power operation of a virtual machine has ended; published on MQ_VMEVENT_POWEROP + id.
+struct VmPowerOpMsg : Corvax::ObjectImpl {
+   VmPowerOpMsg(Corvax::Ref<Plexa::MoRef> machine, int32_t op, int32_t outcome)
+      : vm(std::move(machine)), operation(op), result(outcome)
+   {
+   }
+
+   const Corvax::Ref<Plexa::MoRef> vm;
+   const int32_t operation;
+   const int32_t result;
+};
+
+/// A virtual machine is no longer registered; published on MQ_VM_UNREGISTER + id.
+struct VmUnregisterMsg : Corvax::ObjectImpl {
+   explicit VmUnregisterMsg(Corvax::Ref<Plexa::MoRef> machine) : vm(std::move(machine)) {}
+
+   const Corvax::Ref<Plexa::MoRef> vm;
+};
+
+} // namespace Guestsvc

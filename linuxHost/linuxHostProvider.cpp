@@ -1,0 +1,292 @@
+#include "linuxHost/linuxHostProvider.h"
+
+#include "linuxHost/cpuReader.h"
+#include "linuxHost/diskReader.h"
+#include "linuxHost/hardwareReader.h"
+#include "linuxHost/memoryReader.h"
+#include "linuxHost/nicReader.h"
+
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace LinuxHost {
+
+namespace {
+
+/// Runs the operation; whatever it throws comes out in the library's own exception family. Lack of
+/// memory comes first: it may be of two families at once, and its text must need no memory.
+template <class Operation>
+auto Translated(const Operation& operation)
+{
+   try {
+      return operation();
+   } catch (const HostCtl::Lib::HostCtlException&) {
+      throw;
+   } catch (const std::bad_alloc&) {
+      throw HostCtl::Lib::HostCtlException("Out of memory");
+   } catch (const std::exception& failure) {
+      throw HostCtl::Lib::HostCtlException(
+         Corvax::Format("Cannot read a figure of the host: %1", failure.what()));
+   }
+}
+
+/// All that reads kernel files. Locking: the mutex is held while any of the readers is used; no
+/// other lock is taken under it.
+struct Readers {
+   Readers(LinuxHostOptions options, Corvax::Logger* logger)
+      : cpu(options.root), memory(options.root), disks(options.root),
+        nics(options.root, std::move(options.nics)), hardware(options.root, logger)
+   {
+   }
+
+   /// One operation on the readers, alone and with its failures translated.
+   template <class Operation>
+   auto Use(const Operation& operation)
+   {
+      return Translated([&] {
+         const std::lock_guard guard(mutex);
+         return operation(*this);
+      });
+   }
+
+   std::mutex mutex;
+   CpuReader cpu;
+   MemoryReader memory;
+   DiskReader disks;
+   NicReader nics;
+   HardwareReader hardware;
+};
+
+template <class T, class... Args>
+T* New(Args&&... args)
+{
+   return Translated([&] { return new T(std::forward<Args>(args)...); });
+}
+
+/// Hands objects out as the raw pointers that the caller will own: one for each of `sources`.
+template <class Interface, class T, class Source>
+std::vector<Interface*> NewEach(std::vector<Source> sources)
+{
+   return Translated([&] {
+      std::vector<std::unique_ptr<T>> owned;
+      for (Source& source : sources) {
+         owned.push_back(std::make_unique<T>(std::move(source)));
+      }
+      std::vector<Interface*> handedOut(owned.size());
+      for (size_t i = 0; i < owned.size(); ++i) {
+         handedOut[i] = owned[i].release();
+      }
+      return handedOut;
+   });
+}
+
+class RootGroupImpl : public HostCtl::Resource::ResourceGroup {
+public:
+   HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override { return nullptr; }
+};
+
+class ResourceInfoImpl : public HostCtl::Resource::ResourceInfo {
+public:
+   explicit ResourceInfoImpl(Readers& readers) : _readers(readers) {}
+
+   std::vector<HostCtl::Resource::HostCpuStats> GetCpuStats() override
+   {
+      return _readers.Use([](Readers& readers) { return readers.cpu.ReadCpuStats(); });
+   }
+   uint64_t GetUptimeUs() override
+   {
+      return _readers.Use([](Readers& readers) { return readers.cpu.ReadUptimeUs(); });
+   }
+   HostCtl::Resource::HostCapacity GetCapacity() override
+   {
+      return _readers.Use([](Readers& readers) { return readers.memory.ReadCapacity(); });
+   }
+   HostCtl::Resource::HostMemoryStats GetMemoryStats() override
+   {
+      return _readers.Use([](Readers& readers) { return readers.memory.ReadMemoryStats(); });
+   }
+   HostCtl::Resource::ResourceGroup* GetRootGroup() override { return New<RootGroupImpl>(); }
+
+private:
+   Readers& _readers;
+};
+
+class DiskLunImpl : public HostCtl::Storage::DiskLun {
+public:
+   explicit DiskLunImpl(DiskFigures figures) : _figures(std::move(figures)) {}
+
+   std::string GetScsiName() override
+   {
+      return Translated([this] { return _figures.name; });
+   }
+   uint64_t GetBlockSizeBytes() override { return kBlockSizeBytes; }
+   HostCtl::Storage::StorageStatistics GetStatistics() override { return _figures.statistics; }
+   std::vector<HostCtl::Storage::WorldStatistics> GetWorldStatistics() override { return {}; }
+
+private:
+   const DiskFigures _figures;
+};
+
+class StorageInfoImpl : public HostCtl::Storage::StorageInfo {
+public:
+   explicit StorageInfoImpl(Readers& readers) : _readers(readers) {}
+
+   std::vector<HostCtl::Storage::DiskLun*> GetDiskLuns() override
+   {
+      return NewEach<HostCtl::Storage::DiskLun, DiskLunImpl>(
+         _readers.Use([](Readers& readers) { return readers.disks.ReadDisks(); }));
+   }
+
+private:
+   Readers& _readers;
+};
+
+class PortImpl : public HostCtl::Network::Port {
+public:
+   explicit PortImpl(const HostCtl::Network::PortStatistics& statistics)
+      : _statistics(statistics)
+   {
+   }
+
+   HostCtl::Network::PortStatistics GetStatistics() override { return _statistics; }
+
+private:
+   const HostCtl::Network::PortStatistics _statistics;
+};
+
+class PhysicalNicImpl : public HostCtl::Network::PhysicalNic {
+public:
+   explicit PhysicalNicImpl(NicFigures figures) : _figures(std::move(figures)) {}
+
+   std::string GetName() override
+   {
+      return Translated([this] { return _figures.name; });
+   }
+   HostCtl::Network::Port* GetUplinkPort() override
+   {
+      return _figures.statistics ? New<PortImpl>(*_figures.statistics) : nullptr;
+   }
+
+private:
+   const NicFigures _figures;
+};
+
+class NetworkInfoImpl : public HostCtl::Network::NetworkInfo {
+public:
+   explicit NetworkInfoImpl(Readers& readers) : _readers(readers) {}
+
+   std::vector<HostCtl::Network::PhysicalNic*> GetPhysicalNics() override
+   {
+      return NewEach<HostCtl::Network::PhysicalNic, PhysicalNicImpl>(
+         _readers.Use([](Readers& readers) { return readers.nics.ReadNics(); }));
+   }
+
+private:
+   Readers& _readers;
+};
+
+class CpuImpl : public HostCtl::Hardware::Cpu {
+public:
+   explicit CpuImpl(uint64_t speedHz) : _speedHz(speedHz) {}
+
+   uint64_t GetSpeedHz() override { return _speedHz; }
+
+private:
+   const uint64_t _speedHz;
+};
+
+class CpuInfoImpl : public HostCtl::Hardware::CpuInfo {
+public:
+   explicit CpuInfoImpl(Readers& readers) : _readers(readers) {}
+
+   uint32_t GetCoreCount() override
+   {
+      return _readers.Use([](Readers& readers) { return readers.hardware.ReadCoreCount(); });
+   }
+   std::vector<HostCtl::Hardware::Cpu*> GetCpus() override
+   {
+      return NewEach<HostCtl::Hardware::Cpu, CpuImpl>(_readers.Use([](Readers& readers) {
+         const uint64_t speedHz = readers.hardware.ReadCpuSpeedHz();
+         return std::vector<uint64_t>(readers.hardware.ReadCoreCount(), speedHz);
+      }));
+   }
+
+private:
+   Readers& _readers;
+};
+
+class MemoryInfoImpl : public HostCtl::Hardware::MemoryInfo {
+public:
+   explicit MemoryInfoImpl(Readers& readers) : _readers(readers) {}
+
+   uint64_t GetPhysicalBytes() override
+   {
+      return _readers.Use([](Readers& readers) { return readers.memory.ReadPhysicalBytes(); });
+   }
+
+private:
+   Readers& _readers;
+};
+
+class HardwareInfoImpl : public HostCtl::Hardware::HardwareInfo {
+public:
+   explicit HardwareInfoImpl(Readers& readers) : _readers(readers) {}
+
+   HostCtl::Hardware::CpuInfo* GetCpuInfo() override { return New<CpuInfoImpl>(_readers); }
+   HostCtl::Hardware::MemoryInfo* GetMemoryInfo() override { return New<MemoryInfoImpl>(_readers); }
+
+private:
+   Readers& _readers;
+};
+
+class HostImpl : public HostCtl::Host {
+public:
+   explicit HostImpl(Readers& readers) : _readers(readers) {}
+
+   HostCtl::Resource::ResourceInfo* GetResourceInfo() override
+   {
+      return New<ResourceInfoImpl>(_readers);
+   }
+   HostCtl::Storage::StorageInfo* GetStorageInfo() override
+   {
+      return New<StorageInfoImpl>(_readers);
+   }
+   HostCtl::Network::NetworkInfo* GetNetworkInfo() override
+   {
+      return New<NetworkInfoImpl>(_readers);
+   }
+   HostCtl::Hardware::HardwareInfo* GetHardwareInfo() override
+   {
+      return New<HardwareInfoImpl>(_readers);
+   }
+
+private:
+   Readers& _readers;
+};
+
+class LinuxHostProviderImpl : public HostCtl::HostProvider {
+public:
+   LinuxHostProviderImpl(LinuxHostOptions options, Corvax::Logger* logger)
+      : _readers(std::move(options), logger)
+   {
+   }
+
+   HostCtl::Host* GetHost() override { return New<HostImpl>(_readers); }
+   HostCtl::Network::Port* GetPort(uint32_t) override { return nullptr; }
+
+private:
+   Readers _readers;
+};
+
+} // namespace
+
+std::unique_ptr<HostCtl::HostProvider> NewLinuxHostProvider(LinuxHostOptions options,
+                                                            Corvax::Logger* logger)
+{
+   return Translated([&]() -> std::unique_ptr<HostCtl::HostProvider> {
+      return std::make_unique<LinuxHostProviderImpl>(std::move(options), logger);
+   });
+}
+
+} // namespace LinuxHost

@@ -1,0 +1,369 @@
+#include "metrix/hykStatsCollector.h"
+
+#include "agentdCommon/messages.h"
+#include "agentdCommon/wellKnown.h"
+#include "corvax/application.h"
+#include "corvax/exception.h"
+#include "metrix/ptrObj.h"
+
+#include <algorithm>
+
+namespace Metrix {
+
+namespace {
+
+using AgentdCommon::moid_hostsystem;
+using Corvax::Assert;
+using Corvax::Format;
+using Corvax::kLogDebug;
+using Corvax::kLogError;
+using Corvax::kLogInfo;
+using Corvax::kLogWarning;
+using Corvax::MakeFunctor;
+using Corvax::Ref;
+using HostCtl::Lib::HostCtlException;
+
+constexpr StatVal kFullPercent = 10000; // hundredths
+
+constexpr size_t kSamplesPerVm = 50;
+constexpr size_t kSamplesOfHost = 100;
+
+Corvax::ObjectRegistry& Registry()
+{
+   return *Corvax::Service::GetApp()->GetObjectRegistry();
+}
+
+} // namespace
+
+/// The disks of one run.
+class HykStatsCollector::DiskLuns {
+public:
+   DiskLuns(HostCtl::Storage::StorageInfo* storageInfo, Corvax::Logger& logger)
+   {
+      try {
+         _luns = storageInfo->GetDiskLuns();
+      } catch (const HostCtlException& e) {
+         logger.Log(kLogInfo, "HostCtl Exception during call to GetDiskLuns: %1", e.GetMessage());
+      }
+   }
+   ~DiskLuns()
+   {
+      for (const HostCtl::Storage::DiskLun* const lun : _luns) {
+         delete lun;
+      }
+   }
+   DiskLuns(const DiskLuns&) = delete;
+   DiskLuns& operator=(const DiskLuns&) = delete;
+
+   const LunVector& Get() const { return _luns; }
+
+private:
+   LunVector _luns;
+};
+
+HykStatsCollector::HykStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata,
+                                     StatsDepot* depot, int interval)
+   : BaseStatsCollector(logger, metadata, depot, interval)
+{
+}
+
+HykStatsCollector::~HykStatsCollector() = default;
+
+void HykStatsCollector::CollectStats(int64_t timeStamp)
+{
+   Assert(IsLocked(), "a run holds the collector's lock");
+   _collectedSamples.reserve(_poweredOnVms.size() * kSamplesPerVm + kSamplesOfHost);
+   try {
+      CollectAll(static_cast<TimeStamp>(timeStamp));
+   } catch (const Corvax::Exception& e) {
+      _logger->Log(kLogError, "Error in Statistics collection: %1", e.GetMessage());
+   } catch (const HostCtlException& e) {
+      _logger->Log(kLogError, "HostCtl Exception during stats collection: %1", e.GetMessage());
+   } catch (...) {
+      _logger->Log(kLogError, "Unknown exception during stats collection");
+   }
+   _resourceMgr = nullptr;
+}
+
+void HykStatsCollector::CollectAll(TimeStamp ts)
+{
+   const PtrObj<HostCtl::Host> host(HostCtl::HostFactory::GetHost());
+   const PtrObj<HostCtl::Resource::ResourceInfo> resourceInfo(host->GetResourceInfo());
+   const PtrObj<HostCtl::Storage::StorageInfo> storageInfo(host->GetStorageInfo());
+   const DiskLuns luns(storageInfo, *_logger);
+   if (!_isCacheInitialized) {
+      InitCache(host);
+   }
+   _resourceMgr = Registry().LookupObject<ResourceMgr>(AgentdCommon::moid_resourcemgr);
+   const HostCtl::Resource::HostCapacity capacity = resourceInfo->GetCapacity();
+
+   CollectHostCpuStats(resourceInfo, ts);
+   CollectHostMemStats(resourceInfo, ts);
+   CollectHostDiskStats(luns.Get(), ts);
+   CollectHostCapacityStats(capacity, ts);
+   CollectHostNetworkStats(host, ts);
+
+   Corvax::RefVector<Vm> vms;
+   for (const std::string& vmId : _poweredOnVms) {
+      Ref<Vm> vm;
+      if (Registry().TryLookupObject(vmId, vm) && CollectVmStats(_resourceMgr.Get(), vm.Get(), ts)) {
+         vms.push_back(vm);
+      }
+   }
+   CollectAllVmDiskStats(vms, luns.Get(), ts);
+   CollectResourcePoolStats(_resourceMgr.Get(), ts);
+   CollectSystemResGroupStats(_resourceMgr.Get(), ts);
+}
+
+void HykStatsCollector::AssertCpuCache() const
+{
+   Assert(_numCpuCores != 0, "the number of CPU cores is known");
+   Assert(_totalCpuMHz != 0, "the CPU capacity is known");
+}
+
+/// used x MHz / (cores x 1000000), with quotient and remainder taken apart so that the product
+/// cannot overflow.
+uint64_t HykStatsCollector::ToMhz(uint64_t usedUs) const
+{
+   const auto divisor = static_cast<uint64_t>(_numCpuCores) * 1000000;
+   const auto mhz = static_cast<uint64_t>(_totalCpuMHz);
+   return usedUs / divisor * mhz + usedUs % divisor * mhz / divisor;
+}
+
+void HykStatsCollector::CollectHostCpuStats(HostCtl::Resource::ResourceInfo* resourceInfo,
+                                            TimeStamp ts)
+{
+   uint64_t usedTotalUs = 0;
+   int index = 0;
+   for (const HostCtl::Resource::HostCpuStats& cpu : resourceInfo->GetCpuStats()) {
+      const std::string instance = Format("%1", index++);
+      AddSample(moid_hostsystem, 0x0, ts, cpu.usedUs / 100, instance, kFullPercent); // cpu.usage
+      Add(moid_hostsystem, 0xE, ts, cpu.usedUs / 1000, instance);                    // cpu.used
+      Add(moid_hostsystem, 0xF, ts, cpu.idleUs / 1000, instance);                    // cpu.idle
+      usedTotalUs += cpu.usedUs;
+   }
+   AssertCpuCache();
+   const uint64_t usage = usedTotalUs / (static_cast<uint64_t>(_numCpuCores) * 100);
+   AddSample(moid_hostsystem, 0x0, ts, usage, StatsMetadata::AggregateInstanceId, kFullPercent);
+   Add(moid_hostsystem, 0x4, ts, ToMhz(usedTotalUs)); // cpu.usagemhz
+   const PtrObj<HostCtl::Resource::ResourceGroup> rootGroup(resourceInfo->GetRootGroup());
+   CollectCpuLoadStats(rootGroup, moid_hostsystem, ts);
+   Add(moid_hostsystem, 0x40000, ts, resourceInfo->GetUptimeUs() / 1000000); // sys.uptime
+}
+
+void HykStatsCollector::CollectHostCapacityStats(const HostCtl::Resource::HostCapacity& capacity,
+                                                 TimeStamp ts)
+{
+   Add(moid_hostsystem, 0x8, ts, capacity.reservedCpuMhz);       // cpu.reservedCapacity
+   Add(moid_hostsystem, 0x10035, ts, capacity.reservedMemoryMb); // mem.reservedCapacity
+}
+
+void HykStatsCollector::CollectHostMemStats(HostCtl::Resource::ResourceInfo* resourceInfo,
+                                            TimeStamp ts)
+{
+   const HostCtl::Resource::HostMemoryStats memory = resourceInfo->GetMemoryStats();
+   const auto physicalKb = static_cast<uint64_t>(_hostPhysicalMemoryKB);
+   // Memory added since the start can be free beyond what the cache knows of.
+   const uint64_t consumedKb = physicalKb - std::min(memory.freeKb, physicalKb);
+   if (physicalKb > 0) {
+      Add(moid_hostsystem, 0x10000, ts, consumedKb * kFullPercent / physicalKb); // mem.usage
+   }
+   Add(moid_hostsystem, 0x1004A, ts, consumedKb);            // mem.consumed
+   Add(moid_hostsystem, 0x10004, ts, memory.grantedKb);      // mem.granted
+   Add(moid_hostsystem, 0x10008, ts, memory.activeKb);       // mem.active
+   Add(moid_hostsystem, 0x1000C, ts, memory.sharedKb);       // mem.shared
+   Add(moid_hostsystem, 0x10014, ts, memory.unreservedKb);   // mem.unreserved
+   Add(moid_hostsystem, 0x10018, ts, memory.swapUsedKb);     // mem.swapused
+   Add(moid_hostsystem, 0x10020, ts, memory.sharedCommonKb); // mem.sharedcommon
+   Add(moid_hostsystem, 0x10024, ts, memory.heapKb);         // mem.heap
+   Add(moid_hostsystem, 0x10028, ts, memory.heapFreeKb);     // mem.heapfree
+   Add(moid_hostsystem, 0x1002C, ts, memory.state);          // mem.state
+   Add(moid_hostsystem, 0x1002D, ts, memory.balloonKb);      // mem.vmmemctl
+   Add(moid_hostsystem, 0x10031, ts, memory.overheadKb);     // mem.overhead
+   Add(moid_hostsystem, 0x10010, ts, memory.zeroKb);         // mem.zero
+   Add(moid_hostsystem, 0x1003E, ts, memory.swapInKb);       // mem.swapin
+   Add(moid_hostsystem, 0x10042, ts, memory.swapOutKb);      // mem.swapout
+   Add(moid_hostsystem, 0x1004E, ts, memory.sysUsageKb);     // mem.sysUsage
+}
+
+uint64_t HykStatsCollector::AddDiskStats(const std::string& entity, const std::string& instance,
+                                         const HostCtl::Storage::StorageStatistics& statistics,
+                                         uint64_t blockSizeBytes, TimeStamp ts)
+{
+   const uint64_t readKb = (statistics.blocksRead * blockSizeBytes) >> 10;
+   const uint64_t writtenKb = (statistics.blocksWritten * blockSizeBytes) >> 10;
+   Add(entity, 0x20006, ts, readKb, instance);                     // disk.read
+   Add(entity, 0x20007, ts, writtenKb, instance);                  // disk.write
+   Add(entity, 0x20004, ts, statistics.readOperations, instance);  // disk.numberRead
+   Add(entity, 0x20005, ts, statistics.writeOperations, instance); // disk.numberWrite
+   Add(entity, 0x20008, ts, statistics.commands, instance);        // disk.commands
+   Add(entity, 0x20009, ts, statistics.abortedCommands, instance); // disk.commandsAborted
+   Add(entity, 0x2000A, ts, statistics.busResets, instance);       // disk.busResets
+   return readKb + writtenKb;
+}
+
+void HykStatsCollector::CollectHostDiskStats(const LunVector& luns, TimeStamp ts)
+{
+   uint64_t totalKb = 0;
+   for (HostCtl::Storage::DiskLun* const lun : luns) {
+      totalKb += AddDiskStats(moid_hostsystem, lun->GetScsiName(), lun->GetStatistics(),
+                              lun->GetBlockSizeBytes(), ts);
+   }
+   if (!luns.empty()) {
+      Add(moid_hostsystem, 0x20000, ts, totalKb); // disk.usage
+   }
+}
+
+uint64_t HykStatsCollector::AddPortStats(const std::string& entity, const std::string& instance,
+                                         HostCtl::Network::Port* port, TimeStamp ts)
+{
+   // The byte counters stay 32-bit figures on purpose: past 4 GiB they wrap first.
+   const HostCtl::Network::PortStatistics statistics = port->GetStatistics();
+   const uint32_t receivedKb = statistics.bytesReceived >> 10;
+   const uint32_t sentKb = statistics.bytesSent >> 10;
+   Add(entity, 0x30006, ts, receivedKb, instance);                 // net.received
+   Add(entity, 0x30007, ts, sentKb, instance);                     // net.transmitted
+   Add(entity, 0x30004, ts, statistics.packetsReceived, instance); // net.packetsRx
+   Add(entity, 0x30005, ts, statistics.packetsSent, instance);     // net.packetsTx
+   return uint64_t{receivedKb} + sentKb;
+}
+
+void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp ts)
+{
+   const PtrObj<HostCtl::Network::NetworkInfo> networkInfo(host->GetNetworkInfo());
+   std::vector<std::unique_ptr<HostCtl::Network::PhysicalNic>> nics;
+   for (HostCtl::Network::PhysicalNic* const nic : networkInfo->GetPhysicalNics()) {
+      nics.emplace_back(nic);
+   }
+   uint64_t totalKb = 0;
+   for (const auto& nic : nics) {
+      const PtrObj<HostCtl::Network::Port> port(nic->GetUplinkPort());
+      if (port != nullptr) {
+         totalKb += AddPortStats(moid_hostsystem, nic->GetName(), port, ts);
+      }
+   }
+   if (!nics.empty()) {
+      Add(moid_hostsystem, 0x30000, ts, totalKb); // net.usage
+   }
+}
+
+void HykStatsCollector::StartInt()
+{
+   Corvax::Application* const app = Corvax::Service::GetApp();
+   _vmPowerStateListener = app->Subscribe(
+      Guestsvc::MQ_VMEVENT_POWEROP, MakeFunctor(this, &HykStatsCollector::VmPowerStateListener));
+   _vmUnregisterListener = app->Subscribe(
+      Guestsvc::MQ_VM_UNREGISTER, MakeFunctor(this, &HykStatsCollector::EntityRemovedHandler));
+   _resourcePoolDestroyedListener =
+      app->Subscribe(AgentdCommon::MQ_RESOURCE_POOL_DESTROYED,
+                     MakeFunctor(this, &HykStatsCollector::EntityRemovedHandler));
+   _isCacheInitialized = false;
+   _poweredOnVms.clear();
+}
+
+void HykStatsCollector::StopInt()
+{
+   for (Ref<Corvax::ChannelReader>* const reader :
+        {&_vmPowerStateListener, &_vmUnregisterListener, &_resourcePoolDestroyedListener}) {
+      if (*reader) {
+         (*reader)->Close();
+         *reader = nullptr;
+      }
+   }
+}
+
+void HykStatsCollector::InitCache(HostCtl::Host* host)
+{
+   const PtrObj<HostCtl::Hardware::HardwareInfo> hardware(host->GetHardwareInfo());
+   const PtrObj<HostCtl::Hardware::CpuInfo> cpuInfo(hardware->GetCpuInfo());
+   const PtrObj<HostCtl::Hardware::MemoryInfo> memoryInfo(hardware->GetMemoryInfo());
+   std::vector<std::unique_ptr<HostCtl::Hardware::Cpu>> cpus;
+   for (HostCtl::Hardware::Cpu* const cpu : cpuInfo->GetCpus()) {
+      cpus.emplace_back(cpu);
+   }
+   if (cpus.empty()) {
+      _logger->Log(kLogError, "The host reports no CPU; asking again in the next collection");
+      return;
+   }
+   // An 8-bit figure on purpose: a host reports at most 255 cores.
+   _numCpuCores = static_cast<uint8_t>(cpuInfo->GetCoreCount());
+   _totalCpuMHz = static_cast<int64_t>(cpus.front()->GetSpeedHz() *
+                                       static_cast<uint64_t>(_numCpuCores) / 1000000);
+   _hostPhysicalMemoryKB = static_cast<int64_t>(memoryInfo->GetPhysicalBytes() >> 10);
+   PopulateSystemResGroupList();
+   PopulatePoweredOnVmList();
+   _isCacheInitialized = true;
+}
+
+void HykStatsCollector::PopulatePoweredOnVmList()
+{
+   _poweredOnVms.clear();
+   Ref<Guestsvc::Guestsvc> guestsvc;
+   if (!Registry().TryLookupObject(AgentdCommon::moid_guestsvc, guestsvc)) {
+      _logger->Log(kLogWarning,
+                   "Unable to lookup guestsvc object. Failed to populate powered on VMs list");
+      return;
+   }
+   Ref<Plexa::DataArray<MoRef>> vms;
+   guestsvc->GetPoweredOnVms(vms);
+   if (!vms) {
+      return;
+   }
+   for (const Ref<MoRef>& vm : *vms) {
+      AddPoweredOnVm(vm->GetId());
+   }
+}
+
+void HykStatsCollector::AddPoweredOnVm(const std::string& vmId)
+{
+   _logger->Log(kLogInfo, "Adding vm %1 to poweredOnVms list", vmId);
+   _poweredOnVms.insert(vmId);
+}
+
+void HykStatsCollector::RemovePoweredOnVm(const std::string& vmId)
+{
+   _logger->Log(kLogInfo, "Removing vm %1 from poweredOnVms list", vmId);
+   _poweredOnVms.erase(vmId);
+}
+
+void HykStatsCollector::VmPowerStateListener(Corvax::ChannelReader* reader, Corvax::Object* object)
+{
+   const Corvax::Locker lock(this);
+   const auto* const message = dynamic_cast<Guestsvc::VmPowerOpMsg*>(object);
+   if (reader != _vmPowerStateListener.Get() || message == nullptr) {
+      return;
+   }
+   _logger->Log(kLogDebug, "Received notification %1 %2", message->operation, message->result);
+   const std::string& vmId = message->vm->GetId();
+   Ref<Vm> vm;
+   if (Registry().TryLookupObject(vmId, vm) &&
+       vm->GetRuntime()->GetPowerState() == Quen::Vm::PowerState::POWERED_ON) {
+      AddPoweredOnVm(vmId);
+   } else {
+      RemovePoweredOnVm(vmId);
+   }
+}
+
+/// The id of an unregistered virtual machine stays in the set until a power notification or the next
+/// start, on purpose: a run skips it because its lookup fails.
+void HykStatsCollector::EntityRemovedHandler(Corvax::ChannelReader* reader, Corvax::Object* object)
+{
+   const Corvax::Locker lock(this);
+   std::string entityId;
+   if (const auto* const vmGone = dynamic_cast<Guestsvc::VmUnregisterMsg*>(object);
+       vmGone && reader == _vmUnregisterListener.Get()) {
+      entityId = vmGone->vm->GetId();
+   } else if (const auto* const poolGone =
+                 dynamic_cast<AgentdCommon::ResourcePoolDestroyedMsg*>(object);
+              poolGone && reader == _resourcePoolDestroyedListener.Get()) {
+      entityId = poolGone->poolId;
+   }
+   if (entityId.empty()) {
+      return;
+   }
+   const Corvax::Locker depotLock(_statsDepot.Get());
+   _logger->Log(kLogInfo, "EntityRemovedListener: Deleting stats for entity %1", entityId);
+   _statsDepot->DeleteEntityStats(entityId);
+}
+
+} // namespace Metrix

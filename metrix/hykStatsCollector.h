@@ -1,0 +1,108 @@
+#pragma once
+
+#include "corvax/channel.h"
+#include "guestsvc/guestsvc.h"
+#include "hostctl/host.h"
+#include "hostsvc/resourceMgr.h"
+#include "metrix/baseStatsCollector.h"
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Metrix {
+
+/// The production collector: samples the host, its powered-on virtual machines, its resource pools
+/// and system groups through the kernel control library and the agent's services, and follows the
+/// inventory through the agent's channels.
+///
+/// Locking: channel handlers run under the collector's lock, as runs do. A virtual machine is locked
+/// while its own steps run, the depot inside the collector's lock.
+/// Errors: a run logs what fails and keeps the samples taken until then.
+class HykStatsCollector : public BaseStatsCollector {
+public:
+   HykStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata, StatsDepot* depot,
+                     int interval);
+
+protected:
+   ~HykStatsCollector() override;
+
+   void CollectStats(int64_t timeStamp) override;
+   void StartInt() override;
+   void StopInt() override;
+
+private:
+   using MoRef = Plexa::MoRef;
+   using ResourceMgr = Hostsvc::ResourceMgr;
+   using Vm = Guestsvc::HaVirtualMachine;
+   using LunVector = std::vector<HostCtl::Storage::DiskLun*>;
+   using EthernetCard = Quen::Vm::Device::VirtualEthernetCard;
+   class DiskLuns;
+
+   void CollectAll(TimeStamp ts);
+   void CollectHostCpuStats(HostCtl::Resource::ResourceInfo* resourceInfo, TimeStamp ts);
+   void CollectHostCapacityStats(const HostCtl::Resource::HostCapacity& capacity, TimeStamp ts);
+   void CollectHostMemStats(HostCtl::Resource::ResourceInfo* resourceInfo, TimeStamp ts);
+   void CollectHostDiskStats(const LunVector& luns, TimeStamp ts);
+   void CollectHostNetworkStats(HostCtl::Host* host, TimeStamp ts);
+
+   /// Samples the virtual machine under its lock; false when it is in no state to be sampled.
+   bool CollectVmStats(ResourceMgr* resourceMgr, Vm* vm, TimeStamp ts);
+   void CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, TimeStamp ts);
+   void CollectVmMemStats(ResourceMgr* resourceMgr, Vm* vm, int64_t memoryMb, TimeStamp ts);
+   void CollectVmNetworkStats(Vm* vm, Quen::Vm::ConfigInfo* config, TimeStamp ts);
+   void CollectVmCards(Vm* vm, const Corvax::RefVector<EthernetCard>& cards, TimeStamp ts);
+   void CollectAllVmDiskStats(const Corvax::RefVector<Vm>& vms, const LunVector& luns,
+                              TimeStamp ts);
+
+   void CollectResourcePoolStats(ResourceMgr* resourceMgr, TimeStamp ts);
+   void CollectResourcePoolStats(ResourceMgr* resourceMgr, MoRef* pool, TimeStamp ts);
+   void AddResourcePoolStats(const std::string& poolId, HostCtl::Resource::CpuStats* cpu,
+                             HostCtl::Resource::MemoryStats* mem, TimeStamp ts);
+   void PopulateSystemResGroupList();
+   static void AddSystemResGroupTree(const Quen::Host::SystemResourceInfo* node,
+                                     std::vector<std::string>& list);
+   void CollectSystemResGroupStats(ResourceMgr* resourceMgr, TimeStamp ts);
+   void CollectCpuLoadStats(HostCtl::Resource::ResourceGroup* group, const std::string& entity,
+                            TimeStamp ts);
+   void CollectVmCpuLoadStats(ResourceMgr* resourceMgr, Vm* vm, TimeStamp ts);
+   void AddCpuLoadStats(const std::string& entity, TimeStamp ts,
+                        const HostCtl::Resource::CpuLoadHistory& history);
+
+   void InitCache(HostCtl::Host* host);
+   void PopulatePoweredOnVmList();
+   void AddPoweredOnVm(const std::string& vmId);
+   void RemovePoweredOnVm(const std::string& vmId);
+   void VmPowerStateListener(Corvax::ChannelReader* reader, Corvax::Object* object);
+   void EntityRemovedHandler(Corvax::ChannelReader* reader, Corvax::Object* object);
+
+   /// A value without upper bound.
+   void Add(const std::string& entity, int counterId, TimeStamp ts, StatVal value,
+            const std::string& instance = StatsMetadata::AggregateInstanceId)
+   {
+      AddSample(entity, counterId, ts, value, instance, 0);
+   }
+   /// The seven figures of a disk; returns the KB read and written.
+   uint64_t AddDiskStats(const std::string& entity, const std::string& instance,
+                         const HostCtl::Storage::StorageStatistics& statistics,
+                         uint64_t blockSizeBytes, TimeStamp ts);
+   /// The four figures of a port; returns the KB received and sent.
+   uint64_t AddPortStats(const std::string& entity, const std::string& instance,
+                         HostCtl::Network::Port* port, TimeStamp ts);
+   /// CPU time used, in MHz x seconds of the host's whole capacity.
+   uint64_t ToMhz(uint64_t usedUs) const;
+   void AssertCpuCache() const;
+
+   std::set<std::string> _poweredOnVms; ///< ids
+   std::vector<std::string> _systemResGroupList; ///< keys, parents before children
+   int32_t _numCpuCores = 0;
+   int64_t _totalCpuMHz = 0;
+   int64_t _hostPhysicalMemoryKB = 0;
+   bool _isCacheInitialized = false; ///< the three figures above have been read
+   Corvax::Ref<Corvax::ChannelReader> _vmPowerStateListener;
+   Corvax::Ref<Corvax::ChannelReader> _vmUnregisterListener;
+   Corvax::Ref<Corvax::ChannelReader> _resourcePoolDestroyedListener;
+   Corvax::Ref<ResourceMgr> _resourceMgr; ///< set during a run
+};
+
+} // namespace Metrix

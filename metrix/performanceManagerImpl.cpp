@@ -1,0 +1,318 @@
+#include "metrix/performanceManagerImpl.h"
+
+#include "agentdCommon/wellKnown.h"
+#include "corvax/application.h"
+#include "corvax/dateTime.h"
+#include "corvax/exception.h"
+#include "metrix/hykStatsCollector.h"
+#include "metrix/mockupStatsCollector.h"
+#include "plexa/fault.h"
+#include "quen/inventory.h"
+
+namespace Metrix {
+
+namespace {
+
+using Corvax::kLogDebug;
+using Corvax::kLogError;
+using Corvax::kLogNotice;
+using Corvax::kLogWarning;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
+
+constexpr char kConfigSection[] = "plugins/metrix";
+const std::string kDefaultDepotDir = "/var/lib/quorra/agentd/stats/";
+const std::string kDefaultDepotName = "hostAgentStats";
+constexpr int32_t kDefaultMaxStatsPurged = 1000;
+
+constexpr int32_t kDefaultCollectionInterval = 20;
+constexpr char kRealTimeName[] = "RealTime";
+constexpr int32_t kRealTimeSpan = 3600;
+
+constexpr char kHistoricalName[] = "5min";
+constexpr int32_t kHistoricalPeriod = 300;
+constexpr int32_t kHistoricalSamples = 432;
+
+constexpr TimeStamp kToleratedLead = 60;
+
+Ref<Corvax::ConfigSection> GetConfig()
+{
+   return Corvax::Service::GetApp()->GetConfigStore()->GetSection(kConfigSection);
+}
+
+} // namespace
+
+int64_t FindIntervalBoundary(int64_t reference, int64_t time, int64_t interval)
+{
+   const int64_t offset = static_cast<int32_t>(reference % interval);
+   const int64_t candidate = time - time % interval + offset;
+   return candidate >= time ? candidate : candidate + interval;
+}
+
+PerformanceManagerImpl::PerformanceManagerImpl(const std::string& id, Corvax::Logger* logger)
+   : AuthEntityBaseImpl(GetManagedType(), id), _logger(logger),
+     _collectionInterval(kDefaultCollectionInterval)
+{
+   const Ref<Corvax::ConfigSection> config = GetConfig();
+   config->Get("collectionInterval", _collectionInterval);
+   if (_collectionInterval <= 0 || kHistoricalPeriod % _collectionInterval != 0) {
+      _logger->Log(kLogWarning, "Invalid stats collection interval: %1", _collectionInterval);
+      _collectionInterval = kDefaultCollectionInterval;
+   }
+   _logger->Log(kLogNotice, "Collection interval is %1 sec", _collectionInterval);
+   LoadStatsDepot();
+   _statsMetadata = MakeRef<StatsMetadata>();
+
+   bool enableMockup = false;
+   config->Get("enableMockup", enableMockup);
+   if (enableMockup) {
+      _statsCollector = MakeRef<MockupStatsCollector>(_logger.Get(), _statsMetadata.Get(),
+                                                      _statsDepot.Get(), _collectionInterval);
+   } else {
+      _statsCollector = MakeRef<HykStatsCollector>(_logger.Get(), _statsMetadata.Get(),
+                                                   _statsDepot.Get(), _collectionInterval);
+   }
+}
+
+void PerformanceManagerImpl::LoadStatsDepot()
+{
+   const Ref<Corvax::ConfigSection> config = GetConfig();
+   std::string directory = kDefaultDepotDir;
+   std::string name = kDefaultDepotName;
+   int32_t maxStatsPurged = kDefaultMaxStatsPurged;
+   config->Get("depotDir", directory);
+   config->Get("depotName", name);
+   config->Get("maxStatsPurged", maxStatsPurged);
+   if (LoadExistingDepot(directory, name, maxStatsPurged)) {
+      return;
+   }
+
+   _logger->Log(kLogWarning, "Reverting to default stats configuration");
+   GetStatsDepot(directory, name, _logger.Get(), maxStatsPurged, _statsDepot);
+   _statsDepot->Create();
+   _statsDepot->AddInterval(kRealTimeName, _collectionInterval,
+                            static_cast<unsigned>(kRealTimeSpan / _collectionInterval));
+   // Where samples come every 300 seconds the finest interval is the historical one already.
+   if (_collectionInterval != kHistoricalPeriod) {
+      _statsDepot->AddInterval(kHistoricalName, kHistoricalPeriod, kHistoricalSamples);
+   }
+}
+
+/// False when what is there cannot be used.
+bool PerformanceManagerImpl::LoadExistingDepot(const std::string& directory,
+                                               const std::string& name, int maxStatsPurged)
+{
+   try {
+      GetStatsDepot(directory, name, _logger.Get(), maxStatsPurged, _statsDepot);
+      _statsDepot->Load();
+      if (HasFutureTimeStamps()) {
+         _logger->Log(kLogError,
+                      "Stats Depot has future timestamps. Discarding old statistics information");
+         return false;
+      }
+   } catch (const Corvax::Exception& e) {
+      _logger->Log(kLogError, "Unable to load stats depot %1 in directory %2 : %3", name, directory,
+                   e.GetMessage());
+      return false;
+   }
+   return HasConfiguredInterval();
+}
+
+bool PerformanceManagerImpl::HasFutureTimeStamps() const
+{
+   const auto now = static_cast<TimeStamp>(Corvax::DateTime::Now().GetUtcMicroseconds() / 1000000);
+   const TimeStamp latest = _statsDepot->GetLatestTimeStamp();
+   return latest != kUnset && latest > now && latest - now > kToleratedLead;
+}
+
+bool PerformanceManagerImpl::HasConfiguredInterval() const
+{
+   Corvax::RefVector<StatsDepotInterval> intervals;
+   _statsDepot->GetIntervals(intervals);
+   return !intervals.empty() && intervals.front()->samplingPeriod == _collectionInterval &&
+          intervals.front()->name == kRealTimeName;
+}
+
+void PerformanceManagerImpl::StartStatsCollection()
+{
+   if (_statsCollector) {
+      _statsCollector->Start();
+   }
+}
+
+void PerformanceManagerImpl::StopStatsCollection()
+{
+   if (_statsCollector) {
+      _statsCollector->Stop();
+   }
+}
+
+/// Real time comes first on purpose: where it is sampled every 300 seconds, that name stands.
+bool PerformanceManagerImpl::GetIntervalName(int32_t intervalId, std::string& name) const
+{
+   if (intervalId == _collectionInterval) {
+      name = kRealTimeName;
+      return true;
+   }
+   if (intervalId == kHistoricalPeriod) {
+      name = kHistoricalName;
+      return true;
+   }
+   return false;
+}
+
+void PerformanceManagerImpl::GetDescription(Ref<Quen::PerformanceDescription>& description)
+{
+   description = MakeRef<Quen::PerformanceDescription>();
+}
+
+void PerformanceManagerImpl::GetHistoricalInterval(
+   Ref<Plexa::DataArray<Quen::HistoricalInterval>>& intervals)
+{
+   auto interval = MakeRef<Quen::HistoricalInterval>();
+   interval->name = "5 minute stats";
+   interval->samplingPeriod = kHistoricalPeriod;
+   interval->length = kHistoricalPeriod * kHistoricalSamples;
+   intervals = MakeRef<Plexa::DataArray<Quen::HistoricalInterval>>();
+   intervals->Append(interval);
+}
+
+void PerformanceManagerImpl::GetPerfCounter(Ref<Plexa::DataArray<CounterInfo>>& counters)
+{
+   _logger->Log(kLogDebug, "PerfMgr: GetPerfCounter called");
+   _statsMetadata->GetAllCounters(counters);
+}
+
+void PerformanceManagerImpl::QueryCounter(const std::vector<int32_t>& counterIds,
+                                          Ref<Plexa::DataArray<CounterInfo>>& counters)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   _logger->Log(kLogDebug, "PerfMgr: QueryCounter called");
+   auto found = MakeRef<Plexa::DataArray<CounterInfo>>();
+   for (const int32_t counterId : counterIds) {
+      CounterInfo* const info = _statsMetadata->GetCounterInfo(counterId);
+      if (info == nullptr) {
+         throw InvalidArgument();
+      }
+      found->Append(info);
+   }
+   counters = found;
+}
+
+void PerformanceManagerImpl::ValidateEntityType(Plexa::MoRef* entity)
+{
+   if (entity == nullptr || (!entity->IsA(Quen::VirtualMachine::GetManagedType()) &&
+                             !entity->IsA(Quen::HostSystem::GetManagedType()) &&
+                             !entity->IsA(Quen::ResourcePool::GetManagedType()))) {
+      throw InvalidArgument();
+   }
+}
+
+void PerformanceManagerImpl::QueryProviderSummary(Plexa::MoRef* entity,
+                                                  Ref<ProviderSummary>& summary)
+{
+   ValidateEntityType(entity);
+   summary = MakeRef<ProviderSummary>();
+   summary->entity = entity;
+   summary->summarySupported = true;
+   summary->currentSupported = true;
+   summary->refreshRate = _collectionInterval;
+}
+
+// Intervals are fixed.
+
+void PerformanceManagerImpl::CreateHistoricalInterval(Quen::HistoricalInterval* /*interval*/)
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+void PerformanceManagerImpl::RemoveHistoricalInterval(int32_t /*intervalId*/)
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+void PerformanceManagerImpl::UpdateHistoricalInterval(Quen::HistoricalInterval* /*interval*/)
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+// Series are read by GetHostCpuMemUsage and GetVmCpuMemUsage alone so far.
+
+void PerformanceManagerImpl::QueryAvailableMetric(
+   Plexa::MoRef* /*entity*/, const std::optional<Corvax::DateTime>& /*beginTime*/,
+   const std::optional<Corvax::DateTime>& /*endTime*/,
+   const std::optional<int32_t>& /*intervalId*/, Ref<Plexa::DataArray<MetricId>>& /*metricIds*/)
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+void PerformanceManagerImpl::QueryStats(Plexa::DataArray<QuerySpec>* /*querySpecs*/,
+                                        Ref<Plexa::DataArray<EntityMetricBase>>& /*results*/)
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+void PerformanceManagerImpl::QueryCompositeStats(QuerySpec* /*querySpec*/,
+                                                 Ref<CompositeEntityMetric>& /*result*/)
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+void PerformanceManagerImpl::SummarizeStats()
+{
+   throw Plexa::Fault::NotImplemented::Exception();
+}
+
+/// The sample in the newest column of the finest interval, which is the same for all stats; -1 when
+/// the stat has none there. The caller holds the depot's lock.
+PerformanceManagerImpl::Long
+PerformanceManagerImpl::GetLatestSample(const std::string& entityId,
+                                        StatsMetadata::CounterId counterId,
+                                        const std::string& instance)
+{
+   std::string statName;
+   if (!_statsMetadata->GetStatName(counterId, instance, statName)) {
+      throw InvalidArgument();
+   }
+   const TimeStamp ts = _statsDepot->GetLatestTimeStamp();
+   return static_cast<Long>(
+      _statsDepot->GetSample(entityId, statName, ts, "", StatsDepot::ROLLUP_NONE));
+}
+
+namespace {
+
+constexpr StatsMetadata::CounterId kCpuUsageMhz = 0x00004;
+constexpr StatsMetadata::CounterId kMemActive = 0x10008;
+constexpr StatsMetadata::CounterId kMemOverhead = 0x10031;
+constexpr StatsMetadata::CounterId kMemConsumed = 0x1004A;
+
+} // namespace
+
+void PerformanceManagerImpl::GetHostCpuMemUsage(Long& cpuUsageMhz, Long& memConsumedKB)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   const std::string& instance = StatsMetadata::AggregateInstanceId;
+   cpuUsageMhz = GetLatestSample(AgentdCommon::moid_hostsystem, kCpuUsageMhz, instance);
+   memConsumedKB = GetLatestSample(AgentdCommon::moid_hostsystem, kMemConsumed, instance);
+}
+
+void PerformanceManagerImpl::GetVmCpuMemUsage(Plexa::MoRef* vm, Long& cpuUsageMhz,
+                                              Long& memConsumedKB, Long& memActiveKB)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   const std::string& entity = vm->GetId();
+   const std::string& instance = StatsMetadata::AggregateInstanceId;
+   cpuUsageMhz = GetLatestSample(entity, kCpuUsageMhz, instance);
+   const Long consumedKb = GetLatestSample(entity, kMemConsumed, instance);
+   const Long overheadKb = GetLatestSample(entity, kMemOverhead, instance);
+   // Half of the figure is no figure.
+   memConsumedKB = -1;
+   if (consumedKb > 0 && overheadKb > 0) {
+      const bool fits = consumedKb <= INT64_MAX - overheadKb;
+      memConsumedKB = fits ? consumedKb + overheadKb : INT64_MAX;
+   }
+   memActiveKB = GetLatestSample(entity, kMemActive, instance);
+}
+
+} // namespace Metrix

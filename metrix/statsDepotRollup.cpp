@@ -1,0 +1,238 @@
+#include "metrix/statsDepotImpl.h"
+
+#include "corvax/exception.h"
+
+#include <algorithm>
+
+namespace Metrix {
+
+namespace {
+
+using Corvax::Assert;
+using Corvax::kLogError;
+using Corvax::kLogInfo;
+using Corvax::kLogNotice;
+
+} // namespace
+
+const std::array<StatsDepotImpl::RollupFunction, 6> StatsDepotImpl::_rollupFunctions = {
+   CalculateNop, CalculateAverage, CalculateMax, CalculateMin, CalculateLast, CalculateSum,
+};
+
+StatVal StatsDepotImpl::CalculateNop(const std::vector<StatVal>& /*run*/)
+{
+   return kUnset;
+}
+
+StatVal StatsDepotImpl::CalculateAverage(const std::vector<StatVal>& run)
+{
+   const auto valid = static_cast<uint64_t>(
+      std::ranges::count_if(run, [](StatVal value) { return value != kUnset; }));
+   return valid > 0 ? CalculateSum(run) / valid : kUnset;
+}
+
+StatVal StatsDepotImpl::CalculateMax(const std::vector<StatVal>& run)
+{
+   StatVal result = kUnset;
+   for (const StatVal value : run) {
+      if (value != kUnset && (result == kUnset || value > result)) {
+         result = value;
+      }
+   }
+   return result;
+}
+
+StatVal StatsDepotImpl::CalculateMin(const std::vector<StatVal>& run)
+{
+   // Unset is the largest number.
+   return run.empty() ? kUnset : std::ranges::min(run);
+}
+
+StatVal StatsDepotImpl::CalculateLast(const std::vector<StatVal>& run)
+{
+   const auto found =
+      std::find_if(run.rbegin(), run.rend(), [](StatVal value) { return value != kUnset; });
+   return found == run.rend() ? kUnset : *found;
+}
+
+StatVal StatsDepotImpl::CalculateSum(const std::vector<StatVal>& run)
+{
+   StatVal sum = 0;
+   bool anyValid = false;
+   for (const StatVal value : run) {
+      if (value != kUnset) {
+         sum += value;
+         anyValid = true;
+      }
+   }
+   return anyValid ? sum : kUnset;
+}
+
+bool StatsDepotImpl::AddSample(const std::string& entityId, const std::string& statName,
+                               TimeStamp ts, StatVal value, StatVal maxVal)
+{
+   AssertOpen();
+   if (ts == kUnset) {
+      throw Corvax::InvalidArgumentException();
+   }
+   Corvax::Ref<StatInfo> info; // holds the stat, which may be among the purged
+   if (!GetStatInfo(entityId, statName, info)) {
+      return false;
+   }
+   RecordSample(*info, ts, value, maxVal);
+   info->_lastTimeStamp = ts;
+   info->_lastVal = value;
+   if (_intervalTable->GetNumIntervals() > 1) {
+      UpdateRollups(ts);
+   }
+   return true;
+}
+
+void StatsDepotImpl::RecordSample(StatInfo& info, TimeStamp ts, StatVal value, StatVal maxVal)
+{
+   const StatId rawId = info.GetStatId(ROLLUP_NONE);
+   Assert(rawId != kUnset, "a stat has a raw series");
+   const Interval& fine = *_intervalTable->GetIntervalAt(0);
+   const uint64_t period = fine.GetPeriod();
+   StatVal stored = value;
+   if (info._type != STATTYPE_ABSOLUTE) {
+      const TimeStamp last = info._lastTimeStamp;
+      if (last == kUnset || ts <= last || ts - last >= 2 * period || value < info._lastVal) {
+         return;
+      }
+      stored = static_cast<uint64_t>(int64_t{info._scalingFactor}) * (value - info._lastVal);
+      if (info._type == STATTYPE_RATE) {
+         stored /= ts - last;
+      }
+   }
+   if (maxVal != 0) {
+      stored = std::min(stored, maxVal);
+   }
+   fine.GetStore().AddSample(rawId, ts - ts % period, stored);
+}
+
+void StatsDepotImpl::UpdateRollups(TimeStamp ts)
+{
+   if (_nextUpdateTime != kUnset) {
+      if (ts < _nextUpdateTime) {
+         return;
+      }
+      PropagateStats(ts);
+      PurgeUnusedStats();
+   }
+   _nextUpdateTime = ts + _intervalTable->GetIntervalAt(1)->GetPeriod();
+}
+
+void StatsDepotImpl::PropagateStats(TimeStamp ts)
+{
+   for (int i = 1; i < _intervalTable->GetNumIntervals(); ++i) {
+      Interval* const coarse = _intervalTable->GetIntervalAt(i);
+      const TimeStamp latest = coarse->GetStore().GetLatestTimeStamp();
+      // No sum of the two: a damaged stamp may be close to the largest number.
+      if (latest == kUnset || (latest < ts && ts - latest > coarse->GetPeriod())) {
+         PropagateStats(coarse, _intervalTable->GetIntervalAt(i - 1), ts);
+      }
+   }
+}
+
+void StatsDepotImpl::PropagateStats(Interval* coarse, Interval* fine, TimeStamp ts)
+{
+   _logger->Log(kLogInfo, "Propagating stats from interval %1 to %2", fine->_samplingPeriod,
+                coarse->_samplingPeriod);
+   const Periods periods = FindDuePeriods(*coarse, *fine, ts);
+   // A search that found nothing says nothing about the slots above its hint.
+   const int lastUsed = _slotUsageMap->FindLastUsedSlot();
+   const int last = lastUsed < 0 ? _slotUsageMap->GetSize() - 1 : lastUsed;
+   for (int id = 0; id <= last; ++id) {
+      if (_slotUsageMap->IsSlotUsed(id)) {
+         PropagateStat(static_cast<StatId>(id), *coarse, *fine, periods);
+      }
+   }
+}
+
+StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse,
+                                                       const Interval& fine, TimeStamp ts)
+{
+   const uint64_t coarsePeriod = coarse.GetPeriod();
+   const uint64_t finePeriod = fine.GetPeriod();
+   Periods due{0, 0, coarsePeriod, 0};
+   const TimeStamp latest = coarse.GetStore().GetLatestTimeStamp();
+   if (latest == kUnset) {
+      const TimeStamp oldest = fine.GetStore().GetEarliestTimeStamp();
+      due.begin = oldest == kUnset ? 0 : oldest;
+      due.end = due.begin + coarsePeriod - finePeriod;
+      due.end -= due.end % coarsePeriod;
+   } else {
+      due.begin = latest + finePeriod;
+      due.end = latest + coarsePeriod;
+   }
+   // After a pause of more than the coarse interval holds, only its last part is worth filling.
+   const uint64_t passed = (ts - due.begin) / coarsePeriod;
+   if (passed > coarse._numSamples) {
+      const uint64_t correction = coarsePeriod * (passed - coarse._numSamples);
+      _logger->Log(kLogNotice, "Applying correction %1 during propagation", correction);
+      due.begin += correction;
+      due.end += correction;
+   }
+   due.count = due.end < ts ? (ts - 1 - due.end) / coarsePeriod + 1 : 0;
+   if (due.count > coarse._numSamples) {
+      // One period more than there are columns may remain; its column would be gone again before
+      // the second stat comes to it.
+      const uint64_t excess = due.count - coarse._numSamples;
+      due.begin += excess * coarsePeriod;
+      due.end += excess * coarsePeriod;
+      due.count -= excess;
+   }
+   return due;
+}
+
+void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Interval& fine,
+                                   const Periods& periods)
+{
+   const bool finestSource = &fine == _intervalTable->GetIntervalAt(0);
+   StatsStore& store = coarse.GetStore();
+   for (uint64_t i = 0; i < periods.count; ++i) {
+      const TimeStamp begin = periods.begin + i * periods.step;
+      const TimeStamp end = periods.end + i * periods.step;
+      const int validCount = fine.GetStore().GetSamples(id, begin, end, _run, nullptr);
+      if (validCount < 1) {
+         // Stat 0 stands in for all: the coarse store gets its column even when nothing has data.
+         if (id == 0) {
+            AddCoarseSample(store, periods, id, end, kUnset);
+         }
+         continue;
+      }
+      Corvax::Ref<StatInfo> info;
+      if (!GetStatInfo(id, info)) {
+         _logger->Log(kLogError, "No statInfo for %1 #validSamples = %2", id, validCount);
+         return;
+      }
+      const RollupType rollup = info->GetRollupType(id);
+      if (rollup != ROLLUP_NONE || !finestSource) {
+         AddCoarseSample(store, periods, id, end, _rollupFunctions[static_cast<size_t>(rollup)](_run));
+         continue;
+      }
+      // The raw series feeds every rollup series of the stat.
+      for (size_t k = 0; k < info->_statIds.size(); ++k) {
+         const auto target = static_cast<size_t>(info->_rollupTypes[k]);
+         if (info->_rollupTypes[k] != ROLLUP_NONE) {
+            AddCoarseSample(store, periods, info->_statIds[k], end, _rollupFunctions[target](_run));
+         }
+      }
+   }
+}
+
+/// Adds a sample to a due period. Due periods before it that no stat has touched get their columns
+/// first, for later stats may have data there and a column cannot be added behind a newer one.
+void StatsDepotImpl::AddCoarseSample(StatsStore& store, const Periods& periods, StatId id,
+                                     TimeStamp end, StatVal value)
+{
+   const TimeStamp latest = store.GetLatestTimeStamp();
+   const bool noneYet = latest == kUnset || latest < periods.end;
+   for (TimeStamp ts = noneYet ? periods.end : latest + periods.step; ts < end; ts += periods.step) {
+      store.AddSample(id, ts, kUnset);
+   }
+   store.AddSample(id, end, value);
+}
+
+} // namespace Metrix

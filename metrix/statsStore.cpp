@@ -1,0 +1,483 @@
+#include "metrix/statsStore.h"
+
+#include "corvax/exception.h"
+#include "corvax/system.h"
+#include "metrix/littleEndian.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <new>
+
+namespace Metrix {
+
+namespace {
+
+using Corvax::Assert;
+using Corvax::FileCreation;
+
+// The header: number of columns, sampling period, then the column stamps.
+constexpr uint64_t kNumSamplesPos = 0;
+constexpr uint64_t kSamplingPeriodPos = 4;
+constexpr uint64_t kTimeStampPos = 8;
+constexpr uint64_t kTimeStampSize = 8;
+
+// A row: used flag, stamp of the newest sample, then a sample a column. No padding.
+constexpr size_t kRowUsedPos = 0;
+constexpr size_t kRowTimeStampPos = 4;
+constexpr size_t kRowSamplesPos = 12;
+constexpr size_t kSampleSize = 8;
+
+/// A row as it lies in the file.
+class StatVector {
+public:
+   StatVector(uint32_t numSamples, size_t rowSize)
+      : _numSamples(numSamples), _bytes(new (std::nothrow) std::byte[rowSize])
+   {
+      Assert(_bytes != nullptr, "a row buffer can be allocated");
+   }
+
+   std::byte* Data() { return _bytes.get(); }
+
+   bool IsUsed() const { return Decode<uint32_t>(&_bytes[kRowUsedPos]) != 0; }
+   TimeStamp GetTimeStamp() const { return Decode<uint64_t>(&_bytes[kRowTimeStampPos]); }
+   void SetTimeStamp(TimeStamp ts) { Encode(ts, &_bytes[kRowTimeStampPos]); }
+   StatVal GetSample(uint32_t column) const { return Decode<uint64_t>(&_bytes[SamplePos(column)]); }
+   void SetSample(uint32_t column, StatVal value) { Encode(value, &_bytes[SamplePos(column)]); }
+
+   /// The row of a stat that has no sample yet.
+   void Clear()
+   {
+      Encode(uint32_t{1}, &_bytes[kRowUsedPos]);
+      SetTimeStamp(kUnset);
+      for (uint32_t column = 0; column < _numSamples; ++column) {
+         SetSample(column, kUnset);
+      }
+   }
+
+private:
+   static size_t SamplePos(uint32_t column) { return kRowSamplesPos + column * kSampleSize; }
+
+   const uint32_t _numSamples;
+   const std::unique_ptr<std::byte[]> _bytes;
+};
+
+class StatsStoreImpl : public StatsStore, public Corvax::ObjectImpl {
+public:
+   StatsStoreImpl(std::string fileName, Corvax::Logger* logger)
+      : _fileName(std::move(fileName)), _logger(logger)
+   {
+   }
+
+   void Create(int samplingPeriod, int numSamples) override;
+   void Load() override;
+   void Flush() override;
+   void AddSample(StatId statId, TimeStamp ts, StatVal value) override;
+   StatVal GetSample(StatId statId, TimeStamp ts) override;
+   int GetSamples(StatId statId, TimeStamp begin, TimeStamp end, std::vector<StatVal>& values,
+                  std::vector<TimeStamp>* timeStamps) override;
+   TimeStamp GetLastUpdateTime(StatId statId) override;
+   bool DeleteStat(StatId statId) override;
+   TimeStamp GetLatestTimeStamp() override;
+   TimeStamp GetEarliestTimeStamp() override;
+   void GetTimeStamps(std::vector<TimeStamp>& timeStamps) override;
+   uint32_t GetNumSamples() override { return _numSamples; }
+   uint32_t GetSamplingPeriod() override { return _samplingPeriod; }
+
+private:
+   using Row = std::unique_ptr<StatVector>;
+
+   void AssertOpen() const { Assert(_storeHandle && _storeHandle->IsOpen(), "the store is open"); }
+   [[noreturn]] void ThrowDamaged(const std::string& message);
+   uint32_t ReadUInt32(uint64_t pos);
+   void WriteUInt32(uint64_t pos, uint32_t value);
+   void ReadTimeStamps();
+   void FindColumnsInUse();
+
+   int64_t FindRow(StatId statId) const;
+   uint64_t GetStatVectorPos(int64_t row) const;
+   Row AllocStatVector() const;
+   Row GetStatVector(StatId statId);
+   bool WriteStatVector(StatId statId, StatVector& row);
+   void InvalidateStatsVector(int64_t row);
+
+   int32_t NextColumn(int32_t column) const;
+   template <class Matches>
+   int32_t FirstColumn(Matches matches) const;
+   int32_t FindColumn(TimeStamp ts) const;
+   int32_t FindClosestColumn(TimeStamp ts) const;
+   int32_t ChooseColumn(TimeStamp ts);
+   int32_t AddColumn(TimeStamp ts);
+   void WriteTimeStamp(int32_t column, TimeStamp ts);
+   void InvalidateGap(StatVector& row, int32_t chosen) const;
+   TimeStamp StampOf(int32_t column) const { return _timeStamps[static_cast<size_t>(column)]; }
+
+   const std::string _fileName;
+   Corvax::Ref<Corvax::FileHandle> _storeHandle;
+   uint32_t _numStats = 0; ///< rows known
+   uint32_t _numSamples = 0;
+   uint32_t _samplingPeriod = 0;
+   std::vector<TimeStamp> _timeStamps; ///< a copy of the column stamps
+   uint64_t _statVectorPos = 0;        ///< file offset of row 0
+   size_t _rowSize = 0;
+   int32_t _earliestTsCol = -1; ///< -1: no column is in use
+   int32_t _latestTsCol = -1;
+   const Corvax::Ref<Corvax::Logger> _logger;
+};
+
+void StatsStoreImpl::Create(int samplingPeriod, int numSamples)
+{
+   if (samplingPeriod < 1 || numSamples < 1) {
+      throw Corvax::InvalidArgumentException();
+   }
+   const auto columns = static_cast<size_t>(numSamples);
+   std::vector<std::byte> header(kTimeStampPos + columns * kTimeStampSize, std::byte{0xff});
+   Encode(static_cast<uint32_t>(numSamples), &header[kNumSamplesPos]);
+   Encode(static_cast<uint32_t>(samplingPeriod), &header[kSamplingPeriodPos]);
+
+   const auto file = Corvax::System::GetFactory().NewFileHandle();
+   file->Open(_fileName, Corvax::FILE_WRITE, FileCreation::CREATE_ALWAYS);
+   file->WriteAll(header.data(), header.size());
+   file->Flush();
+   file->Close();
+   Load();
+}
+
+void StatsStoreImpl::Load()
+{
+   const uint64_t size = Corvax::System::GetFactory().GetFileSize(_fileName);
+   const std::string badSize = "Invalid file size for StatsStore " + _fileName;
+   if (size < kTimeStampPos) {
+      ThrowDamaged(badSize);
+   }
+   _storeHandle = Corvax::System::GetFactory().NewFileHandle();
+   _storeHandle->Open(_fileName, Corvax::FILE_READ_WRITE, FileCreation::OPEN_EXISTING);
+   _numSamples = ReadUInt32(kNumSamplesPos);
+   _samplingPeriod = ReadUInt32(kSamplingPeriodPos);
+   _statVectorPos = kTimeStampPos + kTimeStampSize * _numSamples;
+   _rowSize = static_cast<size_t>(kRowSamplesPos + kSampleSize * uint64_t{_numSamples});
+   if (size < _statVectorPos) {
+      ThrowDamaged(badSize);
+   }
+   constexpr auto kLargest = static_cast<uint32_t>(std::numeric_limits<int32_t>::max());
+   if (_numSamples < 1 || _numSamples > kLargest || _samplingPeriod < 1 ||
+       _samplingPeriod > kLargest) {
+      ThrowDamaged("Invalid header in StatsStore " + _fileName);
+   }
+   const uint64_t rows = (size - _statVectorPos) / _rowSize;
+   _numStats = static_cast<uint32_t>(std::min<uint64_t>(rows, UINT32_MAX));
+   ReadTimeStamps();
+   FindColumnsInUse();
+}
+
+void StatsStoreImpl::ThrowDamaged(const std::string& message)
+{
+   _logger->Log(Corvax::kLogError, "%1", message);
+   throw Corvax::FileFormatException(message);
+}
+
+uint32_t StatsStoreImpl::ReadUInt32(uint64_t pos)
+{
+   std::byte bytes[4];
+   _storeHandle->Seek(pos);
+   if (_storeHandle->Read(bytes, sizeof bytes) < sizeof bytes) {
+      const std::string message = "Read failed for StatsStore" + _fileName;
+      _logger->Log(Corvax::kLogError, "%1", message);
+      throw Corvax::Exception(message);
+   }
+   return Decode<uint32_t>(bytes);
+}
+
+void StatsStoreImpl::WriteUInt32(uint64_t pos, uint32_t value)
+{
+   std::byte bytes[4];
+   Encode(value, bytes);
+   _storeHandle->Seek(pos);
+   _storeHandle->WriteAll(bytes, sizeof bytes);
+}
+
+void StatsStoreImpl::ReadTimeStamps()
+{
+   std::vector<std::byte> bytes(_numSamples * kTimeStampSize);
+   _storeHandle->Seek(kTimeStampPos);
+   if (_storeHandle->Read(bytes.data(), bytes.size()) < bytes.size()) {
+      const std::string message = "Unable to read timestamps from StatsStore " + _fileName;
+      _logger->Log(Corvax::kLogError, "%1", message);
+      throw Corvax::Exception(message);
+   }
+   _timeStamps.resize(_numSamples);
+   for (size_t column = 0; column < _timeStamps.size(); ++column) {
+      _timeStamps[column] = Decode<uint64_t>(&bytes[column * kTimeStampSize]);
+   }
+}
+
+/// Of equal stamps the lower column counts.
+void StatsStoreImpl::FindColumnsInUse()
+{
+   _earliestTsCol = -1;
+   _latestTsCol = -1;
+   for (int32_t column = 0; column < static_cast<int32_t>(_numSamples); ++column) {
+      const TimeStamp ts = StampOf(column);
+      if (ts == kUnset) {
+         continue;
+      }
+      if (_latestTsCol < 0 || ts > StampOf(_latestTsCol)) {
+         _latestTsCol = column;
+      }
+      if (_earliestTsCol < 0 || ts < StampOf(_earliestTsCol)) {
+         _earliestTsCol = column;
+      }
+   }
+}
+
+void StatsStoreImpl::Flush()
+{
+   AssertOpen();
+   _storeHandle->Flush();
+}
+
+/// The row of a stat is its id; -1 when the file has no such row.
+int64_t StatsStoreImpl::FindRow(StatId statId) const
+{
+   return statId < _numStats ? static_cast<int64_t>(statId) : -1;
+}
+
+uint64_t StatsStoreImpl::GetStatVectorPos(int64_t row) const
+{
+   return _rowSize * static_cast<uint64_t>(row) + _statVectorPos;
+}
+
+StatsStoreImpl::Row StatsStoreImpl::AllocStatVector() const
+{
+   return std::make_unique<StatVector>(_numSamples, _rowSize);
+}
+
+/// Null when there is no row, or a free one.
+StatsStoreImpl::Row StatsStoreImpl::GetStatVector(StatId statId)
+{
+   const int64_t index = FindRow(statId);
+   if (index < 0) {
+      return nullptr;
+   }
+   Row row = AllocStatVector();
+   _storeHandle->Seek(GetStatVectorPos(index));
+   const size_t count = _storeHandle->Read(row->Data(), _rowSize);
+   return count == _rowSize && row->IsUsed() ? std::move(row) : nullptr;
+}
+
+bool StatsStoreImpl::WriteStatVector(StatId statId, StatVector& row)
+{
+   const int64_t index = FindRow(statId);
+   if (index < 0) {
+      return false;
+   }
+   _storeHandle->Seek(GetStatVectorPos(index));
+   return _storeHandle->Write(row.Data(), _rowSize) == _rowSize;
+}
+
+void StatsStoreImpl::InvalidateStatsVector(int64_t row)
+{
+   WriteUInt32(GetStatVectorPos(row) + kRowUsedPos, 0);
+}
+
+int32_t StatsStoreImpl::NextColumn(int32_t column) const
+{
+   return column + 1 == static_cast<int32_t>(_numSamples) ? 0 : column + 1;
+}
+
+/// The first column in use, from the earliest to the latest, whose stamp satisfies `matches`; -1 when
+/// there is none.
+template <class Matches>
+int32_t StatsStoreImpl::FirstColumn(Matches matches) const
+{
+   if (_latestTsCol < 0) {
+      return -1;
+   }
+   for (int32_t column = _earliestTsCol;; column = NextColumn(column)) {
+      if (matches(StampOf(column))) {
+         return column;
+      }
+      if (column == _latestTsCol) {
+         return -1;
+      }
+   }
+}
+
+int32_t StatsStoreImpl::FindColumn(TimeStamp ts) const
+{
+   return FirstColumn([ts](TimeStamp stamp) { return stamp == ts; });
+}
+
+int32_t StatsStoreImpl::FindClosestColumn(TimeStamp ts) const
+{
+   return FirstColumn([ts](TimeStamp stamp) { return stamp >= ts; });
+}
+
+/// A sample goes into a column of its own stamp or into a new, newest one; never between.
+int32_t StatsStoreImpl::ChooseColumn(TimeStamp ts)
+{
+   if (_latestTsCol < 0 || ts > StampOf(_latestTsCol)) {
+      return AddColumn(ts);
+   }
+   const int32_t column = FindColumn(ts);
+   if (column < 0) {
+      _logger->Log(Corvax::kLogError, "");
+      throw Corvax::InvalidArgumentException();
+   }
+   return column;
+}
+
+/// Takes the next column of the circle, the oldest one when all are in use. The rows keep what they
+/// held there; InvalidateGap and the read rules tell it from new samples.
+int32_t StatsStoreImpl::AddColumn(TimeStamp ts)
+{
+   const int32_t column = NextColumn(_latestTsCol);
+   WriteTimeStamp(column, ts); // first: when it fails, nothing has changed
+   _timeStamps[static_cast<size_t>(column)] = ts;
+   _latestTsCol = column;
+   if (_earliestTsCol == column) {
+      _earliestTsCol = NextColumn(column);
+   } else if (_earliestTsCol < 0) {
+      _earliestTsCol = column;
+   }
+   return column;
+}
+
+void StatsStoreImpl::WriteTimeStamp(int32_t column, TimeStamp ts)
+{
+   std::byte bytes[kTimeStampSize];
+   Encode(ts, bytes);
+   _storeHandle->Seek(kTimeStampPos + kTimeStampSize * static_cast<uint64_t>(column));
+   _storeHandle->WriteAll(bytes, sizeof bytes);
+}
+
+/// Wipes what the row still holds, from an earlier round of the circle, in the columns for which the
+/// stat got no sample since its last one. A sample for a column that is not newer than the stat's
+/// last wipes all from the one after the last, round the circle, up to it; kept on purpose.
+void StatsStoreImpl::InvalidateGap(StatVector& row, int32_t chosen) const
+{
+   const int32_t columns = static_cast<int32_t>(_numSamples);
+   const TimeStamp previous = StampOf(chosen == 0 ? columns - 1 : chosen - 1);
+   if (previous == kUnset || row.GetTimeStamp() == kUnset || row.GetTimeStamp() == previous) {
+      return;
+   }
+   const int32_t last = FindColumn(row.GetTimeStamp());
+   for (int32_t column = NextColumn(last < 0 ? chosen : last); column != chosen;
+        column = NextColumn(column)) {
+      row.SetSample(static_cast<uint32_t>(column), kUnset);
+   }
+}
+
+void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
+{
+   AssertOpen();
+   if (ts == kUnset || statId >= UINT32_MAX) {
+      throw Corvax::InvalidArgumentException();
+   }
+   const int32_t column = ChooseColumn(ts);
+   Row row = GetStatVector(statId);
+   if (!row) {
+      row = AllocStatVector();
+      row->Clear();
+      _numStats = std::max(_numStats, static_cast<uint32_t>(statId) + 1);
+   }
+   InvalidateGap(*row, column);
+   row->SetSample(static_cast<uint32_t>(column), value);
+   row->SetTimeStamp(ts);
+   Assert(WriteStatVector(statId, *row), "a row is written whole");
+}
+
+StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
+{
+   AssertOpen();
+   const int32_t column = FindColumn(ts);
+   if (column < 0) {
+      return kUnset;
+   }
+   const Row row = GetStatVector(statId);
+   // Columns newer than the row's last sample hold values of an earlier round.
+   return row && row->GetTimeStamp() >= ts ? row->GetSample(static_cast<uint32_t>(column)) : kUnset;
+}
+
+int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
+                               std::vector<StatVal>& values, std::vector<TimeStamp>* timeStamps)
+{
+   AssertOpen();
+   values.clear();
+   if (timeStamps) {
+      timeStamps->clear();
+   }
+   int32_t column = begin == kUnset ? _earliestTsCol : FindClosestColumn(begin);
+   if (column < 0 || StampOf(column) > end) {
+      return 0;
+   }
+   const Row row = GetStatVector(statId);
+   int count = 0;
+   for (;; column = NextColumn(column)) {
+      const TimeStamp ts = StampOf(column);
+      if (ts > end) {
+         break;
+      }
+      const bool present = row && row->GetTimeStamp() >= ts;
+      const StatVal value = present ? row->GetSample(static_cast<uint32_t>(column)) : kUnset;
+      values.push_back(value);
+      count += value != kUnset ? 1 : 0;
+      if (timeStamps) {
+         timeStamps->push_back(ts);
+      }
+      if (column == _latestTsCol) {
+         break;
+      }
+   }
+   return count;
+}
+
+TimeStamp StatsStoreImpl::GetLastUpdateTime(StatId statId)
+{
+   AssertOpen();
+   const Row row = GetStatVector(statId);
+   return row ? row->GetTimeStamp() : kUnset;
+}
+
+bool StatsStoreImpl::DeleteStat(StatId statId)
+{
+   AssertOpen();
+   const int64_t row = FindRow(statId);
+   if (row < 0) {
+      return false;
+   }
+   InvalidateStatsVector(row);
+   return true;
+}
+
+TimeStamp StatsStoreImpl::GetLatestTimeStamp()
+{
+   AssertOpen();
+   return _latestTsCol < 0 ? kUnset : StampOf(_latestTsCol);
+}
+
+TimeStamp StatsStoreImpl::GetEarliestTimeStamp()
+{
+   AssertOpen();
+   return _earliestTsCol < 0 ? kUnset : StampOf(_earliestTsCol);
+}
+
+void StatsStoreImpl::GetTimeStamps(std::vector<TimeStamp>& timeStamps)
+{
+   AssertOpen();
+   timeStamps.clear();
+   FirstColumn([&timeStamps](TimeStamp stamp) {
+      timeStamps.push_back(stamp);
+      return false;
+   });
+}
+
+} // namespace
+
+void GetStatsStore(const std::string& fileName, Corvax::Logger* logger,
+                   Corvax::Ref<StatsStore>& store)
+{
+   store = Corvax::MakeRef<StatsStoreImpl>(fileName, logger);
+}
+
+} // namespace Metrix

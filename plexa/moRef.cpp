@@ -1,0 +1,17 @@
+#include "plexa/managedObject.h"
+
+namespace Plexa {
+
+ManagedObject::~ManagedObject() = default;
+
+bool ManagedType::IsA(const ManagedType& other) const
+{
+   for (const ManagedType* type = this; type != nullptr; type = type->base) {
+      if (type->name == other.name) {
+         return true;
+      }
+   }
+   return false;
+}
+
+} // namespace Plexa

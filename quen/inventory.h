@@ -1,0 +1,113 @@
+#pragma once
+
+#include "plexa/dataArray.h"
+#include "plexa/managedObject.h"
+
+#include <cstdint>
+#include <string>
+
+/// The managed objects and data objects of the inventory, as far as statistics meet them.
+namespace Quen {
+
+class VirtualMachine : public virtual Plexa::ManagedObject {
+public:
+   static const Plexa::ManagedType& GetManagedType();
+
+protected:
+   ~VirtualMachine() override;
+};
+
+class HostSystem : public virtual Plexa::ManagedObject {
+public:
+   static const Plexa::ManagedType& GetManagedType();
+
+protected:
+   ~HostSystem() override;
+};
+
+class ResourcePool : public virtual Plexa::ManagedObject {
+public:
+   /// The child pools, in order; unset when there are none.
+   virtual void GetChildPools(Corvax::Ref<Plexa::DataArray<Plexa::MoRef>>& pools) = 0;
+
+   static const Plexa::ManagedType& GetManagedType();
+
+protected:
+   ~ResourcePool() override;
+};
+
+namespace Host {
+
+/// A node of the host's tree of system resource groups.
+struct SystemResourceInfo : Corvax::ObjectImpl {
+   const std::string& GetKey() const { return key; }
+   Plexa::DataArray<SystemResourceInfo>* GetChild() const { return child.Get(); }
+
+   std::string key;
+   Corvax::Ref<Plexa::DataArray<SystemResourceInfo>> child; ///< unset when there are none
+};
+
+} // namespace Host
+
+namespace Vm {
+
+enum class PowerState : int32_t {
+   POWERED_OFF = 0,
+   POWERED_ON = 1,
+   SUSPENDED = 2,
+};
+
+struct RuntimeInfo : Corvax::ObjectImpl {
+   PowerState GetPowerState() const { return powerState; }
+
+   PowerState powerState = PowerState::POWERED_OFF;
+};
+
+namespace Device {
+
+struct ConnectInfo : Corvax::ObjectImpl {
+   bool IsConnected() const { return connected; }
+
+   bool connected = false;
+};
+
+/// What a device is connected to.
+struct BackingInfo : Corvax::ObjectImpl {};
+
+struct VirtualDevice : Corvax::ObjectImpl {
+   int32_t GetKey() const { return key; }
+   BackingInfo* GetBacking() const { return backing.Get(); }
+   ConnectInfo* GetConnectable() const { return connectable.Get(); }
+
+   int32_t key = 0;
+   Corvax::Ref<BackingInfo> backing;
+   Corvax::Ref<ConnectInfo> connectable;
+};
+
+struct VirtualEthernetCard : VirtualDevice {
+   /// The card is on a network of the host, and so has a port there.
+   struct NetworkBackingInfo : BackingInfo {
+      std::string deviceName;
+   };
+};
+
+} // namespace Device
+
+struct VirtualHardware {
+   int64_t GetMemoryMB() const { return memoryMb; }
+   Plexa::DataArray<Device::VirtualDevice>* GetDevice() const { return device.Get(); }
+
+   int64_t memoryMb = 0;
+   Corvax::Ref<Plexa::DataArray<Device::VirtualDevice>> device; ///< unset when there are none
+};
+
+struct ConfigInfo : Corvax::ObjectImpl {
+   const VirtualHardware& GetHardware() const { return hardware; }
+
+   std::string name;
+   VirtualHardware hardware;
+};
+
+} // namespace Vm
+
+} // namespace Quen

@@ -1,0 +1,166 @@
+#pragma once
+
+#include "corvax/dateTime.h"
+#include "plexa/dataArray.h"
+#include "plexa/managedObject.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Quen {
+
+/// A key with its texts.
+struct ElementDescription : Corvax::ObjectImpl {
+   std::string label;
+   std::string summary;
+   std::string key;
+};
+
+/// A resolution in which history is kept. Periods and lengths in seconds.
+struct HistoricalInterval : Corvax::ObjectImpl {
+   int32_t key = 0;
+   int32_t samplingPeriod = 0;
+   std::string name;
+   int32_t length = 0;
+};
+
+/// The texts of counter types and statistics types.
+struct PerformanceDescription : Corvax::ObjectImpl {
+   Corvax::Ref<Plexa::DataArray<ElementDescription>> counterType;
+   Corvax::Ref<Plexa::DataArray<ElementDescription>> statsType;
+};
+
+/// The API's way to statistics: which counters and intervals exist, which metrics an entity has,
+/// and their series. Unset results are null references.
+class PerformanceManager : public virtual Plexa::ManagedObject {
+public:
+   /// What a counter counts.
+   struct CounterInfo : Corvax::ObjectImpl {
+      enum RollupType : int32_t {
+         average = 0,
+         maximum = 1,
+         minimum = 2,
+         latest = 3,
+         summation = 4,
+         none = 5,
+      };
+      enum StatsType : int32_t {
+         absolute = 0,
+         delta = 1,
+         rate = 2,
+      };
+
+      int32_t key = 0;
+      Corvax::Ref<ElementDescription> nameInfo;
+      Corvax::Ref<ElementDescription> groupInfo;
+      Corvax::Ref<ElementDescription> unitInfo;
+      RollupType rollupType = none;
+      StatsType statsType = absolute;
+      /// The counters derived from this one; unset when there are none.
+      std::optional<std::vector<int32_t>> associatedCounterId;
+   };
+
+   /// A counter of one instance; the empty instance is the entity as a whole, "*" all of them.
+   struct MetricId : Corvax::ObjectImpl {
+      MetricId(int32_t counter, std::string instanceName)
+         : counterId(counter), instance(std::move(instanceName))
+      {
+      }
+      int32_t counterId;
+      std::string instance;
+   };
+
+   struct SampleInfo : Corvax::ObjectImpl {
+      Corvax::DateTime timestamp;
+      int32_t interval = 0; ///< seconds
+   };
+
+   struct MetricSeries : Corvax::ObjectImpl {
+      Corvax::Ref<MetricId> id;
+   };
+
+   /// One value a time stamp, -1 where there is none.
+   struct IntSeries : MetricSeries {
+      std::vector<int64_t> value;
+   };
+
+   struct MetricSeriesCSV : MetricSeries {
+      std::string value;
+   };
+
+   struct EntityMetricBase : Corvax::ObjectImpl {
+      Corvax::Ref<Plexa::MoRef> entity;
+   };
+
+   struct EntityMetric : EntityMetricBase {
+      Corvax::Ref<Plexa::DataArray<SampleInfo>> sampleInfo;
+      Corvax::Ref<Plexa::DataArray<MetricSeries>> value;
+   };
+
+   struct EntityMetricCSV : EntityMetricBase {
+      std::string sampleInfoCSV;
+      Corvax::Ref<Plexa::DataArray<MetricSeriesCSV>> value;
+   };
+
+   /// What is asked of one entity.
+   struct QuerySpec : Corvax::ObjectImpl {
+      Corvax::Ref<Plexa::MoRef> entity;
+      std::optional<Corvax::DateTime> startTime; ///< exclusive
+      std::optional<Corvax::DateTime> endTime;   ///< inclusive
+      std::optional<int32_t> maxSample;
+      Corvax::Ref<Plexa::DataArray<MetricId>> metricId;
+      std::optional<int32_t> intervalId; ///< a sampling period in seconds, 0 for the latest values
+      std::optional<std::string> format; ///< kFormatNormal or kFormatCsv
+   };
+
+   /// What an entity's statistics offer.
+   struct ProviderSummary : Corvax::ObjectImpl {
+      Corvax::Ref<Plexa::MoRef> entity;
+      bool currentSupported = false;
+      bool summarySupported = false;
+      std::optional<int32_t> refreshRate; ///< seconds
+   };
+
+   /// Series of several entities, one beside the other.
+   struct CompositeEntityMetric : Corvax::ObjectImpl {
+      Corvax::Ref<EntityMetricBase> entity;
+      Corvax::Ref<Plexa::DataArray<EntityMetricBase>> childEntity;
+   };
+
+   static constexpr char FORMAT_NORMAL[] = "normal";
+   static constexpr char FORMAT_CSV[] = "csv";
+
+   /// Errors of all operations: Plexa::Fault exceptions for what the caller did wrong, other
+   /// runtime exceptions where the depot fails.
+   virtual void GetDescription(Corvax::Ref<PerformanceDescription>& description) = 0;
+   virtual void GetHistoricalInterval(
+      Corvax::Ref<Plexa::DataArray<HistoricalInterval>>& intervals) = 0;
+   virtual void GetPerfCounter(Corvax::Ref<Plexa::DataArray<CounterInfo>>& counters) = 0;
+   virtual void QueryAvailableMetric(Plexa::MoRef* entity,
+                                     const std::optional<Corvax::DateTime>& beginTime,
+                                     const std::optional<Corvax::DateTime>& endTime,
+                                     const std::optional<int32_t>& intervalId,
+                                     Corvax::Ref<Plexa::DataArray<MetricId>>& metricIds) = 0;
+   /// InvalidArgument, with no partial result, when one of the ids is no counter.
+   virtual void QueryCounter(const std::vector<int32_t>& counterIds,
+                             Corvax::Ref<Plexa::DataArray<CounterInfo>>& counters) = 0;
+   virtual void CreateHistoricalInterval(HistoricalInterval* interval) = 0;
+   virtual void RemoveHistoricalInterval(int32_t intervalId) = 0;
+   virtual void UpdateHistoricalInterval(HistoricalInterval* interval) = 0;
+   virtual void QueryProviderSummary(Plexa::MoRef* entity,
+                                     Corvax::Ref<ProviderSummary>& summary) = 0;
+   virtual void QueryStats(Plexa::DataArray<QuerySpec>* querySpecs,
+                           Corvax::Ref<Plexa::DataArray<EntityMetricBase>>& results) = 0;
+   virtual void QueryCompositeStats(QuerySpec* querySpec,
+                                    Corvax::Ref<CompositeEntityMetric>& result) = 0;
+   virtual void SummarizeStats() = 0;
+
+   static const Plexa::ManagedType& GetManagedType();
+
+protected:
+   ~PerformanceManager() override;
+};
+
+} // namespace Quen
