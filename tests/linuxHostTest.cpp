@@ -1,23 +1,34 @@
 #include "linuxHost/linuxHostProvider.h"
 
+#include "corvax/format.h"
 #include "linuxHost/kernelFile.h"
-#include "linuxHost/procParsers.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <map>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 using Corvax::Format;
 using HostCtl::Lib::HostCtlException;
+
+template <class T>
+std::unique_ptr<T> Owned(T* object)
+{
+   return std::unique_ptr<T>(object);
+}
 
 class FakeLogger : public Corvax::Logger, public Corvax::ObjectImpl {
 public:
@@ -30,10 +41,15 @@ public:
    std::vector<std::string> lines;
 };
 
-std::string ReadText(const std::string& path)
+/// The text of what is thrown, empty when nothing is.
+std::string MessageOf(const std::function<void()>& read)
 {
-   std::ifstream file(path);
-   return {std::istreambuf_iterator<char>(file), {}};
+   try {
+      read();
+   } catch (const HostCtlException& failure) {
+      return failure.GetMessage();
+   }
+   return "";
 }
 
 /// A tree of kernel files in a directory of its own, and a provider that reads it.
@@ -43,11 +59,6 @@ protected:
    {
       _root = testing::TempDir() + "linuxHostXXXXXX";
       EXPECT_NE(nullptr, mkdtemp(_root.data()));
-      Write("proc/stat", "cpu0 100 0 0 200\n");
-      Write("proc/uptime", "12.50 1.00\n");
-      Write("proc/meminfo", "MemTotal: 1000 kB\nMemFree: 400 kB\n");
-      Write("proc/diskstats", "");
-      Write("proc/net/dev", "");
    }
    ~LinuxHostTest() override { fs::remove_all(_root); }
 
@@ -69,20 +80,11 @@ protected:
       }
       return *_host;
    }
-   std::unique_ptr<HostCtl::Resource::ResourceInfo> Resources()
+   auto Resources() { return Owned(Host().GetResourceInfo()); }
+   auto Cpus() { return Owned(Owned(Host().GetHardwareInfo())->GetCpuInfo()); }
+   auto PhysicalBytes()
    {
-      return std::unique_ptr<HostCtl::Resource::ResourceInfo>(Host().GetResourceInfo());
-   }
-   std::unique_ptr<HostCtl::Hardware::CpuInfo> Cpus()
-   {
-      const std::unique_ptr<HostCtl::Hardware::HardwareInfo> info(Host().GetHardwareInfo());
-      return std::unique_ptr<HostCtl::Hardware::CpuInfo>(info->GetCpuInfo());
-   }
-   uint64_t PhysicalBytes()
-   {
-      const std::unique_ptr<HostCtl::Hardware::HardwareInfo> info(Host().GetHardwareInfo());
-      return std::unique_ptr<HostCtl::Hardware::MemoryInfo>(info->GetMemoryInfo())
-         ->GetPhysicalBytes();
+      return Owned(Owned(Host().GetHardwareInfo())->GetMemoryInfo())->GetPhysicalBytes();
    }
    /// "used/idle" of each CPU by its number.
    std::string CpuTimes()
@@ -96,10 +98,9 @@ protected:
    /// "name:readOps/writeOps/read/written/commands/aborted" of each disk.
    std::string Disks()
    {
-      const std::unique_ptr<HostCtl::Storage::StorageInfo> info(Host().GetStorageInfo());
       std::string text;
-      for (auto* lun : info->GetDiskLuns()) {
-         const std::unique_ptr<HostCtl::Storage::DiskLun> owned(lun);
+      for (auto* lun : Owned(Host().GetStorageInfo())->GetDiskLuns()) {
+         const auto owned = Owned(lun);
          const auto figures = lun->GetStatistics();
          EXPECT_EQ(512U, lun->GetBlockSizeBytes());
          text += Format("%1:%2/%3/%4/%5/%6/%7 ", lun->GetScsiName(), figures.readOperations,
@@ -111,11 +112,10 @@ protected:
    /// "name:rx/tx/rxPackets/txPackets" of each NIC, "name:none" for one without a port.
    std::string Nics()
    {
-      const std::unique_ptr<HostCtl::Network::NetworkInfo> info(Host().GetNetworkInfo());
       std::string text;
-      for (auto* nic : info->GetPhysicalNics()) {
-         const std::unique_ptr<HostCtl::Network::PhysicalNic> owned(nic);
-         const std::unique_ptr<HostCtl::Network::Port> port(nic->GetUplinkPort());
+      for (auto* nic : Owned(Host().GetNetworkInfo())->GetPhysicalNics()) {
+         const auto owned = Owned(nic);
+         const auto port = Owned(nic->GetUplinkPort());
          const auto figures = port ? port->GetStatistics() : HostCtl::Network::PortStatistics{};
          text += nic->GetName() + (port ? Format(":%1/%2/%3/%4 ", figures.bytesReceived,
                                                  figures.bytesSent, figures.packetsReceived,
@@ -164,16 +164,15 @@ TEST_F(LinuxHostTest, MemoryFiguresComeFromTheirFields)
    Write("sys/kernel/mm/ksm/ksm_zero_pages", "8\n");
    const uint64_t pageKb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
    const auto stats = Resources()->GetMemoryStats();
-   const std::pair<uint64_t, uint64_t> figures[] = {
-      {stats.freeKb, 1}, {stats.unreservedKb, 2}, {stats.activeKb, 4}, {stats.swapUsedKb, 16},
-      {stats.grantedKb, 32 + 64}, {stats.heapKb, 128}, {stats.heapFreeKb, 256},
-      {stats.sysUsageKb, 128 + 1024 + 2048 + 4096 + 8192}, {stats.swapInKb, 16 * pageKb},
-      {stats.swapOutKb, 32 * pageKb}, {stats.sharedCommonKb, pageKb}, {stats.sharedKb, 3 * pageKb},
-      {stats.zeroKb, 8 * pageKb}, {Resources()->GetCapacity().reservedMemoryMb, 16},
-      {PhysicalBytes(), 1ULL << 30}};
-   for (size_t i = 0; i < std::size(figures); ++i) {
-      EXPECT_EQ(figures[i].second, figures[i].first) << "figure " << i;
-   }
+   EXPECT_EQ(Format("free 1 unreserved 2 active 4 swapUsed 16 granted 96 heap 128 heapFree 256 "
+                    "sys 15488 in %1 out %2 common %3 shared %4 zero %5 reserved 16 physical %6",
+                    16 * pageKb, 32 * pageKb, pageKb, 3 * pageKb, 8 * pageKb, 1U << 30),
+             Format("free %1 unreserved %2 active %3 swapUsed %4 granted %5 heap %6 heapFree %7 "
+                    "sys %8 ", stats.freeKb, stats.unreservedKb, stats.activeKb, stats.swapUsedKb,
+                    stats.grantedKb, stats.heapKb, stats.heapFreeKb, stats.sysUsageKb) +
+                Format("in %1 out %2 common %3 shared %4 zero %5 reserved %6 physical %7",
+                       stats.swapInKb, stats.swapOutKb, stats.sharedCommonKb, stats.sharedKb,
+                       stats.zeroKb, Resources()->GetCapacity().reservedMemoryMb, PhysicalBytes()));
 }
 
 TEST_F(LinuxHostTest, WhatTheKernelDoesNotKeepIsZero)
@@ -238,22 +237,15 @@ constexpr char kThreeInterfaces[] = "lo: 9 9 0 0 0 0 0 0 9 9\n"
                                     "br0: 1 2 0 0 0 0 0 0 3 4\n"
                                     "eth0:4294967301 4294967295 0 0 0 0 0 0 8589934592 7\n";
 
-TEST_F(LinuxHostTest, NicsWithADeviceAreCountedInThirtyTwoBits)
+TEST_F(LinuxHostTest, NicsWithADeviceAreCountedInThirtyTwoBitsElseAllButTheLoopback)
 {
    Write("proc/net/dev", kThreeInterfaces);
-   MakeDirectory("sys/class/net/eth0/device");
    MakeDirectory("sys/class/net/br0");
    MakeDirectory("sys/class/net/eth1/device"); // of another network namespace
-   EXPECT_EQ("eth0:5/0/4294967295/7 ", Nics());
-}
-
-TEST_F(LinuxHostTest, WithoutPhysicalNicsAllButTheLoopbackAreCounted)
-{
-   Write("proc/net/dev", kThreeInterfaces);
    EXPECT_EQ("br0:1/3/2/4 eth0:5/0/4294967295/7 ", Nics());
 
-   Write("proc/net/dev", "lo: 9 9 0 0 0 0 0 0 9 9\nbr0: 1 2 0 0 0 0 0 0 3 4\n");
-   EXPECT_EQ("br0:1/3/2/4 ", Nics());
+   Write("proc/net/dev", "lo: 9 9 0 0 0 0 0 0 9 9\n");
+   EXPECT_EQ("", Nics());
    MakeDirectory("sys/class/net/eth0/device");
    Write("proc/net/dev", kThreeInterfaces);
    EXPECT_EQ("eth0:5/0/4294967295/7 ", Nics()) << "the name is looked up anew after it was gone";
@@ -263,33 +255,30 @@ TEST_F(LinuxHostTest, ConfiguredNicsAreCountedOnceInTheirOrder)
 {
    _nics = {"eth7", "br0", "lo", "br0"};
    Write("proc/net/dev", kThreeInterfaces);
-   MakeDirectory("sys/class/net/eth0/device");
    EXPECT_EQ("eth7:none br0:1/3/2/4 lo:none ", Nics());
 }
 
 TEST_F(LinuxHostTest, CpuSpeedIsTheFirstOneTold)
 {
-   const std::pair<const char*, const char*> sources[] = {
-      {"proc/cpuinfo", "processor : 2\ncpu MHz : 1500.25\n"},
-      {"sys/devices/system/cpu/cpu2/cpufreq/cpuinfo_max_freq", "3000000\n"},
-      {"sys/devices/system/cpu/cpu2/cpufreq/base_frequency", "2000000\n"},
+   const struct {
+      const char* path;
+      const char* text;
+      uint64_t expectedHz;
+   } sources[] = {
+      {"proc/cpuinfo", "processor : 2\ncpu MHz : 1500.25\n", 1500250000},
+      {"sys/devices/system/cpu/cpu2/cpufreq/cpuinfo_max_freq", "3000000\n", 3000000000},
+      {"sys/devices/system/cpu/cpu2/cpufreq/base_frequency", "2000000\n", 2000000000},
    };
-   const uint64_t expectedHz[] = {1500250000, 3000000000, 2000000000};
    Write("sys/devices/system/cpu/online", "2,4-5\n");
-   try {
-      Cpus()->GetCpus();
-      ADD_FAILURE() << "a speed from nowhere";
-   } catch (const HostCtlException& failure) {
-      EXPECT_NE(std::string::npos, failure.GetMessage().find("Cannot find the CPU speed"));
-      EXPECT_NE(std::string::npos, failure.GetMessage().find(Path("proc/cpuinfo")));
-   }
-   for (size_t i = 0; i < std::size(sources); ++i) {
-      Write(sources[i].first, sources[i].second);
-      std::vector<HostCtl::Hardware::Cpu*> cpus = Cpus()->GetCpus();
+   const std::string message = MessageOf([this] { Cpus()->GetCpus(); });
+   EXPECT_TRUE(message.starts_with("Cannot find the CPU speed")) << message;
+   EXPECT_NE(std::string::npos, message.find(Path("proc/cpuinfo"))) << message;
+   for (const auto& [path, text, expectedHz] : sources) {
+      Write(path, text);
+      const std::vector<HostCtl::Hardware::Cpu*> cpus = Cpus()->GetCpus();
       EXPECT_EQ(3U, cpus.size());
       for (auto* cpu : cpus) {
-         const std::unique_ptr<HostCtl::Hardware::Cpu> owned(cpu);
-         EXPECT_EQ(expectedHz[i], cpu->GetSpeedHz()) << sources[i].first;
+         EXPECT_EQ(expectedHz, Owned(cpu)->GetSpeedHz()) << path;
       }
    }
 }
@@ -310,41 +299,28 @@ TEST_F(LinuxHostTest, CoresAreCountedUpToTheLimitWithOneWarning)
 
 TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
 {
-   const std::pair<const char*, std::function<void()>> readings[] = {
-      {"proc/stat", [this] { CpuTimes(); }},
-      {"proc/stat", [this] { Cpus()->GetCoreCount(); }},
-      {"proc/uptime", [this] { Resources()->GetUptimeUs(); }},
-      {"proc/meminfo", [this] { Resources()->GetMemoryStats(); }},
-      {"proc/meminfo", [this] { PhysicalBytes(); }},
-      {"proc/meminfo", [this] { Resources()->GetCapacity(); }},
-      {"proc/diskstats", [this] { Disks(); }},
-      {"proc/net/dev", [this] { Nics(); }},
+   const struct {
+      const char* path;
+      bool mayBeEmpty; // no disks, no NICs and no memory set aside are figures too
+      std::function<void()> read;
+   } readings[] = {
+      {"proc/stat", false, [this] { CpuTimes(); }},
+      {"proc/stat", false, [this] { Cpus()->GetCoreCount(); }},
+      {"proc/uptime", false, [this] { Resources()->GetUptimeUs(); }},
+      {"proc/meminfo", false, [this] { Resources()->GetMemoryStats(); }},
+      {"proc/meminfo", false, [this] { PhysicalBytes(); }},
+      {"proc/meminfo", true, [this] { Resources()->GetCapacity(); }},
+      {"proc/diskstats", true, [this] { Disks(); }},
+      {"proc/net/dev", true, [this] { Nics(); }},
    };
-   const auto messageOf = [](const auto& read) -> std::string {
-      try {
-         read();
-      } catch (const HostCtlException& failure) {
-         return failure.GetMessage();
-      }
-      return "";
-   };
-   for (size_t i = 0; i < std::size(readings); ++i) {
-      const auto& [path, read] = readings[i];
-      const std::string text = ReadText(Path(path));
-      EXPECT_NO_THROW(read()) << path;
+   for (const auto& [path, mayBeEmpty, read] : readings) {
+      _host = nullptr; // a new provider, which has no file open yet
       Remove(path);
-      _host = nullptr;
-      EXPECT_EQ("Cannot read " + Path(path) + ": No such file or directory", messageOf(read));
+      EXPECT_EQ("Cannot read " + Path(path) + ": No such file or directory", MessageOf(read));
       Write(path, "");
-      const std::string message = messageOf(read);
-      if (i < 5) { // an empty list of disks or NICs, and no memory set aside, are figures too
-         EXPECT_TRUE(message.starts_with("Cannot find ") && message.ends_with(Path(path)))
-            << path << ": " << message;
-      } else {
-         EXPECT_EQ("", message);
-      }
-      Write(path, text);
-      EXPECT_NO_THROW(read()) << path;
+      const std::string message = MessageOf(read);
+      EXPECT_TRUE(mayBeEmpty ? message.empty() : message.ends_with(" in " + Path(path)))
+         << path << ": " << message;
    }
 }
 
@@ -354,26 +330,49 @@ TEST_F(LinuxHostTest, FileOfADeviceThatCameBackIsReadAnew)
    const pid_t child = fork();
    if (child == 0) {
       pause();
-      _exit(0);
    }
-   fs::create_symlink(Format("/proc/%1/stat", child), Path("stat"));
-   LinuxHost::KernelFile file(Path("stat"));
-   EXPECT_TRUE(file.Read().starts_with(std::to_string(child) + " "));
+   const std::string ofChild = Format("/proc/%1/stat", child);
+   fs::create_symlink(ofChild, Path("stat"));
+   LinuxHost::KernelFile gone(ofChild);
+   LinuxHost::KernelFile back(Path("stat"));
+   EXPECT_TRUE(gone.Read().starts_with(std::to_string(child) + " "));
+   EXPECT_EQ(gone.Read(), back.Read());
    kill(child, SIGKILL);
    waitpid(child, nullptr, 0);
-   EXPECT_FALSE(file.ReadIfPresent());
-   EXPECT_THROW(file.Read(), HostCtlException);
    Remove("stat");
-   Write("stat", std::string(5000, 'x')); // also longer than the first buffer
-   EXPECT_EQ(std::string(5000, 'x'), file.Read());
-   Write("stat", "short");
-   EXPECT_EQ("short", file.Read());
+   Write("stat", std::string(5000, 'x')); // longer than the first buffer, too
+   EXPECT_EQ(std::string(5000, 'x'), back.Read());
+   EXPECT_FALSE(gone.ReadIfPresent());
+   EXPECT_THROW(gone.Read(), HostCtlException);
 }
 
-TEST_F(LinuxHostTest, FiguresOfThisMachineAgreeWithItsFiles)
+TEST_F(LinuxHostTest, FiguresOfThisMachineAreThoseOfItsOtherSources)
 {
-   _root.swap(_rootOfMachine);
-   const auto memory = LinuxHost::ParseMemInfo(ReadText("/proc/meminfo"));
+   _provider = LinuxHost::NewLinuxHostProvider({}, nullptr);
+   _host.reset(_provider->GetHost());
+   EXPECT_EQ(std::min(255L, sysconf(_SC_NPROCESSORS_ONLN)), Cpus()->GetCoreCount());
+   const auto physicalKb = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES) / 1024 *
+                                                 sysconf(_SC_PAGESIZE));
+   EXPECT_NEAR(static_cast<double>(physicalKb), static_cast<double>(PhysicalBytes()) / 1024, 4096);
+   const auto memory = Resources()->GetMemoryStats();
+   EXPECT_GT(memory.freeKb, 0U);
+   EXPECT_LT(memory.freeKb + memory.grantedKb + memory.heapKb, physicalKb);
+
+   timespec sinceBoot{};
+   clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
+   const double uptimeSec = static_cast<double>(Resources()->GetUptimeUs()) / 1e6;
+   EXPECT_NEAR(static_cast<double>(sinceBoot.tv_sec), uptimeSec, 5);
+   for (const auto& cpu : Resources()->GetCpuStats()) {
+      // Steal is in neither, and iowait is only roughly kept.
+      EXPECT_LT(static_cast<double>(cpu.usedUs + cpu.idleUs) / 1e6, uptimeSec * 1.1 + 5);
+   }
+   for (auto* lun : Owned(Host().GetStorageInfo())->GetDiskLuns()) {
+      const auto owned = Owned(lun);
+      uint64_t reads = 0, merges = 0, sectorsLater = 0;
+      std::ifstream(Format("/sys/block/%1/stat", lun->GetScsiName())) >> reads >> merges >>
+         sectorsLater;
+      EXPECT_LE(lun->GetStatistics().blocksRead, sectorsLater) << lun->GetScsiName();
+   }
 }
 
 } // namespace

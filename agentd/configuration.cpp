@@ -1,0 +1,155 @@
+#include "agentd/configuration.h"
+
+#include "corvax/exception.h"
+#include "corvax/format.h"
+#include "corvax/logger.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+namespace Agentd {
+
+namespace {
+
+using Corvax::Format;
+using Corvax::InvalidArgumentException;
+using Corvax::XmlConfig;
+
+constexpr char kDefaultStateDir[] = "/var/lib/quorra/agentd";
+constexpr char kPluginFileName[] = "libmetrix.so";
+
+constexpr char kInterval[] = "plugins/metrix/collectionInterval";
+constexpr char kMockup[] = "plugins/metrix/enableMockup";
+constexpr char kDepotDir[] = "plugins/metrix/depotDir";
+constexpr char kNic[] = "agentd/nics/nic";
+
+enum class ValueKind { TEXT, INTEGER, BOOLEAN, LOG_LEVEL };
+
+struct KeyRule {
+   std::string_view path;
+   ValueKind kind;
+};
+
+constexpr KeyRule kKeyRules[] = {
+   {"agentd/stateDir", ValueKind::TEXT},
+   {"agentd/logLevel", ValueKind::LOG_LEVEL},
+   {"agentd/plugin", ValueKind::TEXT},
+   {kNic, ValueKind::TEXT}, // may stand several times
+   {"plugins/metrix/logLevelTemp", ValueKind::LOG_LEVEL},
+   {kInterval, ValueKind::INTEGER},
+   {kMockup, ValueKind::BOOLEAN},
+   {kDepotDir, ValueKind::TEXT},
+   {"plugins/metrix/depotName", ValueKind::TEXT},
+   {"plugins/metrix/maxStatsPurged", ValueKind::INTEGER},
+};
+
+void CheckValue(const XmlConfig& config, const std::string& where, const XmlConfig::Key& key,
+                ValueKind kind)
+{
+   int32_t integer = 0;
+   bool boolean = false;
+   int level = 0;
+   switch (kind) {
+   case ValueKind::INTEGER:
+      config.Get(key.path, integer);
+      break;
+   case ValueKind::BOOLEAN:
+      config.Get(key.path, boolean);
+      break;
+   case ValueKind::LOG_LEVEL:
+      if (!Corvax::ParseLogLevel(key.value, level)) {
+         throw InvalidArgumentException(
+            Format("%1: '%2' is no log level, as %3 must be; use error, warning, notice, info, "
+                   "debug or 0 to 7",
+                   where, key.value, key.path));
+      }
+      break;
+   case ValueKind::TEXT:
+      if (key.value.empty()) {
+         throw InvalidArgumentException(Format("%1: %2 is empty", where, key.path));
+      }
+      break;
+   }
+}
+
+void CheckKeys(const XmlConfig& config, const std::string& fileName)
+{
+   std::set<std::string> seen;
+   for (const XmlConfig::Key& key : config.GetKeys()) {
+      const std::string where = Format("%1:%2", fileName, key.line);
+      const auto rule = std::ranges::find(kKeyRules, key.path, &KeyRule::path);
+      if (rule == std::end(kKeyRules)) {
+         // A section may stand empty.
+         const bool isSection = std::ranges::any_of(kKeyRules, [&key](const KeyRule& known) {
+            return known.path.starts_with(key.path + "/");
+         });
+         if (isSection && key.value.empty()) {
+            continue;
+         }
+         throw InvalidArgumentException(Format("%1: unknown key %2", where, key.path));
+      }
+      if (!seen.insert(key.path).second && key.path != kNic) {
+         throw InvalidArgumentException(Format("%1: %2 stands a second time", where, key.path));
+      }
+      CheckValue(config, where, key, rule->kind);
+   }
+}
+
+/// Where the plug-in lies beside this program: ../lib from its own folder.
+std::string InstalledPluginFile()
+{
+   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
+   return (program.parent_path().parent_path() / "lib" / kPluginFileName).string();
+}
+
+std::vector<std::string> ReadNics(const XmlConfig& config)
+{
+   std::vector<std::string> elements;
+   std::vector<std::string> nics;
+   config.GetChildren("agentd/nics", "nic", elements);
+   for (const std::string& element : elements) {
+      config.Get("agentd/nics/" + element, nics.emplace_back());
+   }
+   return nics;
+}
+
+} // namespace
+
+Configuration LoadConfiguration(const Options& options)
+{
+   Configuration configuration;
+   XmlConfig& keys = [&]() -> XmlConfig& {
+      Corvax::GetXmlConfig(options.configFile, configuration.keys);
+      return *configuration.keys;
+   }();
+   if (!options.configFile.empty()) {
+      keys.Read();
+      CheckKeys(keys, options.configFile);
+   }
+
+   configuration.stateDir = kDefaultStateDir;
+   configuration.pluginFile = InstalledPluginFile();
+   keys.Get("agentd/stateDir", configuration.stateDir);
+   keys.Get("agentd/logLevel", configuration.logLevel);
+   keys.Get("agentd/plugin", configuration.pluginFile);
+   configuration.nics = ReadNics(keys);
+
+   configuration.stateDir = options.stateDir.value_or(configuration.stateDir);
+   configuration.pluginFile = options.pluginFile.value_or(configuration.pluginFile);
+   // Absolute, because the depot's description holds paths that must serve the next start too.
+   configuration.stateDir = std::filesystem::absolute(configuration.stateDir).lexically_normal();
+   std::string depotDir;
+   if (options.stateDir || !keys.Get(kDepotDir, depotDir)) {
+      keys.Set(kDepotDir, (std::filesystem::path(configuration.stateDir) / "stats" / "").string());
+   }
+   if (options.intervalSec) {
+      keys.Set(kInterval, std::to_string(*options.intervalSec));
+   }
+   if (options.mockup) {
+      keys.Set(kMockup, "true");
+   }
+   return configuration;
+}
+
+} // namespace Agentd

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "agentd/options.h"
+#include "corvax/xmlConfig.h"
+
+#include <string>
+#include <vector>
+
+namespace Agentd {
+
+/// Everything the agent was told, by its configuration file and its command line.
+struct Configuration {
+   Corvax::Ref<Corvax::XmlConfig> keys; ///< what the configuration store serves
+   std::string stateDir;                ///< absolute
+   std::string logLevel;                ///< empty: the default
+   std::string pluginFile;
+   std::vector<std::string> nics;       ///< physical NICs by name; empty: found by the kernel's word
+};
+
+/// Reads and checks the configuration file, if one is given, and puts the command line over it.
+/// Runtime exceptions name file and line of an unknown key, a key that stands twice or a value of
+/// the wrong kind.
+Configuration LoadConfiguration(const Options& options);
+
+} // namespace Agentd

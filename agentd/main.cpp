@@ -1,0 +1,116 @@
+#include "agentd/collectionMonitor.h"
+#include "agentd/configuration.h"
+#include "agentd/options.h"
+#include "agentd/pluginHost.h"
+#include "agentd/stopSignal.h"
+#include "agentd/version.h"
+#include "agentdCommon/wellKnown.h"
+#include "corvax/application.h"
+#include "corvax/exception.h"
+#include "corvax/lockFile.h"
+#include "corvax/system.h"
+#include "hostctl/host.h"
+#include "linuxHost/linuxHostProvider.h"
+#include "linuxHost/linuxResourceMgr.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace Agentd {
+
+namespace {
+
+using Corvax::kLogNotice;
+using Corvax::Ref;
+
+/// The application object for as long as the agent runs.
+class ApplicationScope {
+public:
+   explicit ApplicationScope(const Configuration& configuration)
+   {
+      const Ref<Corvax::LogManager> logManager = Corvax::NewLogManager();
+      if (!configuration.logLevel.empty()) {
+         logManager->SetDefaultLevel(configuration.logLevel);
+      }
+      Corvax::Service::SetApp(
+         Corvax::NewApplication(logManager, Corvax::NewConfigStore(configuration.keys)));
+   }
+   ~ApplicationScope() { Corvax::Service::SetApp(nullptr); }
+   ApplicationScope(const ApplicationScope&) = delete;
+   ApplicationScope& operator=(const ApplicationScope&) = delete;
+};
+
+/// This Linux machine as the source of all figures.
+class LinuxHostScope {
+public:
+   LinuxHostScope(const Configuration& configuration, Corvax::Logger* logger)
+      : _provider(LinuxHost::NewLinuxHostProvider({"", configuration.nics}, logger))
+   {
+      HostCtl::HostFactory::SetProvider(_provider.get());
+      Corvax::Service::GetApp()->GetObjectRegistry()->Register(AgentdCommon::moid_resourcemgr,
+                                                               LinuxHost::NewLinuxResourceMgr());
+   }
+   ~LinuxHostScope() { HostCtl::HostFactory::SetProvider(nullptr); }
+   LinuxHostScope(const LinuxHostScope&) = delete;
+   LinuxHostScope& operator=(const LinuxHostScope&) = delete;
+
+private:
+   const std::unique_ptr<HostCtl::HostProvider> _provider;
+};
+
+void Run(const Options& options, const Configuration& configuration)
+{
+   StopSignal stop;
+   const ApplicationScope application(configuration);
+   const Ref<Corvax::Logger> logger = Corvax::Service::GetApp()->GetLogger("agentd");
+   Corvax::System::GetFactory().CreateDirectory(configuration.stateDir);
+   const Corvax::LockFile stateLock(configuration.stateDir + "/agentd.lock");
+   const LinuxHostScope host(configuration, Corvax::Service::GetApp()->GetLogger("Host").Get());
+
+   CollectionMonitor monitor(logger.Get(), stop, options.runs, options.report);
+   PluginHost plugin(configuration.pluginFile,
+                     [&monitor](const Corvax::TimerRun& run) { monitor.OnRun(run); });
+   plugin.Init();
+   monitor.Start();
+   plugin.Start();
+   logger->Log(kLogNotice, "agentd %1 runs with %2, state in %3", kVersion,
+               plugin.GetNameAndVersion(), configuration.stateDir);
+   while (!stop.Wait(monitor.GetCheckPeriod())) {
+      monitor.CheckSilence();
+   }
+   monitor.Stop();
+   plugin.Stop();
+   logger->Log(kLogNotice, "agentd has stopped");
+}
+
+int Main(int argc, char** argv)
+{
+   Options options;
+   if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
+      return *status;
+   }
+   Corvax::OutOfMemoryException::InstallNewHandler();
+   try {
+      const Configuration configuration = LoadConfiguration(options);
+      if (options.checkConfig) {
+         std::printf("The configuration is good.\n");
+         return EXIT_SUCCESS;
+      }
+      Run(options, configuration);
+      return EXIT_SUCCESS;
+   } catch (const Corvax::Exception& e) {
+      std::fprintf(stderr, "agentd: %s\n", e.what());
+   } catch (const std::exception& e) {
+      std::fprintf(stderr, "agentd: %s\n", e.what());
+   }
+   return kExitFailure;
+}
+
+} // namespace
+
+} // namespace Agentd
+
+int main(int argc, char** argv)
+{
+   return Agentd::Main(argc, argv);
+}
