@@ -1,0 +1,106 @@
+#pragma once
+
+#include "corvax/exception.h"
+#include "corvax/system.h"
+
+#include <cerrno>
+#include <functional>
+
+/// The real file system that fails on command: the operation that `failAt` counts down to fails, or
+/// with `failAll` every one from there on. Writes can be cut short instead of failing.
+class FaultyFiles : public Corvax::SystemFactory {
+public:
+   FaultyFiles() : _real(Corvax::NewPosixFactory()) { Corvax::System::SetFactory(this); }
+   ~FaultyFiles() override { Corvax::System::SetFactory(nullptr); }
+
+   int failAt = 0; ///< 1: the next operation; 0: none
+   bool failAll = false;
+   bool cutWrites = false;
+   int operations = 0;
+
+   Corvax::Ref<Corvax::FileHandle> NewFileHandle() override
+   {
+      return Corvax::MakeRef<Handle>(*this, _real->NewFileHandle());
+   }
+   uint64_t GetFileSize(const std::string& path) override
+   {
+      Step();
+      return _real->GetFileSize(path);
+   }
+   bool Exists(const std::string& path) override { return _real->Exists(path); }
+   void CreateDirectory(const std::string& path) override
+   {
+      Step();
+      _real->CreateDirectory(path);
+   }
+   void Rename(const std::string& from, const std::string& to) override
+   {
+      Step();
+      _real->Rename(from, to);
+   }
+   std::string NewScratchDirectory() override { return _real->NewScratchDirectory(); }
+   void Remove(const std::string& path) override { _real->Remove(path); }
+
+private:
+   bool IsDue()
+   {
+      ++operations;
+      return failAt > 0 && (--failAt == 0 || (failAll && failAt < 0));
+   }
+   void Step()
+   {
+      const bool due = failAll && _failing ? true : IsDue();
+      if (due) {
+         _failing = failAll;
+         throw Corvax::PlatformException("do what the test forbids", ENOSPC);
+      }
+   }
+
+   class Handle : public Corvax::FileHandle, public Corvax::ObjectImpl {
+   public:
+      Handle(FaultyFiles& files, Corvax::Ref<Corvax::FileHandle> real)
+         : _files(files), _real(std::move(real))
+      {
+      }
+      void Open(const std::string& path, uint32_t access, Corvax::FileCreation creation) override
+      {
+         _files.Step();
+         _real->Open(path, access, creation);
+      }
+      bool IsOpen() const override { return _real->IsOpen(); }
+      void Close() override { _real->Close(); }
+      uint64_t GetSize() override
+      {
+         _files.Step();
+         return _real->GetSize();
+      }
+      void Seek(uint64_t offset) override { _real->Seek(offset); }
+      size_t Read(void* buffer, size_t sizeBytes) override
+      {
+         _files.Step();
+         return _real->Read(buffer, sizeBytes);
+      }
+      size_t Write(const void* buffer, size_t sizeBytes) override
+      {
+         if (!_files.cutWrites) {
+            _files.Step();
+            return _real->Write(buffer, sizeBytes);
+         }
+         const bool cut = _files.IsDue() || _files._failing;
+         _files._failing = cut && _files.failAll;
+         return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
+      }
+      void Flush() override
+      {
+         _files.Step();
+         _real->Flush();
+      }
+
+   private:
+      FaultyFiles& _files;
+      const Corvax::Ref<Corvax::FileHandle> _real;
+   };
+
+   const std::unique_ptr<Corvax::SystemFactory> _real;
+   bool _failing = false;
+};

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "corvax/scheduler.h"
+#include "corvax/system.h"
+
+#include <map>
+
+/// A clock that stands until it is moved.
+class ManualClock : public Corvax::Clock {
+public:
+   ManualClock() { Corvax::System::SetClock(this); }
+   ~ManualClock() override { Corvax::System::SetClock(nullptr); }
+
+   int64_t GetTime() override { return nowUs; }
+   void GetCpuTime(int64_t& userUs, int64_t& systemUs) override
+   {
+      userUs = cpuUs;
+      systemUs = 0;
+   }
+   void SetSeconds(int64_t seconds) { nowUs = seconds * 1000000; }
+
+   int64_t nowUs = 0;
+   int64_t cpuUs = 0;
+};
+
+/// The timer facility of the test's thread: items run when the test says so.
+class ManualScheduler : public Corvax::Scheduler, public Corvax::ObjectImpl {
+public:
+   explicit ManualScheduler(ManualClock& clock) : _clock(clock)
+   {
+      Corvax::System::SetThisThread(this);
+   }
+   ~ManualScheduler() override { Corvax::System::SetThisThread(nullptr); }
+
+   Corvax::Ref<Corvax::ScheduledItem> ScheduleOnce(Corvax::Ref<Corvax::Functor<>> functor,
+                                                   int64_t delayUs) override
+   {
+      auto item = Corvax::MakeRef<Item>();
+      item->functor = functor;
+      _items.emplace(_clock.nowUs + delayUs, item);
+      return item;
+   }
+
+   /// Due time of the earliest waiting item, -1 when there is none.
+   int64_t GetDueUs()
+   {
+      std::erase_if(_items, [](const auto& entry) { return !entry.second->functor; });
+      return _items.empty() ? -1 : _items.begin()->first;
+   }
+   size_t GetWaiting()
+   {
+      GetDueUs();
+      return _items.size();
+   }
+
+   /// Moves the clock to the earliest item and calls it.
+   void RunNext()
+   {
+      _clock.nowUs = std::max(_clock.nowUs, GetDueUs());
+      TakeNext()->operator()();
+   }
+   /// The earliest item's functor, as a thread holds it that is about to call it.
+   Corvax::Ref<Corvax::Functor<>> TakeNext()
+   {
+      GetDueUs();
+      const auto item = _items.begin()->second;
+      _items.erase(_items.begin());
+      return std::exchange(item->functor, nullptr);
+   }
+
+private:
+   struct Item : Corvax::ScheduledItem, Corvax::ObjectImpl {
+      bool Cancel() override { return std::exchange(functor, nullptr) != nullptr; }
+      bool IsPending() const override { return static_cast<bool>(functor); }
+      Corvax::Ref<Corvax::Functor<>> functor;
+   };
+
+   ManualClock& _clock;
+   std::multimap<int64_t, Corvax::Ref<Item>> _items;
+};
