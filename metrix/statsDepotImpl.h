@@ -160,6 +160,8 @@ private:
                                  StatType type, int scalingFactor, RollupType rollup, StatId id);
    void PersistIdMappingRemoval(StatId id);
    void SyncIdMap();
+   void TryPersistRemoval(const StatInfo& info);
+   void ForgetStat(const std::string& entityId, const std::string& statName, const StatInfo& info);
    void DeleteStatInt(const std::string& entityId, const std::string& statName);
    void PurgeUnusedStats();
    TimeStamp GetLatestTimeStamp(StatInfo* info) const;

@@ -141,8 +141,8 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
        !std::ranges::all_of(rollups, IsRollupType)) {
       throw Corvax::InvalidArgumentException();
    }
-   Corvax::Ref<StatInfo> existing;
-   const bool existed = GetStatInfo(entityId, statName, existing);
+   Corvax::Ref<StatInfo> info;
+   const bool existed = GetStatInfo(entityId, statName, info);
    try {
       AllocStatId(entityId, statName, type, scalingFactor, ROLLUP_NONE);
       for (const RollupType rollup : rollups) {
@@ -150,15 +150,25 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
       }
    } catch (const Corvax::Exception&) {
       // A stat with a part of its rollups would never get the rest, for it exists.
-      if (!existed) {
-         try {
-            DeleteStatInt(entityId, statName);
-         } catch (const Corvax::Exception& e) {
-            _logger->Log(kLogWarning, "Stat %1 of %2 stays half created: %3", statName, entityId,
-                         e.GetMessage());
-         }
+      if (!existed && GetStatInfo(entityId, statName, info)) {
+         ForgetStat(entityId, statName, *info);
+         TryPersistRemoval(*info);
       }
       throw;
+   }
+}
+
+/// Clears the records of a stat that is no longer registered. Where that fails, they are written
+/// over when their ids are allocated next.
+void StatsDepotImpl::TryPersistRemoval(const StatInfo& info)
+{
+   try {
+      for (const StatId id : info._statIds) {
+         PersistIdMappingRemoval(id);
+      }
+   } catch (const Corvax::Exception& e) {
+      _logger->Log(kLogWarning, "Records of a stat that could not be created stay: %1",
+                   e.GetMessage());
    }
 }
 
@@ -305,14 +315,11 @@ void StatsDepotImpl::DropStatsWithoutRawId()
    }
 }
 
-void StatsDepotImpl::DeleteStatInt(const std::string& entityId, const std::string& statName)
+/// The part of a deletion that happens in memory.
+void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& statName,
+                                const StatInfo& info)
 {
-   Corvax::Ref<StatInfo> info; // holds the stat until its rows are freed
-   if (!GetStatInfo(entityId, statName, info)) {
-      return;
-   }
-   for (const StatId id : info->_statIds) {
-      PersistIdMappingRemoval(id);
+   for (const StatId id : info._statIds) {
       _statInfoMap.erase(id);
       _slotUsageMap->MarkSlotFree(static_cast<int>(id));
    }
@@ -321,6 +328,18 @@ void StatsDepotImpl::DeleteStatInt(const std::string& entityId, const std::strin
    if (entity->second->empty()) {
       _entityMap.erase(entity);
    }
+}
+
+void StatsDepotImpl::DeleteStatInt(const std::string& entityId, const std::string& statName)
+{
+   Corvax::Ref<StatInfo> info; // holds the stat until its rows are freed
+   if (!GetStatInfo(entityId, statName, info)) {
+      return;
+   }
+   for (const StatId id : info->_statIds) {
+      PersistIdMappingRemoval(id);
+   }
+   ForgetStat(entityId, statName, *info);
    for (const auto& interval : *_intervalTable) {
       for (const StatId id : info->_statIds) {
          interval->GetStore().DeleteStat(id);

@@ -166,6 +166,10 @@ void StatsStoreImpl::Load()
    }
    const uint64_t rows = (size - _statVectorPos) / _rowSize;
    _numStats = static_cast<uint32_t>(std::min<uint64_t>(rows, UINT32_MAX));
+   if ((size - _statVectorPos) % _rowSize != 0) {
+      _logger->Log(Corvax::kLogWarning, "StatsStore %1 ends with a part of a row, which is ignored",
+                   _fileName);
+   }
    ReadTimeStamps();
    FindColumnsInUse();
 }

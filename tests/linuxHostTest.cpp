@@ -223,12 +223,18 @@ TEST_F(LinuxHostTest, DisksAreFollowedWhileTheyComeAndGo)
    EXPECT_EQ("loop0:1/0/1/0/1/0 ", Disks());
 
    Write("sys/block/loop0/size", "0\n");
-   Write("proc/diskstats", loop);
+   Write("sys/block/dm-0/size", "0\n");
    EXPECT_EQ("", Disks());
+   Remove("sys/block/dm-0/slaves");
+   Write("sys/block/dm-0/size", "8\n");
+   EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "made anew, of no other disk";
 
    MakeDirectory("sys/block/sda");
+   EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "a name's kind is looked up once";
+   Write("proc/diskstats", loop);
+   EXPECT_EQ("", Disks());
    Write("proc/diskstats", loop + disk);
-   EXPECT_EQ("sda:1/0/1/0/1/0 ", Disks()) << "the name is looked up anew after it was gone";
+   EXPECT_EQ("sda:1/0/1/0/1/0 ", Disks()) << "and anew after it was gone";
 }
 
 constexpr char kThreeInterfaces[] = "lo: 9 9 0 0 0 0 0 0 9 9\n"

@@ -25,6 +25,14 @@ public:
       return static_cast<int>(std::ranges::count_if(
          _lines, [&text](const std::string& line) { return line.find(text) != line.npos; }));
    }
+   /// Lines of that level.
+   int CountLevel(int level) const
+   {
+      const std::lock_guard guard(_mutex);
+      return static_cast<int>(std::ranges::count_if(_lines, [level](const std::string& line) {
+         return line.starts_with(std::to_string(level) + " ");
+      }));
+   }
    void Clear() { _lines.clear(); }
 
 private:

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <functional>
 
-/// The real file system that fails on command: the operation that `failAt` counts down to fails, or
-/// with `failAll` every one from there on. Writes can be cut short instead of failing.
+/// The real file system that fails on command: the operation that `failAt` counts down to fails, and
+/// with `failAll` every one from there on. With `cutWrites` only writes count, and come out short.
 class FaultyFiles : public Corvax::SystemFactory {
 public:
    FaultyFiles() : _real(Corvax::NewPosixFactory()) { Corvax::System::SetFactory(this); }
@@ -16,7 +16,13 @@ public:
    int failAt = 0; ///< 1: the next operation; 0: none
    bool failAll = false;
    bool cutWrites = false;
-   int operations = 0;
+
+   /// From now on nothing fails.
+   void Recover()
+   {
+      failAt = 0;
+      _failing = false;
+   }
 
    Corvax::Ref<Corvax::FileHandle> NewFileHandle() override
    {
@@ -44,14 +50,13 @@ public:
 private:
    bool IsDue()
    {
-      ++operations;
-      return failAt > 0 && (--failAt == 0 || (failAll && failAt < 0));
+      const bool due = _failing || (failAt > 0 && --failAt == 0);
+      _failing = due && failAll;
+      return due;
    }
    void Step()
    {
-      const bool due = failAll && _failing ? true : IsDue();
-      if (due) {
-         _failing = failAll;
+      if (!cutWrites && IsDue()) {
          throw Corvax::PlatformException("do what the test forbids", ENOSPC);
       }
    }
@@ -82,12 +87,8 @@ private:
       }
       size_t Write(const void* buffer, size_t sizeBytes) override
       {
-         if (!_files.cutWrites) {
-            _files.Step();
-            return _real->Write(buffer, sizeBytes);
-         }
-         const bool cut = _files.IsDue() || _files._failing;
-         _files._failing = cut && _files.failAll;
+         _files.Step();
+         const bool cut = _files.cutWrites && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
       }
       void Flush() override

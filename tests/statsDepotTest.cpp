@@ -1,0 +1,491 @@
+#include "metrix/statsDepot.h"
+
+#include "corvax/exception.h"
+#include "metrix/selfTest.h"
+#include "metrix/statsDepotImpl.h"
+#include "tests/fakes/captureLogger.h"
+#include "tests/fakes/faultyFiles.h"
+#include "tests/fakes/scratch.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace Metrix;
+using Corvax::InvalidArgumentException;
+
+const std::vector<StatsDepot::RollupType> kAverageMax = {StatsDepot::ROLLUP_AVERAGE,
+                                                         StatsDepot::ROLLUP_MAX};
+
+class StatsDepotTest : public testing::Test {
+protected:
+   void Open(int maxStatsPurged = 1000)
+   {
+      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), maxStatsPurged, _depot);
+   }
+   void Create(std::vector<std::pair<int, unsigned>> intervals = {{20, 180}, {300, 432}})
+   {
+      Open();
+      _depot->Create();
+      for (const auto& [period, samples] : intervals) {
+         _depot->AddInterval("every" + std::to_string(period), period, samples);
+      }
+   }
+   void Reload()
+   {
+      Open();
+      _depot->Load();
+   }
+   void AddStat(const std::string& name,
+                StatsDepot::StatType type = StatsDepot::STATTYPE_ABSOLUTE,
+                std::vector<StatsDepot::RollupType> rollups = kAverageMax)
+   {
+      _depot->CreateStat("e", name, type, 1, rollups);
+   }
+   StatVal Read(const std::string& stat, TimeStamp ts, const std::string& interval = "",
+                StatsDepot::RollupType rollup = StatsDepot::ROLLUP_NONE)
+   {
+      return _depot->GetSample("e", stat, ts, interval, rollup);
+   }
+   std::vector<std::string> Names()
+   {
+      std::vector<std::string> names;
+      _depot->GetAvailableStatNames("e", 0, 0, names);
+      return names;
+   }
+   static std::string Record(const std::string& entity, const std::string& stat,
+                             const std::string& numbers)
+   {
+      return entity + std::string(256 - entity.size(), '\0') + stat +
+             std::string(256 - stat.size(), '\0') + FromHex(numbers);
+   }
+
+   const Scratch _scratch;
+   const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
+   Corvax::Ref<StatsDepot> _depot;
+};
+
+TEST_F(StatsDepotTest, IntervalsAreAddedFinestFirst)
+{
+   Create({{20, 180}, {300, 432}, {1800, 10}});
+   const struct {
+      std::string name;
+      int period;
+      unsigned samples;
+      const char* logged;
+   } refused[] = {
+      {"finer", 10, 5, "sampling period 10 is not a multiple of existing interval 20"},
+      {"between", 600, 5, "sampling period 600 is not a multiple of existing interval 1800"},
+      {"no multiple", 2000, 5, "sampling period 2000 is not a multiple of existing interval 1800"},
+      {"twice", 1800, 5, "Sampling period 1800 already exists"},
+      {"every20", 3600, 5, nullptr},
+      {"", 3600, 5, nullptr},
+      {"none", 0, 5, nullptr},
+      {"none", 3600, 0, nullptr},
+      {"vast", 3600, 4000000000U, nullptr},
+   };
+   for (const auto& r : refused) {
+      _logger->Clear();
+      EXPECT_THROW(_depot->AddInterval(r.name, r.period, r.samples), InvalidArgumentException);
+      EXPECT_EQ(_logger->Count("3 AddInterval failed : "), r.logged ? 1 : 0) << r.period;
+      EXPECT_TRUE(!r.logged || _logger->Count(r.logged) == 1) << r.logged;
+   }
+   Reload();
+   Corvax::RefVector<StatsDepotInterval> intervals;
+   _depot->GetIntervals(intervals);
+   ASSERT_EQ(intervals.size(), 3u);
+   EXPECT_EQ(intervals[2]->name, "every1800");
+   EXPECT_EQ(intervals[2]->numSamples, 10);
+   EXPECT_FALSE(std::ifstream(_scratch.Path() + "d-3600.stats").good());
+}
+
+TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsLaidDown)
+{
+   Create({{20, 3}});
+   EXPECT_EQ(_scratch.Read("d.xml"), "<?xml version=\"1.0\"?>\n"
+                                     "<config>\n"
+                                     "  <intervals>\n"
+                                     "    <interval>\n"
+                                     "      <name>every20</name>\n"
+                                     "      <storeName>" + _scratch.Path() + "d-20.stats</storeName>\n"
+                                     "      <samplingPeriod>20</samplingPeriod>\n"
+                                     "      <numSamples>3</numSamples>\n"
+                                     "    </interval>\n"
+                                     "  </intervals>\n"
+                                     "</config>\n");
+   _depot->CreateStat("e", "one", StatsDepot::STATTYPE_RATE, -2, kAverageMax);
+   _depot->CreateStat("e", "two", StatsDepot::STATTYPE_DELTA, 1, {StatsDepot::ROLLUP_SUM});
+   EXPECT_EQ(_logger->Count("7 Added statId 2 for e-one-2"), 1);
+   EXPECT_EQ(_scratch.Read("d.idMap"), Record("e", "one", "00000000 02000000 feffffff") +
+                                          Record("e", "one", "01000000 02000000 feffffff") +
+                                          Record("e", "one", "02000000 02000000 feffffff") +
+                                          Record("e", "two", "00000000 01000000 01000000") +
+                                          Record("e", "two", "05000000 01000000 01000000"));
+   _depot->DeleteStat("e", "one");
+   _depot->CreateStat("e", "three", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
+   EXPECT_EQ(_scratch.Read("d.idMap").substr(0, 3 * 524),
+             Record("e", "three", "00000000 00000000 01000000") +
+                Record("", "one", "01000000 02000000 feffffff") +
+                Record("", "one", "02000000 02000000 feffffff"));
+}
+
+TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsWhatTheyLeaveBehind)
+{
+   Create();
+   _scratch.Write("d.idMap", Record("e", "whole", "00000000 00000000 01000000") +
+                                Record("e", "twice", "00000000 00000000 01000000") +
+                                Record("e", "twice", "00000000 00000000 01000000") +
+                                Record("e", "rollup", "06000000 00000000 01000000") +
+                                Record("e", "type", "00000000 03000000 01000000") +
+                                Record("e", "rawless", "01000000 00000000 01000000") +
+                                Record(std::string(256, 'n'), std::string(256, 'n'),
+                                       "00000000 00000000 01000000") +
+                                "partial");
+   Reload();
+   EXPECT_EQ(_logger->Count("4 StatsDepot idmap file might be corrupted.File size is not a multiple"),
+             1);
+   EXPECT_EQ(_logger->Count("5 StatId 2 for e-twice is a duplicate"), 1);
+   EXPECT_EQ(_logger->Count("damaged record at 3"), 1);
+   EXPECT_EQ(_logger->Count("damaged record at 4"), 1);
+   EXPECT_EQ(_logger->Count("Stat rawless of e has lost its raw series"), 1);
+   auto names = Names();
+   std::ranges::sort(names);
+   EXPECT_EQ(names, (std::vector<std::string>{"twice", "whole"}));
+   _depot->GetAvailableStatNames(std::string(256, 'n'), 0, 0, names);
+   EXPECT_EQ(names.size(), 1u);
+   AddStat("new", StatsDepot::STATTYPE_ABSOLUTE, {});
+   EXPECT_EQ(_scratch.Read("d.idMap").substr(2 * 524, 1), "e"); // the duplicate's slot was free
+}
+
+TEST_F(StatsDepotTest, LoadMakesADamagedStoreAfreshButNoForeignFile)
+{
+   Create({{20, 3}, {300, 5}});
+   _scratch.Write("d-20.stats", FromHex("04000000 14000000 ff*32"));
+   Reload();
+   EXPECT_EQ(_logger->Count("3 Number of samples 4 in StatsStore doesnt match expectedValue 3"), 1);
+   EXPECT_EQ(_logger->Count("3 Error in loading interval every20: Number of samples in store doesnt "
+                            "match expected value"),
+             1);
+   EXPECT_EQ(_scratch.Read("d-20.stats"), FromHex("03000000 14000000 ff*24"));
+
+   std::string description = _scratch.Read("d.xml");
+   const std::string own = "d-20.stats";
+   description.replace(description.find(own), own.size(), "foreign.txt");
+   _scratch.Write("d.xml", description);
+   _scratch.Write("foreign.txt", "somebody's text");
+   EXPECT_THROW(Reload(), Corvax::FileFormatException);
+   EXPECT_EQ(_logger->Count("3 Invalid interval information for interval interval[0]"), 1);
+   EXPECT_EQ(_scratch.Read("foreign.txt"), "somebody's text");
+}
+
+TEST_F(StatsDepotTest, LoadRefusesADescriptionThatSaysTooLittle)
+{
+   Create();
+   const std::string description = _scratch.Read("d.xml");
+   const std::pair<std::string, std::string> cases[] = {
+      {"<config/>", "File Format Exception: Couldnot find any interval infromation in depot file"},
+      {"<config><intervals><interval><name>n</name></interval></intervals></config>",
+       "File Format Exception: Invalid interval information for interval interval[0]"},
+      {"<other/>", "the root element is not \"config\""},
+      {description.substr(0, description.size() / 2), "not well-formed XML"},
+      {"", "not well-formed XML"},
+      {std::string(4000, '\xee'), "not well-formed XML"},
+   };
+   for (const auto& [text, message] : cases) {
+      _scratch.Write("d.xml", text);
+      try {
+         Reload();
+         ADD_FAILURE() << text;
+      } catch (const Corvax::Exception& e) {
+         EXPECT_NE(e.GetMessage().find(message), std::string::npos) << e.GetMessage();
+      }
+   }
+}
+
+TEST_F(StatsDepotTest, RefusesBadArgumentsAndUseBeforeItIsOpen)
+{
+   Open();
+   EXPECT_THROW(AddStat("s"), Corvax::AssertionException);
+   EXPECT_THROW(_depot->AddInterval("i", 20, 3), Corvax::AssertionException);
+   EXPECT_THROW(_depot->AddSample("e", "s", 1, 1, 0), Corvax::AssertionException);
+   EXPECT_THROW(_depot->GetLatestTimeStamp(), Corvax::AssertionException);
+   _depot->Create();
+   EXPECT_EQ(_depot->GetLatestTimeStamp(), kUnset);
+   Create();
+   EXPECT_THROW(AddStat(""), InvalidArgumentException);
+   EXPECT_THROW(_depot->CreateStat("", "s", StatsDepot::STATTYPE_RATE, 1, {}),
+                InvalidArgumentException);
+   EXPECT_THROW(AddStat("s", static_cast<StatsDepot::StatType>(3)), InvalidArgumentException);
+   EXPECT_THROW(AddStat("s", StatsDepot::STATTYPE_RATE, {static_cast<StatsDepot::RollupType>(6)}),
+                InvalidArgumentException);
+   EXPECT_THROW(AddStat(std::string(256, 's')), Corvax::AssertionException);
+   EXPECT_TRUE(Names().empty());
+   AddStat(std::string(255, 's'));
+   EXPECT_THROW(_depot->AddSample("e", "s", kUnset, 1, 0), InvalidArgumentException);
+   EXPECT_THROW(Read(std::string(255, 's'), 1, "no such interval"), InvalidArgumentException);
+   EXPECT_EQ(_logger->Count("3 Interval no such interval not found"), 1);
+   // A second creation is the caller's error and leaves the first whole.
+   EXPECT_THROW(AddStat(std::string(255, 's')), Corvax::AssertionException);
+   EXPECT_TRUE(_depot->AddSample("e", std::string(255, 's'), 20, 1, 0));
+}
+
+TEST_F(StatsDepotTest, ReadingsBecomeValuesByType)
+{
+   Create();
+   AddStat("level");
+   AddStat("growth", StatsDepot::STATTYPE_DELTA);
+   AddStat("speed", StatsDepot::STATTYPE_RATE);
+   const struct {
+      TimeStamp ts;
+      StatVal reading;
+      StatVal level, growth, speed;
+   } steps[] = {
+      {1000, 100, 50, kUnset, kUnset}, {1020, 160, 50, 50, 3},  {1045, 150, 50, kUnset, kUnset},
+      {1061, 170, 50, 20, 1},          {1101, 190, 50, kUnset, kUnset}, {1120, 20, 20, kUnset, kUnset},
+      {1140, 20, 20, 0, 0},
+   };
+   for (const auto& step : steps) {
+      for (const std::string stat : {"level", "growth", "speed"}) {
+         ASSERT_TRUE(_depot->AddSample("e", stat, step.ts, step.reading, 50));
+      }
+      const TimeStamp aligned = step.ts / 20 * 20;
+      EXPECT_EQ(Read("level", aligned), step.level) << step.ts;
+      EXPECT_EQ(Read("growth", aligned), step.growth) << step.ts;
+      EXPECT_EQ(Read("speed", aligned), step.speed) << step.ts;
+   }
+   TimeStamp ts = 0;
+   EXPECT_EQ(_depot->GetRawSample("e", "growth", ts), 20u);
+   EXPECT_EQ(ts, 1140u);
+   Reload();
+   EXPECT_EQ(_depot->GetRawSample("e", "growth", ts), kUnset);
+   EXPECT_EQ(ts, kUnset);
+}
+
+TEST_F(StatsDepotTest, RollupFunctionsPassOverAbsentSamples)
+{
+   using Impl = StatsDepotImpl;
+   const std::vector<StatVal> run = {kUnset, 10, kUnset, 21, 5, kUnset};
+   EXPECT_EQ(Impl::CalculateAverage(run), 12u);
+   EXPECT_EQ(Impl::CalculateMax(run), 21u);
+   EXPECT_EQ(Impl::CalculateMin(run), 5u);
+   EXPECT_EQ(Impl::CalculateLast(run), 5u);
+   EXPECT_EQ(Impl::CalculateSum(run), 36u);
+   for (const auto& function : Impl::_rollupFunctions) {
+      EXPECT_EQ(function({kUnset, kUnset}), kUnset);
+      EXPECT_EQ(function({}), kUnset);
+   }
+}
+
+TEST_F(StatsDepotTest, FirstRollupEndsAtTheFirstCoarseBoundary)
+{
+   Create();
+   AddStat("s");
+   for (TimeStamp ts = 1000; ts <= 1320; ts += 20) {
+      _depot->AddSample("e", "s", ts, ts, 0);
+   }
+   EXPECT_EQ(Read("s", 1200, "every300", StatsDepot::ROLLUP_AVERAGE), 1100u);
+   EXPECT_EQ(Read("s", 1200, "every300", StatsDepot::ROLLUP_MAX), 1200u);
+   EXPECT_EQ(Read("s", 1500, "every300", StatsDepot::ROLLUP_MAX), kUnset);
+}
+
+TEST_F(StatsDepotTest, CatchUpAfterALongPauseFillsOnlyWhatTheCoarseIntervalHolds)
+{
+   Create({{20, 1000}, {300, 4}});
+   AddStat("first", StatsDepot::STATTYPE_ABSOLUTE, {});
+   AddStat("second");
+   for (const TimeStamp ts : {1000, 1400, 1700, 5000, 9000, 9499, 9799}) {
+      _depot->AddSample("e", "first", ts, 1, 0);
+      _depot->AddSample("e", "second", ts, ts, 0);
+   }
+   EXPECT_EQ(_logger->Count("5 Applying correction "), 2);
+   std::vector<StatVal> values;
+   std::vector<TimeStamp> times;
+   _depot->GetSamples("e", "second", kUnset, kUnset, values, &times, "every300",
+                      StatsDepot::ROLLUP_MAX);
+   EXPECT_EQ(times, (std::vector<TimeStamp>{8700, 9000, 9300, 9600}));
+   EXPECT_EQ(values, (std::vector<StatVal>{kUnset, 9000, kUnset, 9480 + 19}));
+}
+
+TEST_F(StatsDepotTest, RollsUpWhereTheSearchForTheLastUsedSlotGivesNone)
+{
+   Create({{10, 6}, {30, 3}});
+   AddStat("lowest", StatsDepot::STATTYPE_ABSOLUTE, {});
+   _depot->AddSample("e", "lowest", 1000, 1, 0);
+   _depot->AddSample("e", "lowest", 1030, 1, 0); // the search ends at slot 0
+   AddStat("other");
+   _depot->DeleteStat("e", "lowest"); // slot 0 is free now, and the search starts there
+   for (TimeStamp ts = 1040; ts <= 1100; ts += 10) {
+      _depot->AddSample("e", "other", ts, ts, 0);
+   }
+   EXPECT_EQ(Read("other", 1050, "every30", StatsDepot::ROLLUP_MAX), 1050u);
+   EXPECT_EQ(_logger->CountLevel(3), 0);
+}
+
+TEST_F(StatsDepotTest, DeletionFreesRecordsSlotsAndRows)
+{
+   Create({{10, 3}, {30, 3}});
+   AddStat("kept");
+   AddStat("gone");
+   for (TimeStamp ts = 1000; ts <= 1040; ts += 10) {
+      _depot->AddSample("e", "kept", ts, 1, 0);
+      _depot->AddSample("e", "gone", ts, 7, 0);
+   }
+   _depot->DeleteStat("e", "gone");
+   _depot->DeleteStat("e", "never was");
+   const size_t fineRow = 8 + 3 * 8 + 3 * 36;
+   EXPECT_EQ(_scratch.Read("d-10.stats").substr(fineRow, 4), std::string(4, '\0'));
+   EXPECT_EQ(_scratch.Read("d-30.stats").substr(fineRow + 36, 4), std::string(4, '\0'));
+   EXPECT_FALSE(_depot->AddSample("e", "gone", 1050, 7, 0));
+   _depot->DeleteEntityStats("nobody");
+   _depot->DeleteEntityStats("e");
+   EXPECT_TRUE(Names().empty());
+   for (size_t record = 0; record < 6; ++record) {
+      EXPECT_EQ(_scratch.Read("d.idMap").substr(record * 524, 256), std::string(256, '\0'));
+   }
+}
+
+TEST_F(StatsDepotTest, NewStatNeverShowsWhatACrashLeftInItsRow)
+{
+   Create({{10, 3}, {30, 3}});
+   AddStat("old");
+   _depot->AddSample("e", "old", 1000, 7, 0);
+   // The record is gone, the row is not: as when the process ended between the two.
+   _scratch.Write("d.idMap", std::string(3 * 524, '\0'));
+   Reload();
+   AddStat("new");
+   EXPECT_EQ(Read("new", 1000), kUnset);
+   _depot->AddSample("e", "new", 1010, 1, 0);
+   EXPECT_EQ(Read("new", 1000), kUnset);
+
+   _scratch.Write("d.idMap", "");
+   Reload();
+   EXPECT_EQ(_logger->Count("4 StatsDepot idmap file"), 1);
+}
+
+TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataAndKeepsToItsLimit)
+{
+   Create({{10, 3}, {30, 2}});
+   for (int i = 0; i < 5; ++i) {
+      AddStat("stale" + std::to_string(i));
+      _depot->AddSample("e", "stale" + std::to_string(i), 1000, 1, 0);
+   }
+   AddStat("fresh");
+   Open(2);
+   _depot->Load();
+   AddStat("never sampled");
+   size_t left = 7;
+   for (TimeStamp ts = 1010; ts <= 1300; ts += 10) {
+      _depot->AddSample("e", "fresh", ts, ts, 0);
+      EXPECT_LE(left - Names().size(), 2u);
+      left = Names().size();
+   }
+   EXPECT_EQ(Names(), (std::vector<std::string>{"fresh"}));
+   EXPECT_EQ(_logger->Count("6 Purging 2 stats"), 3);
+   EXPECT_EQ(_logger->Count("6 Purge done"), 3);
+}
+
+TEST_F(StatsDepotTest, SelfTestOfAScratchDepotHolds)
+{
+   EXPECT_NO_THROW(TestScratchDepot(_logger.Get()));
+   // It notices a file system that loses a write.
+   FaultyFiles files;
+   files.failAt = 200;
+   files.cutWrites = true;
+   EXPECT_THROW(TestScratchDepot(_logger.Get()), Corvax::Exception);
+}
+
+/// Every file operation in turn fails, once or for a while, whole or as a short write.
+class FaultTest : public testing::TestWithParam<std::pair<bool, bool>> {
+protected:
+   static constexpr TimeStamp kStart = 1200;
+   static constexpr int kStats = 3;
+
+   void Rebuild()
+   {
+      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot);
+      _depot->Create();
+      _depot->AddInterval("fine", 10, 12);
+      _depot->AddInterval("coarse", 30, 4);
+   }
+   void Collect(TimeStamp ts)
+   {
+      for (int i = 0; i < kStats; ++i) {
+         const std::string name = "s" + std::to_string(i);
+         if (!_depot->AddSample("e", name, ts, ts + static_cast<StatVal>(i), 0)) {
+            _depot->CreateStat("e", name, StatsDepot::STATTYPE_ABSOLUTE, 1, kAverageMax);
+            _depot->AddSample("e", name, ts, ts + static_cast<StatVal>(i), 0);
+         }
+      }
+   }
+   template <class Action>
+   bool Try(Action action)
+   {
+      try {
+         action();
+         return true;
+      } catch (const Corvax::Exception&) {
+         return false;
+      }
+   }
+
+   const Scratch _scratch;
+   const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
+   Corvax::Ref<StatsDepot> _depot;
+};
+
+TEST_P(FaultTest, DepotGoesOnAfterAnyFailedFileOperation)
+{
+   const auto& [failAll, cutWrites] = GetParam();
+   int failures = 0;
+   for (int failAt = 1;; ++failAt) {
+      SCOPED_TRACE(failAt);
+      FaultyFiles files;
+      files.failAt = failAt;
+      files.cutWrites = cutWrites;
+      files.failAll = failAll;
+      bool built = Try([this] { Rebuild(); });
+      int failed = built ? 0 : 1;
+      TimeStamp ts = kStart;
+      const auto collect = [&](int runs) {
+         for (; runs > 0; --runs, ts += 10) {
+            built = built || Try([this] { Rebuild(); });
+            failed += built && Try([&] { Collect(ts); }) ? 0 : 1;
+         }
+      };
+      collect(10);
+      files.Recover();
+      collect(20);
+      if (failed == 0) {
+         break; // that many operations are not made
+      }
+      ++failures;
+      ASSERT_TRUE(built);
+      if (!failAll) {
+         EXPECT_LE(failed, 1);
+      }
+      // What was acknowledged since is there, in the running depot and after loading it.
+      for (int opened = 0; opened < 2; ++opened) {
+         for (TimeStamp t = ts - 60; t < ts; t += 10) {
+            for (int i = 0; i < kStats; ++i) {
+               ASSERT_EQ(_depot->GetSample("e", "s" + std::to_string(i), t, "",
+                                           StatsDepot::ROLLUP_NONE),
+                         t + static_cast<StatVal>(i));
+            }
+         }
+         ASSERT_EQ(_depot->GetSample("e", "s2", 1410, "coarse", StatsDepot::ROLLUP_AVERAGE), 1402u);
+         GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot);
+         _depot->Load();
+      }
+   }
+   EXPECT_GT(failures, 50);
+}
+
+INSTANTIATE_TEST_SUITE_P(, FaultTest,
+                         testing::Values(std::pair(false, false), std::pair(false, true),
+                                         std::pair(true, false), std::pair(true, true)),
+                         [](const auto& test) {
+                            return std::string(test.param.first ? "ForAWhile" : "Once") +
+                                   (test.param.second ? "ShortWrite" : "Error");
+                         });
+
+} // namespace
