@@ -1,0 +1,477 @@
+#include "corvax/exception.h"
+#include "metrix/hykStatsCollector.h"
+#include "metrix/mockupStatsCollector.h"
+#include "agentdCommon/messages.h"
+#include "tests/fakes/fakeAgent.h"
+#include "tests/fakes/fakeHost.h"
+#include "tests/fakes/fakeServices.h"
+#include "tests/fakes/manualTime.h"
+#include "tests/fakes/scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <set>
+#include <thread>
+
+namespace {
+
+using namespace Metrix;
+using Corvax::MakeRef;
+using Corvax::Ref;
+
+class CollectorTest : public testing::Test {
+protected:
+   CollectorTest()
+   {
+      GetStatsDepot(_scratch.Path(), "d", _agent.logger.Get(), 1000, _depot);
+      _depot->Create();
+      _depot->AddInterval("fine", 20, 180);
+      _clock.SetSeconds(1000007);
+   }
+
+   std::set<std::string> Names(const std::string& entity)
+   {
+      std::vector<std::string> names;
+      _depot->GetAvailableStatNames(entity, 0, 0, names);
+      return {names.begin(), names.end()};
+   }
+   StatVal Raw(const std::string& entity, const std::string& stat)
+   {
+      TimeStamp ts = 0;
+      return _depot->GetRawSample(entity, stat, ts);
+   }
+
+   const Scratch _scratch;
+   FakeAgent _agent;
+   ManualClock _clock;
+   ManualScheduler _scheduler{_clock};
+   Ref<StatsDepot> _depot;
+   const Ref<StatsMetadata> _metadata = MakeRef<StatsMetadata>();
+};
+
+/// A collector that does what the test puts into `collect`.
+class ScriptedCollector : public BaseStatsCollector {
+public:
+   using BaseStatsCollector::AddSample;
+   using BaseStatsCollector::BaseStatsCollector;
+
+   std::function<void(int64_t ts)> collect = [](int64_t) {};
+   int started = 0;
+   int stopped = 0;
+
+protected:
+   void CollectStats(int64_t ts) override { collect(ts); }
+   void StartInt() override { ++started; }
+   void StopInt() override { ++stopped; }
+};
+
+class ScheduleTest : public CollectorTest {
+protected:
+   const Ref<ScriptedCollector> _collector = MakeRef<ScriptedCollector>(
+      _agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
+};
+
+TEST_F(ScheduleTest, RunsFallOnWallClockMultiplesAndSkipWhatTheyOverrun)
+{
+   std::vector<int64_t> runs;
+   int64_t runTakesUs = 30000;
+   _collector->collect = [&](int64_t ts) {
+      runs.push_back(ts);
+      _clock.nowUs += runTakesUs;
+   };
+   _clock.nowUs = 1000007600000; // within a second: the boundary itself is meant
+   _collector->Start();
+   _scheduler.RunNext();
+   EXPECT_EQ(_scheduler.GetDueUs(), 1000040000000);
+   runTakesUs = 25000000;
+   _scheduler.RunNext(); // ends at :65
+   runTakesUs = 20000000;
+   _scheduler.RunNext(); // starts at :80 and ends exactly at 100
+   _scheduler.RunNext();
+   EXPECT_EQ(runs, (std::vector<int64_t>{1000020, 1000040, 1000080, 1000120}));
+   _collector->SetCollectionInterval(50); // the run that is scheduled keeps its time
+   EXPECT_EQ(_scheduler.GetDueUs(), 1000160000000);
+   _scheduler.RunNext();
+   EXPECT_EQ(_scheduler.GetDueUs(), 1000200000000);
+   EXPECT_THROW(_collector->SetCollectionInterval(0), Corvax::InvalidArgumentException);
+   _collector->Stop();
+}
+
+TEST_F(ScheduleTest, StartAndStopLeaveNoRunOrOneRunPending)
+{
+   _collector->Start();
+   _collector->Start();
+   EXPECT_EQ(_scheduler.GetWaiting(), 1u);
+   EXPECT_EQ(_collector->started, 2);
+   _collector->Stop();
+   EXPECT_EQ(_scheduler.GetWaiting(), 0u);
+   _collector->Stop();
+
+   // Stopped during a run: the run ends and schedules nothing.
+   _collector->collect = [this](int64_t) { _collector->Stop(); };
+   _collector->Start();
+   _scheduler.RunNext();
+   EXPECT_EQ(_scheduler.GetWaiting(), 0u);
+
+   // A run that was on its way while the collector was stopped and started again.
+   _collector->collect = [](int64_t) {};
+   _collector->Start();
+   const auto late = _scheduler.TakeNext();
+   _collector->Stop();
+   _collector->Start();
+   (*late)();
+   EXPECT_EQ(_scheduler.GetWaiting(), 1u);
+   _collector->Stop();
+}
+
+TEST_F(ScheduleTest, FailedFlushKeepsWhatWasWrittenAndTheNextRunStartsEmpty)
+{
+   _collector->collect = [this](int64_t ts) {
+      const auto time = static_cast<TimeStamp>(ts);
+      _collector->AddSample("e", 0x10008, time, 5, "", 0);
+      _collector->AddSample("e", 0x10008, time, 6, "x", 0);
+      if (time == 1000020) {
+         _collector->AddSample("e", 0x7FFF, time, 7, "", 0);
+         _collector->AddSample("e", 0x1000C, time, 8, "", 0);
+      }
+   };
+   _collector->Start();
+   _scheduler.RunNext();
+   EXPECT_EQ(_agent.logger->Count("3 Failed to add sample to statsDepot : "), 1);
+   EXPECT_EQ(Names("e"), (std::set<std::string>{"mem-active", "mem-active#x"}));
+   EXPECT_EQ(Raw("e", "mem-active"), 5u);
+   EXPECT_FALSE(_depot->IsLocked());
+   _scheduler.RunNext();
+   EXPECT_EQ(_agent.logger->CountLevel(3), 1);
+
+   _collector->collect = [](int64_t) { throw std::runtime_error("of another family"); };
+   EXPECT_THROW(_scheduler.RunNext(), std::runtime_error);
+   EXPECT_FALSE(_collector->IsLocked());
+   EXPECT_EQ(_scheduler.GetWaiting(), 0u); // a failed run is not scheduled again ...
+   _collector->Start();                    // ... until the next start
+   EXPECT_EQ(_scheduler.GetWaiting(), 1u);
+   _collector->Stop();
+}
+
+TEST_F(ScheduleTest, AccountsItsShareOfOneCpuSinceTheFirstStart)
+{
+   _collector->Start();
+   const double before = BaseStatsCollector::UpdateCpuTime(0, _clock.nowUs + 50000000);
+   const double after = BaseStatsCollector::UpdateCpuTime(5000000, _clock.nowUs + 50000000);
+   EXPECT_GE(after, before + 5.0); // 5 s of CPU in at least 50 s, whoever started first
+   EXPECT_EQ(BaseStatsCollector::UpdateCpuTime(0, 0), 0.0);
+   _collector->Stop();
+}
+
+TEST_F(CollectorTest, MockupGivesTheFixedSetOfHostFigures)
+{
+   const auto collector = MakeRef<MockupStatsCollector>(_agent.logger.Get(), _metadata.Get(),
+                                                        _depot.Get(), 20);
+   collector->Start();
+   _scheduler.RunNext();
+   EXPECT_EQ(Names("ha-host").size(), 24u);
+   const auto stored = [this] {
+      int count = 0;
+      for (const std::string& name : Names("ha-host")) {
+         count += _depot->GetSample("ha-host", name, 1000020 + (_scheduler.GetDueUs() > 1000040000000 ? 20 : 0),
+                                    "", StatsDepot::ROLLUP_NONE) == 0
+                     ? 1
+                     : 0;
+      }
+      return count;
+   };
+   EXPECT_EQ(stored(), 22); // the two rates need a second reading
+   _scheduler.RunNext();
+   EXPECT_EQ(stored(), 24);
+   EXPECT_TRUE(Names("ha-host").contains("cpu-usage#0"));
+   EXPECT_TRUE(Names("ha-host").contains("rescpu-runav15"));
+   EXPECT_FALSE(Names("ha-host").contains("rescpu-runpk1"));
+   EXPECT_EQ(_agent.logger->CountLevel(3), 0);
+   collector->Stop();
+}
+
+class KernelCollectorTest : public CollectorTest {
+protected:
+   KernelCollectorTest()
+   {
+      _agent.Register(AgentdCommon::moid_resourcemgr, _resourceMgr);
+      _agent.Register(AgentdCommon::moid_guestsvc, _guestsvc);
+      _host.cpus = {{200000, 1000}, {0, 0}, {0, 0}, {0, 999999}};
+   }
+   ~KernelCollectorTest() override { _collector->Stop(); }
+
+   void Run()
+   {
+      if (_scheduler.GetWaiting() == 0) {
+         _collector->Start();
+      }
+      _scheduler.RunNext();
+   }
+   Ref<FakeVm> AddVm(const std::string& id)
+   {
+      auto vm = MakeRef<FakeVm>(id);
+      vm->config->hardware.memoryMb = 1024;
+      vm->runtime->powerState = Quen::Vm::PowerState::POWERED_ON;
+      _guestsvc->poweredOn.push_back(vm);
+      _agent.Register(id, vm);
+      _resourceMgr->cpu[id] = {40000};
+      _resourceMgr->vcpus[id] = {{4000000, 5000, 6000, 7000, 8000, 9, 60000000}, {8000000}};
+      _resourceMgr->memory[id] = {1, 2, 3, 4, 5, 6, 7};
+      _resourceMgr->swap[id] = {8, 9, 10};
+      _resourceMgr->client[id] = {100, 262144, 30, 13};
+      return vm;
+   }
+   void Expect(const std::string& entity, const std::vector<std::pair<std::string, StatVal>>& figures)
+   {
+      for (const auto& [stat, value] : figures) {
+         EXPECT_EQ(Raw(entity, stat), value) << entity << " " << stat;
+      }
+   }
+
+   FakeHost _host;
+   const Ref<FakeResourceMgr> _resourceMgr = MakeRef<FakeResourceMgr>();
+   const Ref<FakeGuestsvc> _guestsvc = MakeRef<FakeGuestsvc>();
+   const Ref<HykStatsCollector> _collector = MakeRef<HykStatsCollector>(
+      _agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
+};
+
+TEST_F(KernelCollectorTest, HostFiguresFollowTheirArithmetic)
+{
+   _host.capacity = {11, 12};
+   _host.physicalBytes = 4096U << 10;
+   _host.memory = {1024, 2, 3, 4, 5, 6, 7, 8, 9, 10, 1, 12, 13, 14, 15, 16};
+   _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}, {"sdb", {2, 0, 1, 0, 1, 0, 0}, {}}};
+   _host.nics = {{"eth0", true, {5000, 4096, 3, 2}}, {"eth1", false, {}}};
+   Run();
+   Expect("ha-host",
+          {{"cpu-usage#0", 2000}, {"cpu-usage#1", 0}, {"cpu-usage", 500}, {"cpu-used#0", 200},
+           {"cpu-idle#3", 999}, {"cpu-usagemhz", 400}, {"sys-uptime", 90},
+           {"cpu-reservedCapacity", 11}, {"mem-reservedCapacity", 12}, {"mem-usage", 7500},
+           {"mem-consumed", 3072}, {"mem-granted", 2}, {"mem-active", 3}, {"mem-shared", 4},
+           {"mem-zero", 5}, {"mem-unreserved", 6}, {"mem-swapused", 7}, {"mem-sharedcommon", 8},
+           {"mem-heap", 9}, {"mem-heapfree", 10}, {"mem-state", 1}, {"mem-vmmemctl", 12},
+           {"mem-overhead", 13}, {"mem-swapin", 14}, {"mem-swapout", 15}, {"mem-sysUsage", 16},
+           {"disk-read#sda", 4}, {"disk-write#sda", 2}, {"disk-numberRead#sda", 1},
+           {"disk-numberWrite#sda", 2}, {"disk-commands#sda", 3}, {"disk-commandsAborted#sda", 5},
+           {"disk-busResets#sda", 6}, {"disk-usage", 7}, {"net-received#eth0", 4},
+           {"net-transmitted#eth0", 4}, {"net-packetsRx#eth0", 3}, {"net-packetsTx#eth0", 2},
+           {"net-usage", 8}});
+   EXPECT_EQ(Names("ha-host").size(), 12u + 3 + 17 + 7 * 2 + 1 + 2 + 5);
+   EXPECT_EQ(_agent.logger->CountLevel(3), 0);
+}
+
+TEST_F(KernelCollectorTest, CapacityFiguresDoNotOverflow)
+{
+   _host.speedHz = 4000000000;
+   const uint64_t tenYearsUs = 315360000000000;
+   _host.cpus.assign(255, {tenYearsUs, 0});
+   _host.memory.freeKb = 99999; // more than the cache knows of
+   Run();
+   Expect("ha-host", {{"cpu-usagemhz", tenYearsUs / 1000000 * 1020000}, {"cpu-usage", tenYearsUs / 100},
+                      {"mem-consumed", 0}, {"mem-usage", 0}});
+}
+
+TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
+{
+   Run();
+   for (const std::string& name : Names("ha-host")) {
+      EXPECT_FALSE(name.starts_with("disk-") || name.starts_with("net-")) << name;
+   }
+   _host.nics = {{"eth1", false, {}}};
+   Run();
+   EXPECT_EQ(Raw("ha-host", "net-usage"), 0u);
+}
+
+TEST_F(KernelCollectorTest, FailuresOfTheKernelEndThePassAndKeepWhatWasTaken)
+{
+   _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}};
+   const auto fail = [this](const std::string& failing, auto exception) {
+      _host.before = [failing, exception](const std::string& operation) {
+         if (operation == failing) {
+            throw exception;
+         }
+      };
+   };
+   fail("GetDiskLuns", HostCtl::Lib::HostCtlException("no luns"));
+   Run();
+   EXPECT_EQ(_agent.logger->Count("6 HostCtl Exception during call to GetDiskLuns: no luns"), 1);
+   EXPECT_TRUE(Names("ha-host").contains("mem-active"));
+   EXPECT_FALSE(Names("ha-host").contains("disk-usage"));
+
+   _depot->DeleteEntityStats("ha-host");
+   fail("GetMemoryStats", HostCtl::Lib::HostCtlException("no memory"));
+   Run();
+   EXPECT_EQ(_agent.logger->Count("3 HostCtl Exception during stats collection: no memory"), 1);
+   EXPECT_TRUE(Names("ha-host").contains("cpu-usage"));
+   EXPECT_FALSE(Names("ha-host").contains("mem-active"));
+   fail("GetMemoryStats", Corvax::Exception("of the runtime"));
+   Run();
+   EXPECT_EQ(_agent.logger->Count("3 Error in Statistics collection: of the runtime"), 1);
+   fail("GetHost", 42);
+   Run();
+   EXPECT_EQ(_agent.logger->Count("3 Unknown exception during stats collection"), 1);
+   _host.before = [](const std::string&) {};
+   Run();
+   EXPECT_TRUE(Names("ha-host").contains("disk-usage"));
+}
+
+TEST_F(KernelCollectorTest, HostWithoutCpusIsAskedAgain)
+{
+   const auto cpus = std::exchange(_host.cpus, {});
+   Run();
+   EXPECT_EQ(_agent.logger->Count("3 The host reports no CPU"), 1);
+   _host.cpus = cpus;
+   Run();
+   EXPECT_EQ(Raw("ha-host", "cpu-usage"), 500u);
+}
+
+TEST_F(KernelCollectorTest, VirtualMachinesAreSampledUnderTheirLock)
+{
+   const auto vm = AddVm("vm1");
+   AddVm("vm0")->available = false;
+   AddVm("gone");
+   _agent.Unregister("gone");
+   vm->AddCard(4000, true, true);
+   vm->AddCard(4001, true, false);
+   vm->AddCard(4002, false, true);
+   vm->AddCard(4003, true, true); // no port
+   _host.ports[4000] = {2048, 1024, 3, 4};
+   vm->worldId = 77;
+   _host.disks = {{"sda", {}, {{77, {8, 2, 1, 1, 2, 0, 0}}, {-1, {9, 9, 9, 9, 9, 9, 9}}}},
+                  {"sdb", {}, {{77, {4, 0, 1, 0, 1, 0, 0}}}}};
+   Run();
+   Expect("vm1", {{"sys-heartbeat", 7}, {"cpu-usagemhz#0", 8000}, {"cpu-system#0", 5},
+                  {"cpu-wait#0", 6}, {"cpu-ready#0", 7}, {"cpu-extra#0", 8}, {"cpu-guaranteed#0", 9},
+                  {"cpu-used#1", 8000}, {"sys-uptime", 60}, {"cpu-usage", 200}, {"cpu-usagemhz", 80},
+                  {"mem-usage", 2500}, {"mem-consumed", 70}, {"mem-granted", 100},
+                  {"mem-active", 262144}, {"mem-shared", 3}, {"mem-zero", 4}, {"mem-swapped", 5},
+                  {"mem-swaptarget", 8}, {"mem-swapin", 9}, {"mem-swapout", 10},
+                  {"mem-vmmemctl", 6}, {"mem-vmmemctltarget", 13}, {"mem-overhead", 7},
+                  {"net-received#4000", 2}, {"net-transmitted#4000", 1}, {"net-packetsRx#4000", 3},
+                  {"net-packetsTx#4000", 4}, {"net-usage", 3}, {"disk-read#sda", 4},
+                  {"disk-write#sda", 1}, {"disk-read#sdb", 2}, {"disk-usage", 7}});
+   EXPECT_EQ(Names("vm1").size(), 2u + 7 * 2 + 2 + 13 + 5 + 7 * 2 + 1);
+   EXPECT_TRUE(Names("vm0").empty());
+   EXPECT_TRUE(Names("gone").empty());
+   EXPECT_EQ(_agent.logger->CountLevel(3), 0);
+}
+
+TEST_F(KernelCollectorTest, MissingFiguresOfAVirtualMachineCostOnlyThemselves)
+{
+   const auto vm = AddVm("vm1");
+   _resourceMgr->swap.clear();
+   _resourceMgr->vcpus.clear();
+   vm->AddCard(1, true, true);
+   _host.before = [](const std::string& operation) {
+      if (operation == "GetPort") {
+         throw HostCtl::Lib::HostCtlException("no port");
+      }
+   };
+   AddVm("vm2")->config->hardware.memoryMb = 0;
+   _resourceMgr->client["vm2"].savedBySharingKb = 1000;
+   Run();
+   EXPECT_EQ(Names("vm1"), (std::set<std::string>{"sys-heartbeat"}));
+   EXPECT_EQ(_agent.logger->Count("7 Unable to collect memory stats for Vm vm1"), 1);
+   EXPECT_EQ(_agent.logger->Count(
+                "5 HostCtl Exception during network stats collection for vm vm1 : no port"),
+             1);
+   _resourceMgr->swap["vm2"] = {};
+   Run();
+   EXPECT_EQ(Raw("vm2", "mem-consumed"), 0u);
+   EXPECT_FALSE(Names("vm2").contains("mem-usage"));
+}
+
+TEST_F(KernelCollectorTest, PoolsGroupsAndLoadAreWalkedFromTheirRoots)
+{
+   const auto root = MakeRef<FakePool>("root");
+   const auto child = MakeRef<FakePool>("child");
+   const auto lost = MakeRef<FakePool>("lost");
+   const auto below = MakeRef<FakePool>("below lost");
+   root->AddChild(lost);
+   root->AddChild(child);
+   lost->AddChild(below);
+   for (const auto& pool : {root, child, below}) {
+      _agent.Register(pool->moRef->GetId(), pool);
+      _resourceMgr->cpu[pool->moRef->GetId()] = {4000000};
+   }
+   _resourceMgr->memory["child"] = {1, 2, 3, 4, 5, 6, 7};
+   auto system = MakeRef<Quen::Host::SystemResourceInfo>();
+   system->key = "host";
+   system->child = MakeRef<Plexa::DataArray<Quen::Host::SystemResourceInfo>>();
+   auto drivers = MakeRef<Quen::Host::SystemResourceInfo>();
+   drivers->key = "host/drivers";
+   system->child->Append(drivers);
+   _resourceMgr->systemRoot = system;
+   _resourceMgr->cpu["host/drivers"] = {500000000};
+   HostCtl::Resource::CpuLoadHistory load{{37, 38, 39, 40, 41}, {42, 43, 44, 45, 46},
+                                          {47, 48, 49, 50, 51}, 60, 6000};
+   _host.load = &load;
+   Run();
+   Expect("root", {{"cpu-usagemhz", 8000}});
+   Expect("child", {{"cpu-usagemhz", 8000}, {"mem-granted", 1}, {"mem-active", 2}, {"mem-shared", 3},
+                    {"mem-zero", 4}, {"mem-swapped", 5}, {"mem-vmmemctl", 6}, {"mem-overhead", 7}});
+   EXPECT_TRUE(Names("below lost").empty());
+   Expect("ha-host",
+          {{"sys-resourceCpuUsage#host/drivers", 1000000}, {"rescpu-actav1", 3700},
+           {"rescpu-actpk1", 3800}, {"rescpu-runav1", 3900}, {"rescpu-runpk1", 4000},
+           {"rescpu-maxLimited1", 4100}, {"rescpu-actav5", 4200}, {"rescpu-actpk5", 4300},
+           {"rescpu-runav5", 4400}, {"rescpu-runpk5", 4500}, {"rescpu-maxLimited5", 4600},
+           {"rescpu-actav15", 4700}, {"rescpu-actpk15", 4800}, {"rescpu-runav15", 4900},
+           {"rescpu-runpk15", 5000}, {"rescpu-maxLimited15", 5100}, {"rescpu-sampleCount", 60},
+           {"rescpu-samplePeriod", 6000}});
+   EXPECT_FALSE(Names("ha-host").contains("sys-resourceCpuUsage#host"));
+}
+
+TEST_F(KernelCollectorTest, FollowsTheInventoryThroughItsChannels)
+{
+   Run();
+   const auto vm = AddVm("vm1");
+   const auto power = [&](Quen::Vm::PowerState state) {
+      vm->runtime->powerState = state;
+      _agent.Publish("/vm/runtime/powerop/vm1", MakeRef<Guestsvc::VmPowerOpMsg>(vm->moRef, 1, 2));
+   };
+   power(Quen::Vm::PowerState::POWERED_ON);
+   EXPECT_EQ(_agent.logger->Count("7 Received notification 1 2"), 1);
+   Run();
+   EXPECT_FALSE(Names("vm1").empty());
+   power(Quen::Vm::PowerState::SUSPENDED);
+   EXPECT_EQ(_agent.logger->Count("6 Removing vm vm1 from poweredOnVms list"), 1);
+   TimeStamp before = 0;
+   _depot->GetRawSample("vm1", "mem-active", before);
+   Run();
+   TimeStamp after = 0;
+   _depot->GetRawSample("vm1", "mem-active", after);
+   EXPECT_EQ(before, after);
+
+   _agent.Publish("/vm/unregister/vm1", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("vm1"));
+   EXPECT_FALSE(Names("vm1").empty()); // the wrong kind of message
+   _agent.Publish("/vm/unregister/vm1", MakeRef<Guestsvc::VmUnregisterMsg>(vm->moRef));
+   EXPECT_TRUE(Names("vm1").empty());
+   _depot->CreateStat("pool", "s", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
+   _agent.Publish("/resourcePool/destroyed", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>(""));
+   _agent.Publish("/resourcePool/destroyed", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("pool"));
+   EXPECT_TRUE(Names("pool").empty());
+   EXPECT_EQ(_agent.logger->Count("6 EntityRemovedListener: Deleting stats for entity"), 2);
+
+   _collector->Stop();
+   power(Quen::Vm::PowerState::POWERED_ON);
+   EXPECT_EQ(_agent.logger->Count("Received notification"), 2); // not while stopped
+   Run();                                                       // the list is read again
+   EXPECT_FALSE(Names("vm1").empty());
+}
+
+TEST_F(KernelCollectorTest, GoesOnWithoutTheVirtualMachineService)
+{
+   _agent.Unregister(AgentdCommon::moid_guestsvc);
+   Run();
+   EXPECT_EQ(_agent.logger->Count("4 Unable to lookup guestsvc object. Failed to populate powered on "
+                                  "VMs list"),
+             1);
+   EXPECT_TRUE(Names("ha-host").contains("mem-active"));
+   _agent.Unregister(AgentdCommon::moid_resourcemgr);
+   Run();
+   EXPECT_EQ(_agent.logger->Count("3 Error in Statistics collection: "), 1);
+}
+
+} // namespace
