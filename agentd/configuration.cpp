@@ -24,7 +24,7 @@ constexpr char kMockup[] = "plugins/metrix/enableMockup";
 constexpr char kDepotDir[] = "plugins/metrix/depotDir";
 constexpr char kNic[] = "agentd/nics/nic";
 
-enum class ValueKind { TEXT, INTEGER, BOOLEAN, LOG_LEVEL };
+enum class ValueKind { TEXT, DIRECTORY, INTEGER, BOOLEAN, LOG_LEVEL };
 
 struct KeyRule {
    std::string_view path;
@@ -39,7 +39,7 @@ constexpr KeyRule kKeyRules[] = {
    {"plugins/metrix/logLevelTemp", ValueKind::LOG_LEVEL},
    {kInterval, ValueKind::INTEGER},
    {kMockup, ValueKind::BOOLEAN},
-   {kDepotDir, ValueKind::TEXT},
+   {kDepotDir, ValueKind::DIRECTORY},
    {"plugins/metrix/depotName", ValueKind::TEXT},
    {"plugins/metrix/maxStatsPurged", ValueKind::INTEGER},
 };
@@ -63,6 +63,14 @@ void CheckValue(const XmlConfig& config, const std::string& where, const XmlConf
             Format("%1: '%2' is no log level, as %3 must be; use error, warning, notice, info, "
                    "debug or 0 to 7",
                    where, key.value, key.path));
+      }
+      break;
+   case ValueKind::DIRECTORY:
+      // File names are put right behind it, and kept in the depot for later starts.
+      if (!key.value.starts_with('/') || !key.value.ends_with('/')) {
+         throw InvalidArgumentException(
+            Format("%1: '%2' does not start and end with \"/\", as %3 must", where, key.value,
+                   key.path));
       }
       break;
    case ValueKind::TEXT:

@@ -100,7 +100,8 @@ std::string ReadFile(const std::string& fileName)
 void XmlConfigImpl::Read()
 {
    _text = ReadFile(_fileName);
-   const pugi::xml_parse_result result = _document.load_buffer(_text.data(), _text.size());
+   pugi::xml_document document;
+   const pugi::xml_parse_result result = document.load_buffer(_text.data(), _text.size());
    if (result.status == pugi::status_out_of_memory) {
       throw OutOfMemoryException();
    }
@@ -109,9 +110,10 @@ void XmlConfigImpl::Read()
          Format("%1:%2: not well-formed XML: %3", _fileName, LineAt(result.offset),
                 result.description()));
    }
-   if (!_document.child(kRoot)) {
+   if (!document.child(kRoot)) {
       throw FileFormatException(Format("%1: the root element is not \"%2\"", _fileName, kRoot));
    }
+   _document = std::move(document);
 }
 
 struct StringWriter : pugi::xml_writer {

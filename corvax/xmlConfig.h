@@ -25,7 +25,7 @@ public:
       int line; ///< 0 where the key was set since the file was read
    };
 
-   /// Replaces the tree by the file's.
+   /// Replaces the tree by the file's; after a failure it is as it was.
    virtual void Read() = 0;
    /// Writes the whole tree; a reader sees either the old file or the new one.
    virtual void Save() = 0;

@@ -249,6 +249,7 @@ void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp t
 
 void HykStatsCollector::StartInt()
 {
+   StopInt(); // a second start takes the place of the first
    Corvax::Application* const app = Corvax::Service::GetApp();
    _vmPowerStateListener = app->Subscribe(
       Guestsvc::MQ_VMEVENT_POWEROP, MakeFunctor(this, &HykStatsCollector::VmPowerStateListener));

@@ -85,6 +85,7 @@ void PerformanceManagerImpl::LoadStatsDepot()
    config->Get("depotName", name);
    config->Get("maxStatsPurged", maxStatsPurged);
    if (LoadExistingDepot(directory, name, maxStatsPurged)) {
+      AddMissingInterval();
       return;
    }
 
@@ -93,8 +94,16 @@ void PerformanceManagerImpl::LoadStatsDepot()
    _statsDepot->Create();
    _statsDepot->AddInterval(kRealTimeName, _collectionInterval,
                             static_cast<unsigned>(kRealTimeSpan / _collectionInterval));
-   // Where samples come every 300 seconds the finest interval is the historical one already.
-   if (_collectionInterval != kHistoricalPeriod) {
+   AddMissingInterval();
+}
+
+/// Adds the historical interval to a depot without one: a new one, or one whose making was cut off
+/// by the process's end. Where samples come every 300 seconds, the finest interval is it already.
+void PerformanceManagerImpl::AddMissingInterval()
+{
+   Corvax::RefVector<StatsDepotInterval> intervals;
+   _statsDepot->GetIntervals(intervals);
+   if (intervals.size() == 1 && _collectionInterval != kHistoricalPeriod) {
       _statsDepot->AddInterval(kHistoricalName, kHistoricalPeriod, kHistoricalSamples);
    }
 }
@@ -300,6 +309,9 @@ void PerformanceManagerImpl::GetHostCpuMemUsage(Long& cpuUsageMhz, Long& memCons
 void PerformanceManagerImpl::GetVmCpuMemUsage(Plexa::MoRef* vm, Long& cpuUsageMhz,
                                               Long& memConsumedKB, Long& memActiveKB)
 {
+   if (vm == nullptr) {
+      throw InvalidArgument();
+   }
    const Corvax::Locker lock(_statsDepot.Get());
    const std::string& entity = vm->GetId();
    const std::string& instance = StatsMetadata::AggregateInstanceId;

@@ -17,8 +17,8 @@ int64_t FindIntervalBoundary(int64_t reference, int64_t time, int64_t interval);
 
 /// The performance manager: owns catalogue, depot and collector, and answers the management API.
 ///
-/// Locking: operations that read the depot hold its lock for their whole duration; those that tell
-/// what was fixed at construction take none.
+/// Locking: operations that read the depot, and QueryCounter, hold the depot's lock for their whole
+/// duration; the others tell what was fixed at construction and take none.
 class PerformanceManagerImpl : public virtual AgentdCommon::HaPerformanceManager,
                                public AgentdCommon::AuthEntityBaseImpl {
 public:
@@ -64,6 +64,7 @@ private:
    void LoadStatsDepot();
    bool LoadExistingDepot(const std::string& directory, const std::string& name,
                           int maxStatsPurged);
+   void AddMissingInterval();
    bool HasFutureTimeStamps() const;
    bool HasConfiguredInterval() const;
    static void ValidateEntityType(Plexa::MoRef* entity);

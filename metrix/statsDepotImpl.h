@@ -151,6 +151,9 @@ private:
                     RollupType rollup) const;
    StatId AllocStatId(const std::string& entityId, const std::string& statName, StatType type,
                       int scalingFactor, RollupType rollup);
+   StatId AllocSlot();
+   void AddNewIdMapping(const std::string& entityId, const std::string& statName, StatType type,
+                        int scalingFactor, RollupType rollup, StatId id);
    void LoadIdMapping();
    bool LoadIdRecord(const std::byte* record, StatId id);
    void DropStatsWithoutRawId();

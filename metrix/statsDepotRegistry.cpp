@@ -144,10 +144,17 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
    Corvax::Ref<StatInfo> info;
    const bool existed = GetStatInfo(entityId, statName, info);
    try {
-      AllocStatId(entityId, statName, type, scalingFactor, ROLLUP_NONE);
+      // The raw id is the first, but its record is written last: a stat whose creation was cut off
+      // by the process's end has no raw series, and is given up when the depot is loaded.
+      const StatId rawId = AllocSlot();
+      if (existed) {
+         PersistIdMappingAddition(entityId, statName, type, scalingFactor, ROLLUP_NONE, rawId);
+      }
+      AddNewIdMapping(entityId, statName, type, scalingFactor, ROLLUP_NONE, rawId);
       for (const RollupType rollup : rollups) {
          AllocStatId(entityId, statName, type, scalingFactor, rollup);
       }
+      PersistIdMappingAddition(entityId, statName, type, scalingFactor, ROLLUP_NONE, rawId);
    } catch (const Corvax::Exception&) {
       // A stat with a part of its rollups would never get the rest, for it exists.
       if (!existed && GetStatInfo(entityId, statName, info)) {
@@ -175,15 +182,28 @@ void StatsDepotImpl::TryPersistRemoval(const StatInfo& info)
 StatId StatsDepotImpl::AllocStatId(const std::string& entityId, const std::string& statName,
                                    StatType type, int scalingFactor, RollupType rollup)
 {
+   const StatId id = AllocSlot();
+   PersistIdMappingAddition(entityId, statName, type, scalingFactor, rollup, id);
+   AddNewIdMapping(entityId, statName, type, scalingFactor, rollup, id);
+   return id;
+}
+
+/// The lowest free slot, with no row of it in use anywhere; it is marked used by AddIdMapping.
+StatId StatsDepotImpl::AllocSlot()
+{
    const auto id = static_cast<StatId>(_slotUsageMap->FindFirstFreeSlot());
    // A row that a crash left behind must not show its samples under the new name.
    for (const auto& interval : *_intervalTable) {
       interval->GetStore().DeleteStat(id);
    }
-   PersistIdMappingAddition(entityId, statName, type, scalingFactor, rollup, id);
+   return id;
+}
+
+void StatsDepotImpl::AddNewIdMapping(const std::string& entityId, const std::string& statName,
+                                     StatType type, int scalingFactor, RollupType rollup, StatId id)
+{
    Assert(AddIdMapping(entityId, statName, type, scalingFactor, rollup, id),
           "a stat has each rollup once");
-   return id;
 }
 
 bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string& statName,

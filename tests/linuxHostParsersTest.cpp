@@ -115,9 +115,9 @@ TEST(ProcParsersTest, TextsGiveTheseFigures)
 // text or overflows is caught.
 TEST(ProcParsersTest, DamagedTextsAreTaken)
 {
-   const char* const given = std::getenv("METRIX_TEST_SEED");
+   const char* const given = std::getenv("METRIX_SEED");
    const auto seed = given ? static_cast<uint32_t>(std::stoul(given)) : std::random_device{}();
-   SCOPED_TRACE(Format("METRIX_TEST_SEED=%1", seed));
+   SCOPED_TRACE(Format("METRIX_SEED=%1", seed));
    std::mt19937 random(seed);
    constexpr std::string_view kBytes("\n\n :-,.09ax\0\xff", 13);
    for (int round = 0; round < 20000; ++round) {

@@ -394,18 +394,36 @@ TEST_F(StatsDepotTest, SelfTestOfAScratchDepotHolds)
    EXPECT_THROW(TestScratchDepot(_logger.Get()), Corvax::Exception);
 }
 
-/// Every file operation in turn fails, once or for a while, whole or as a short write.
-class FaultTest : public testing::TestWithParam<std::pair<bool, bool>> {
+/// What happens when a file operation fails.
+struct Fault {
+   const char* name;
+   bool lasts;
+   bool cutsWrites;
+   bool endsProcess; ///< the depot is not used again, but opened anew
+};
+
+/// Every file operation in turn fails.
+class FaultTest : public testing::TestWithParam<Fault> {
 protected:
    static constexpr TimeStamp kStart = 1200;
    static constexpr int kStats = 3;
 
    void Rebuild()
    {
-      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot);
+      GetStatsDepot(_scratch.Path() + "d/", "d", _logger.Get(), 1000, _depot);
       _depot->Create();
       _depot->AddInterval("fine", 10, 12);
       _depot->AddInterval("coarse", 30, 4);
+   }
+   void Reopen()
+   {
+      GetStatsDepot(_scratch.Path() + "d/", "d", _logger.Get(), 1000, _depot);
+      _depot->Load();
+      Corvax::RefVector<StatsDepotInterval> intervals;
+      _depot->GetIntervals(intervals);
+      if (intervals.size() < 2) {
+         Rebuild();
+      }
    }
    void Collect(TimeStamp ts)
    {
@@ -423,11 +441,13 @@ protected:
       try {
          action();
          return true;
-      } catch (const Corvax::Exception&) {
+      } catch (const Corvax::Exception& e) {
+         _lastFailure = e.GetMessage();
          return false;
       }
    }
 
+   std::string _lastFailure;
    const Scratch _scratch;
    const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
    Corvax::Ref<StatsDepot> _depot;
@@ -435,34 +455,43 @@ protected:
 
 TEST_P(FaultTest, DepotGoesOnAfterAnyFailedFileOperation)
 {
-   const auto& [failAll, cutWrites] = GetParam();
+   const Fault& fault = GetParam();
    int failures = 0;
    for (int failAt = 1;; ++failAt) {
       SCOPED_TRACE(failAt);
+      Corvax::System::GetFactory().Remove(_scratch.Path() + "d");
       FaultyFiles files;
       files.failAt = failAt;
-      files.cutWrites = cutWrites;
-      files.failAll = failAll;
+      files.cutWrites = fault.cutsWrites;
+      files.failAll = fault.lasts;
       bool built = Try([this] { Rebuild(); });
       int failed = built ? 0 : 1;
       TimeStamp ts = kStart;
       const auto collect = [&](int runs) {
          for (; runs > 0; --runs, ts += 10) {
+            if (fault.endsProcess && failed > 0) {
+               continue;
+            }
             built = built || Try([this] { Rebuild(); });
             failed += built && Try([&] { Collect(ts); }) ? 0 : 1;
          }
       };
       collect(10);
       files.Recover();
+      const int failedBefore = failed;
+      if (fault.endsProcess) {
+         built = Try([this] { Reopen(); });
+         failed = 0;
+      }
       collect(20);
+      ASSERT_EQ(failed, fault.endsProcess ? 0 : failedBefore) << _lastFailure;
+      failed = failedBefore;
       if (failed == 0) {
          break; // that many operations are not made
       }
       ++failures;
       ASSERT_TRUE(built);
-      if (!failAll) {
-         EXPECT_LE(failed, 1);
-      }
+      EXPECT_TRUE(fault.lasts || failed <= 1);
       // What was acknowledged since is there, in the running depot and after loading it.
       for (int opened = 0; opened < 2; ++opened) {
          for (TimeStamp t = ts - 60; t < ts; t += 10) {
@@ -473,19 +502,19 @@ TEST_P(FaultTest, DepotGoesOnAfterAnyFailedFileOperation)
             }
          }
          ASSERT_EQ(_depot->GetSample("e", "s2", 1410, "coarse", StatsDepot::ROLLUP_AVERAGE), 1402u);
-         GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot);
-         _depot->Load();
+         Reopen();
       }
    }
    EXPECT_GT(failures, 50);
 }
 
 INSTANTIATE_TEST_SUITE_P(, FaultTest,
-                         testing::Values(std::pair(false, false), std::pair(false, true),
-                                         std::pair(true, false), std::pair(true, true)),
-                         [](const auto& test) {
-                            return std::string(test.param.first ? "ForAWhile" : "Once") +
-                                   (test.param.second ? "ShortWrite" : "Error");
-                         });
+                         testing::Values(Fault{"OneError", false, false, false},
+                                         Fault{"OneShortWrite", false, true, false},
+                                         Fault{"LastingError", true, false, false},
+                                         Fault{"LastingShortWrite", true, true, false},
+                                         Fault{"ProcessEnds", true, false, true},
+                                         Fault{"ProcessEndsInAWrite", true, true, true}),
+                         [](const auto& test) { return std::string(test.param.name); });
 
 } // namespace

@@ -88,7 +88,8 @@ private:
       size_t Write(const void* buffer, size_t sizeBytes) override
       {
          _files.Step();
-         const bool cut = _files.cutWrites && _files.IsDue();
+         // Up to eight bytes, within one page, go whole or not at all.
+         const bool cut = _files.cutWrites && sizeBytes > 8 && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
       }
       void Flush() override

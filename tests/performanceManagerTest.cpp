@@ -1,0 +1,354 @@
+#include "metrix/performanceManagerImpl.h"
+
+#include "corvax/exception.h"
+#include "metrix/metrix.h"
+#include "plexa/fault.h"
+#include "quen/inventory.h"
+#include "tests/fakes/fakeAgent.h"
+#include "tests/fakes/manualTime.h"
+#include "tests/fakes/scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <set>
+
+namespace {
+
+using namespace Metrix;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using Quen::PerformanceManager;
+using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
+using NotImplemented = Plexa::Fault::NotImplemented::Exception;
+
+TEST(StatsMetadataTest, ExpandsItsTableIntoCountersAndStats)
+{
+   StatsMetadata metadata;
+   Ref<Plexa::DataArray<PerformanceManager::CounterInfo>> counters;
+   metadata.GetAllCounters(counters);
+   EXPECT_EQ(counters->GetSize(), 136u);
+   EXPECT_EQ(StatsMetadata::numAgentdStatsInfo, 64);
+
+   const std::set<std::string> groups = {"cpu", "mem", "disk", "net", "sys", "rescpu"};
+   std::set<std::string> statNames;
+   std::map<int32_t, std::string> lines;
+   int composites = 0;
+   for (const auto& counter : *counters) {
+      lines[counter->key] = Corvax::Format(
+         "%1 %2 %3 %4 %5 %6\n", counter->key, counter->groupInfo->key, counter->nameInfo->key,
+         counter->unitInfo->key, counter->statsType, counter->rollupType);
+      composites += metadata.IsCompositeCounter(counter->key) ? 1 : 0;
+      EXPECT_TRUE(groups.contains(counter->groupInfo->key));
+      std::string statName;
+      ASSERT_TRUE(metadata.GetStatName(counter->key, statName));
+      statNames.insert(statName);
+      // The way from a counter to its rollup and back ends where it began, and the two numberings
+      // name the same thing.
+      const StatsMetadata::StatsDepotData* const data = metadata.GetStatsDepotData(statName + "#x");
+      ASSERT_NE(data, nullptr);
+      StatsDepot::RollupType rollup{};
+      ASSERT_TRUE(data->GetRollup(counter->key, rollup));
+      StatsMetadata::CounterId back = -1;
+      ASSERT_TRUE(data->GetCounterId(rollup, back));
+      EXPECT_EQ(back, counter->key);
+      const std::map<int, StatsDepot::RollupType> inDepot = {
+         {PerformanceManager::CounterInfo::average, StatsDepot::ROLLUP_AVERAGE},
+         {PerformanceManager::CounterInfo::maximum, StatsDepot::ROLLUP_MAX},
+         {PerformanceManager::CounterInfo::minimum, StatsDepot::ROLLUP_MIN},
+         {PerformanceManager::CounterInfo::latest, StatsDepot::ROLLUP_LAST},
+         {PerformanceManager::CounterInfo::summation, StatsDepot::ROLLUP_SUM},
+         {PerformanceManager::CounterInfo::none, StatsDepot::ROLLUP_NONE}};
+      EXPECT_EQ(inDepot.at(counter->rollupType), rollup);
+      EXPECT_EQ(static_cast<int>(counter->statsType), static_cast<int>(data->GetStatType()));
+   }
+   EXPECT_EQ(statNames.size(), 64u);
+   EXPECT_EQ(composites, 24);
+   // Clients and stored files know counters by these very ids, names and units: an FNV-1a hash over
+   // the published list, a line a counter in the order of ids.
+   uint64_t hash = 0xcbf29ce484222325;
+   for (const auto& [id, line] : lines) {
+      for (const char c : line) {
+         hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+      }
+   }
+   EXPECT_EQ(hash, 0x7f4756c47c531d89U);
+}
+
+TEST(StatsMetadataTest, NamesStatsByGroupNameAndInstance)
+{
+   StatsMetadata metadata;
+   const struct {
+      int counterId;
+      std::string instance;
+      std::string statName;
+   } cases[] = {
+      {0x00000, "", "cpu-usage"},     {0x00001, "", "cpu-usage"},        {0x00000, "0", "cpu-usage#0"},
+      {0x10017, "", "mem-unreserved"}, {0x50009, "", "rescpu-runpk1"},   {0x50003, "", "rescpu-actav5"},
+      {0x20004, "sd#a", "disk-numberRead#sd#a"}, {0x40003, "host/x", "sys-resourceCpuUsage#host/x"},
+   };
+   for (const auto& c : cases) {
+      std::string statName;
+      EXPECT_TRUE(metadata.GetStatName(c.counterId, c.instance, statName));
+      EXPECT_EQ(statName, c.statName);
+      EXPECT_EQ(StatsMetadata::GetInstanceId(statName), c.instance);
+   }
+   std::string untouched = "untouched";
+   EXPECT_FALSE(metadata.GetStatName(0x1001C, untouched));
+   EXPECT_EQ(untouched, "untouched");
+   EXPECT_EQ(metadata.GetStatsDepotData("cpu-nothing"), nullptr);
+   EXPECT_EQ(StatsMetadata::GetInstanceId("cpu-usage#"), "");
+   EXPECT_THROW(metadata.IsCompositeCounter(0x7FFF), InvalidArgument);
+   EXPECT_EQ(*metadata.GetCounterInfo(0)->associatedCounterId, (std::vector<int32_t>{1, 3, 2}));
+   EXPECT_FALSE(metadata.GetCounterInfo(2)->associatedCounterId.has_value());
+}
+
+TEST(FindIntervalBoundaryTest, GivesTheNextInstantOfTheGrid)
+{
+   const std::array<int64_t, 4> cases[] = {{0, 1000, 300, 1200}, {0, 1200, 300, 1200},
+                                           {20, 1000, 300, 1220}, {250, 1000, 300, 1150},
+                                           {901, 1000, 300, 1201}};
+   for (const auto& [reference, time, interval, boundary] : cases) {
+      EXPECT_EQ(FindIntervalBoundary(reference, time, interval), boundary);
+   }
+}
+
+class PerformanceManagerTest : public testing::Test {
+protected:
+   static constexpr int64_t kNow = 1000000000;
+
+   PerformanceManagerTest()
+   {
+      _clock.SetSeconds(kNow);
+      _agent.config->Set("plugins/metrix/depotDir", _scratch.Path());
+      _agent.config->Set("plugins/metrix/enableMockup", "true");
+   }
+
+   /// As at a start of the agent.
+   void Start(const std::string& interval = "")
+   {
+      _manager = nullptr;
+      _agent.logger->Clear();
+      if (!interval.empty()) {
+         _agent.config->Set("plugins/metrix/collectionInterval", interval);
+      }
+      _manager = MakeRef<PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
+   }
+   bool HasReverted() const
+   {
+      return _agent.logger->Count("4 Reverting to default stats configuration") == 1;
+   }
+   /// The depot that the manager has open, seen through its files.
+   Ref<StatsDepot> Depot()
+   {
+      Ref<StatsDepot> depot;
+      GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1, depot);
+      depot->Load();
+      return depot;
+   }
+   void Record(TimeStamp ts, const std::vector<std::pair<std::string, StatVal>>& figures,
+               const std::string& entity)
+   {
+      const auto depot = Depot();
+      for (const auto& [stat, value] : figures) {
+         if (!depot->AddSample(entity, stat, ts, value, 0)) {
+            depot->CreateStat(entity, stat, StatsDepot::STATTYPE_ABSOLUTE, 1, {});
+            depot->AddSample(entity, stat, ts, value, 0);
+         }
+      }
+      Start();
+   }
+
+   const Scratch _scratch;
+   FakeAgent _agent;
+   ManualClock _clock;
+   ManualScheduler _scheduler{_clock};
+   Ref<PerformanceManagerImpl> _manager;
+};
+
+TEST_F(PerformanceManagerTest, AcceptsDivisorsOfTheHistoricalPeriodAsInterval)
+{
+   for (const std::string bad : {"0", "-20", "7", "301"}) {
+      Start(bad);
+      EXPECT_EQ(_agent.logger->Count("4 Invalid stats collection interval: " + bad), 1);
+      EXPECT_EQ(_agent.logger->Count("5 Collection interval is 20 sec"), 1);
+   }
+   for (const auto& [interval, samples] : {std::pair{1, 3600}, {20, 180}, {150, 24}, {300, 12}}) {
+      Start(std::to_string(interval));
+      Corvax::RefVector<StatsDepotInterval> intervals;
+      Depot()->GetIntervals(intervals);
+      EXPECT_EQ(intervals[0]->samplingPeriod, interval);
+      EXPECT_EQ(intervals[0]->numSamples, samples);
+      EXPECT_EQ(intervals.size(), interval == 300 ? 1u : 2u);
+      std::string name;
+      EXPECT_TRUE(_manager->GetIntervalName(300, name));
+      EXPECT_EQ(name, interval == 300 ? "RealTime" : "5min");
+      EXPECT_FALSE(_manager->GetIntervalName(60, name));
+   }
+   EXPECT_THROW(Start("twenty"), Corvax::InvalidArgumentException);
+}
+
+TEST_F(PerformanceManagerTest, KeepsAGoodDepotAndRevertsFromAnyOther)
+{
+   Start();
+   EXPECT_TRUE(HasReverted());
+   EXPECT_EQ(_agent.logger->Count("3 Unable to load stats depot hostAgentStats in directory " +
+                                  _scratch.Path() + " : Cannot open "),
+             1);
+   Start(); // no column yet: that is no newest time stamp from the future
+   EXPECT_FALSE(HasReverted());
+   for (const auto& [lead, reverts] : {std::pair{60, false}, {80, true}}) {
+      Record(kNow + static_cast<TimeStamp>(lead), {{"mem-active", 1}}, "ha-host");
+      EXPECT_EQ(HasReverted(), reverts) << lead;
+   }
+   EXPECT_EQ(_agent.logger->Count("3 Stats Depot has future timestamps. Discarding old statistics "
+                                  "information"),
+             1);
+   Start("30");
+   EXPECT_TRUE(HasReverted());
+   Start();
+   EXPECT_FALSE(HasReverted());
+}
+
+TEST_F(PerformanceManagerTest, StartsAndCollectsWhateverHappenedToTheFiles)
+{
+   const std::string files[] = {"hostAgentStats.xml", "hostAgentStats.idMap", "hostAgentStats-20.stats",
+                                "hostAgentStats-300.stats"};
+   std::mt19937_64 random(20261121);
+   for (const std::string& file : files) {
+      for (const std::string damage : {"emptied", "cut in half", "cut by a byte", "random", "removed"}) {
+         SCOPED_TRACE(file + " " + damage);
+         Corvax::System::GetFactory().Remove(_scratch.Path() + files[0]);
+         Start();
+         _manager->StartStatsCollection();
+         for (int run = 0; run < 20; ++run) {
+            _scheduler.RunNext();
+         }
+         _manager->StopStatsCollection();
+         std::string bytes = _scratch.Read(file);
+         ASSERT_GT(bytes.size(), 8u);
+         if (damage == "random") {
+            std::ranges::generate(bytes, [&random] { return static_cast<char>(random()); });
+         } else {
+            bytes.resize(damage == "emptied"       ? 0
+                         : damage == "cut in half" ? bytes.size() / 2
+                                                   : bytes.size() - 1);
+         }
+         _scratch.Write(file, bytes);
+         if (damage == "removed") {
+            Corvax::System::GetFactory().Remove(_scratch.Path() + file);
+         }
+         Start();
+         if (!(file == files[0] && damage == "cut by a byte")) { // a line feed after all is said
+            EXPECT_GT(_agent.logger->CountLevel(3) + _agent.logger->CountLevel(4), 0);
+         }
+         _agent.logger->Clear();
+         _manager->StartStatsCollection();
+         _scheduler.RunNext();
+         _scheduler.RunNext();
+         _manager->StopStatsCollection();
+         EXPECT_EQ(_agent.logger->CountLevel(3), 0);
+         const auto depot = Depot();
+         std::vector<std::string> names;
+         depot->GetAvailableStatNames("ha-host", 0, 0, names);
+         EXPECT_EQ(names.size(), 24u);
+         for (const std::string& name : names) {
+            EXPECT_EQ(depot->GetSample("ha-host", name, depot->GetLatestTimeStamp(), "",
+                                       StatsDepot::ROLLUP_NONE),
+                      0u)
+               << name;
+         }
+      }
+   }
+}
+
+TEST_F(PerformanceManagerTest, TellsWhatItOffers)
+{
+   Start();
+   Ref<Plexa::DataArray<PerformanceManager::CounterInfo>> counters;
+   _manager->QueryCounter({4, 1, 4}, counters);
+   ASSERT_EQ(counters->GetSize(), 3u);
+   EXPECT_EQ((*counters)[2]->key, 4);
+   EXPECT_THROW(_manager->QueryCounter({4, 0x7FFF, 1}, counters), InvalidArgument);
+   EXPECT_EQ(counters->GetSize(), 3u); // no partial result
+   _manager->QueryCounter({}, counters);
+   EXPECT_TRUE(counters->IsEmpty());
+   _manager->GetPerfCounter(counters);
+   EXPECT_EQ(counters->GetSize(), 136u);
+
+   Ref<Plexa::DataArray<Quen::HistoricalInterval>> intervals;
+   _manager->GetHistoricalInterval(intervals);
+   ASSERT_EQ(intervals->GetSize(), 1u);
+   EXPECT_EQ((*intervals)[0]->name, "5 minute stats");
+   EXPECT_EQ((*intervals)[0]->length, 129600);
+
+   Ref<PerformanceManager::ProviderSummary> summary;
+   const Plexa::ManagedType derived{"SpecialMachine", &Quen::VirtualMachine::GetManagedType()};
+   const auto vm = MakeRef<Plexa::MoRef>(derived, "vm");
+   _manager->QueryProviderSummary(vm.Get(), summary);
+   EXPECT_EQ(summary->refreshRate, 20);
+   EXPECT_TRUE(summary->currentSupported && summary->summarySupported && summary->entity == vm);
+   const Plexa::ManagedType datastore{"Datastore"};
+   EXPECT_THROW(
+      _manager->QueryProviderSummary(MakeRef<Plexa::MoRef>(datastore, "d").Get(), summary),
+      InvalidArgument);
+
+   EXPECT_THROW(_manager->CreateHistoricalInterval(nullptr), NotImplemented);
+   EXPECT_THROW(_manager->RemoveHistoricalInterval(300), NotImplemented);
+   EXPECT_THROW(_manager->UpdateHistoricalInterval(nullptr), NotImplemented);
+   EXPECT_THROW(_manager->SummarizeStats(), NotImplemented);
+}
+
+TEST_F(PerformanceManagerTest, UsageComesFromTheNewestColumnAlone)
+{
+   Start();
+   PerformanceManagerImpl::Long cpu = 0;
+   PerformanceManagerImpl::Long memory = 0;
+   PerformanceManagerImpl::Long active = 0;
+   _manager->GetHostCpuMemUsage(cpu, memory);
+   EXPECT_EQ(std::pair(cpu, memory), std::pair(-1L, -1L)); // an empty depot
+
+   Record(kNow - 40, {{"cpu-usagemhz", 500}, {"mem-consumed", 600}}, "ha-host");
+   Record(kNow - 20, {{"mem-consumed", 700}}, "ha-host");
+   _manager->GetHostCpuMemUsage(cpu, memory);
+   EXPECT_EQ(std::pair(cpu, memory), std::pair(-1L, 700L));
+
+   const auto vm = MakeRef<Plexa::MoRef>(Quen::VirtualMachine::GetManagedType(), "vm");
+   constexpr StatVal kHuge = INT64_MAX;
+   const struct {
+      StatVal consumed, overhead;
+      int64_t memory;
+   } cases[] = {{1000, 50, 1050}, {1000, 0, -1}, {0, 50, -1}, {kHuge, 50, INT64_MAX}, {1000, kUnset, -1}};
+   TimeStamp ts = kNow - 20;
+   for (const auto& c : cases) {
+      Record(ts += 20, {{"mem-consumed", c.consumed}, {"mem-overhead", c.overhead}, {"mem-active", 9}},
+             "vm");
+      _clock.SetSeconds(static_cast<int64_t>(ts));
+      _manager->GetVmCpuMemUsage(vm.Get(), cpu, memory, active);
+      EXPECT_EQ(memory, c.memory);
+      EXPECT_EQ(active, 9);
+      EXPECT_EQ(cpu, -1);
+   }
+}
+
+TEST_F(PerformanceManagerTest, PluginLivesThroughItsCalls)
+{
+   _agent.config->Set("plugins/metrix/logLevelTemp", "debug");
+   auto plugin = MakeRef<MetrixPlugin>();
+   plugin->Init();
+   EXPECT_EQ(_agent.logger->Count("5 Initializing metrix plugin"), 1);
+   const auto manager = Corvax::Service::GetApp()
+                           ->GetObjectRegistry()
+                           ->LookupObject<AgentdCommon::HaPerformanceManager>("ha-perfmgr");
+   EXPECT_EQ(manager->GetMoRef()->GetId(), "ha-perfmgr");
+   plugin->Start();
+   EXPECT_EQ(_scheduler.GetWaiting(), 1u);
+   EXPECT_TRUE(plugin->WaitStop(0));
+   EXPECT_EQ(_scheduler.GetWaiting(), 0u);
+   EXPECT_EQ(_agent.logger->Count("5 Stopping metix plugin"), 1);
+   EXPECT_TRUE(plugin->Test());
+   EXPECT_THROW(MakeRef<MetrixPlugin>()->Init(), Corvax::Exception); // the id is taken
+}
+
+} // namespace
