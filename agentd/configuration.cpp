@@ -22,6 +22,7 @@ constexpr char kPluginFileName[] = "libmetrix.so";
 constexpr char kInterval[] = "plugins/metrix/collectionInterval";
 constexpr char kMockup[] = "plugins/metrix/enableMockup";
 constexpr char kDepotDir[] = "plugins/metrix/depotDir";
+constexpr char kCpuMhz[] = "agentd/cpuMhz";
 constexpr char kNic[] = "agentd/nics/nic";
 
 enum class ValueKind { TEXT, DIRECTORY, INTEGER, BOOLEAN, LOG_LEVEL };
@@ -35,6 +36,7 @@ constexpr KeyRule kKeyRules[] = {
    {"agentd/stateDir", ValueKind::TEXT},
    {"agentd/logLevel", ValueKind::LOG_LEVEL},
    {"agentd/plugin", ValueKind::TEXT},
+   {kCpuMhz, ValueKind::INTEGER},
    {kNic, ValueKind::TEXT}, // may stand several times
    {"plugins/metrix/logLevelTemp", ValueKind::LOG_LEVEL},
    {kInterval, ValueKind::INTEGER},
@@ -142,6 +144,13 @@ Configuration LoadConfiguration(const Options& options)
    keys.Get("agentd/logLevel", configuration.logLevel);
    keys.Get("agentd/plugin", configuration.pluginFile);
    configuration.nics = ReadNics(keys);
+   int32_t cpuMhz = 0;
+   keys.Get(kCpuMhz, cpuMhz);
+   if (cpuMhz < 0) {
+      throw InvalidArgumentException(
+         Format("%1: %2 is %3, below 0", keys.Where(kCpuMhz), kCpuMhz, cpuMhz));
+   }
+   configuration.cpuMhz = static_cast<uint32_t>(cpuMhz);
 
    configuration.stateDir = options.stateDir.value_or(configuration.stateDir);
    configuration.pluginFile = options.pluginFile.value_or(configuration.pluginFile);

@@ -22,8 +22,8 @@ uint64_t ReadKhzAsHz(const std::string& path)
 
 } // namespace
 
-HardwareReader::HardwareReader(const std::string& root, Corvax::Logger* logger)
-   : _cpuPath(root + "/sys/devices/system/cpu/"), _cpuinfoPath(root + "/proc/cpuinfo"),
+HardwareReader::HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger)
+   : _configuredCpuMhz(cpuMhz), _cpuPath(root + "/sys/devices/system/cpu/"), _cpuinfoPath(root + "/proc/cpuinfo"),
      _logger(logger), _online(_cpuPath + "online"), _stat(root + "/proc/stat")
 {
 }
@@ -44,6 +44,9 @@ uint32_t HardwareReader::ReadCoreCount()
 
 uint64_t HardwareReader::ReadCpuSpeedHz()
 {
+   if (_configuredCpuMhz > 0) {
+      return uint64_t{_configuredCpuMhz} * 1'000'000;
+   }
    const std::string cpufreq =
       Corvax::Format("%1cpu%2/cpufreq/", _cpuPath, ReadOnlineCpus().first);
    for (const char* const file : {"base_frequency", "cpuinfo_max_freq"}) {
@@ -56,7 +59,7 @@ uint64_t HardwareReader::ReadCpuSpeedHz()
    if (speedHz < kLeastSpeedHz) {
       throw HostCtl::Lib::HostCtlException(Corvax::Format(
          "Cannot find the CPU speed: neither %1base_frequency nor %1cpuinfo_max_freq nor "
-         "\"cpu MHz\" of %2 tells it",
+         "\"cpu MHz\" of %2 tells it; give it by the configuration key agentd/cpuMhz",
          cpufreq, _cpuinfoPath));
    }
    return speedHz;

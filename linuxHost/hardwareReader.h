@@ -16,8 +16,9 @@ namespace LinuxHost {
 /// Locking: none; one thread at a time.
 class HardwareReader {
 public:
-   /// `root` goes before the path of every file. The logger may be null.
-   HardwareReader(const std::string& root, Corvax::Logger* logger);
+   /// `root` goes before the path of every file; `cpuMhz`, unless 0, is the speed of one CPU
+   /// whatever the kernel tells. The logger may be null.
+   HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger);
 
    /// CPUs that are online, 1 to 255; when there are more, a warning is logged the first time.
    uint32_t ReadCoreCount();
@@ -29,6 +30,7 @@ public:
 private:
    CpuList ReadOnlineCpus();
 
+   const uint32_t _configuredCpuMhz;
    const std::string _cpuPath;
    const std::string _cpuinfoPath;
    const Corvax::Ref<Corvax::Logger> _logger;

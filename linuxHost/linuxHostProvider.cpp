@@ -36,7 +36,7 @@ auto Translated(const Operation& operation)
 struct Readers {
    Readers(LinuxHostOptions options, Corvax::Logger* logger)
       : cpu(options.root), memory(options.root), disks(options.root),
-        nics(options.root, std::move(options.nics)), hardware(options.root, logger)
+        nics(options.root, std::move(options.nics)), hardware(options.root, options.cpuMhz, logger)
    {
    }
 

@@ -15,6 +15,8 @@ struct LinuxHostOptions {
    std::string root;
    /// Physical NICs by name. Empty: those with a device behind them, else all but the loopback.
    std::vector<std::string> nics;
+   /// Speed of one CPU. 0: as the kernel tells it, which not every machine's does.
+   uint32_t cpuMhz = 0;
 };
 
 /// This Linux machine's figures, from procfs and sysfs; docs/operations.md says which file gives

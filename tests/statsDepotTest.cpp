@@ -400,6 +400,8 @@ struct Fault {
    bool lasts;
    bool cutsWrites;
    bool endsProcess; ///< the depot is not used again, but opened anew
+
+   friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
 };
 
 /// Every file operation in turn fails.
