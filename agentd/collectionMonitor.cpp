@@ -81,8 +81,9 @@ void CollectionMonitor::LogTrouble(const Corvax::TimerRun& run)
                    (run.endUs - run.startUs) / 1000, skipped, _intervalSec);
    }
    if (!run.morePending && !_stopping) {
-      _logger->Log(Corvax::kLogError, "Collection has stopped: no further run is scheduled. Restart "
-                                      "the agent to go on");
+      _logger->Log(Corvax::kLogError,
+                   "Collection has stopped: no further run is scheduled. Restart "
+                   "the agent to go on");
    }
 }
 

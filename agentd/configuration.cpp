@@ -70,9 +70,8 @@ void CheckValue(const XmlConfig& config, const std::string& where, const XmlConf
    case ValueKind::DIRECTORY:
       // File names are put right behind it, and kept in the depot for later starts.
       if (!key.value.starts_with('/') || !key.value.ends_with('/')) {
-         throw InvalidArgumentException(
-            Format("%1: '%2' does not start and end with \"/\", as %3 must", where, key.value,
-                   key.path));
+         throw InvalidArgumentException(Format(
+            "%1: '%2' does not start and end with \"/\", as %3 must", where, key.value, key.path));
       }
       break;
    case ValueKind::TEXT:

@@ -14,8 +14,8 @@ struct Configuration {
    std::string stateDir;                ///< absolute
    std::string logLevel;                ///< empty: the default
    std::string pluginFile;
-   std::vector<std::string> nics;       ///< physical NICs by name; empty: found by the kernel's word
-   uint32_t cpuMhz = 0;                 ///< speed of one CPU; 0: by the kernel's word
+   std::vector<std::string> nics; ///< physical NICs by name; empty: found by the kernel's word
+   uint32_t cpuMhz = 0;           ///< speed of one CPU; 0: by the kernel's word
 };
 
 /// Reads and checks the configuration file, if one is given, and puts the command line over it.

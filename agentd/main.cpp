@@ -44,7 +44,8 @@ public:
 class LinuxHostScope {
 public:
    LinuxHostScope(const Configuration& configuration, Corvax::Logger* logger)
-      : _provider(LinuxHost::NewLinuxHostProvider({"", configuration.nics, configuration.cpuMhz}, logger))
+      : _provider(
+           LinuxHost::NewLinuxHostProvider({"", configuration.nics, configuration.cpuMhz}, logger))
    {
       HostCtl::HostFactory::SetProvider(_provider.get());
       Corvax::Service::GetApp()->GetObjectRegistry()->Register(AgentdCommon::moid_resourcemgr,

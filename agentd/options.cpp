@@ -28,14 +28,17 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options)
    app.add_option("--config", options.configFile, "Configuration file (XML)")->type_name("FILE");
    app.add_flag("--check-config", options.checkConfig,
                 "Check the configuration, say what is wrong with it and exit");
-   app.add_option("--state-dir", options.stateDir,
-                  "Directory for what lasts (default /var/lib/quorra/agentd); the statistics lie in "
-                  "its folder stats")
+   app.add_option(
+         "--state-dir", options.stateDir,
+         "Directory for what lasts (default /var/lib/quorra/agentd); the statistics lie in "
+         "its folder stats")
       ->type_name("DIR");
-   app.add_option("--interval", options.intervalSec, "Seconds between collections, a divisor of 300")
+   app.add_option("--interval", options.intervalSec,
+                  "Seconds between collections, a divisor of 300")
       ->type_name("SEC")
       ->check(CheckInterval);
-   app.add_flag("--mockup", options.mockup, "Collect a fixed set of zeroes instead of real figures");
+   app.add_flag("--mockup", options.mockup,
+                "Collect a fixed set of zeroes instead of real figures");
    app.add_option("--runs", options.runs, "Stop after so many collections")
       ->type_name("N")
       ->check(CLI::Range(int64_t{1}, INT64_MAX));

@@ -93,15 +93,14 @@ std::string DateTime::ToString() const
    }
    const Chrono::hh_mm_ss time(instant - day);
    char text[48];
-   int length = std::snprintf(text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d", year,
-                              static_cast<unsigned>(date.month()),
-                              static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
-                              static_cast<int>(time.minutes().count()),
-                              static_cast<int>(time.seconds().count()));
+   int length = std::snprintf(
+      text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d", year, static_cast<unsigned>(date.month()),
+      static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
+      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
    const auto fraction = static_cast<int>(time.subseconds().count());
    if (fraction != 0) {
-      length += std::snprintf(text + length, sizeof text - static_cast<size_t>(length), ".%06d",
-                              fraction);
+      length +=
+         std::snprintf(text + length, sizeof text - static_cast<size_t>(length), ".%06d", fraction);
    }
    return std::string(text, static_cast<size_t>(length)) + "Z";
 }
@@ -123,7 +122,8 @@ bool DateTime::Parse(std::string_view text, DateTime& result)
        !TakeOffset(text, offsetSec) || !text.empty()) {
       return false;
    }
-   const Chrono::year_month_day date(Chrono::year(year), Chrono::month(static_cast<unsigned>(month)),
+   const Chrono::year_month_day date(Chrono::year(year),
+                                     Chrono::month(static_cast<unsigned>(month)),
                                      Chrono::day(static_cast<unsigned>(day)));
    if (!date.ok() || hour > 23 || minute > 59 || second > 59) {
       return false;

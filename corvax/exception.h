@@ -92,7 +92,7 @@ inline void Assert(bool condition, const char* what,
    }
 }
 
-[[noreturn]] void NotReached(const char* what, const std::source_location& where =
-                                                  std::source_location::current());
+[[noreturn]] void NotReached(const char* what,
+                             const std::source_location& where = std::source_location::current());
 
 } // namespace Corvax

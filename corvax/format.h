@@ -9,13 +9,18 @@
 
 namespace Corvax {
 
-inline std::string ToText(std::string_view value) { return std::string(value); }
-inline std::string ToText(const char* value) { return value; }
+inline std::string ToText(std::string_view value)
+{
+   return std::string(value);
+}
+inline std::string ToText(const char* value)
+{
+   return value;
+}
 std::string ToText(double value);
 
 template <class T>
-   requires(std::integral<T> || std::is_enum_v<T>)
-std::string ToText(T value)
+requires(std::integral<T> || std::is_enum_v<T>) std::string ToText(T value)
 {
    if constexpr (std::is_enum_v<T>) {
       return ToText(static_cast<std::underlying_type_t<T>>(value));

@@ -20,8 +20,8 @@ struct LevelName {
 };
 
 constexpr LevelName kLevelNames[] = {
-   {"emergency", 0}, {"alert", 1}, {"critical", 2}, {"error", 3},   {"err", 3},
-   {"warning", 4},   {"warn", 4},  {"notice", 5},   {"info", 6},    {"verbose", 6},
+   {"emergency", 0}, {"alert", 1}, {"critical", 2}, {"error", 3}, {"err", 3},
+   {"warning", 4},   {"warn", 4},  {"notice", 5},   {"info", 6},  {"verbose", 6},
    {"debug", 7},     {"trace", 7}, {"trivia", 7},
 };
 

@@ -90,7 +90,8 @@ std::string ReadFile(const std::string& fileName)
    file->Open(fileName, FILE_READ, FileCreation::OPEN_EXISTING);
    const uint64_t size = file->GetSize();
    if (size > kMaxFileSizeBytes) {
-      throw FileFormatException(Format("%1 is no configuration file: it has %2 bytes", fileName, size));
+      throw FileFormatException(
+         Format("%1 is no configuration file: it has %2 bytes", fileName, size));
    }
    std::string text(static_cast<size_t>(size), '\0');
    text.resize(file->Read(text.data(), text.size()));
@@ -106,9 +107,8 @@ void XmlConfigImpl::Read()
       throw OutOfMemoryException();
    }
    if (!result) {
-      throw FileFormatException(
-         Format("%1:%2: not well-formed XML: %3", _fileName, LineAt(result.offset),
-                result.description()));
+      throw FileFormatException(Format("%1:%2: not well-formed XML: %3", _fileName,
+                                       LineAt(result.offset), result.description()));
    }
    if (!document.child(kRoot)) {
       throw FileFormatException(Format("%1: the root element is not \"%2\"", _fileName, kRoot));

@@ -22,21 +22,21 @@ struct HostCapacity {
 
 struct HostMemoryStats {
    uint64_t freeKb = 0;
-   uint64_t grantedKb = 0;      ///< machine memory that users of the host hold
-   uint64_t activeKb = 0;       ///< recently touched
-   uint64_t sharedKb = 0;       ///< memory that shares its content with other memory
-   uint64_t zeroKb = 0;         ///< memory merged into the zero page
-   uint64_t unreservedKb = 0;   ///< memory that could still be given out
+   uint64_t grantedKb = 0;    ///< machine memory that users of the host hold
+   uint64_t activeKb = 0;     ///< recently touched
+   uint64_t sharedKb = 0;     ///< memory that shares its content with other memory
+   uint64_t zeroKb = 0;       ///< memory merged into the zero page
+   uint64_t unreservedKb = 0; ///< memory that could still be given out
    uint64_t swapUsedKb = 0;
    uint64_t sharedCommonKb = 0; ///< machine memory behind all of `sharedKb`
    uint64_t heapKb = 0;         ///< the kernel's heap
    uint64_t heapFreeKb = 0;     ///< the part of the heap that the kernel can give back
    uint32_t state = 0;          ///< 0: no shortage
    uint64_t balloonKb = 0;
-   uint64_t overheadKb = 0;     ///< memory that running virtual machines costs beyond their own
-   uint64_t swapInKb = 0;       ///< since the host's start
-   uint64_t swapOutKb = 0;      ///< since the host's start
-   uint64_t sysUsageKb = 0;     ///< memory of the kernel itself
+   uint64_t overheadKb = 0; ///< memory that running virtual machines costs beyond their own
+   uint64_t swapInKb = 0;   ///< since the host's start
+   uint64_t swapOutKb = 0;  ///< since the host's start
+   uint64_t sysUsageKb = 0; ///< memory of the kernel itself
 };
 
 /// CPU use of a resource group or of a whole virtual machine, since its start.
@@ -85,9 +85,9 @@ struct MemoryClientStats {
 struct CpuLoad {
    uint32_t activeAverage = 0; ///< running
    uint32_t activePeak = 0;
-   uint32_t runAverage = 0;    ///< running or waiting to run
+   uint32_t runAverage = 0; ///< running or waiting to run
    uint32_t runPeak = 0;
-   uint32_t maxLimited = 0;    ///< time held back by a limit
+   uint32_t maxLimited = 0; ///< time held back by a limit
 };
 
 struct CpuLoadHistory {

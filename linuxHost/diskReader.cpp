@@ -76,9 +76,8 @@ std::vector<DiskFigures> DiskReader::ReadDisks()
          figures.push_back(MakeFigures(device, counts));
       }
    }
-   std::erase_if(_devices, [this](const auto& entry) {
-      return entry.second.lastReading != _reading;
-   });
+   std::erase_if(_devices,
+                 [this](const auto& entry) { return entry.second.lastReading != _reading; });
    return figures;
 }
 
@@ -107,7 +106,7 @@ bool DiskReader::IsCounted(Device& device, const DiskCounts& counts)
       device.isStacked = HasEntries(device.path + "/slaves");
    }
    return !*device.isStacked && !(device.isMemory && counts.reads == 0 && counts.writes == 0 &&
-                                 counts.discards == 0 && counts.flushes == 0);
+                                  counts.discards == 0 && counts.flushes == 0);
 }
 
 DiskFigures DiskReader::MakeFigures(Device& device, const DiskCounts& counts)

@@ -23,8 +23,9 @@ uint64_t ReadKhzAsHz(const std::string& path)
 } // namespace
 
 HardwareReader::HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger)
-   : _configuredCpuMhz(cpuMhz), _cpuPath(root + "/sys/devices/system/cpu/"), _cpuinfoPath(root + "/proc/cpuinfo"),
-     _logger(logger), _online(_cpuPath + "online"), _stat(root + "/proc/stat")
+   : _configuredCpuMhz(cpuMhz), _cpuPath(root + "/sys/devices/system/cpu/"),
+     _cpuinfoPath(root + "/proc/cpuinfo"), _logger(logger), _online(_cpuPath + "online"),
+     _stat(root + "/proc/stat")
 {
 }
 
@@ -47,8 +48,7 @@ uint64_t HardwareReader::ReadCpuSpeedHz()
    if (_configuredCpuMhz > 0) {
       return uint64_t{_configuredCpuMhz} * 1'000'000;
    }
-   const std::string cpufreq =
-      Corvax::Format("%1cpu%2/cpufreq/", _cpuPath, ReadOnlineCpus().first);
+   const std::string cpufreq = Corvax::Format("%1cpu%2/cpufreq/", _cpuPath, ReadOnlineCpus().first);
    for (const char* const file : {"base_frequency", "cpuinfo_max_freq"}) {
       if (const uint64_t speedHz = ReadKhzAsHz(cpufreq + file); speedHz >= kLeastSpeedHz) {
          return speedHz;

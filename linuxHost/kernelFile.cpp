@@ -110,8 +110,8 @@ void KernelFile::Close()
 
 void KernelFile::Fail(int errorNumber) const
 {
-   throw HostCtl::Lib::HostCtlException(Corvax::Format(
-      "Cannot read %1: %2", _path, std::generic_category().message(errorNumber)));
+   throw HostCtl::Lib::HostCtlException(
+      Corvax::Format("Cannot read %1: %2", _path, std::generic_category().message(errorNumber)));
 }
 
 } // namespace LinuxHost

@@ -144,8 +144,7 @@ private:
 
 class PortImpl : public HostCtl::Network::Port {
 public:
-   explicit PortImpl(const HostCtl::Network::PortStatistics& statistics)
-      : _statistics(statistics)
+   explicit PortImpl(const HostCtl::Network::PortStatistics& statistics) : _statistics(statistics)
    {
    }
 

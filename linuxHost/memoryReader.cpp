@@ -37,8 +37,8 @@ HostCtl::Resource::HostCapacity MemoryReader::ReadCapacity()
 {
    const uint64_t hugeMb = ParseMemInfo(_meminfo.Read()).hugetlb.value_or(0) >> 10;
    HostCtl::Resource::HostCapacity capacity;
-   capacity.reservedMemoryMb = static_cast<uint32_t>(
-      std::min<uint64_t>(hugeMb, std::numeric_limits<uint32_t>::max()));
+   capacity.reservedMemoryMb =
+      static_cast<uint32_t>(std::min<uint64_t>(hugeMb, std::numeric_limits<uint32_t>::max()));
    return capacity;
 }
 

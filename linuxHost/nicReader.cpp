@@ -48,14 +48,14 @@ std::vector<NicFigures> NicReader::ReadNics()
    return _configured.empty() ? FindPhysical(interfaces) : FindConfigured(interfaces);
 }
 
-std::vector<NicFigures> NicReader::FindConfigured(
-   const std::vector<InterfaceCounts>& interfaces) const
+std::vector<NicFigures>
+NicReader::FindConfigured(const std::vector<InterfaceCounts>& interfaces) const
 {
    std::vector<NicFigures> nics;
    for (const std::string& name : _configured) {
-      const auto found = std::find_if(
-         interfaces.begin(), interfaces.end(),
-         [&name](const InterfaceCounts& counts) { return counts.name == name; });
+      const auto found =
+         std::find_if(interfaces.begin(), interfaces.end(),
+                      [&name](const InterfaceCounts& counts) { return counts.name == name; });
       nics.push_back(found == interfaces.end() ? NicFigures{name, {}} : MakeFigures(*found));
    }
    return nics;
@@ -70,9 +70,8 @@ std::vector<NicFigures> NicReader::FindPhysical(const std::vector<InterfaceCount
          nics.push_back(MakeFigures(counts));
       }
    }
-   std::erase_if(_interfaces, [this](const auto& entry) {
-      return entry.second.lastReading != _reading;
-   });
+   std::erase_if(_interfaces,
+                 [this](const auto& entry) { return entry.second.lastReading != _reading; });
    if (nics.empty()) {
       std::transform(interfaces.begin(), interfaces.end(), std::back_inserter(nics), MakeFigures);
    }

@@ -101,9 +101,9 @@ void BaseStatsCollector::CollectStatsWorker()
    const int64_t endUs = System::GetTime();
    const int64_t processTimeUs = GetProcessTimeUs() - processStartUs;
    const int64_t elapsedUs = endUs - startUs;
-   const double usage = elapsedUs > 0 ? static_cast<double>(processTimeUs) * 100.0 /
-                                           static_cast<double>(elapsedUs)
-                                      : 0.0;
+   const double usage =
+      elapsedUs > 0 ? static_cast<double>(processTimeUs) * 100.0 / static_cast<double>(elapsedUs)
+                    : 0.0;
    _logger->Log(kLogDebug, "Time taken for stats collection : %1 (microsec)", elapsedUs);
    _logger->Log(kLogDebug, "Process time : %1 Usage : %2", processTimeUs, usage);
    _logger->Log(kLogDebug, "Cumulative Usage : %1", UpdateCpuTime(processTimeUs, endUs));

@@ -57,8 +57,17 @@ Row Composite(CounterId id, const std::string& group, const char* name, const st
    const CounterId minimum = id + 3;
    auto derived =
       std::make_shared<const std::vector<CounterId>>(std::vector{average, minimum, maximum});
-   return {id,   group,   name, unit, "", type, CounterInfo::none, std::move(derived), &AllCounterTypes,
-           InDepot(type), &AllRollups};
+   return {id,
+           group,
+           name,
+           unit,
+           "",
+           type,
+           CounterInfo::none,
+           std::move(derived),
+           &AllCounterTypes,
+           InDepot(type),
+           &AllRollups};
 }
 
 Row Simple(CounterId id, const std::string& group, const char* name, const std::string& unit,

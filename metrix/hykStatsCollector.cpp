@@ -106,7 +106,8 @@ void HykStatsCollector::CollectAll(TimeStamp ts)
    Corvax::RefVector<Vm> vms;
    for (const std::string& vmId : _poweredOnVms) {
       Ref<Vm> vm;
-      if (Registry().TryLookupObject(vmId, vm) && CollectVmStats(_resourceMgr.Get(), vm.Get(), ts)) {
+      if (Registry().TryLookupObject(vmId, vm) &&
+          CollectVmStats(_resourceMgr.Get(), vm.Get(), ts)) {
          vms.push_back(vm);
       }
    }

@@ -93,7 +93,7 @@ private:
    uint64_t ToMhz(uint64_t usedUs) const;
    void AssertCpuCache() const;
 
-   std::set<std::string> _poweredOnVms; ///< ids
+   std::set<std::string> _poweredOnVms;          ///< ids
    std::vector<std::string> _systemResGroupList; ///< keys, parents before children
    int32_t _numCpuCores = 0;
    int64_t _totalCpuMHz = 0;

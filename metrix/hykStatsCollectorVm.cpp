@@ -81,15 +81,15 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
    for (size_t i = 0; i < vcpus.size(); ++i) {
       const CpuTimes& vcpu = vcpus[i];
       const std::string instance = Format("%1", i);
-      Add(entity, 0x4, ts, ToMhz(vcpu.usedUs), instance);      // cpu.usagemhz
-      Add(entity, 0x9, ts, vcpu.systemUs / 1000, instance);    // cpu.system
-      Add(entity, 0xA, ts, vcpu.waitUs / 1000, instance);      // cpu.wait
-      Add(entity, 0xB, ts, vcpu.readyUs / 1000, instance);     // cpu.ready
-      Add(entity, 0xC, ts, vcpu.extraUs / 1000, instance);     // cpu.extra
-      Add(entity, 0xD, ts, vcpu.guaranteedMs, instance);       // cpu.guaranteed
-      Add(entity, 0xE, ts, vcpu.usedUs / 1000, instance);      // cpu.used
+      Add(entity, 0x4, ts, ToMhz(vcpu.usedUs), instance);   // cpu.usagemhz
+      Add(entity, 0x9, ts, vcpu.systemUs / 1000, instance); // cpu.system
+      Add(entity, 0xA, ts, vcpu.waitUs / 1000, instance);   // cpu.wait
+      Add(entity, 0xB, ts, vcpu.readyUs / 1000, instance);  // cpu.ready
+      Add(entity, 0xC, ts, vcpu.extraUs / 1000, instance);  // cpu.extra
+      Add(entity, 0xD, ts, vcpu.guaranteedMs, instance);    // cpu.guaranteed
+      Add(entity, 0xE, ts, vcpu.usedUs / 1000, instance);   // cpu.used
       if (i == 0) {
-         Add(entity, 0x40000, ts, vcpu.uptimeUs / 1000000);    // sys.uptime
+         Add(entity, 0x40000, ts, vcpu.uptimeUs / 1000000); // sys.uptime
       }
    }
    AddSample(entity, 0x0, ts, total->usedUs / (vcpus.size() * 100),

@@ -250,8 +250,8 @@ void PerformanceManagerImpl::UpdateHistoricalInterval(Quen::HistoricalInterval* 
 
 void PerformanceManagerImpl::QueryAvailableMetric(
    Plexa::MoRef* /*entity*/, const std::optional<Corvax::DateTime>& /*beginTime*/,
-   const std::optional<Corvax::DateTime>& /*endTime*/,
-   const std::optional<int32_t>& /*intervalId*/, Ref<Plexa::DataArray<MetricId>>& /*metricIds*/)
+   const std::optional<Corvax::DateTime>& /*endTime*/, const std::optional<int32_t>& /*intervalId*/,
+   Ref<Plexa::DataArray<MetricId>>& /*metricIds*/)
 {
    throw Plexa::Fault::NotImplemented::Exception();
 }
@@ -275,10 +275,8 @@ void PerformanceManagerImpl::SummarizeStats()
 
 /// The sample in the newest column of the finest interval, which is the same for all stats; -1 when
 /// the stat has none there. The caller holds the depot's lock.
-PerformanceManagerImpl::Long
-PerformanceManagerImpl::GetLatestSample(const std::string& entityId,
-                                        StatsMetadata::CounterId counterId,
-                                        const std::string& instance)
+PerformanceManagerImpl::Long PerformanceManagerImpl::GetLatestSample(
+   const std::string& entityId, StatsMetadata::CounterId counterId, const std::string& instance)
 {
    std::string statName;
    if (!_statsMetadata->GetStatName(counterId, instance, statName)) {

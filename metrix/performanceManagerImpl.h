@@ -36,8 +36,7 @@ public:
    void GetHistoricalInterval(
       Corvax::Ref<Plexa::DataArray<Quen::HistoricalInterval>>& intervals) override;
    void GetPerfCounter(Corvax::Ref<Plexa::DataArray<CounterInfo>>& counters) override;
-   void QueryAvailableMetric(Plexa::MoRef* entity,
-                             const std::optional<Corvax::DateTime>& beginTime,
+   void QueryAvailableMetric(Plexa::MoRef* entity, const std::optional<Corvax::DateTime>& beginTime,
                              const std::optional<Corvax::DateTime>& endTime,
                              const std::optional<int32_t>& intervalId,
                              Corvax::Ref<Plexa::DataArray<MetricId>>& metricIds) override;

@@ -16,8 +16,8 @@ using Corvax::Ref;
 using Corvax::System;
 
 constexpr char kEntity[] = "self-test";
-constexpr char kLevel[] = "level";     // absolute
-constexpr char kTraffic[] = "traffic"; // rate
+constexpr char kLevel[] = "level";       // absolute
+constexpr char kTraffic[] = "traffic";   // rate
 constexpr TimeStamp kFirst = 1000000200; // on a coarse boundary
 constexpr TimeStamp kPeriod = 20;
 constexpr TimeStamp kCoarsePeriod = 300;
@@ -74,7 +74,8 @@ void CheckFine(StatsDepot& depot)
    for (size_t i = 0; i < values.size(); ++i) {
       Assert(RunTime(values[i]) == times[i], "a sample stands at its time");
    }
-   const StatVal rate = depot.GetSample(kEntity, kTraffic, times.back(), "", StatsDepot::ROLLUP_NONE);
+   const StatVal rate =
+      depot.GetSample(kEntity, kTraffic, times.back(), "", StatsDepot::ROLLUP_NONE);
    Assert(rate == kGrowthPerSec, "a rate is the growth a second");
 }
 

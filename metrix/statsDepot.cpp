@@ -60,8 +60,8 @@ void StatsDepotImpl::IntervalTable::AddInterval(const std::string& name,
                 nextPeriod, samplingPeriod);
       }
    }
-   _intervalList.insert(_intervalList.begin() + pos, Corvax::MakeRef<Interval>(
-                                                        name, storeName, samplingPeriod, numSamples));
+   _intervalList.insert(_intervalList.begin() + pos,
+                        Corvax::MakeRef<Interval>(name, storeName, samplingPeriod, numSamples));
 }
 
 void StatsDepotImpl::IntervalTable::Refuse(const char* pattern, int period, int otherPeriod) const
@@ -95,8 +95,7 @@ void StatsDepotImpl::IntervalTable::InitInterval(const std::string& name)
    interval->_statsStore = store;
 }
 
-StatsDepotImpl::Interval*
-StatsDepotImpl::IntervalTable::FindInterval(const std::string& name) const
+StatsDepotImpl::Interval* StatsDepotImpl::IntervalTable::FindInterval(const std::string& name) const
 {
    const auto found = std::ranges::find_if(
       _intervalList, [&name](const auto& interval) { return interval->_intervalName == name; });
@@ -216,10 +215,11 @@ void StatsDepotImpl::WarnOfLostRecords()
    for (const auto& interval : *_intervalTable) {
       for (int id = records; id < records + kIdsLookedAt; ++id) {
          if (interval->GetStore().GetLastUpdateTime(static_cast<StatId>(id)) != kUnset) {
-            _logger->Log(kLogWarning,
-                         "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 has "
-                         "samples of stat %4. What it no longer names is given up",
-                         GetIdMapFileName(), records, interval->_intervalName, id);
+            _logger->Log(
+               kLogWarning,
+               "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 has "
+               "samples of stat %4. What it no longer names is given up",
+               GetIdMapFileName(), records, interval->_intervalName, id);
             return;
          }
       }

@@ -80,8 +80,8 @@ public:
 
    /// A series as StatsStore::GetSamples gives it. An unknown stat or rollup gives 0 and leaves the
    /// vectors as they were.
-   virtual int GetSamples(const std::string& entityId, const std::string& statName,
-                          TimeStamp begin, TimeStamp end, std::vector<StatVal>& values,
+   virtual int GetSamples(const std::string& entityId, const std::string& statName, TimeStamp begin,
+                          TimeStamp end, std::vector<StatVal>& values,
                           std::vector<TimeStamp>* timeStamps, const std::string& intervalName,
                           RollupType rollup) = 0;
 

@@ -81,9 +81,8 @@ bool StatsDepotImpl::StatInfo::AddStatId(StatId id, RollupType rollup)
 StatId StatsDepotImpl::StatInfo::GetStatId(RollupType rollup) const
 {
    const auto found = std::ranges::find(_rollupTypes, rollup);
-   return found == _rollupTypes.end()
-             ? kUnset
-             : _statIds[static_cast<size_t>(found - _rollupTypes.begin())];
+   return found == _rollupTypes.end() ? kUnset
+                                      : _statIds[static_cast<size_t>(found - _rollupTypes.begin())];
 }
 
 StatsDepot::RollupType StatsDepotImpl::StatInfo::GetRollupType(StatId id) const
@@ -282,7 +281,8 @@ void StatsDepotImpl::LoadIdMapping()
       const size_t wanted = std::min<uint64_t>(kRecordsAtOnce, records - first);
       const size_t count = _idMapFileHandle->Read(piece.data(), wanted * kRecordSize) / kRecordSize;
       for (size_t i = 0; i < count; ++i) {
-         if (!LoadIdRecord(&piece[i * kRecordSize], first + i) && ++badRecords <= kBadRecordsNamed) {
+         if (!LoadIdRecord(&piece[i * kRecordSize], first + i) &&
+             ++badRecords <= kBadRecordsNamed) {
             _logger->Log(kLogWarning, "StatsDepot idmap file has a damaged record at %1, skipped",
                          first + i);
          }

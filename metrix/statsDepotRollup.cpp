@@ -150,8 +150,8 @@ void StatsDepotImpl::PropagateStats(Interval* coarse, Interval* fine, TimeStamp 
    }
 }
 
-StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse,
-                                                       const Interval& fine, TimeStamp ts)
+StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse, const Interval& fine,
+                                                       TimeStamp ts)
 {
    const uint64_t coarsePeriod = coarse.GetPeriod();
    const uint64_t finePeriod = fine.GetPeriod();
@@ -209,7 +209,8 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
       }
       const RollupType rollup = info->GetRollupType(id);
       if (rollup != ROLLUP_NONE || !finestSource) {
-         AddCoarseSample(store, periods, id, end, _rollupFunctions[static_cast<size_t>(rollup)](_run));
+         AddCoarseSample(store, periods, id, end,
+                         _rollupFunctions[static_cast<size_t>(rollup)](_run));
          continue;
       }
       // The raw series feeds every rollup series of the stat.
@@ -229,7 +230,8 @@ void StatsDepotImpl::AddCoarseSample(StatsStore& store, const Periods& periods, 
 {
    const TimeStamp latest = store.GetLatestTimeStamp();
    const bool noneYet = latest == kUnset || latest < periods.end;
-   for (TimeStamp ts = noneYet ? periods.end : latest + periods.step; ts < end; ts += periods.step) {
+   for (TimeStamp ts = noneYet ? periods.end : latest + periods.step; ts < end;
+        ts += periods.step) {
       store.AddSample(id, ts, kUnset);
    }
    store.AddSample(id, end, value);

@@ -135,8 +135,8 @@ public:
    /// Errors of all operations: Plexa::Fault exceptions for what the caller did wrong, other
    /// runtime exceptions where the depot fails.
    virtual void GetDescription(Corvax::Ref<PerformanceDescription>& description) = 0;
-   virtual void GetHistoricalInterval(
-      Corvax::Ref<Plexa::DataArray<HistoricalInterval>>& intervals) = 0;
+   virtual void
+   GetHistoricalInterval(Corvax::Ref<Plexa::DataArray<HistoricalInterval>>& intervals) = 0;
    virtual void GetPerfCounter(Corvax::Ref<Plexa::DataArray<CounterInfo>>& counters) = 0;
    virtual void QueryAvailableMetric(Plexa::MoRef* entity,
                                      const std::optional<Corvax::DateTime>& beginTime,

@@ -1,7 +1,7 @@
+#include "agentdCommon/messages.h"
 #include "corvax/exception.h"
 #include "metrix/hykStatsCollector.h"
 #include "metrix/mockupStatsCollector.h"
-#include "agentdCommon/messages.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeHost.h"
 #include "tests/fakes/fakeServices.h"
@@ -68,8 +68,8 @@ protected:
 
 class ScheduleTest : public CollectorTest {
 protected:
-   const Ref<ScriptedCollector> _collector = MakeRef<ScriptedCollector>(
-      _agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
+   const Ref<ScriptedCollector> _collector =
+      MakeRef<ScriptedCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
 };
 
 TEST_F(ScheduleTest, RunsFallOnWallClockMultiplesAndSkipWhatTheyOverrun)
@@ -166,16 +166,17 @@ TEST_F(ScheduleTest, AccountsItsShareOfOneCpuSinceTheFirstStart)
 
 TEST_F(CollectorTest, MockupGivesTheFixedSetOfHostFigures)
 {
-   const auto collector = MakeRef<MockupStatsCollector>(_agent.logger.Get(), _metadata.Get(),
-                                                        _depot.Get(), 20);
+   const auto collector =
+      MakeRef<MockupStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
    collector->Start();
    _scheduler.RunNext();
    EXPECT_EQ(Names("ha-host").size(), 24u);
    const auto stored = [this] {
       int count = 0;
       for (const std::string& name : Names("ha-host")) {
-         count += _depot->GetSample("ha-host", name, 1000020 + (_scheduler.GetDueUs() > 1000040000000 ? 20 : 0),
-                                    "", StatsDepot::ROLLUP_NONE) == 0
+         count += _depot->GetSample("ha-host", name,
+                                    1000020 + (_scheduler.GetDueUs() > 1000040000000 ? 20 : 0), "",
+                                    StatsDepot::ROLLUP_NONE) == 0
                      ? 1
                      : 0;
       }
@@ -222,7 +223,8 @@ protected:
       _resourceMgr->client[id] = {100, 262144, 30, 13};
       return vm;
    }
-   void Expect(const std::string& entity, const std::vector<std::pair<std::string, StatVal>>& figures)
+   void Expect(const std::string& entity,
+               const std::vector<std::pair<std::string, StatVal>>& figures)
    {
       for (const auto& [stat, value] : figures) {
          EXPECT_EQ(Raw(entity, stat), value) << entity << " " << stat;
@@ -232,8 +234,8 @@ protected:
    FakeHost _host;
    const Ref<FakeResourceMgr> _resourceMgr = MakeRef<FakeResourceMgr>();
    const Ref<FakeGuestsvc> _guestsvc = MakeRef<FakeGuestsvc>();
-   const Ref<HykStatsCollector> _collector = MakeRef<HykStatsCollector>(
-      _agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
+   const Ref<HykStatsCollector> _collector =
+      MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
 };
 
 TEST_F(KernelCollectorTest, HostFiguresFollowTheirArithmetic)
@@ -244,19 +246,45 @@ TEST_F(KernelCollectorTest, HostFiguresFollowTheirArithmetic)
    _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}, {"sdb", {2, 0, 1, 0, 1, 0, 0}, {}}};
    _host.nics = {{"eth0", true, {5000, 4096, 3, 2}}, {"eth1", false, {}}};
    Run();
-   Expect("ha-host",
-          {{"cpu-usage#0", 2000}, {"cpu-usage#1", 0}, {"cpu-usage", 500}, {"cpu-used#0", 200},
-           {"cpu-idle#3", 999}, {"cpu-usagemhz", 400}, {"sys-uptime", 90},
-           {"cpu-reservedCapacity", 11}, {"mem-reservedCapacity", 12}, {"mem-usage", 7500},
-           {"mem-consumed", 3072}, {"mem-granted", 2}, {"mem-active", 3}, {"mem-shared", 4},
-           {"mem-zero", 5}, {"mem-unreserved", 6}, {"mem-swapused", 7}, {"mem-sharedcommon", 8},
-           {"mem-heap", 9}, {"mem-heapfree", 10}, {"mem-state", 1}, {"mem-vmmemctl", 12},
-           {"mem-overhead", 13}, {"mem-swapin", 14}, {"mem-swapout", 15}, {"mem-sysUsage", 16},
-           {"disk-read#sda", 4}, {"disk-write#sda", 2}, {"disk-numberRead#sda", 1},
-           {"disk-numberWrite#sda", 2}, {"disk-commands#sda", 3}, {"disk-commandsAborted#sda", 5},
-           {"disk-busResets#sda", 6}, {"disk-usage", 7}, {"net-received#eth0", 4},
-           {"net-transmitted#eth0", 4}, {"net-packetsRx#eth0", 3}, {"net-packetsTx#eth0", 2},
-           {"net-usage", 8}});
+   Expect("ha-host", {{"cpu-usage#0", 2000},
+                      {"cpu-usage#1", 0},
+                      {"cpu-usage", 500},
+                      {"cpu-used#0", 200},
+                      {"cpu-idle#3", 999},
+                      {"cpu-usagemhz", 400},
+                      {"sys-uptime", 90},
+                      {"cpu-reservedCapacity", 11},
+                      {"mem-reservedCapacity", 12},
+                      {"mem-usage", 7500},
+                      {"mem-consumed", 3072},
+                      {"mem-granted", 2},
+                      {"mem-active", 3},
+                      {"mem-shared", 4},
+                      {"mem-zero", 5},
+                      {"mem-unreserved", 6},
+                      {"mem-swapused", 7},
+                      {"mem-sharedcommon", 8},
+                      {"mem-heap", 9},
+                      {"mem-heapfree", 10},
+                      {"mem-state", 1},
+                      {"mem-vmmemctl", 12},
+                      {"mem-overhead", 13},
+                      {"mem-swapin", 14},
+                      {"mem-swapout", 15},
+                      {"mem-sysUsage", 16},
+                      {"disk-read#sda", 4},
+                      {"disk-write#sda", 2},
+                      {"disk-numberRead#sda", 1},
+                      {"disk-numberWrite#sda", 2},
+                      {"disk-commands#sda", 3},
+                      {"disk-commandsAborted#sda", 5},
+                      {"disk-busResets#sda", 6},
+                      {"disk-usage", 7},
+                      {"net-received#eth0", 4},
+                      {"net-transmitted#eth0", 4},
+                      {"net-packetsRx#eth0", 3},
+                      {"net-packetsTx#eth0", 2},
+                      {"net-usage", 8}});
    EXPECT_EQ(Names("ha-host").size(), 12u + 3 + 17 + 7 * 2 + 1 + 2 + 5);
    EXPECT_EQ(_agent.logger->CountLevel(3), 0);
 }
@@ -268,8 +296,10 @@ TEST_F(KernelCollectorTest, CapacityFiguresDoNotOverflow)
    _host.cpus.assign(255, {tenYearsUs, 0});
    _host.memory.freeKb = 99999; // more than the cache knows of
    Run();
-   Expect("ha-host", {{"cpu-usagemhz", tenYearsUs / 1000000 * 1020000}, {"cpu-usage", tenYearsUs / 100},
-                      {"mem-consumed", 0}, {"mem-usage", 0}});
+   Expect("ha-host", {{"cpu-usagemhz", tenYearsUs / 1000000 * 1020000},
+                      {"cpu-usage", tenYearsUs / 100},
+                      {"mem-consumed", 0},
+                      {"mem-usage", 0}});
 }
 
 TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
@@ -341,16 +371,39 @@ TEST_F(KernelCollectorTest, VirtualMachinesAreSampledUnderTheirLock)
    _host.disks = {{"sda", {}, {{77, {8, 2, 1, 1, 2, 0, 0}}, {-1, {9, 9, 9, 9, 9, 9, 9}}}},
                   {"sdb", {}, {{77, {4, 0, 1, 0, 1, 0, 0}}}}};
    Run();
-   Expect("vm1", {{"sys-heartbeat", 7}, {"cpu-usagemhz#0", 8000}, {"cpu-system#0", 5},
-                  {"cpu-wait#0", 6}, {"cpu-ready#0", 7}, {"cpu-extra#0", 8}, {"cpu-guaranteed#0", 9},
-                  {"cpu-used#1", 8000}, {"sys-uptime", 60}, {"cpu-usage", 200}, {"cpu-usagemhz", 80},
-                  {"mem-usage", 2500}, {"mem-consumed", 70}, {"mem-granted", 100},
-                  {"mem-active", 262144}, {"mem-shared", 3}, {"mem-zero", 4}, {"mem-swapped", 5},
-                  {"mem-swaptarget", 8}, {"mem-swapin", 9}, {"mem-swapout", 10},
-                  {"mem-vmmemctl", 6}, {"mem-vmmemctltarget", 13}, {"mem-overhead", 7},
-                  {"net-received#4000", 2}, {"net-transmitted#4000", 1}, {"net-packetsRx#4000", 3},
-                  {"net-packetsTx#4000", 4}, {"net-usage", 3}, {"disk-read#sda", 4},
-                  {"disk-write#sda", 1}, {"disk-read#sdb", 2}, {"disk-usage", 7}});
+   Expect("vm1", {{"sys-heartbeat", 7},
+                  {"cpu-usagemhz#0", 8000},
+                  {"cpu-system#0", 5},
+                  {"cpu-wait#0", 6},
+                  {"cpu-ready#0", 7},
+                  {"cpu-extra#0", 8},
+                  {"cpu-guaranteed#0", 9},
+                  {"cpu-used#1", 8000},
+                  {"sys-uptime", 60},
+                  {"cpu-usage", 200},
+                  {"cpu-usagemhz", 80},
+                  {"mem-usage", 2500},
+                  {"mem-consumed", 70},
+                  {"mem-granted", 100},
+                  {"mem-active", 262144},
+                  {"mem-shared", 3},
+                  {"mem-zero", 4},
+                  {"mem-swapped", 5},
+                  {"mem-swaptarget", 8},
+                  {"mem-swapin", 9},
+                  {"mem-swapout", 10},
+                  {"mem-vmmemctl", 6},
+                  {"mem-vmmemctltarget", 13},
+                  {"mem-overhead", 7},
+                  {"net-received#4000", 2},
+                  {"net-transmitted#4000", 1},
+                  {"net-packetsRx#4000", 3},
+                  {"net-packetsTx#4000", 4},
+                  {"net-usage", 3},
+                  {"disk-read#sda", 4},
+                  {"disk-write#sda", 1},
+                  {"disk-read#sdb", 2},
+                  {"disk-usage", 7}});
    EXPECT_EQ(Names("vm1").size(), 2u + 7 * 2 + 2 + 13 + 5 + 7 * 2 + 1);
    EXPECT_TRUE(Names("vm0").empty());
    EXPECT_TRUE(Names("gone").empty());
@@ -404,22 +457,38 @@ TEST_F(KernelCollectorTest, PoolsGroupsAndLoadAreWalkedFromTheirRoots)
    system->child->Append(drivers);
    _resourceMgr->systemRoot = system;
    _resourceMgr->cpu["host/drivers"] = {500000000};
-   HostCtl::Resource::CpuLoadHistory load{{37, 38, 39, 40, 41}, {42, 43, 44, 45, 46},
-                                          {47, 48, 49, 50, 51}, 60, 6000};
+   HostCtl::Resource::CpuLoadHistory load{
+      {37, 38, 39, 40, 41}, {42, 43, 44, 45, 46}, {47, 48, 49, 50, 51}, 60, 6000};
    _host.load = &load;
    Run();
    Expect("root", {{"cpu-usagemhz", 8000}});
-   Expect("child", {{"cpu-usagemhz", 8000}, {"mem-granted", 1}, {"mem-active", 2}, {"mem-shared", 3},
-                    {"mem-zero", 4}, {"mem-swapped", 5}, {"mem-vmmemctl", 6}, {"mem-overhead", 7}});
+   Expect("child", {{"cpu-usagemhz", 8000},
+                    {"mem-granted", 1},
+                    {"mem-active", 2},
+                    {"mem-shared", 3},
+                    {"mem-zero", 4},
+                    {"mem-swapped", 5},
+                    {"mem-vmmemctl", 6},
+                    {"mem-overhead", 7}});
    EXPECT_TRUE(Names("below lost").empty());
-   Expect("ha-host",
-          {{"sys-resourceCpuUsage#host/drivers", 1000000}, {"rescpu-actav1", 3700},
-           {"rescpu-actpk1", 3800}, {"rescpu-runav1", 3900}, {"rescpu-runpk1", 4000},
-           {"rescpu-maxLimited1", 4100}, {"rescpu-actav5", 4200}, {"rescpu-actpk5", 4300},
-           {"rescpu-runav5", 4400}, {"rescpu-runpk5", 4500}, {"rescpu-maxLimited5", 4600},
-           {"rescpu-actav15", 4700}, {"rescpu-actpk15", 4800}, {"rescpu-runav15", 4900},
-           {"rescpu-runpk15", 5000}, {"rescpu-maxLimited15", 5100}, {"rescpu-sampleCount", 60},
-           {"rescpu-samplePeriod", 6000}});
+   Expect("ha-host", {{"sys-resourceCpuUsage#host/drivers", 1000000},
+                      {"rescpu-actav1", 3700},
+                      {"rescpu-actpk1", 3800},
+                      {"rescpu-runav1", 3900},
+                      {"rescpu-runpk1", 4000},
+                      {"rescpu-maxLimited1", 4100},
+                      {"rescpu-actav5", 4200},
+                      {"rescpu-actpk5", 4300},
+                      {"rescpu-runav5", 4400},
+                      {"rescpu-runpk5", 4500},
+                      {"rescpu-maxLimited5", 4600},
+                      {"rescpu-actav15", 4700},
+                      {"rescpu-actpk15", 4800},
+                      {"rescpu-runav15", 4900},
+                      {"rescpu-runpk15", 5000},
+                      {"rescpu-maxLimited15", 5100},
+                      {"rescpu-sampleCount", 60},
+                      {"rescpu-samplePeriod", 6000}});
    EXPECT_FALSE(Names("ha-host").contains("sys-resourceCpuUsage#host"));
 }
 
@@ -450,7 +519,8 @@ TEST_F(KernelCollectorTest, FollowsTheInventoryThroughItsChannels)
    EXPECT_TRUE(Names("vm1").empty());
    _depot->CreateStat("pool", "s", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
    _agent.Publish("/resourcePool/destroyed", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>(""));
-   _agent.Publish("/resourcePool/destroyed", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("pool"));
+   _agent.Publish("/resourcePool/destroyed",
+                  MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("pool"));
    EXPECT_TRUE(Names("pool").empty());
    EXPECT_EQ(_agent.logger->Count("6 EntityRemovedListener: Deleting stats for entity"), 2);
 
@@ -465,9 +535,10 @@ TEST_F(KernelCollectorTest, GoesOnWithoutTheVirtualMachineService)
 {
    _agent.Unregister(AgentdCommon::moid_guestsvc);
    Run();
-   EXPECT_EQ(_agent.logger->Count("4 Unable to lookup guestsvc object. Failed to populate powered on "
-                                  "VMs list"),
-             1);
+   EXPECT_EQ(
+      _agent.logger->Count("4 Unable to lookup guestsvc object. Failed to populate powered on "
+                           "VMs list"),
+      1);
    EXPECT_TRUE(Names("ha-host").contains("mem-active"));
    _agent.Unregister(AgentdCommon::moid_resourcemgr);
    Run();

@@ -29,7 +29,8 @@ TEST(FormatTest, FillsPlacesInOnePass)
 
 TEST(LoggerTest, TakesLevelsByNumberAndName)
 {
-   for (const auto& [name, wanted] : {std::pair{"error", 3}, {"warning", 4}, {"7", 7}, {"trivia", 7}}) {
+   for (const auto& [name, wanted] :
+        {std::pair{"error", 3}, {"warning", 4}, {"7", 7}, {"trivia", 7}}) {
       int level = -1;
       EXPECT_TRUE(ParseLogLevel(name, level));
       EXPECT_EQ(level, wanted);
@@ -75,9 +76,10 @@ TEST(DateTimeTest, WritesAndReadsInstantsInUtc)
    DateTime parsed;
    EXPECT_TRUE(DateTime::Parse("2000-02-29T01:30:00.1234567+01:30", parsed));
    EXPECT_EQ(parsed.GetUtcMicroseconds(), 951782400123456);
-   for (const char* const bad : {"", "2001-02-29T00:00:00Z", "2001-01-01", "2001-01-01T24:00:00Z",
-                                 "2001-01-01T00:00:00", "2001-01-01T00:00:00.Z", "2001-13-01T00:00:00Z",
-                                 "2001-01-01T00:00:00Zx", "2001-01-01T00:00:00+1:00"}) {
+   for (const char* const bad :
+        {"", "2001-02-29T00:00:00Z", "2001-01-01", "2001-01-01T24:00:00Z", "2001-01-01T00:00:00",
+         "2001-01-01T00:00:00.Z", "2001-13-01T00:00:00Z", "2001-01-01T00:00:00Zx",
+         "2001-01-01T00:00:00+1:00"}) {
       EXPECT_FALSE(DateTime::Parse(bad, parsed)) << bad;
    }
 }
@@ -115,7 +117,8 @@ TEST_F(XmlConfigTest, KeepsKeysInOrderThroughItsFile)
    EXPECT_EQ(number, -7);
    bool flag = false;
    EXPECT_TRUE(config->Get("flag", flag) && flag);
-   for (const char* const absent : {"list/item[2]/name", "list/item[x]", "other", "list/item[0]/name"}) {
+   for (const char* const absent :
+        {"list/item[2]/name", "list/item[x]", "other", "list/item[0]/name"}) {
       EXPECT_FALSE(config->Get(absent, number));
    }
    EXPECT_EQ(number, -7);
@@ -146,7 +149,8 @@ TEST_F(XmlConfigTest, SaysFileAndLineOfWhatIsWrong)
    EXPECT_EQ(config->GetKeys()[1].path, "a/b");
    EXPECT_EQ(config->GetKeys()[1].line, 4);
    _scratch.Write("c.xml", "<config>\n<a>\n</config>");
-   EXPECT_NE(message([&] { config->Read(); }).find(file + ":3: not well-formed XML"), std::string::npos);
+   EXPECT_NE(message([&] { config->Read(); }).find(file + ":3: not well-formed XML"),
+             std::string::npos);
    _scratch.Write("c.xml", "<config>" + std::string(300000, '<') + "a>");
    EXPECT_THROW(config->Read(), FileFormatException);
    EXPECT_EQ(config->GetKeys().size(), 2u); // the tree is as it was
@@ -270,7 +274,8 @@ TEST(TimerThreadTest, CallsEachFunctorOnceAndGoesOnAfterAFailure)
    EXPECT_TRUE(later->IsPending());
    EXPECT_TRUE(later->Cancel());
    EXPECT_FALSE(later->IsPending() || later->Cancel());
-   timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 2000); // third to run after two chained
+   timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call),
+                       2000); // third to run after two chained
    timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 4000);
    const auto last = timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 6000);
    done.get_future().wait();
@@ -279,7 +284,8 @@ TEST(TimerThreadTest, CallsEachFunctorOnceAndGoesOnAfterAFailure)
    EXPECT_FALSE(last->Cancel());
    timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 3600000000);
    timer->Stop();
-   EXPECT_THROW(timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 0), AssertionException);
+   EXPECT_THROW(timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 0),
+                AssertionException);
    EXPECT_EQ(notes->calls, 5);
 }
 

@@ -357,9 +357,9 @@ private:
       const auto type = static_cast<StatsDepot::StatType>(Below(3));
       const int factor = static_cast<int>(Below(3)) + 1;
       std::vector<StatsDepot::RollupType> rollups;
-      for (const auto rollup : {StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX,
-                                StatsDepot::ROLLUP_MIN, StatsDepot::ROLLUP_LAST,
-                                StatsDepot::ROLLUP_SUM}) {
+      for (const auto rollup :
+           {StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX, StatsDepot::ROLLUP_MIN,
+            StatsDepot::ROLLUP_LAST, StatsDepot::ROLLUP_SUM}) {
          if (Below(3) == 0) {
             rollups.push_back(rollup);
          }
@@ -432,8 +432,8 @@ private:
       std::vector<TimeStamp> wantedTimes;
       const int wanted = interval.store.Read(id, begin, end, wantedValues, wantedTimes);
       ASSERT_EQ(times, wantedTimes) << name.first << " " << name.second << " " << interval.name;
-      ASSERT_EQ(values, wantedValues) << name.first << " " << name.second << " " << interval.name
-                                      << " rollup " << rollup;
+      ASSERT_EQ(values, wantedValues)
+         << name.first << " " << name.second << " " << interval.name << " rollup " << rollup;
       ASSERT_EQ(count, wanted);
       for (size_t i = 0; i < times.size(); ++i) {
          ASSERT_EQ(_depot->GetSample(name.first, name.second, times[i], interval.name, rollup),

@@ -117,10 +117,10 @@ protected:
          const auto owned = Owned(nic);
          const auto port = Owned(nic->GetUplinkPort());
          const auto figures = port ? port->GetStatistics() : HostCtl::Network::PortStatistics{};
-         text += nic->GetName() + (port ? Format(":%1/%2/%3/%4 ", figures.bytesReceived,
-                                                 figures.bytesSent, figures.packetsReceived,
-                                                 figures.packetsSent)
-                                        : ":none ");
+         text += nic->GetName() +
+                 (port ? Format(":%1/%2/%3/%4 ", figures.bytesReceived, figures.bytesSent,
+                                figures.packetsReceived, figures.packetsSent)
+                       : ":none ");
       }
       return text;
    }
@@ -141,8 +141,7 @@ TEST_F(LinuxHostTest, CpuTimesNeverStepBackAndAnOfflineCpuKeepsItsPlace)
       {"cpu0 1 0 1 5 4\ncpu1 1 0 0 9 0\ncpu2 3 0 0 8 0\n", "20000/100000 20000/90000 30000/80000 "},
       {"cpu0 1 0 2 6 6\ncpu2 4 0 0 8 0\n", "30000/120000 20000/90000 40000/80000 "},
       {"cpu0 1 0 2 6 6\n", "30000/120000 20000/90000 40000/80000 "},
-      {"cpu0 1 0 2 6 6\ncpu4 1 0 0 1 0\n",
-       "30000/120000 20000/90000 40000/80000 0/0 10000/10000 "},
+      {"cpu0 1 0 2 6 6\ncpu4 1 0 0 1 0\n", "30000/120000 20000/90000 40000/80000 0/0 10000/10000 "},
    };
    for (const auto& [text, expected] : readings) {
       Write("proc/stat", text);
@@ -166,14 +165,16 @@ TEST_F(LinuxHostTest, MemoryFiguresComeFromTheirFields)
    const uint64_t pageKb = static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
    const auto stats = Resources()->GetMemoryStats();
    const std::vector<uint64_t> expected = {
-      1, 2, 4, 24 - 8, 32 + 64, 128, 256, 128 + 1024 + 2048 + 4096 + 8192, 16 * pageKb, 32 * pageKb,
-      pageKb, 3 * pageKb, 8 * pageKb, 16, 1U << 30};
-   EXPECT_EQ(expected, (std::vector<uint64_t>{
-                          stats.freeKb, stats.unreservedKb, stats.activeKb, stats.swapUsedKb,
-                          stats.grantedKb, stats.heapKb, stats.heapFreeKb, stats.sysUsageKb,
-                          stats.swapInKb, stats.swapOutKb, stats.sharedCommonKb, stats.sharedKb,
-                          stats.zeroKb, Resources()->GetCapacity().reservedMemoryMb,
-                          PhysicalBytes()}));
+      1,           2,           4,       24 - 8,
+      32 + 64,     128,         256,     128 + 1024 + 2048 + 4096 + 8192,
+      16 * pageKb, 32 * pageKb, pageKb,  3 * pageKb,
+      8 * pageKb,  16,          1U << 30};
+   EXPECT_EQ(expected,
+             (std::vector<uint64_t>{
+                stats.freeKb, stats.unreservedKb, stats.activeKb, stats.swapUsedKb, stats.grantedKb,
+                stats.heapKb, stats.heapFreeKb, stats.sysUsageKb, stats.swapInKb, stats.swapOutKb,
+                stats.sharedCommonKb, stats.sharedKb, stats.zeroKb,
+                Resources()->GetCapacity().reservedMemoryMb, PhysicalBytes()}));
 }
 
 TEST_F(LinuxHostTest, WhatTheKernelDoesNotKeepIsZero)

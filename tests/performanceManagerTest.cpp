@@ -84,9 +84,14 @@ TEST(StatsMetadataTest, NamesStatsByGroupNameAndInstance)
       std::string instance;
       std::string statName;
    } cases[] = {
-      {0x00000, "", "cpu-usage"},     {0x00001, "", "cpu-usage"},        {0x00000, "0", "cpu-usage#0"},
-      {0x10017, "", "mem-unreserved"}, {0x50009, "", "rescpu-runpk1"},   {0x50003, "", "rescpu-actav5"},
-      {0x20004, "sd#a", "disk-numberRead#sd#a"}, {0x40003, "host/x", "sys-resourceCpuUsage#host/x"},
+      {0x00000, "", "cpu-usage"},
+      {0x00001, "", "cpu-usage"},
+      {0x00000, "0", "cpu-usage#0"},
+      {0x10017, "", "mem-unreserved"},
+      {0x50009, "", "rescpu-runpk1"},
+      {0x50003, "", "rescpu-actav5"},
+      {0x20004, "sd#a", "disk-numberRead#sd#a"},
+      {0x40003, "host/x", "sys-resourceCpuUsage#host/x"},
    };
    for (const auto& c : cases) {
       std::string statName;
@@ -106,8 +111,10 @@ TEST(StatsMetadataTest, NamesStatsByGroupNameAndInstance)
 
 TEST(FindIntervalBoundaryTest, GivesTheNextInstantOfTheGrid)
 {
-   const std::array<int64_t, 4> cases[] = {{0, 1000, 300, 1200}, {0, 1200, 300, 1200},
-                                           {20, 1000, 300, 1220}, {250, 1000, 300, 1150},
+   const std::array<int64_t, 4> cases[] = {{0, 1000, 300, 1200},
+                                           {0, 1200, 300, 1200},
+                                           {20, 1000, 300, 1220},
+                                           {250, 1000, 300, 1150},
                                            {901, 1000, 300, 1201}};
    for (const auto& [reference, time, interval, boundary] : cases) {
       EXPECT_EQ(FindIntervalBoundary(reference, time, interval), boundary);
@@ -213,11 +220,12 @@ TEST_F(PerformanceManagerTest, KeepsAGoodDepotAndRevertsFromAnyOther)
 
 TEST_F(PerformanceManagerTest, StartsAndCollectsWhateverHappenedToTheFiles)
 {
-   const std::string files[] = {"hostAgentStats.xml", "hostAgentStats.idMap", "hostAgentStats-20.stats",
-                                "hostAgentStats-300.stats"};
+   const std::string files[] = {"hostAgentStats.xml", "hostAgentStats.idMap",
+                                "hostAgentStats-20.stats", "hostAgentStats-300.stats"};
    std::mt19937_64 random(20261121);
    for (const std::string& file : files) {
-      for (const std::string damage : {"emptied", "cut in half", "cut by a byte", "random", "removed"}) {
+      for (const std::string damage :
+           {"emptied", "cut in half", "cut by a byte", "random", "removed"}) {
          SCOPED_TRACE(file + " " + damage);
          Corvax::System::GetFactory().Remove(_scratch.Path() + files[0]);
          Start();
@@ -319,11 +327,12 @@ TEST_F(PerformanceManagerTest, UsageComesFromTheNewestColumnAlone)
    const struct {
       StatVal consumed, overhead;
       int64_t memory;
-   } cases[] = {{1000, 50, 1050}, {1000, 0, -1}, {0, 50, -1}, {kHuge, 50, INT64_MAX}, {1000, kUnset, -1}};
+   } cases[] = {
+      {1000, 50, 1050}, {1000, 0, -1}, {0, 50, -1}, {kHuge, 50, INT64_MAX}, {1000, kUnset, -1}};
    TimeStamp ts = kNow - 20;
    for (const auto& c : cases) {
-      Record(ts += 20, {{"mem-consumed", c.consumed}, {"mem-overhead", c.overhead}, {"mem-active", 9}},
-             "vm");
+      Record(ts += 20,
+             {{"mem-consumed", c.consumed}, {"mem-overhead", c.overhead}, {"mem-active", 9}}, "vm");
       _clock.SetSeconds(static_cast<int64_t>(ts));
       _manager->GetVmCpuMemUsage(vm.Get(), cpu, memory, active);
       EXPECT_EQ(memory, c.memory);

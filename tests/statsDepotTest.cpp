@@ -36,8 +36,7 @@ protected:
       Open();
       _depot->Load();
    }
-   void AddStat(const std::string& name,
-                StatsDepot::StatType type = StatsDepot::STATTYPE_ABSOLUTE,
+   void AddStat(const std::string& name, StatsDepot::StatType type = StatsDepot::STATTYPE_ABSOLUTE,
                 std::vector<StatsDepot::RollupType> rollups = kAverageMax)
    {
       _depot->CreateStat("e", name, type, 1, rollups);
@@ -107,12 +106,14 @@ TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsLaidDown)
                                      "  <intervals>\n"
                                      "    <interval>\n"
                                      "      <name>every20</name>\n"
-                                     "      <storeName>" + _scratch.Path() + "d-20.stats</storeName>\n"
-                                     "      <samplingPeriod>20</samplingPeriod>\n"
-                                     "      <numSamples>3</numSamples>\n"
-                                     "    </interval>\n"
-                                     "  </intervals>\n"
-                                     "</config>\n");
+                                     "      <storeName>" +
+                                        _scratch.Path() +
+                                        "d-20.stats</storeName>\n"
+                                        "      <samplingPeriod>20</samplingPeriod>\n"
+                                        "      <numSamples>3</numSamples>\n"
+                                        "    </interval>\n"
+                                        "  </intervals>\n"
+                                        "</config>\n");
    _depot->CreateStat("e", "one", StatsDepot::STATTYPE_RATE, -2, kAverageMax);
    _depot->CreateStat("e", "two", StatsDepot::STATTYPE_DELTA, 1, {StatsDepot::ROLLUP_SUM});
    EXPECT_EQ(_logger->Count("7 Added statId 2 for e-one-2"), 1);
@@ -142,8 +143,8 @@ TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsWhatTheyLeaveBehind)
                                        "00000000 00000000 01000000") +
                                 "partial");
    Reload();
-   EXPECT_EQ(_logger->Count("4 StatsDepot idmap file might be corrupted.File size is not a multiple"),
-             1);
+   EXPECT_EQ(
+      _logger->Count("4 StatsDepot idmap file might be corrupted.File size is not a multiple"), 1);
    EXPECT_EQ(_logger->Count("5 StatId 2 for e-twice is a duplicate"), 1);
    EXPECT_EQ(_logger->Count("damaged record at 3"), 1);
    EXPECT_EQ(_logger->Count("damaged record at 4"), 1);
@@ -163,9 +164,10 @@ TEST_F(StatsDepotTest, LoadMakesADamagedStoreAfreshButNoForeignFile)
    _scratch.Write("d-20.stats", FromHex("04000000 14000000 ff*32"));
    Reload();
    EXPECT_EQ(_logger->Count("3 Number of samples 4 in StatsStore doesnt match expectedValue 3"), 1);
-   EXPECT_EQ(_logger->Count("3 Error in loading interval every20: Number of samples in store doesnt "
-                            "match expected value"),
-             1);
+   EXPECT_EQ(
+      _logger->Count("3 Error in loading interval every20: Number of samples in store doesnt "
+                     "match expected value"),
+      1);
    EXPECT_EQ(_scratch.Read("d-20.stats"), FromHex("03000000 14000000 ff*24"));
 
    std::string description = _scratch.Read("d.xml");
@@ -240,8 +242,12 @@ TEST_F(StatsDepotTest, ReadingsBecomeValuesByType)
       StatVal reading;
       StatVal level, growth, speed;
    } steps[] = {
-      {1000, 100, 50, kUnset, kUnset}, {1020, 160, 50, 50, 3},  {1045, 150, 50, kUnset, kUnset},
-      {1061, 170, 50, 20, 1},          {1101, 190, 50, kUnset, kUnset}, {1120, 20, 20, kUnset, kUnset},
+      {1000, 100, 50, kUnset, kUnset},
+      {1020, 160, 50, 50, 3},
+      {1045, 150, 50, kUnset, kUnset},
+      {1061, 170, 50, 20, 1},
+      {1101, 190, 50, kUnset, kUnset},
+      {1120, 20, 20, kUnset, kUnset},
       {1140, 20, 20, 0, 0},
    };
    for (const auto& step : steps) {
@@ -498,9 +504,9 @@ TEST_P(FaultTest, DepotGoesOnAfterAnyFailedFileOperation)
       for (int opened = 0; opened < 2; ++opened) {
          for (TimeStamp t = ts - 60; t < ts; t += 10) {
             for (int i = 0; i < kStats; ++i) {
-               ASSERT_EQ(_depot->GetSample("e", "s" + std::to_string(i), t, "",
-                                           StatsDepot::ROLLUP_NONE),
-                         t + static_cast<StatVal>(i));
+               ASSERT_EQ(
+                  _depot->GetSample("e", "s" + std::to_string(i), t, "", StatsDepot::ROLLUP_NONE),
+                  t + static_cast<StatVal>(i));
             }
          }
          ASSERT_EQ(_depot->GetSample("e", "s2", 1410, "coarse", StatsDepot::ROLLUP_AVERAGE), 1402u);

@@ -89,15 +89,16 @@ TEST_F(StatsStoreTest, FileIsByteForByteAsLaidDown)
    store->AddSample(2, 10, 2);
    store->AddSample(0, 20, 3);
    store->AddSample(0, 30, 4);
-   store->AddSample(0, 40, 5); // reuses the first column
+   store->AddSample(0, 40, 5);                  // reuses the first column
    store->AddSample(2, 40, 0x0102030405060708); // its last sample has left the circle
    EXPECT_TRUE(store->DeleteStat(0));
    EXPECT_FALSE(store->DeleteStat(3));
-   const std::string wanted = "03000000 0a000000  2800000000000000 1400000000000000 1e00000000000000"
-                              "00000000 2800000000000000  0500000000000000 0300000000000000"
-                              "                           0400000000000000"
-                              " 00*36 "
-                              "01000000 2800000000000000  0807060504030201 ff*16";
+   const std::string wanted =
+      "03000000 0a000000  2800000000000000 1400000000000000 1e00000000000000"
+      "00000000 2800000000000000  0500000000000000 0300000000000000"
+      "                           0400000000000000"
+      " 00*36 "
+      "01000000 2800000000000000  0807060504030201 ff*16";
    EXPECT_EQ(_scratch.Read("s.stats"), FromHex(wanted));
 }
 

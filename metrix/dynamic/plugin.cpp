@@ -1,8 +1,7 @@
 #include "metrix/metrix.h"
 
-extern "C" __attribute__((visibility("default"))) void CorvaxPluginEntry(int /*major*/,
-                                                                         int /*minor*/,
-                                                                         Corvax::Plugin** plugin)
+extern "C" __attribute__((visibility("default"))) void
+CorvaxPluginEntry(int /*major*/, int /*minor*/, Corvax::Plugin** plugin)
 {
    auto created = Corvax::MakeRef<Metrix::MetrixPlugin>();
    created->AddRef(); // the caller's

@@ -98,10 +98,16 @@ private:
          host.before(operation);
          return new View(host);
       }
-      HostCtl::Resource::ResourceInfo* GetResourceInfo() override { return Copy("GetResourceInfo"); }
+      HostCtl::Resource::ResourceInfo* GetResourceInfo() override
+      {
+         return Copy("GetResourceInfo");
+      }
       HostCtl::Storage::StorageInfo* GetStorageInfo() override { return Copy("GetStorageInfo"); }
       HostCtl::Network::NetworkInfo* GetNetworkInfo() override { return Copy("GetNetworkInfo"); }
-      HostCtl::Hardware::HardwareInfo* GetHardwareInfo() override { return Copy("GetHardwareInfo"); }
+      HostCtl::Hardware::HardwareInfo* GetHardwareInfo() override
+      {
+         return Copy("GetHardwareInfo");
+      }
       HostCtl::Hardware::CpuInfo* GetCpuInfo() override { return Copy("GetCpuInfo"); }
       HostCtl::Hardware::MemoryInfo* GetMemoryInfo() override { return Copy("GetMemoryInfo"); }
       std::vector<HostCtl::Resource::HostCpuStats> GetCpuStats() override

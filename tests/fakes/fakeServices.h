@@ -29,7 +29,8 @@ struct FakeVm : Guestsvc::HaVirtualMachine, Corvax::LockableObjectImpl {
       card->connectable = Corvax::MakeRef<Quen::Vm::Device::ConnectInfo>();
       card->connectable->connected = connected;
       if (onNetwork) {
-         card->backing = Corvax::MakeRef<Quen::Vm::Device::VirtualEthernetCard::NetworkBackingInfo>();
+         card->backing =
+            Corvax::MakeRef<Quen::Vm::Device::VirtualEthernetCard::NetworkBackingInfo>();
       }
       if (!config->hardware.device) {
          config->hardware.device =
