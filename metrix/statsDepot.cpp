@@ -172,7 +172,7 @@ void StatsDepotImpl::Load()
    for (const std::string& element : elements) {
       LoadInterval(element);
    }
-   WarnOfLostRecords();
+   FindLostRecords();
    _nextUpdateTime = kUnset;
 }
 
@@ -207,19 +207,19 @@ void StatsDepotImpl::LoadInterval(const std::string& element)
 }
 
 /// An id-map file that was cut at a record's end looks whole; rows of stats that it no longer names
-/// give it away. Their stats are created again when they are sampled next.
-void StatsDepotImpl::WarnOfLostRecords()
+/// give it away.
+void StatsDepotImpl::FindLostRecords()
 {
    constexpr int kIdsLookedAt = 8;
    const int records = _slotUsageMap->GetSize();
    for (const auto& interval : *_intervalTable) {
       for (int id = records; id < records + kIdsLookedAt; ++id) {
          if (interval->GetStore().GetLastUpdateTime(static_cast<StatId>(id)) != kUnset) {
-            _logger->Log(
-               kLogWarning,
-               "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 has "
-               "samples of stat %4. What it no longer names is given up",
-               GetIdMapFileName(), records, interval->_intervalName, id);
+            _logger->Log(kLogWarning,
+                         "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 "
+                         "has samples of stat %4. What it no longer names is given up",
+                         GetIdMapFileName(), records, interval->_intervalName, id);
+            DropStatOfLastRecord();
             return;
          }
       }

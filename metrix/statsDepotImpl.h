@@ -139,7 +139,7 @@ private:
    std::string GetIdMapFileName() const { return _depotDir + _depotName + ".idMap"; }
    std::string GetStoreName(int samplingPeriod) const;
    void LoadInterval(const std::string& element);
-   void WarnOfLostRecords();
+   void FindLostRecords();
    /// The finest interval for an empty name, null when there is none; "Invalid argument" for an
    /// unknown name.
    Interval* SelectInterval(const std::string& intervalName) const;
@@ -157,6 +157,7 @@ private:
    void LoadIdMapping();
    bool LoadIdRecord(const std::byte* record, StatId id);
    void DropStatsWithoutRawId();
+   void DropStatOfLastRecord();
    bool AddIdMapping(const std::string& entityId, const std::string& statName, StatType type,
                      int scalingFactor, RollupType rollup, StatId id);
    void PersistIdMappingAddition(const std::string& entityId, const std::string& statName,

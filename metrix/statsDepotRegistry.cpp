@@ -335,6 +335,23 @@ void StatsDepotImpl::DropStatsWithoutRawId()
    }
 }
 
+/// Where the file lost its end, the stat of the last record may have lost some of its rollups with
+/// it, and would never get them back. It is given up, too, and created again whole.
+void StatsDepotImpl::DropStatOfLastRecord()
+{
+   const StatId lastId = static_cast<StatId>(_slotUsageMap->GetSize()) - 1;
+   for (const auto& [entityId, stats] : _entityMap) {
+      for (const auto& [statName, info] : *stats) {
+         if (info->HasStatId(lastId)) {
+            _logger->Log(kLogWarning, "Stat %1 of %2 may have lost rollups and is given up",
+                         statName, entityId);
+            DeleteStatInt(std::string(entityId), std::string(statName));
+            return;
+         }
+      }
+   }
+}
+
 /// The part of a deletion that happens in memory.
 void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& statName,
                                 const StatInfo& info)

@@ -363,9 +363,16 @@ TEST_F(StatsDepotTest, NewStatNeverShowsWhatACrashLeftInItsRow)
    _depot->AddSample("e", "new", 1010, 1, 0);
    EXPECT_EQ(Read("new", 1000), kUnset);
 
-   _scratch.Write("d.idMap", "");
+   // A file that has lost its end, between the records of a stat.
+   _depot->DeleteEntityStats("e");
+   AddStat("first");
+   AddStat("second");
+   AddStat("third");
+   _depot->AddSample("e", "third", 1020, 1, 0);
+   _scratch.Write("d.idMap", _scratch.Read("d.idMap").substr(0, 5 * 524));
    Reload();
    EXPECT_EQ(_logger->Count("4 StatsDepot idmap file"), 1);
+   EXPECT_EQ(Names(), (std::vector<std::string>{"first"}));
 }
 
 TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataAndKeepsToItsLimit)
