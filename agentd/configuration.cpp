@@ -23,9 +23,11 @@ constexpr char kInterval[] = "plugins/metrix/collectionInterval";
 constexpr char kMockup[] = "plugins/metrix/enableMockup";
 constexpr char kDepotDir[] = "plugins/metrix/depotDir";
 constexpr char kCpuMhz[] = "agentd/cpuMhz";
+constexpr char kListen[] = "agentd/http/listen";
+constexpr char kDefaultListen[] = "127.0.0.1:8697";
 constexpr char kNic[] = "agentd/nics/nic";
 
-enum class ValueKind { TEXT, DIRECTORY, INTEGER, BOOLEAN, LOG_LEVEL };
+enum class ValueKind { TEXT, DIRECTORY, INTEGER, POSITIVE, BOOLEAN, LOG_LEVEL };
 
 struct KeyRule {
    std::string_view path;
@@ -36,7 +38,13 @@ constexpr KeyRule kKeyRules[] = {
    {"agentd/stateDir", ValueKind::TEXT},
    {"agentd/logLevel", ValueKind::LOG_LEVEL},
    {"agentd/plugin", ValueKind::TEXT},
-   {kCpuMhz, ValueKind::INTEGER},
+   {kCpuMhz, ValueKind::POSITIVE},
+   {kListen, ValueKind::TEXT},
+   {"agentd/http/workers", ValueKind::POSITIVE},
+   {"agentd/http/maxConnections", ValueKind::POSITIVE},
+   {"agentd/http/maxBodyBytes", ValueKind::POSITIVE},
+   {"agentd/http/maxQuerySpecs", ValueKind::POSITIVE},
+   {"agentd/http/requestTimeoutSec", ValueKind::POSITIVE},
    {kNic, ValueKind::TEXT}, // may stand several times
    {"plugins/metrix/logLevelTemp", ValueKind::LOG_LEVEL},
    {kInterval, ValueKind::INTEGER},
@@ -55,6 +63,12 @@ void CheckValue(const XmlConfig& config, const std::string& where, const XmlConf
    switch (kind) {
    case ValueKind::INTEGER:
       config.Get(key.path, integer);
+      break;
+   case ValueKind::POSITIVE:
+      config.Get(key.path, integer);
+      if (integer < 1) {
+         throw InvalidArgumentException(Format("%1: %2 is below 1", where, key.path));
+      }
       break;
    case ValueKind::BOOLEAN:
       config.Get(key.path, boolean);
@@ -123,6 +137,33 @@ std::vector<std::string> ReadNics(const XmlConfig& config)
    return nics;
 }
 
+/// CheckKeys has seen to it that the value is above 0.
+int32_t ReadPositive(const XmlConfig& config, const std::string& path, int32_t defaultValue)
+{
+   int32_t value = defaultValue;
+   config.Get(path, value);
+   return value;
+}
+
+void ReadHttp(const XmlConfig& config, Configuration& configuration)
+{
+   configuration.listen = kDefaultListen;
+   config.Get(kListen, configuration.listen);
+   const auto read = [&config](const char* key, auto defaultValue) {
+      return ReadPositive(config, std::string("agentd/http/") + key,
+                          static_cast<int32_t>(defaultValue));
+   };
+   HttpServer::Limits& limits = configuration.httpLimits;
+   limits.workers = read("workers", limits.workers);
+   limits.maxConnections = read("maxConnections", limits.maxConnections);
+   limits.maxBodyBytes = static_cast<size_t>(read("maxBodyBytes", limits.maxBodyBytes));
+   configuration.maxQuerySpecs =
+      static_cast<size_t>(read("maxQuerySpecs", configuration.maxQuerySpecs));
+   limits.requestTimeout = std::chrono::seconds(
+      read("requestTimeoutSec",
+           std::chrono::duration_cast<std::chrono::seconds>(limits.requestTimeout).count()));
+}
+
 } // namespace
 
 Configuration LoadConfiguration(const Options& options)
@@ -143,16 +184,12 @@ Configuration LoadConfiguration(const Options& options)
    keys.Get("agentd/logLevel", configuration.logLevel);
    keys.Get("agentd/plugin", configuration.pluginFile);
    configuration.nics = ReadNics(keys);
-   int32_t cpuMhz = 0;
-   keys.Get(kCpuMhz, cpuMhz);
-   if (cpuMhz < 0) {
-      throw InvalidArgumentException(
-         Format("%1: %2 is %3, below 0", keys.Where(kCpuMhz), kCpuMhz, cpuMhz));
-   }
-   configuration.cpuMhz = static_cast<uint32_t>(cpuMhz);
+   configuration.cpuMhz = static_cast<uint32_t>(ReadPositive(keys, kCpuMhz, 0));
+   ReadHttp(keys, configuration);
 
    configuration.stateDir = options.stateDir.value_or(configuration.stateDir);
    configuration.pluginFile = options.pluginFile.value_or(configuration.pluginFile);
+   configuration.listen = options.listen.value_or(configuration.listen);
    // Absolute, because the depot's description holds paths that must serve the next start too.
    configuration.stateDir = std::filesystem::absolute(configuration.stateDir).lexically_normal();
    std::string depotDir;

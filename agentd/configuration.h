@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agentd/httpServer.h"
 #include "agentd/options.h"
 #include "corvax/xmlConfig.h"
 
@@ -16,6 +17,9 @@ struct Configuration {
    std::string pluginFile;
    std::vector<std::string> nics; ///< physical NICs by name; empty: found by the kernel's word
    uint32_t cpuMhz = 0;           ///< speed of one CPU; 0: by the kernel's word
+   std::string listen;            ///< of the management API; "none": it is not served
+   HttpServer::Limits httpLimits;
+   size_t maxQuerySpecs = 64; ///< in one query
 };
 
 /// Reads and checks the configuration file, if one is given, and puts the command line over it.

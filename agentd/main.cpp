@@ -1,5 +1,7 @@
 #include "agentd/collectionMonitor.h"
 #include "agentd/configuration.h"
+#include "agentd/httpServer.h"
+#include "agentd/managementApi.h"
 #include "agentd/options.h"
 #include "agentd/pluginHost.h"
 #include "agentd/stopSignal.h"
@@ -11,6 +13,7 @@
 #include "corvax/system.h"
 #include "hostctl/host.h"
 #include "linuxHost/linuxHostProvider.h"
+#include "linuxHost/linuxHostSystem.h"
 #include "linuxHost/linuxResourceMgr.h"
 
 #include <cstdio>
@@ -48,8 +51,10 @@ public:
            LinuxHost::NewLinuxHostProvider({"", configuration.nics, configuration.cpuMhz}, logger))
    {
       HostCtl::HostFactory::SetProvider(_provider.get());
-      Corvax::Service::GetApp()->GetObjectRegistry()->Register(AgentdCommon::moid_resourcemgr,
-                                                               LinuxHost::NewLinuxResourceMgr());
+      Corvax::ObjectRegistry* const registry = Corvax::Service::GetApp()->GetObjectRegistry();
+      registry->Register(AgentdCommon::moid_resourcemgr, LinuxHost::NewLinuxResourceMgr());
+      registry->Register(AgentdCommon::moid_hostsystem,
+                         LinuxHost::NewLinuxHostSystem(AgentdCommon::moid_hostsystem));
    }
    ~LinuxHostScope() { HostCtl::HostFactory::SetProvider(nullptr); }
    LinuxHostScope(const LinuxHostScope&) = delete;
@@ -57,6 +62,37 @@ public:
 
 private:
    const std::unique_ptr<HostCtl::HostProvider> _provider;
+};
+
+/// Serves the management API. Where the address cannot be had that is an error in the log, and the
+/// agent goes on collecting.
+class ApiScope {
+public:
+   ApiScope(const Configuration& configuration, Corvax::Logger* logger)
+      : _api(configuration.maxQuerySpecs, logger),
+        _server(configuration.httpLimits, ManagementApi::FormatError, logger)
+   {
+      if (configuration.listen == "none") {
+         return;
+      }
+      _api.AddRoutes(_server);
+      try {
+         const int port = _server.Listen(configuration.listen);
+         const std::string host = configuration.listen.substr(0, configuration.listen.rfind(':'));
+         logger->Log(kLogNotice, "The management API is served at http://%1:%2", host, port);
+      } catch (const Corvax::Exception& e) {
+         logger->Log(Corvax::kLogError, "The management API is not served: %1", e.GetMessage());
+      }
+   }
+   ~ApiScope() { _server.Stop(); }
+   ApiScope(const ApiScope&) = delete;
+   ApiScope& operator=(const ApiScope&) = delete;
+
+   void RefuseRequests() { _server.RefuseRequests(); }
+
+private:
+   const ManagementApi _api;
+   HttpServer _server;
 };
 
 void Run(const Options& options, const Configuration& configuration)
@@ -74,11 +110,13 @@ void Run(const Options& options, const Configuration& configuration)
    plugin.Init();
    monitor.Start();
    plugin.Start();
+   ApiScope api(configuration, Corvax::Service::GetApp()->GetLogger("API").Get());
    logger->Log(kLogNotice, "agentd %1 runs with %2, state in %3", kVersion,
                plugin.GetNameAndVersion(), configuration.stateDir);
    while (!stop.Wait(monitor.GetCheckPeriod())) {
       monitor.CheckSilence();
    }
+   api.RefuseRequests();
    monitor.Stop();
    plugin.Stop();
    logger->Log(kLogNotice, "agentd has stopped");

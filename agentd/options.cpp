@@ -46,6 +46,9 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options)
                 "After each collection, print a line of the host's newest figures");
    app.add_option("--plugin", options.pluginFile, "Plug-in to load instead of the installed one")
       ->type_name("FILE");
+   app.add_option("--listen", options.listen,
+                  "Where the management API is served (default 127.0.0.1:8697); none for nowhere")
+      ->type_name("ADDRESS:PORT");
    try {
       app.parse(argc, argv);
    } catch (const CLI::Success& e) {

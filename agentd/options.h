@@ -16,6 +16,7 @@ struct Options {
    int64_t runs = 0; ///< collection runs after which to stop; 0: until a signal comes
    bool report = false;
    std::optional<std::string> pluginFile;
+   std::optional<std::string> listen; ///< "ADDRESS:PORT", "none" for no management API
 };
 
 constexpr int kExitFailure = 1;

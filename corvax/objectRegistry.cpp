@@ -2,7 +2,7 @@
 
 #include "corvax/lockable.h"
 
-#include <unordered_map>
+#include <map>
 
 namespace Corvax {
 
@@ -39,9 +39,15 @@ public:
       return found == _objects.end() ? nullptr : found->second;
    }
 
+   std::vector<std::pair<std::string, Ref<Object>>> GetAll() const override
+   {
+      const ReadGuard guard(_lock);
+      return {_objects.begin(), _objects.end()};
+   }
+
 private:
    mutable ReaderWriterLock _lock;
-   std::unordered_map<std::string, Ref<Object>> _objects;
+   std::map<std::string, Ref<Object>> _objects;
 };
 
 } // namespace

@@ -17,6 +17,9 @@ public:
    /// Null when there is none.
    virtual Ref<Object> Find(const std::string& id) const = 0;
 
+   /// All objects with their ids, in the order of ids.
+   virtual std::vector<std::pair<std::string, Ref<Object>>> GetAll() const = 0;
+
    /// False, with `object` null, when there is none of that id or it is no T.
    template <class T>
    bool TryLookupObject(const std::string& id, Ref<T>& object) const

@@ -7,7 +7,6 @@
 #include "metrix/hykStatsCollector.h"
 #include "metrix/mockupStatsCollector.h"
 #include "plexa/fault.h"
-#include "quen/inventory.h"
 
 namespace Metrix {
 
@@ -209,15 +208,6 @@ void PerformanceManagerImpl::QueryCounter(const std::vector<int32_t>& counterIds
    counters = found;
 }
 
-void PerformanceManagerImpl::ValidateEntityType(Plexa::MoRef* entity)
-{
-   if (entity == nullptr || (!entity->IsA(Quen::VirtualMachine::GetManagedType()) &&
-                             !entity->IsA(Quen::HostSystem::GetManagedType()) &&
-                             !entity->IsA(Quen::ResourcePool::GetManagedType()))) {
-      throw InvalidArgument();
-   }
-}
-
 void PerformanceManagerImpl::QueryProviderSummary(Plexa::MoRef* entity,
                                                   Ref<ProviderSummary>& summary)
 {
@@ -242,22 +232,6 @@ void PerformanceManagerImpl::RemoveHistoricalInterval(int32_t /*intervalId*/)
 }
 
 void PerformanceManagerImpl::UpdateHistoricalInterval(Quen::HistoricalInterval* /*interval*/)
-{
-   throw Plexa::Fault::NotImplemented::Exception();
-}
-
-// Series are read by GetHostCpuMemUsage and GetVmCpuMemUsage alone so far.
-
-void PerformanceManagerImpl::QueryAvailableMetric(
-   Plexa::MoRef* /*entity*/, const std::optional<Corvax::DateTime>& /*beginTime*/,
-   const std::optional<Corvax::DateTime>& /*endTime*/, const std::optional<int32_t>& /*intervalId*/,
-   Ref<Plexa::DataArray<MetricId>>& /*metricIds*/)
-{
-   throw Plexa::Fault::NotImplemented::Exception();
-}
-
-void PerformanceManagerImpl::QueryStats(Plexa::DataArray<QuerySpec>* /*querySpecs*/,
-                                        Ref<Plexa::DataArray<EntityMetricBase>>& /*results*/)
 {
    throw Plexa::Fault::NotImplemented::Exception();
 }

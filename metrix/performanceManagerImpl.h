@@ -16,6 +16,8 @@ namespace Metrix {
 int64_t FindIntervalBoundary(int64_t reference, int64_t time, int64_t interval);
 
 /// The performance manager: owns catalogue, depot and collector, and answers the management API.
+/// Its sources: performanceManagerImpl.cpp has set-up, descriptions and usage figures;
+/// performanceManagerQuery.cpp metric identification and series.
 ///
 /// Locking: operations that read the depot, and QueryCounter, hold the depot's lock for their whole
 /// duration; the others tell what was fixed at construction and take none.
@@ -66,7 +68,65 @@ private:
    void AddMissingInterval();
    bool HasFutureTimeStamps() const;
    bool HasConfiguredInterval() const;
+   using MetricIds = Plexa::DataArray<MetricId>;
+
+   /// Series to be read, as parallel lists: each stat name is read with its rollup and labelled with
+   /// its metric id.
+   struct Metrics {
+      std::vector<std::string> statNames;
+      Corvax::RefVector<MetricId> metricIds;
+      std::vector<StatsDepot::RollupType> rollups;
+
+      void Append(const std::string& statName, Corvax::Ref<MetricId> metricId,
+                  StatsDepot::RollupType rollup);
+   };
+
+   /// A span of time in seconds, both ends inclusive; an unset start is open.
+   struct Window {
+      TimeStamp start;
+      TimeStamp end;
+   };
+
+   // All of these throw the fault InvalidArgument for what they refuse, and are called, where they
+   // read the depot, with its lock held.
    static void ValidateEntityType(Plexa::MoRef* entity);
+   static Window GetWindow(const std::optional<Corvax::DateTime>& start,
+                           const std::optional<Corvax::DateTime>& end);
+   std::string GetStatName(const MetricId& metricId) const;
+   std::vector<std::string> GetStatNames(const MetricIds& metricIds) const;
+   /// Replaces `metricIds` by the primary counters of the stats; stats that the catalogue does not
+   /// know are taken out of `statNames`.
+   void GetMetricIds(std::vector<std::string>& statNames,
+                     Corvax::RefVector<MetricId>& metricIds) const;
+   /// The counters of depot stats: all that each keeps, or its first alone.
+   Metrics GetMetricIdInfoFromStatNames(const std::vector<std::string>& statNames,
+                                        bool allRollups) const;
+   /// The counters of requested metrics; a composite one stands for all counters of its stat.
+   Metrics GetMetricIdInfo(const MetricIds& metricIds) const;
+   /// The metrics with "*" replaced by the instances that the entity has: the explicit ones first.
+   Corvax::Ref<MetricIds> ExpandMetricIdWildCards(const std::string& entityId,
+                                                  MetricIds* metricIds);
+   std::vector<std::string> GetAvailableStatNames(const std::string& entityId, Window window);
+
+   Corvax::Ref<EntityMetric> QueryOne(QuerySpec* spec, Window window);
+   /// Newest real-time series; `maxSample` 0 or less is no limit.
+   void QueryCurrent(const Corvax::RefVector<Plexa::MoRef>& entities, Window window,
+                     int32_t maxSample, MetricIds* metricIds,
+                     Plexa::DataArray<EntityMetric>& entityMetrics);
+   /// Series of a historical interval.
+   void QuerySummary(const Corvax::RefVector<Plexa::MoRef>& entities, Window window,
+                     MetricIds* metricIds, int32_t intervalId,
+                     Plexa::DataArray<EntityMetric>& entityMetrics);
+   /// The newest raw values; unset when there are none.
+   void QueryRawStats(Plexa::MoRef* entity, MetricIds* metricIds,
+                      Corvax::Ref<EntityMetric>& entityMetric);
+   void GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
+                        const std::vector<int32_t>& intervalIds, Window window,
+                        Corvax::Ref<EntityMetric>& entityMetric);
+   void AppendSampleInfo(const std::string& entityId, const Metrics& metrics, int32_t intervalId,
+                         Window window, Plexa::DataArray<SampleInfo>& sampleInfo);
+   StatsDepot::RollupType GetRollup(const Metrics& metrics, size_t index, int32_t intervalId) const;
+   static Corvax::Ref<EntityMetricCSV> ConvertToCSVFormat(const EntityMetric& entityMetric);
    Long GetLatestSample(const std::string& entityId, StatsMetadata::CounterId counterId,
                         const std::string& instance);
 

@@ -9,7 +9,19 @@
 /// The managed objects and data objects of the inventory, as far as statistics meet them.
 namespace Quen {
 
-class VirtualMachine : public virtual Plexa::ManagedObject {
+/// What the inventory holds: a host, a virtual machine, a resource pool.
+class ManagedEntity : public virtual Plexa::ManagedObject {
+public:
+   /// For people; need not be unique. The id where there is no better one.
+   virtual std::string GetName() { return GetMoRef()->GetId(); }
+   /// The entity that this one belongs to, null when there is none.
+   virtual Corvax::Ref<Plexa::MoRef> GetParent() { return nullptr; }
+
+protected:
+   ~ManagedEntity() override;
+};
+
+class VirtualMachine : public virtual ManagedEntity {
 public:
    static const Plexa::ManagedType& GetManagedType();
 
@@ -17,7 +29,7 @@ protected:
    ~VirtualMachine() override;
 };
 
-class HostSystem : public virtual Plexa::ManagedObject {
+class HostSystem : public virtual ManagedEntity {
 public:
    static const Plexa::ManagedType& GetManagedType();
 
@@ -25,7 +37,7 @@ protected:
    ~HostSystem() override;
 };
 
-class ResourcePool : public virtual Plexa::ManagedObject {
+class ResourcePool : public virtual ManagedEntity {
 public:
    /// The child pools, in order; unset when there are none.
    virtual void GetChildPools(Corvax::Ref<Plexa::DataArray<Plexa::MoRef>>& pools) = 0;

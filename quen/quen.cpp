@@ -14,6 +14,7 @@ constexpr Plexa::ManagedType kResourcePool{"ResourcePool", &kManagedEntity};
 } // namespace
 
 PerformanceManager::~PerformanceManager() = default;
+ManagedEntity::~ManagedEntity() = default;
 VirtualMachine::~VirtualMachine() = default;
 HostSystem::~HostSystem() = default;
 ResourcePool::~ResourcePool() = default;

@@ -43,7 +43,7 @@ report)
       (while :; do :; done) &
       busy+=($!)
    done
-   "$agentd" --state-dir "$dir" --interval 1 --runs 4 --report >"$dir/out" 2>"$dir/log" ||
+   "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 4 --report >"$dir/out" 2>"$dir/log" ||
       fail "exit status $?"
    used=$(awk '/^MemTotal/ {t = $2} /^MemFree/ {f = $2} END {print t - f}' /proc/meminfo)
    kill "${busy[@]}"
@@ -64,7 +64,7 @@ report)
 continues)
    for run in 1 2 3; do
       interval=$((run == 3 ? 2 : 1))
-      "$agentd" --state-dir "$dir" --interval $interval --runs 2 2>"$dir/log$run" || fail "run $run: $?"
+      "$agentd" --listen none --state-dir "$dir" --interval $interval --runs 2 2>"$dir/log$run" || fail "run $run: $?"
    done
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log1" || fail "no new depot"
    ! grep -q "Reverting" "$dir/log2" || fail "the second run gave up the depot"
@@ -75,7 +75,7 @@ continues)
    ;;
 
 mockup)
-   "$agentd" --state-dir "$dir" --mockup --interval 1 --runs 1 2>"$dir/log" || fail "exit status $?"
+   "$agentd" --listen none --state-dir "$dir" --mockup --interval 1 --runs 1 2>"$dir/log" || fail "exit status $?"
    idMap=$dir/stats/hostAgentStats.idMap
    raw=0
    for ((record = 0; record < $(stat -c %s "$idMap") / 524; ++record)); do
@@ -94,7 +94,7 @@ mockup)
    ;;
 
 killed)
-   "$agentd" --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log1" &
+   "$agentd" --listen none --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log1" &
    agent=$!
    for ((i = 0; i < 100; ++i)); do
       [ "$(wc -l <"$dir/out")" -lt 3 ] || break
@@ -105,20 +105,20 @@ killed)
    agent=
    last=$(date -d "$(tail -n 1 "$dir/out" | cut -d ' ' -f 1)" +%s)
    [ "$(newestColumn "$(store 1)")" -ge "$last" ] || fail "the last finished run is not in the store"
-   "$agentd" --state-dir "$dir" --interval 1 --runs 1 2>"$dir/log2" || fail "exit status $?"
+   "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 1 2>"$dir/log2" || fail "exit status $?"
    ! grep -qE "Reverting|Unable to load|Error in loading|lost" "$dir/log2" || fail "something was lost"
-   numbers "$(store 1)" 8 8 8 | tr -s ' ' '\n' | grep -qx "$last" || fail "the column is gone"
+   numbers "$(store 1)" 8 8 8 | tr -s ' ' '\n' | grep -x "$last" >/dev/null || fail "the column is gone"
    ;;
 
 stops)
    for signal in TERM INT; do
-      "$agentd" --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log" &
+      "$agentd" --listen none --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log" &
       agent=$!
       for ((i = 0; i < 100; ++i)); do
          [ ! -s "$dir/out" ] || break
          sleep 0.1
       done
-      ! "$agentd" --state-dir "$dir" --runs 1 2>"$dir/second" || fail "a second agent started"
+      ! "$agentd" --listen none --state-dir "$dir" --runs 1 2>"$dir/second" || fail "a second agent started"
       grep -q "is locked: process $agent is at work there" "$dir/second" || fail "$(cat "$dir/second")"
       kill -$signal $agent
       wait $agent || fail "exit status $? after SIG$signal"
@@ -132,7 +132,7 @@ refusals)
    expect() { # STATUS TEXT ARGUMENTS...
       local status=0 wanted=$1 text=$2
       shift 2
-      "$agentd" --state-dir "$dir" "$@" >"$dir/out" 2>"$dir/err" || status=$?
+      "$agentd" --listen none --state-dir "$dir" "$@" >"$dir/out" 2>"$dir/err" || status=$?
       [ $status -eq "$wanted" ] || fail "status $status of $*: $(cat "$dir/err")"
       grep -qF -- "$text" "$dir/out" "$dir/err" || fail "$* says: $(cat "$dir/err")"
       [ "$wanted" -eq 0 ] || [ "$(grep -c . "$dir/err")" -le 4 ] || fail "$* says too much"
@@ -165,10 +165,10 @@ refusals)
 
 plugin)
    library=$build/lib/libmetrix.so
-   exported=$(nm -D --defined-only "$library" | awk '{print $3}' | grep -v '^__\(asan\|odr_asan\|ubsan\|tsan\)' | sort)
-   [ "$exported" = CorvaxPluginEntry ] || fail "exports: $exported"
+   exported=$(nm -D --defined-only "$library" | awk '{print $3}' | grep -v '^__\(asan\|odr_asan\|ubsan\|tsan\)' | sort | tr '\n' ' ')
+   [ "$exported" = "CorvaxPluginEntry GetQshPluginEntry " ] || fail "exports: $exported"
    needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
-      grep -vE '^lib(corvax|plexa|quen|agentdCommon|hykctl|stdc\+\+|gcc_s|c|m|asan|ubsan|tsan)\.so' || true)
+      grep -vE '^lib(corvax|plexa|quen|agentdCommon|hykctl|qshFramework|stdc\+\+|gcc_s|c|m|asan|ubsan|tsan)\.so' || true)
    [ -z "$needed" ] || fail "needs $needed"
    ;;
 

@@ -1,7 +1,6 @@
 #include "agentdCommon/messages.h"
 #include "corvax/exception.h"
 #include "metrix/hykStatsCollector.h"
-#include "metrix/mockupStatsCollector.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeHost.h"
 #include "tests/fakes/fakeServices.h"
@@ -152,44 +151,6 @@ TEST_F(ScheduleTest, FailedFlushKeepsWhatWasWrittenAndTheNextRunStartsEmpty)
    _collector->Start();                    // ... until the next start
    EXPECT_EQ(_scheduler.GetWaiting(), 1u);
    _collector->Stop();
-}
-
-TEST_F(ScheduleTest, AccountsItsShareOfOneCpuSinceTheFirstStart)
-{
-   _collector->Start();
-   const double before = BaseStatsCollector::UpdateCpuTime(0, _clock.nowUs + 50000000);
-   const double after = BaseStatsCollector::UpdateCpuTime(5000000, _clock.nowUs + 50000000);
-   EXPECT_GE(after, before + 5.0); // 5 s of CPU in at least 50 s, whoever started first
-   EXPECT_EQ(BaseStatsCollector::UpdateCpuTime(0, 0), 0.0);
-   _collector->Stop();
-}
-
-TEST_F(CollectorTest, MockupGivesTheFixedSetOfHostFigures)
-{
-   const auto collector =
-      MakeRef<MockupStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
-   collector->Start();
-   _scheduler.RunNext();
-   EXPECT_EQ(Names("ha-host").size(), 24u);
-   const auto stored = [this] {
-      int count = 0;
-      for (const std::string& name : Names("ha-host")) {
-         count += _depot->GetSample("ha-host", name,
-                                    1000020 + (_scheduler.GetDueUs() > 1000040000000 ? 20 : 0), "",
-                                    StatsDepot::ROLLUP_NONE) == 0
-                     ? 1
-                     : 0;
-      }
-      return count;
-   };
-   EXPECT_EQ(stored(), 22); // the two rates need a second reading
-   _scheduler.RunNext();
-   EXPECT_EQ(stored(), 24);
-   EXPECT_TRUE(Names("ha-host").contains("cpu-usage#0"));
-   EXPECT_TRUE(Names("ha-host").contains("rescpu-runav15"));
-   EXPECT_FALSE(Names("ha-host").contains("rescpu-runpk1"));
-   EXPECT_EQ(_agent.logger->CountLevel(3), 0);
-   collector->Stop();
 }
 
 class KernelCollectorTest : public CollectorTest {

@@ -184,23 +184,6 @@ TEST(LockableTest, KnowsWhetherTheCallingThreadHoldsIt)
    EXPECT_EQ(count, 4000);
 }
 
-TEST(ObjectRegistryTest, FindsObjectsOfTheWantedKindById)
-{
-   struct Named : ObjectImpl {};
-   struct Other : ObjectImpl {};
-   const auto registry = NewObjectRegistry();
-   registry->Register("a", MakeRef<Named>());
-   EXPECT_THROW(registry->Register("a", MakeRef<Other>()), InvalidArgumentException);
-   EXPECT_THROW(registry->Register("", MakeRef<Other>()), InvalidArgumentException);
-   Ref<Other> other;
-   EXPECT_FALSE(registry->TryLookupObject("a", other));
-   EXPECT_THROW(registry->LookupObject<Other>("a"), NotFoundException);
-   EXPECT_TRUE(registry->LookupObject<Named>("a"));
-   EXPECT_TRUE(registry->Unregister("a"));
-   EXPECT_FALSE(registry->Unregister("a"));
-   EXPECT_FALSE(registry->Find("a"));
-}
-
 /// Notes what it is called with, in order.
 struct Notebook : ObjectImpl {
    void Note(ChannelReader* /*reader*/, Object* object)

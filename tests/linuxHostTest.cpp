@@ -75,7 +75,7 @@ protected:
    HostCtl::Host& Host()
    {
       if (!_host) {
-         _provider = LinuxHost::NewLinuxHostProvider({_root, _nics}, _logger.Get());
+         _provider = LinuxHost::NewLinuxHostProvider({_root, _nics, _cpuMhz}, _logger.Get());
          _host.reset(_provider->GetHost());
       }
       return *_host;
@@ -127,6 +127,7 @@ protected:
 
    std::string _root;
    std::vector<std::string> _nics;
+   uint32_t _cpuMhz = 0;
    Corvax::Ref<FakeLogger> _logger = Corvax::MakeRef<FakeLogger>();
    std::unique_ptr<HostCtl::HostProvider> _provider;
    std::unique_ptr<HostCtl::Host> _host;
@@ -285,6 +286,11 @@ TEST_F(LinuxHostTest, CpuSpeedIsTheFirstOneTold)
       for (auto* cpu : cpus) {
          EXPECT_EQ(expectedHz, Owned(cpu)->GetSpeedHz()) << path;
       }
+   }
+   _host = nullptr;
+   _cpuMhz = 1234; // a configured speed stands over all
+   for (auto* cpu : Cpus()->GetCpus()) {
+      EXPECT_EQ(1234000000U, Owned(cpu)->GetSpeedHz());
    }
 }
 

@@ -282,18 +282,6 @@ TEST_F(StatsDepotTest, RollupFunctionsPassOverAbsentSamples)
    }
 }
 
-TEST_F(StatsDepotTest, FirstRollupEndsAtTheFirstCoarseBoundary)
-{
-   Create();
-   AddStat("s");
-   for (TimeStamp ts = 1000; ts <= 1320; ts += 20) {
-      _depot->AddSample("e", "s", ts, ts, 0);
-   }
-   EXPECT_EQ(Read("s", 1200, "every300", StatsDepot::ROLLUP_AVERAGE), 1100u);
-   EXPECT_EQ(Read("s", 1200, "every300", StatsDepot::ROLLUP_MAX), 1200u);
-   EXPECT_EQ(Read("s", 1500, "every300", StatsDepot::ROLLUP_MAX), kUnset);
-}
-
 TEST_F(StatsDepotTest, CatchUpAfterALongPauseFillsOnlyWhatTheCoarseIntervalHolds)
 {
    Create({{20, 1000}, {300, 4}});

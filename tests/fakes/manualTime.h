@@ -3,6 +3,7 @@
 #include "corvax/scheduler.h"
 #include "corvax/system.h"
 
+#include <atomic>
 #include <map>
 
 /// A clock that stands until it is moved.
@@ -19,7 +20,7 @@ public:
    }
    void SetSeconds(int64_t seconds) { nowUs = seconds * 1000000; }
 
-   int64_t nowUs = 0;
+   std::atomic<int64_t> nowUs{0}; // a server's threads read it, too
    int64_t cpuUs = 0;
 };
 
@@ -56,7 +57,7 @@ public:
    /// Moves the clock to the earliest item and calls it.
    void RunNext()
    {
-      _clock.nowUs = std::max(_clock.nowUs, GetDueUs());
+      _clock.nowUs = std::max(_clock.nowUs.load(), GetDueUs());
       TakeNext()->operator()();
    }
    /// The earliest item's functor, as a thread holds it that is about to call it.

@@ -1,0 +1,463 @@
+#include "metrix/performanceManagerImpl.h"
+
+#include "corvax/exception.h"
+#include "plexa/fault.h"
+#include "quen/inventory.h"
+
+#include <algorithm>
+#include <set>
+
+namespace Metrix {
+
+namespace {
+
+using Corvax::DateTime;
+using Corvax::kLogDebug;
+using Corvax::kLogInfo;
+using Corvax::kLogNotice;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using Quen::PerformanceManager;
+using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
+using MetricId = PerformanceManager::MetricId;
+
+constexpr char kWildCard[] = "*";
+constexpr int32_t kLatestValues = 0; // as interval
+constexpr int32_t kDefaultInterval = 300;
+constexpr int32_t kNoLimit = -1;
+
+/// Instants before the epoch count as the epoch.
+TimeStamp ToSeconds(const DateTime& time)
+{
+   return static_cast<TimeStamp>(std::max<int64_t>(time.GetUtcMicroseconds() / 1000000, 0));
+}
+
+/// Seconds that a date-time cannot hold give the latest instant.
+DateTime ToDateTime(TimeStamp seconds)
+{
+   constexpr TimeStamp kLatest = INT64_MAX / 1000000;
+   return seconds > kLatest ? DateTime(INT64_MAX)
+                            : DateTime::FromSeconds(static_cast<int64_t>(seconds));
+}
+
+Ref<MetricId> Copy(const MetricId& metricId)
+{
+   return MakeRef<MetricId>(metricId.counterId, metricId.instance);
+}
+
+} // namespace
+
+void PerformanceManagerImpl::Metrics::Append(const std::string& statName, Ref<MetricId> metricId,
+                                             StatsDepot::RollupType rollup)
+{
+   statNames.push_back(statName);
+   metricIds.push_back(std::move(metricId));
+   rollups.push_back(rollup);
+}
+
+void PerformanceManagerImpl::ValidateEntityType(Plexa::MoRef* entity)
+{
+   if (entity == nullptr || (!entity->IsA(Quen::VirtualMachine::GetManagedType()) &&
+                             !entity->IsA(Quen::HostSystem::GetManagedType()) &&
+                             !entity->IsA(Quen::ResourcePool::GetManagedType()))) {
+      throw InvalidArgument();
+   }
+}
+
+/// The start is exclusive by one second, on purpose: who asks on from the last time stamp that it got
+/// does not get it again.
+PerformanceManagerImpl::Window
+PerformanceManagerImpl::GetWindow(const std::optional<DateTime>& start,
+                                  const std::optional<DateTime>& end)
+{
+   return {start ? ToSeconds(*start) + 1 : kUnset, ToSeconds(end.value_or(DateTime::Now()))};
+}
+
+std::string PerformanceManagerImpl::GetStatName(const MetricId& metricId) const
+{
+   std::string statName;
+   if (!_statsMetadata->GetStatName(metricId.counterId, metricId.instance, statName)) {
+      throw InvalidArgument();
+   }
+   return statName;
+}
+
+std::vector<std::string> PerformanceManagerImpl::GetStatNames(const MetricIds& metricIds) const
+{
+   std::vector<std::string> statNames;
+   for (const Ref<MetricId>& metricId : metricIds) {
+      statNames.push_back(GetStatName(*metricId));
+   }
+   return statNames;
+}
+
+void PerformanceManagerImpl::GetMetricIds(std::vector<std::string>& statNames,
+                                          Corvax::RefVector<MetricId>& metricIds) const
+{
+   metricIds.clear();
+   std::erase_if(statNames, [this, &metricIds](const std::string& statName) {
+      const auto* const data = _statsMetadata->GetStatsDepotData(statName);
+      if (data == nullptr) {
+         _logger->Log(kLogNotice, "Couldnot find stats data for stat %1", statName);
+         return true;
+      }
+      StatsMetadata::CounterId primary = 0;
+      Corvax::Assert(data->GetCounterId(StatsDepot::ROLLUP_NONE, primary),
+                     "a stat has its counter");
+      metricIds.push_back(MakeRef<MetricId>(primary, StatsMetadata::GetInstanceId(statName)));
+      return false;
+   });
+}
+
+PerformanceManagerImpl::Metrics
+PerformanceManagerImpl::GetMetricIdInfoFromStatNames(const std::vector<std::string>& statNames,
+                                                     bool allRollups) const
+{
+   Metrics metrics;
+   for (const std::string& statName : statNames) {
+      const auto* const data = _statsMetadata->GetStatsDepotData(statName);
+      if (data == nullptr) {
+         _logger->Log(kLogNotice, "Couldnot find depotData for stat %1", statName);
+         continue;
+      }
+      const std::string instance = StatsMetadata::GetInstanceId(statName);
+      for (size_t k = 0; k < data->GetCounterIds().size() && (k == 0 || allRollups); ++k) {
+         metrics.Append(statName, MakeRef<MetricId>(data->GetCounterIds()[k], instance),
+                        data->GetRollups()[k]);
+      }
+   }
+   return metrics;
+}
+
+PerformanceManagerImpl::Metrics
+PerformanceManagerImpl::GetMetricIdInfo(const MetricIds& metricIds) const
+{
+   Metrics metrics;
+   for (const Ref<MetricId>& metricId : metricIds) {
+      const std::string statName = GetStatName(*metricId);
+      const auto* const data = _statsMetadata->GetStatsDepotData(statName);
+      if (data == nullptr) {
+         throw InvalidArgument();
+      }
+      StatsDepot::RollupType rollup{};
+      if (_statsMetadata->IsCompositeCounter(metricId->counterId)) {
+         const std::string instance = StatsMetadata::GetInstanceId(statName);
+         for (size_t k = 0; k < data->GetCounterIds().size(); ++k) {
+            metrics.Append(statName, MakeRef<MetricId>(data->GetCounterIds()[k], instance),
+                           data->GetRollups()[k]);
+         }
+      } else if (data->GetRollup(metricId->counterId, rollup)) {
+         metrics.Append(statName, Copy(*metricId), rollup);
+      } else {
+         _logger->Log(kLogNotice, "Unable to get rollup type for metric %1", metricId->counterId);
+      }
+   }
+   return metrics;
+}
+
+std::vector<std::string> PerformanceManagerImpl::GetAvailableStatNames(const std::string& entityId,
+                                                                       Window window)
+{
+   std::vector<std::string> statNames;
+   _statsDepot->GetAvailableStatNames(entityId, window.start, window.end, statNames);
+   return statNames;
+}
+
+/// A counter that is asked for both by name and by wildcard comes twice, on purpose.
+Ref<PerformanceManagerImpl::MetricIds>
+PerformanceManagerImpl::ExpandMetricIdWildCards(const std::string& entityId, MetricIds* metricIds)
+{
+   auto expanded = MakeRef<MetricIds>();
+   if (metricIds == nullptr) {
+      return expanded;
+   }
+   std::set<int32_t> wanted;
+   for (const Ref<MetricId>& metricId : *metricIds) {
+      if (metricId->instance == kWildCard) {
+         wanted.insert(metricId->counterId);
+      } else {
+         expanded->Append(metricId);
+      }
+   }
+   if (wanted.empty()) {
+      return expanded;
+   }
+   for (const std::string& statName : GetAvailableStatNames(entityId, {kUnset, kUnset})) {
+      const auto* const data = _statsMetadata->GetStatsDepotData(statName);
+      if (data == nullptr) {
+         continue;
+      }
+      const std::string instance = StatsMetadata::GetInstanceId(statName);
+      if (wanted.contains(data->GetId())) {
+         expanded->Append(MakeRef<MetricId>(data->GetId(), instance));
+      }
+      for (const int32_t counterId : data->GetCounterIds()) {
+         if (counterId != data->GetId() && wanted.contains(counterId)) {
+            expanded->Append(MakeRef<MetricId>(counterId, instance));
+         }
+      }
+   }
+   return expanded;
+}
+
+void PerformanceManagerImpl::QueryAvailableMetric(Plexa::MoRef* entity,
+                                                  const std::optional<DateTime>& beginTime,
+                                                  const std::optional<DateTime>& endTime,
+                                                  const std::optional<int32_t>& intervalId,
+                                                  Ref<Plexa::DataArray<MetricId>>& metricIds)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   _logger->Log(kLogDebug, "PerfMgr: QueryAvailableMetric called");
+   ValidateEntityType(entity);
+   const Window window = GetWindow(beginTime, endTime);
+   if (beginTime && window.start > window.end) {
+      if (endTime) {
+         throw InvalidArgument();
+      }
+      return; // nothing can be there yet, which is no fault
+   }
+   const bool allRollups = intervalId != _collectionInterval;
+   const Metrics metrics =
+      GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), window), allRollups);
+   metricIds = MakeRef<MetricIds>();
+   for (const Ref<MetricId>& metricId : metrics.metricIds) {
+      metricIds->Append(metricId);
+   }
+}
+
+void PerformanceManagerImpl::QueryStats(Plexa::DataArray<QuerySpec>* querySpecs,
+                                        Ref<Plexa::DataArray<EntityMetricBase>>& results)
+{
+   results = MakeRef<Plexa::DataArray<EntityMetricBase>>();
+   if (querySpecs == nullptr) {
+      return;
+   }
+   for (const Ref<QuerySpec>& spec : *querySpecs) {
+      if (!spec) {
+         throw InvalidArgument();
+      }
+      const Window window = GetWindow(spec->startTime, spec->endTime);
+      if (spec->startTime && window.start > window.end) {
+         if (spec->endTime) {
+            throw InvalidArgument();
+         }
+         return; // from the future on: this one and those behind it give nothing
+      }
+      const std::string format = spec->format.value_or(FORMAT_NORMAL);
+      if (format != FORMAT_CSV && format != FORMAT_NORMAL) {
+         throw InvalidArgument();
+      }
+      const Ref<EntityMetric> entityMetric = QueryOne(spec.Get(), window);
+      if (entityMetric && format == FORMAT_CSV) {
+         results->Append(ConvertToCSVFormat(*entityMetric));
+      } else if (entityMetric) {
+         results->Append(entityMetric);
+      }
+   }
+}
+
+/// Null when there are no data.
+Ref<PerformanceManagerImpl::EntityMetric> PerformanceManagerImpl::QueryOne(QuerySpec* spec,
+                                                                           Window window)
+{
+   const int32_t maxSample = spec->maxSample.value_or(kNoLimit);
+   if (spec->maxSample && maxSample < 1) {
+      _logger->Log(kLogInfo, "QueryStats: Invalid maxSample value %1", maxSample);
+      throw InvalidArgument();
+   }
+   const int32_t intervalId = spec->intervalId.value_or(kDefaultInterval);
+   Ref<EntityMetric> entityMetric;
+   if (intervalId == kLatestValues) {
+      QueryRawStats(spec->entity.Get(), spec->metricId.Get(), entityMetric);
+      return entityMetric;
+   }
+   Plexa::DataArray<EntityMetric> found;
+   if (intervalId == _collectionInterval) {
+      QueryCurrent({spec->entity}, window, maxSample, spec->metricId.Get(), found);
+   } else {
+      QuerySummary({spec->entity}, window, spec->metricId.Get(), intervalId, found);
+   }
+   return found.IsEmpty() ? nullptr : Ref<EntityMetric>(found[0]);
+}
+
+void PerformanceManagerImpl::QueryCurrent(const Corvax::RefVector<Plexa::MoRef>& entities,
+                                          Window window, int32_t maxSample, MetricIds* metricIds,
+                                          Plexa::DataArray<EntityMetric>& entityMetrics)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   _logger->Log(kLogDebug, "PerfMgr: QueryCurrent called");
+   if (maxSample > 0) {
+      const auto span = static_cast<TimeStamp>(int64_t{maxSample} * _collectionInterval);
+      if ((window.start == kUnset && window.end > span) || window.end - window.start > span) {
+         window.start = window.end - span;
+      }
+   }
+   for (const Ref<Plexa::MoRef>& entity : entities) {
+      ValidateEntityType(entity.Get());
+      Metrics metrics;
+      metrics.rollups = {StatsDepot::ROLLUP_NONE};
+      if (metricIds != nullptr && !metricIds->IsEmpty()) {
+         const Ref<MetricIds> expanded = ExpandMetricIdWildCards(entity->GetId(), metricIds);
+         metrics.statNames = GetStatNames(*expanded);
+         metrics.metricIds.assign(expanded->begin(), expanded->end());
+      } else {
+         metrics.statNames = GetAvailableStatNames(entity->GetId(), window);
+         GetMetricIds(metrics.statNames, metrics.metricIds);
+      }
+      Ref<EntityMetric> entityMetric;
+      GetEntityMetric(entity.Get(), metrics, {_collectionInterval}, window, entityMetric);
+      if (entityMetric) {
+         entityMetrics.Append(entityMetric);
+      }
+   }
+}
+
+void PerformanceManagerImpl::QuerySummary(const Corvax::RefVector<Plexa::MoRef>& entities,
+                                          Window window, MetricIds* metricIds, int32_t intervalId,
+                                          Plexa::DataArray<EntityMetric>& entityMetrics)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   _logger->Log(kLogDebug, "PerfMgr: QuerySummary called");
+   for (const Ref<Plexa::MoRef>& entity : entities) {
+      ValidateEntityType(entity.Get());
+      const bool areNamed = metricIds != nullptr && !metricIds->IsEmpty();
+      const Metrics metrics =
+         areNamed
+            ? GetMetricIdInfo(*ExpandMetricIdWildCards(entity->GetId(), metricIds))
+            : GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), window), true);
+      Ref<EntityMetric> entityMetric;
+      GetEntityMetric(entity.Get(), metrics, {intervalId}, window, entityMetric);
+      if (entityMetric) {
+         entityMetrics.Append(entityMetric);
+      }
+   }
+}
+
+/// Readings older than the newest collection are left out, on purpose: the answer shows one moment.
+void PerformanceManagerImpl::QueryRawStats(Plexa::MoRef* entity, MetricIds* metricIds,
+                                           Ref<EntityMetric>& entityMetric)
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   _logger->Log(kLogDebug, "PerfMgr: QueryRawStats called");
+   entityMetric = nullptr;
+   ValidateEntityType(entity);
+   if (metricIds == nullptr || metricIds->IsEmpty()) {
+      throw InvalidArgument();
+   }
+   const Ref<MetricIds> expanded = ExpandMetricIdWildCards(entity->GetId(), metricIds);
+   const std::vector<std::string> statNames = GetStatNames(*expanded);
+   const TimeStamp latest = _statsDepot->GetLatestTimeStamp();
+   if (latest == kUnset) {
+      return;
+   }
+   entityMetric = MakeRef<EntityMetric>();
+   entityMetric->entity = entity;
+   auto info = MakeRef<SampleInfo>();
+   info->timestamp = ToDateTime(latest);
+   entityMetric->sampleInfo = MakeRef<Plexa::DataArray<SampleInfo>>();
+   entityMetric->sampleInfo->Append(info);
+   entityMetric->value = MakeRef<Plexa::DataArray<MetricSeries>>();
+   for (size_t k = 0; k < statNames.size(); ++k) {
+      TimeStamp ts = kUnset;
+      const StatVal value = _statsDepot->GetRawSample(entity->GetId(), statNames[k], ts);
+      if (ts == kUnset || ts < latest ||
+          ts - latest >= static_cast<TimeStamp>(_collectionInterval)) {
+         continue;
+      }
+      auto series = MakeRef<IntSeries>();
+      series->id = (*expanded)[k];
+      series->value = {static_cast<int64_t>(value)};
+      entityMetric->value->Append(series);
+   }
+}
+
+/// Real-time series are the stored values themselves; `metrics` then has no rollup a metric.
+StatsDepot::RollupType PerformanceManagerImpl::GetRollup(const Metrics& metrics, size_t index,
+                                                         int32_t intervalId) const
+{
+   return intervalId == _collectionInterval ? StatsDepot::ROLLUP_NONE : metrics.rollups[index];
+}
+
+/// The time stamps of all are those of the first metric that has any: the stats of an entity are
+/// sampled together.
+void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const Metrics& metrics,
+                                              int32_t intervalId, Window window,
+                                              Plexa::DataArray<SampleInfo>& sampleInfo)
+{
+   std::string intervalName;
+   if (!GetIntervalName(intervalId, intervalName)) {
+      throw InvalidArgument();
+   }
+   std::vector<StatVal> values;
+   std::vector<TimeStamp> timeStamps;
+   for (size_t i = 0; i < metrics.statNames.size() && timeStamps.empty(); ++i) {
+      _statsDepot->GetSamples(entityId, metrics.statNames[i], window.start, window.end, values,
+                              &timeStamps, intervalName, GetRollup(metrics, i, intervalId));
+   }
+   for (const TimeStamp ts : timeStamps) {
+      auto info = MakeRef<SampleInfo>();
+      info->timestamp = ToDateTime(ts);
+      info->interval = intervalId;
+      sampleInfo.Append(info);
+   }
+}
+
+void PerformanceManagerImpl::GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
+                                             const std::vector<int32_t>& intervalIds, Window window,
+                                             Ref<EntityMetric>& entityMetric)
+{
+   auto sampleInfo = MakeRef<Plexa::DataArray<SampleInfo>>();
+   for (const int32_t intervalId : intervalIds) {
+      AppendSampleInfo(entity->GetId(), metrics, intervalId, window, *sampleInfo);
+   }
+   auto allSeries = MakeRef<Plexa::DataArray<MetricSeries>>();
+   for (size_t i = 0; i < metrics.statNames.size(); ++i) {
+      auto series = MakeRef<IntSeries>();
+      int count = 0;
+      for (const int32_t intervalId : intervalIds) {
+         std::string intervalName;
+         GetIntervalName(intervalId, intervalName);
+         std::vector<StatVal> values; // an unknown stat leaves it as it is: empty
+         count += _statsDepot->GetSamples(entity->GetId(), metrics.statNames[i], window.start,
+                                          window.end, values, nullptr, intervalName,
+                                          GetRollup(metrics, i, intervalId));
+         std::ranges::transform(values, std::back_inserter(series->value),
+                                [](StatVal value) { return static_cast<int64_t>(value); });
+      }
+      if (count > 0) {
+         series->id = Copy(*metrics.metricIds[i]);
+         allSeries->Append(series);
+      }
+   }
+   if (!allSeries->IsEmpty()) {
+      entityMetric = MakeRef<EntityMetric>();
+      entityMetric->entity = entity;
+      entityMetric->sampleInfo = sampleInfo;
+      entityMetric->value = allSeries;
+   }
+}
+
+Ref<PerformanceManagerImpl::EntityMetricCSV>
+PerformanceManagerImpl::ConvertToCSVFormat(const EntityMetric& entityMetric)
+{
+   auto csv = MakeRef<EntityMetricCSV>();
+   csv->entity = entityMetric.entity;
+   for (const Ref<SampleInfo>& info : *entityMetric.sampleInfo) {
+      csv->sampleInfoCSV += csv->sampleInfoCSV.empty() ? "" : ",";
+      csv->sampleInfoCSV += std::to_string(info->interval) + "," + info->timestamp.ToString();
+   }
+   csv->value = MakeRef<Plexa::DataArray<MetricSeriesCSV>>();
+   for (const Ref<MetricSeries>& series : *entityMetric.value) {
+      const auto ints = Corvax::RefCast<IntSeries>(series);
+      auto seriesCsv = MakeRef<MetricSeriesCSV>();
+      seriesCsv->id = series->id;
+      for (const int64_t value : ints->value) {
+         seriesCsv->value += seriesCsv->value.empty() ? "" : ",";
+         seriesCsv->value += std::to_string(value);
+      }
+      csv->value->Append(seriesCsv);
+   }
+   return csv;
+}
+
+} // namespace Metrix

@@ -1,0 +1,257 @@
+#include "metrix/performanceManagerImpl.h"
+
+#include "corvax/exception.h"
+#include "plexa/fault.h"
+#include "quen/inventory.h"
+#include "tests/fakes/fakeAgent.h"
+#include "tests/fakes/manualTime.h"
+#include "tests/fakes/scratch.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+namespace {
+
+using namespace Metrix;
+using Corvax::DateTime;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using Quen::PerformanceManager;
+using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
+using MetricIds = Plexa::DataArray<PerformanceManager::MetricId>;
+
+/// A manager with an hour of collections of one host, every 20 s up to kNow: cpu-usage is the run's
+/// number, cpu-usage#0 half of it; mem-active and its odd one mem-active#late start in the middle.
+class PerformanceQueryTest : public testing::Test {
+protected:
+   static constexpr int64_t kNow = 1000000200;
+   static constexpr int kRuns = 150;
+
+   PerformanceQueryTest()
+   {
+      _agent.config->Set("plugins/metrix/depotDir", _scratch.Path());
+      _agent.config->Set("plugins/metrix/enableMockup", "true");
+      _clock.SetSeconds(kNow - 20 * kRuns);
+      _manager = MakeRef<PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
+   }
+
+   /// Fills the files and opens them anew.
+   void Collect()
+   {
+      Ref<StatsDepot> depot;
+      GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1000, depot);
+      depot->Load();
+      const std::vector<StatsDepot::RollupType> all = {
+         StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MIN, StatsDepot::ROLLUP_MAX};
+      const auto record = [&](const std::string& stat, TimeStamp ts, StatVal value) {
+         if (!depot->AddSample("ha-host", stat, ts, value, 0)) {
+            depot->CreateStat("ha-host", stat, StatsDepot::STATTYPE_ABSOLUTE, 1, all);
+            depot->AddSample("ha-host", stat, ts, value, 0);
+         }
+      };
+      for (int run = 0; run <= kRuns; ++run) {
+         const auto ts = static_cast<TimeStamp>(kNow - 20 * (kRuns - run));
+         const auto value = static_cast<StatVal>(run);
+         record("cpu-usage", ts, value);
+         record("cpu-usage#0", ts, value / 2);
+         if (run >= kRuns / 2) {
+            record("mem-active", ts, value);
+         }
+      }
+      record("dummy-stat", static_cast<TimeStamp>(kNow), 1);
+      _clock.SetSeconds(kNow);
+      _manager = MakeRef<PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
+   }
+
+   static Ref<PerformanceManager::QuerySpec>
+   Spec(std::optional<int32_t> interval, const std::vector<std::pair<int, std::string>>& metrics)
+   {
+      auto spec = MakeRef<PerformanceManager::QuerySpec>();
+      spec->entity = MakeRef<Plexa::MoRef>(Quen::HostSystem::GetManagedType(), "ha-host");
+      spec->intervalId = interval;
+      spec->metricId = MakeRef<MetricIds>();
+      for (const auto& [counterId, instance] : metrics) {
+         spec->metricId->Append(MakeRef<PerformanceManager::MetricId>(counterId, instance));
+      }
+      return spec;
+   }
+
+   Ref<Plexa::DataArray<PerformanceManager::EntityMetricBase>>
+   Query(const Corvax::RefVector<PerformanceManager::QuerySpec>& specs)
+   {
+      Plexa::DataArray<PerformanceManager::QuerySpec> array;
+      for (const auto& spec : specs) {
+         array.Append(spec);
+      }
+      _results = nullptr;
+      _manager->QueryStats(&array, _results);
+      return _results;
+   }
+   /// The one result of one query spec.
+   const PerformanceManager::EntityMetric& One(const Ref<PerformanceManager::QuerySpec>& spec)
+   {
+      return dynamic_cast<PerformanceManager::EntityMetric&>(*(*Query({spec}))[0]);
+   }
+   static std::vector<std::pair<int, std::string>>
+   Ids(const PerformanceManager::EntityMetric& result)
+   {
+      std::vector<std::pair<int, std::string>> ids;
+      for (const auto& series : *result.value) {
+         ids.emplace_back(series->id->counterId, series->id->instance);
+      }
+      std::ranges::sort(ids);
+      return ids;
+   }
+   static const std::vector<int64_t>& Values(const PerformanceManager::EntityMetric& result,
+                                             size_t index)
+   {
+      return dynamic_cast<PerformanceManager::IntSeries&>(*(*result.value)[index]).value;
+   }
+
+   const Scratch _scratch;
+   FakeAgent _agent;
+   ManualClock _clock;
+   ManualScheduler _scheduler{_clock};
+   Ref<PerformanceManagerImpl> _manager;
+   Ref<Plexa::DataArray<PerformanceManager::EntityMetricBase>> _results;
+};
+
+TEST_F(PerformanceQueryTest, RealTimeSeriesAreTheStoredValues)
+{
+   Collect();
+   auto spec = Spec(20, {{0, ""}, {0x10008, ""}});
+   spec->startTime = DateTime::FromSeconds(kNow - 60);
+   const auto& result = One(spec);
+   ASSERT_EQ(result.sampleInfo->GetSize(), 3u); // the start is exclusive
+   EXPECT_EQ((*result.sampleInfo)[0]->timestamp, DateTime::FromSeconds(kNow - 40));
+   EXPECT_EQ((*result.sampleInfo)[0]->interval, 20);
+   EXPECT_EQ(Values(result, 0), (std::vector<int64_t>{148, 149, 150}));
+   EXPECT_EQ(Values(result, 1), (std::vector<int64_t>{148, 149, 150}));
+
+   spec->startTime.reset();
+   spec->endTime = DateTime::FromSeconds(kNow - 20);
+   spec->maxSample = 2;
+   EXPECT_EQ(Values(One(spec), 0), (std::vector<int64_t>{147, 148, 149})); // 40 s before the end
+   spec->maxSample = INT32_MAX;
+   EXPECT_EQ(Values(One(spec), 0).size(), 150u);
+
+   // A series that began later is unset before.
+   spec->startTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2 + 2));
+   spec->endTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2));
+   spec->maxSample.reset();
+   EXPECT_EQ(Values(One(spec), 1), (std::vector<int64_t>{-1, 75}));
+}
+
+TEST_F(PerformanceQueryTest, HistoricalSeriesAreRollups)
+{
+   Collect();
+   const int64_t end = kNow - kNow % 300 - 300;
+   auto spec = Spec(std::nullopt, {{0, ""}}); // 300 where none is named; a composite means all
+   spec->startTime = DateTime::FromSeconds(end - 1);
+   spec->endTime = DateTime::FromSeconds(end);
+   const auto& all = One(spec);
+   const auto last = (end - (kNow - 20 * kRuns)) / 20;
+   EXPECT_EQ(Ids(all), (std::vector<std::pair<int, std::string>>{{1, ""}, {2, ""}, {3, ""}}));
+   EXPECT_EQ(Values(all, 0), (std::vector<int64_t>{last - 7}));  // average of last-14 .. last
+   EXPECT_EQ(Values(all, 1), (std::vector<int64_t>{last - 14})); // minimum
+   EXPECT_EQ(Values(all, 2), (std::vector<int64_t>{last}));      // maximum
+   spec->metricId = Spec(300, {{2, "0"}})->metricId;
+   EXPECT_EQ(Values(One(spec), 0), (std::vector<int64_t>{last / 2}));
+   spec->metricId = nullptr;
+   EXPECT_EQ(Ids(One(spec)).size(), 9u); // each counter of three stats; the dummy one is unknown
+   EXPECT_EQ(_agent.logger->Count("5 Couldnot find depotData for stat dummy-stat"), 1);
+}
+
+TEST_F(PerformanceQueryTest, WildcardsNameWhatTheEntityHas)
+{
+   Collect();
+   using Pairs = std::vector<std::pair<int, std::string>>;
+   EXPECT_EQ(Ids(One(Spec(20, {{0, "*"}}))), (Pairs{{0, ""}, {0, "0"}}));
+   EXPECT_EQ(Ids(One(Spec(20, {{0, "0"}, {0, "*"}}))), (Pairs{{0, ""}, {0, "0"}, {0, "0"}}));
+   EXPECT_EQ(Ids(One(Spec(300, {{2, "*"}}))), (Pairs{{2, ""}, {2, "0"}}));
+   EXPECT_TRUE(Query({Spec(20, {{0x20000, "*"}})})->IsEmpty());
+   EXPECT_EQ(Ids(One(Spec(20, {}))), (Pairs{{0, ""}, {0, "0"}, {0x10008, ""}}));
+   EXPECT_EQ(_agent.logger->Count("5 Couldnot find stats data for stat dummy-stat"), 1);
+   EXPECT_TRUE(Query({Spec(20, {{0, "nowhere"}})})->IsEmpty());
+}
+
+TEST_F(PerformanceQueryTest, LatestValuesAreOfTheNewestCollection)
+{
+   EXPECT_TRUE(Query({Spec(0, {{0, ""}})})->IsEmpty()); // an empty depot
+   _clock.SetSeconds(kNow);
+   _manager->StartStatsCollection();
+   _scheduler.RunNext();
+   _manager->StopStatsCollection();
+   const auto& result = One(Spec(0, {{0x10008, ""}, {0x2000A, ""}, {0, "0"}}));
+   EXPECT_EQ((*result.sampleInfo)[0]->interval, 0);
+   EXPECT_EQ((*result.sampleInfo)[0]->timestamp, DateTime::FromSeconds(kNow + 20));
+   EXPECT_EQ(Ids(result), (std::vector<std::pair<int, std::string>>{{0, "0"}, {0x10008, ""}}));
+   EXPECT_THROW(Query({Spec(0, {})}), InvalidArgument);
+}
+
+TEST_F(PerformanceQueryTest, CsvIsTheSameInOneLine)
+{
+   Collect();
+   auto spec = Spec(20, {{0, ""}, {0x10008, ""}});
+   spec->startTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2 + 2));
+   spec->endTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2));
+   spec->format = "csv";
+   const auto& csv = dynamic_cast<PerformanceManager::EntityMetricCSV&>(*(*Query({spec}))[0]);
+   EXPECT_EQ(csv.sampleInfoCSV, "20,2001-09-09T01:24:40Z,20,2001-09-09T01:25:00Z");
+   EXPECT_EQ((*csv.value)[0]->value, "74,75");
+   EXPECT_EQ((*csv.value)[1]->value, "-1,75");
+   EXPECT_EQ((*csv.value)[1]->id->counterId, 0x10008);
+}
+
+TEST_F(PerformanceQueryTest, RefusesAndKeepsWhatWasGathered)
+{
+   Collect();
+   const auto refused = [this](const auto& change) {
+      auto spec = Spec(20, {{0, ""}});
+      change(*spec);
+      EXPECT_THROW(Query({Spec(20, {{0, ""}}), spec, Spec(20, {{0, ""}})}), InvalidArgument);
+      EXPECT_EQ(_results->GetSize(), 1u);
+   };
+   const auto now = DateTime::FromSeconds(kNow);
+   const Plexa::ManagedType datastore{"Datastore"};
+   refused([&](auto& spec) { spec.startTime = spec.endTime = now; });
+   refused([](auto& spec) { spec.format = "xml"; });
+   refused([](auto& spec) { spec.maxSample = 0; });
+   refused([](auto& spec) { spec.maxSample = -5; });
+   EXPECT_EQ(_agent.logger->Count("6 QueryStats: Invalid maxSample value -5"), 1);
+   refused([](auto& spec) { spec.intervalId = 60; });
+   refused([](auto& spec) { spec.metricId = Spec(20, {{0x7FFF, ""}})->metricId; });
+   refused([&](auto& spec) { spec.entity = MakeRef<Plexa::MoRef>(datastore, "d"); });
+   refused([](auto& spec) { spec.entity = nullptr; });
+
+   // From the future on, without an end: no fault, and the rest is not looked at.
+   auto future = Spec(20, {{0, ""}});
+   future->startTime = DateTime::FromSeconds(kNow + 100);
+   EXPECT_EQ(Query({Spec(20, {{0, ""}}), future, Spec(20, {{0, ""}})})->GetSize(), 1u);
+   // Times before the epoch are no open ends.
+   auto ancient = Spec(20, {{0, ""}});
+   ancient->startTime = DateTime(-2000000);
+   EXPECT_EQ(Query({ancient})->GetSize(), 1u);
+}
+
+TEST_F(PerformanceQueryTest, AvailableMetricsDependOnTheInterval)
+{
+   Collect();
+   const auto host = MakeRef<Plexa::MoRef>(Quen::HostSystem::GetManagedType(), "ha-host");
+   const auto now = DateTime::FromSeconds(kNow);
+   const auto later = DateTime::FromSeconds(kNow + 100);
+   Ref<MetricIds> metrics;
+   _manager->QueryAvailableMetric(host.Get(), {}, {}, 20, metrics);
+   EXPECT_EQ(metrics->GetSize(), 3u); // the first counter of each
+   for (const std::optional<int32_t> interval : {std::optional<int32_t>{}, {300}}) {
+      _manager->QueryAvailableMetric(host.Get(), {}, now, interval, metrics);
+      EXPECT_EQ(metrics->GetSize(), 9u);
+   }
+   EXPECT_THROW(_manager->QueryAvailableMetric(host.Get(), now, now, {}, metrics), InvalidArgument);
+   metrics = nullptr;
+   _manager->QueryAvailableMetric(host.Get(), later, {}, {}, metrics);
+   EXPECT_FALSE(metrics);
+}
+
+} // namespace
