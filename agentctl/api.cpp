@@ -1,0 +1,305 @@
+#include "agentctl/api.h"
+
+#include "corvax/exception.h"
+#include "corvax/format.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <iterator>
+
+namespace Agentctl {
+
+namespace {
+
+using Corvax::Format;
+/// Keeps the order in which the server wrote the members.
+using Json = nlohmann::ordered_json;
+
+/// Deeper than any answer; what walks over a document may go down in itself.
+constexpr int kMaxDepth = 32;
+
+/// While a run is under way the interval that has just begun has no sample yet; the one before has.
+constexpr int kSamplesForNewest = 2;
+
+/// The agent takes so many query specs in one request unless it is configured otherwise.
+constexpr size_t kMaxQuerySpecs = 64;
+
+[[noreturn]] void FailForm(const std::string& what)
+{
+   throw Corvax::Exception("the server's answer is not as it must be: " + what);
+}
+
+const Json& GetField(const Json& object, const char* key)
+{
+   if (!object.is_object() || !object.contains(key)) {
+      FailForm(Format("it has no '%1'", key));
+   }
+   return object.at(key);
+}
+
+std::string GetText(const Json& object, const char* key)
+{
+   const Json& field = GetField(object, key);
+   if (!field.is_string()) {
+      FailForm(Format("'%1' is no text", key));
+   }
+   return field.get<std::string>();
+}
+
+std::optional<std::string> GetOptionalText(const Json& object, const char* key)
+{
+   return GetField(object, key).is_null() ? std::nullopt : std::optional(GetText(object, key));
+}
+
+int64_t ToNumber(const Json& value, const char* what)
+{
+   const bool fits = value.is_number_integer() &&
+                     (!value.is_number_unsigned() || value.get<uint64_t>() <= INT64_MAX);
+   if (!fits) {
+      FailForm(Format("'%1' is no whole number", what));
+   }
+   return value.get<int64_t>();
+}
+
+int64_t GetNumber(const Json& object, const char* key)
+{
+   return ToNumber(GetField(object, key), key);
+}
+
+std::optional<int64_t> ToOptionalNumber(const Json& value, const char* what)
+{
+   return value.is_null() ? std::nullopt : std::optional(ToNumber(value, what));
+}
+
+/// The elements of a list, for which null stands where there are none.
+const Json& ToList(const Json& value, const char* what)
+{
+   static const Json none = Json::array();
+   if (value.is_null()) {
+      return none;
+   }
+   if (!value.is_array()) {
+      FailForm(Format("'%1' is no list", what));
+   }
+   return value;
+}
+
+/// Its elements would be gone before they are looked at.
+const Json& ToList(Json&& value, const char* what) = delete;
+
+Json Parse(const HttpAnswer& answer)
+{
+   const auto checkDepth = [](int depth, Json::parse_event_t, Json&) {
+      if (depth > kMaxDepth) {
+         FailForm("it is nested too deep");
+      }
+      return true;
+   };
+   try {
+      return Json::parse(answer.body, checkDepth);
+   } catch (const Json::exception&) {
+      FailForm(Format("no JSON (HTTP status %1)", answer.status));
+   }
+}
+
+/// The envelope of an answer that is a success; the server's own text is thrown where it refused.
+Json GetEnvelope(const HttpAnswer& answer)
+{
+   Json envelope = Parse(answer);
+   if (GetText(envelope, "status") == "success") {
+      GetField(envelope, "data");
+      return envelope;
+   }
+   const Json& error = GetField(envelope, "error");
+   const std::string message = GetText(error, "message");
+   throw Corvax::Exception(message.empty() ? GetText(error, "type") : message);
+}
+
+Json GetData(HttpClient& client, const std::string& path)
+{
+   return GetEnvelope(client.Get(path, "application/json")).at("data");
+}
+
+Metric ToMetric(const Json& object)
+{
+   return {GetNumber(object, "counterId"), GetText(object, "instance")};
+}
+
+Series ToSeries(const Json& object, size_t count)
+{
+   Series series = {ToMetric(GetField(object, "id")), {}};
+   for (const Json& value : ToList(GetField(object, "value"), "value")) {
+      series.values.push_back(ToOptionalNumber(value, "value"));
+   }
+   if (series.values.size() != count) {
+      FailForm("a series has not one value for each time stamp");
+   }
+   return series;
+}
+
+EntitySeries ToEntitySeries(const Json& object)
+{
+   EntitySeries result = {GetText(GetField(object, "entity"), "id"), {}, {}};
+   for (const Json& sample : ToList(GetField(object, "sampleInfo"), "sampleInfo")) {
+      Corvax::DateTime time;
+      if (!Corvax::DateTime::Parse(GetText(sample, "timestamp"), time)) {
+         FailForm("a time stamp is no time");
+      }
+      result.times.push_back(time);
+   }
+   for (const Json& series : ToList(GetField(object, "value"), "value")) {
+      result.series.push_back(ToSeries(series, result.times.size()));
+   }
+   return result;
+}
+
+std::vector<EntitySeries> ToEntitySeriesList(const Json& data)
+{
+   std::vector<EntitySeries> result;
+   for (const Json& object : ToList(data, "data")) {
+      result.push_back(ToEntitySeries(object));
+   }
+   return result;
+}
+
+std::string GetQueryPath(const QuerySpec& spec)
+{
+   std::string path = "/api/v1/query?entity=" + PercentEncode(spec.entityId);
+   for (const std::string& metric : spec.metrics) {
+      path += "&metric=" + PercentEncode(metric);
+   }
+   if (!spec.from.empty()) {
+      path += "&startTime=" + PercentEncode(spec.from);
+   }
+   if (!spec.to.empty()) {
+      path += "&endTime=" + PercentEncode(spec.to);
+   }
+   if (spec.maxSample) {
+      path += Format("&maxSample=%1", *spec.maxSample);
+   }
+   return path + Format("&intervalId=%1", spec.intervalSec);
+}
+
+std::optional<int64_t> GetOptionalNumber(const Json& object, const char* key)
+{
+   return ToOptionalNumber(GetField(object, key), key);
+}
+
+} // namespace
+
+std::vector<Counter> Api::GetCounters()
+{
+   std::vector<Counter> counters;
+   const Json data = GetData(_client, "/api/v1/counters");
+   for (const Json& item : ToList(data, "data")) {
+      counters.push_back({GetNumber(item, "id"), GetText(item, "group"), GetText(item, "name"),
+                          GetText(item, "unit"), GetText(item, "statsType"),
+                          GetText(item, "rollup")});
+   }
+   return counters;
+}
+
+std::vector<Interval> Api::GetIntervals()
+{
+   std::vector<Interval> intervals;
+   const Json data = GetData(_client, "/api/v1/intervals");
+   for (const Json& item : ToList(data, "data")) {
+      intervals.push_back(
+         {GetText(item, "name"), GetNumber(item, "samplingPeriod"), GetNumber(item, "length")});
+   }
+   return intervals;
+}
+
+std::vector<Entity> Api::GetEntities()
+{
+   std::vector<Entity> entities;
+   const Json data = GetData(_client, "/api/v1/entities");
+   for (const Json& item : ToList(data, "data")) {
+      entities.push_back({GetText(item, "type"), GetText(item, "id"), GetText(item, "name"),
+                          GetOptionalText(item, "state"), GetOptionalText(item, "parent")});
+   }
+   return entities;
+}
+
+std::vector<Metric> Api::GetMetrics(const std::string& entityId)
+{
+   std::vector<Metric> metrics;
+   const std::string path = "/api/v1/metrics?entity=" + PercentEncode(entityId);
+   const Json data = GetData(_client, path);
+   for (const Json& item : ToList(data, "data")) {
+      metrics.push_back(ToMetric(item));
+   }
+   return metrics;
+}
+
+int64_t Api::GetRefreshRate(const std::string& entityId)
+{
+   const Json provider = GetData(_client, "/api/v1/providers/" + PercentEncode(entityId));
+   const int64_t periodSec = GetNumber(provider, "refreshRate");
+   if (periodSec <= 0) {
+      FailForm("the refresh rate is not above 0");
+   }
+   return periodSec;
+}
+
+std::vector<EntitySeries> Api::Query(const QuerySpec& spec)
+{
+   const Json data = GetData(_client, GetQueryPath(spec));
+   return ToEntitySeriesList(data);
+}
+
+std::string Api::QueryCsv(const QuerySpec& spec)
+{
+   HttpAnswer answer = _client.Get(GetQueryPath(spec), "text/csv");
+   if (answer.status != 200) {
+      GetEnvelope(answer); // throws what the server says
+      FailForm(Format("no table (HTTP status %1)", answer.status));
+   }
+   return std::move(answer.body);
+}
+
+std::string Api::QueryJson(const QuerySpec& spec, bool& hasData)
+{
+   const Json envelope = GetEnvelope(_client.Get(GetQueryPath(spec), "application/json"));
+   hasData = !envelope.at("data").empty();
+   return envelope.dump(2, ' ', true);
+}
+
+std::vector<EntitySeries> Api::QueryNewest(const std::vector<Entity>& entities,
+                                           const std::vector<Metric>& metrics, int64_t intervalSec)
+{
+   Json metricIds = Json::array();
+   for (const Metric& metric : metrics) {
+      metricIds.push_back({{"counterId", metric.counterId}, {"instance", metric.instance}});
+   }
+   std::vector<EntitySeries> result;
+   for (size_t first = 0; first < entities.size(); first += kMaxQuerySpecs) {
+      Json specs = Json::array();
+      const size_t end = std::min(first + kMaxQuerySpecs, entities.size());
+      for (size_t i = first; i < end; ++i) {
+         specs.push_back({{"entity", entities[i].id},
+                          {"maxSample", kSamplesForNewest},
+                          {"metricId", metricIds},
+                          {"intervalId", intervalSec}});
+      }
+      const Json envelope = GetEnvelope(_client.Post("/api/v1/query", specs.dump()));
+      std::ranges::move(ToEntitySeriesList(envelope.at("data")), std::back_inserter(result));
+   }
+   return result;
+}
+
+Usage Api::GetHostUsage()
+{
+   const Json data = GetData(_client, "/api/v1/usage/host");
+   return {GetOptionalNumber(data, "cpuUsageMhz"), GetOptionalNumber(data, "memConsumedKB"), {}};
+}
+
+Usage Api::GetVmUsage(const std::string& vmId)
+{
+   const Json data = GetData(_client, "/api/v1/usage/vm/" + PercentEncode(vmId));
+   return {GetOptionalNumber(data, "cpuUsageMhz"), GetOptionalNumber(data, "memConsumedKB"),
+           GetOptionalNumber(data, "memActiveKB")};
+}
+
+} // namespace Agentctl

@@ -1,0 +1,85 @@
+#include "agentctl/commands.h"
+#include "agentctl/options.h"
+#include "agentctl/printable.h"
+#include "agentctl/query.h"
+#include "agentctl/screen.h"
+#include "agentctl/topCommand.h"
+
+#include "corvax/exception.h"
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+namespace Agentctl {
+
+namespace {
+
+bool Sleep(int64_t seconds)
+{
+   std::this_thread::sleep_for(std::chrono::seconds(seconds));
+   return true;
+}
+
+void Run(const Options& options, Output& output)
+{
+   const std::unique_ptr<HttpClient> client = NewHttpClient(options.server);
+   Api api(*client);
+   switch (options.command) {
+   case Command::ENTITIES:
+      return ListEntities(api, output);
+   case Command::COUNTERS:
+      return ListCounters(api, options.group, output);
+   case Command::INTERVALS:
+      return ListIntervals(api, output);
+   case Command::METRICS:
+      return ListMetrics(api, options.entityId, output);
+   case Command::QUERY:
+      if (options.watch) {
+         EndOnSignals();
+      }
+      return RunQuery(api, options, output, Sleep);
+   case Command::USAGE:
+      return ShowUsage(api, options.vmId, output);
+   case Command::TOP:
+      if (options.count || !output.IsTerminal()) {
+         return PrintTop(api, options.count.value_or(1), output, Sleep);
+      }
+      return ShowTop(api, options.server, output);
+   }
+}
+
+void PrintFailure(const char* message)
+{
+   std::fprintf(stderr, "agentctl: %s\n", Printable(message).c_str());
+}
+
+int Main(int argc, char** argv)
+{
+   std::signal(SIGPIPE, SIG_IGN); // a reader or a server that goes away is told by the write
+   Options options;
+   if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
+      return *status;
+   }
+   try {
+      const std::unique_ptr<Output> output = NewStandardOutput();
+      Run(options, *output);
+      return EXIT_SUCCESS;
+   } catch (const OutputClosed&) {
+      return EXIT_SUCCESS;
+   } catch (const std::exception& e) {
+      PrintFailure(e.what());
+      return kExitFailure;
+   }
+}
+
+} // namespace
+
+} // namespace Agentctl
+
+int main(int argc, char** argv)
+{
+   return Agentctl::Main(argc, argv);
+}

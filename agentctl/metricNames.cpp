@@ -1,0 +1,73 @@
+#include "agentctl/metricNames.h"
+
+#include "agentctl/printable.h"
+
+#include "corvax/format.h"
+
+#include <algorithm>
+
+namespace Agentctl {
+
+namespace {
+
+constexpr char kPercent[] = "%";
+
+std::string GetShortUnit(const std::string& unit)
+{
+   static const std::map<std::string, std::string> units = {
+      {"percent", kPercent},         {"megaHertz", "MHz"},  {"kiloBytes", "KB"},
+      {"megaBytes", "MB"},           {"millisecond", "ms"}, {"second", "s"},
+      {"kiloBytesPerSecond", "KB/s"}};
+   const auto found = units.find(unit);
+   return found == units.end() ? unit : found->second;
+}
+
+} // namespace
+
+MetricNames::MetricNames(const std::vector<Counter>& counters)
+{
+   for (const Counter& counter : counters) {
+      _counters.emplace(counter.id, counter);
+   }
+}
+
+/// The name alone means the raw values, or else the only form.
+bool MetricNames::HasRollupInName(const Counter& counter) const
+{
+   if (counter.rollup == "none") {
+      return false;
+   }
+   return std::ranges::any_of(_counters, [&counter](const auto& entry) {
+      const Counter& other = entry.second;
+      return other.id != counter.id && other.group == counter.group && other.name == counter.name;
+   });
+}
+
+std::string MetricNames::GetName(const Metric& metric) const
+{
+   const auto found = _counters.find(metric.counterId);
+   std::string name = Corvax::ToText(metric.counterId);
+   if (found != _counters.end()) {
+      const Counter& counter = found->second;
+      name = counter.group + "." + counter.name;
+      name += HasRollupInName(counter) ? "." + counter.rollup : "";
+   }
+   return metric.instance.empty() ? name : name + ":" + metric.instance;
+}
+
+std::string MetricNames::GetUnit(const Metric& metric) const
+{
+   const auto found = _counters.find(metric.counterId);
+   return found == _counters.end() ? "?" : GetShortUnit(found->second.unit);
+}
+
+std::string MetricNames::FormatValue(const Metric& metric,
+                                     const std::optional<int64_t>& value) const
+{
+   if (!value) {
+      return "-";
+   }
+   return GetUnit(metric) == kPercent ? FormatHundredths(*value) + " %" : Corvax::ToText(*value);
+}
+
+} // namespace Agentctl

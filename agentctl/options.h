@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Agentctl {
+
+enum class Command { ENTITIES, COUNTERS, INTERVALS, METRICS, QUERY, USAGE, TOP };
+enum class QueryFormat { TABLE, CSV, JSON };
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+/// The command line.
+struct Options {
+   std::string server = "http://127.0.0.1:8697";
+   Command command = Command::ENTITIES;
+   std::string group;    ///< of `counters`; empty: all
+   std::string entityId; ///< of `metrics` and `query`
+   std::string vmId;     ///< of `usage`; empty: the host
+   std::vector<std::string> metrics;
+   std::optional<int64_t> intervalSec; ///< unset: the entity's real-time interval
+   std::string from;
+   std::string to;
+   std::optional<int64_t> maxSample;
+   QueryFormat format = QueryFormat::TABLE;
+   bool watch = false;
+   bool utc = false;
+   std::optional<int64_t> count; ///< of `top`: plain tables instead of the full screen
+};
+
+/// Reads the command line and METRIX_SERVER. Where the process has nothing more to do (help,
+/// version, a usage error, each of which is printed) it returns the exit status, else nothing.
+std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
+
+} // namespace Agentctl

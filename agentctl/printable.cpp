@@ -1,0 +1,133 @@
+#include "agentctl/printable.h"
+
+#include <clocale>
+#include <cstdio>
+#include <ctime>
+#include <cwchar>
+
+namespace Agentctl {
+
+namespace {
+
+/// UTF-8 for the calling thread, whatever locale the user has. Where the system has no such locale
+/// only ASCII counts as printable.
+class Utf8Scope {
+public:
+   Utf8Scope()
+   {
+      static const locale_t utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+      _before = ::uselocale(utf8);
+   }
+   ~Utf8Scope() { ::uselocale(_before); }
+   Utf8Scope(const Utf8Scope&) = delete;
+   Utf8Scope& operator=(const Utf8Scope&) = delete;
+
+private:
+   locale_t _before;
+};
+
+struct Glyph {
+   wchar_t character; ///< the byte, where it is no UTF-8
+   size_t bytes;
+   int columns; ///< negative: not printable
+};
+
+/// They print nothing, but make what stands beside them look like something else.
+bool ChangesDirection(wchar_t c)
+{
+   return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
+          (c >= 0x2066 && c <= 0x2069);
+}
+
+/// The first character of a text that is not empty; to be called in a Utf8Scope.
+Glyph FirstGlyph(std::string_view text)
+{
+   wchar_t c = 0;
+   mbstate_t state = {};
+   const size_t bytes = std::mbrtowc(&c, text.data(), text.size(), &state);
+   if (bytes == 0 || bytes > text.size()) { // a zero byte, or one that starts no character
+      return {static_cast<unsigned char>(text.front()), 1, -1};
+   }
+   return {c, bytes, ChangesDirection(c) ? -1 : ::wcwidth(c)};
+}
+
+} // namespace
+
+std::string Printable(std::string_view text)
+{
+   const Utf8Scope utf8;
+   std::string result;
+   while (!text.empty()) {
+      const Glyph glyph = FirstGlyph(text);
+      if (glyph.columns >= 0) {
+         result += text.substr(0, glyph.bytes);
+      } else {
+         char escaped[16];
+         const auto code = static_cast<unsigned>(glyph.character);
+         std::snprintf(escaped, sizeof escaped, code < 0x100 ? "\\x%02x" : "\\u{%x}", code);
+         result += escaped;
+      }
+      text.remove_prefix(glyph.bytes);
+   }
+   return result;
+}
+
+size_t CountColumns(std::string_view printable)
+{
+   const Utf8Scope utf8;
+   size_t columns = 0;
+   while (!printable.empty()) {
+      const Glyph glyph = FirstGlyph(printable);
+      columns += glyph.columns > 0 ? static_cast<size_t>(glyph.columns) : 0;
+      printable.remove_prefix(glyph.bytes);
+   }
+   return columns;
+}
+
+std::string CutToColumns(std::string_view printable, size_t columns)
+{
+   if (CountColumns(printable) <= columns) {
+      return std::string(printable);
+   }
+   if (columns == 0) {
+      return {};
+   }
+   const Utf8Scope utf8;
+   size_t used = 1; // the ellipsis
+   std::string result;
+   while (!printable.empty()) {
+      const Glyph glyph = FirstGlyph(printable);
+      used += glyph.columns > 0 ? static_cast<size_t>(glyph.columns) : 0;
+      if (used > columns) {
+         break;
+      }
+      result += printable.substr(0, glyph.bytes);
+      printable.remove_prefix(glyph.bytes);
+   }
+   return result + "…";
+}
+
+std::string FormatHundredths(int64_t hundredths)
+{
+   const bool isNegative = hundredths < 0;
+   const uint64_t size =
+      isNegative ? 0 - static_cast<uint64_t>(hundredths) : static_cast<uint64_t>(hundredths);
+   char decimals[8];
+   std::snprintf(decimals, sizeof decimals, ".%02u", static_cast<unsigned>(size % 100));
+   return (isNegative ? "-" : "") + std::to_string(size / 100) + decimals;
+}
+
+std::string FormatTime(Corvax::DateTime time, bool utc)
+{
+   const int64_t us = time.GetUtcMicroseconds();
+   const auto seconds = static_cast<time_t>(us / 1000000 - (us % 1000000 < 0 ? 1 : 0));
+   tm fields = {};
+   if ((utc ? ::gmtime_r(&seconds, &fields) : ::localtime_r(&seconds, &fields)) == nullptr) {
+      return time.ToString();
+   }
+   char text[64];
+   const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields);
+   return std::string(text, length);
+}
+
+} // namespace Agentctl
