@@ -98,7 +98,7 @@ TEST_F(StatsDepotTest, IntervalsAreAddedFinestFirst)
    EXPECT_FALSE(std::ifstream(_scratch.Path() + "d-3600.stats").good());
 }
 
-TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsLaidDown)
+TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsDocumented)
 {
    Create({{20, 3}});
    EXPECT_EQ(_scratch.Read("d.xml"), "<?xml version=\"1.0\"?>\n"

@@ -81,7 +81,7 @@ protected:
    const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
 };
 
-TEST_F(StatsStoreTest, FileIsByteForByteAsLaidDown)
+TEST_F(StatsStoreTest, FileIsByteForByteAsDocumented)
 {
    auto store = Create(10, 3);
    ASSERT_EQ(_scratch.Read("s.stats"), FromHex("03000000 0a000000 ff*24"));
