@@ -22,8 +22,8 @@ namespace {
 constexpr uint64_t kListenerKey = 0;
 constexpr uint64_t kWakeUpKey = 1;
 
-constexpr size_t kReadBytes =
-   64 * 1024; // at a time, so that a fast client leaves the others theirs
+// At a time, so that a fast client leaves the others theirs.
+constexpr size_t kReadBytes = 64 * 1024;
 constexpr size_t kMaxRefusedConnections = 32; // which are being told that there are too many
 constexpr std::chrono::milliseconds kDrainTimeout{2000};
 constexpr std::chrono::milliseconds kAcceptPause{1000};

@@ -2,6 +2,7 @@
 
 #include "corvax/format.h"
 #include "linuxHost/kernelFile.h"
+#include "tests/fakes/captureLogger.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -29,17 +30,6 @@ std::unique_ptr<T> Owned(T* object)
 {
    return std::unique_ptr<T>(object);
 }
-
-class FakeLogger : public Corvax::Logger, public Corvax::ObjectImpl {
-public:
-   bool IsEnabled(int) const override { return true; }
-   void SetLevel(const std::string&) override {}
-   void Write(int level, const std::string& text) override
-   {
-      lines.push_back(Format("%1 %2", level, text));
-   }
-   std::vector<std::string> lines;
-};
 
 /// The text of what is thrown, empty when nothing is.
 std::string MessageOf(const std::function<void()>& read)
@@ -128,7 +118,7 @@ protected:
    std::string _root;
    std::vector<std::string> _nics;
    uint32_t _cpuMhz = 0;
-   Corvax::Ref<FakeLogger> _logger = Corvax::MakeRef<FakeLogger>();
+   Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
    std::unique_ptr<HostCtl::HostProvider> _provider;
    std::unique_ptr<HostCtl::Host> _host;
 };
@@ -304,8 +294,8 @@ TEST_F(LinuxHostTest, CoresAreCountedUpToTheLimitWithOneWarning)
       Write("sys/devices/system/cpu/online", list);
       EXPECT_EQ(cores, Cpus()->GetCoreCount()) << list;
    }
-   EXPECT_EQ(std::vector<std::string>{"4 The host has 256 CPUs, only 255 are counted"},
-             _logger->lines);
+   EXPECT_EQ(1, _logger->Count("4 The host has 256 CPUs, only 255 are counted"));
+   EXPECT_EQ(1, _logger->CountLevel(Corvax::kLogWarning));
 }
 
 TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
