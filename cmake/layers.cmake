@@ -3,7 +3,7 @@
 # test `layers`.
 set(METRIX_ROOMS
    corvax plexa quen hostctl agentdCommon hostsvc guestsvc qsh/framework metrix
-   metrix/dynamic linuxHost agentd qsh agentctl)
+   metrix/dynamic inventory linuxHost linuxHost/libvirt simHost agentd qsh agentctl)
 
 set(SEES_corvax "")
 set(SEES_plexa corvax)
@@ -16,10 +16,14 @@ set(SEES_guestsvc quen plexa hostctl corvax)
 set(SEES_metrix agentdCommon quen plexa corvax)
 set(SEES_qsh/framework corvax)
 set(SEES_metrix/dynamic metrix qsh/framework)
-set(SEES_linuxHost agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+set(SEES_inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+set(SEES_linuxHost inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+# The only room that knows the hypervisor's library.
+set(SEES_linuxHost/libvirt linuxHost quen plexa hostctl corvax)
+set(SEES_simHost inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
 set(SEES_qsh qsh/framework hostctl corvax)
 set(SEES_agentctl corvax)
-set(SEES_agentd linuxHost agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+set(SEES_agentd linuxHost simHost inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
 
 # Single files that see more than the rest of their room.
 set(SEES_metrix/hykStatsCollector.h hostsvc guestsvc hostctl)

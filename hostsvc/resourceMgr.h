@@ -22,6 +22,7 @@ public:
 
    virtual HostCtl::Resource::CpuStats* GetPoolCpuStats(Plexa::MoRef* pool) = 0;
    virtual HostCtl::Resource::MemoryStats* GetPoolMemoryStats(Plexa::MoRef* pool) = 0;
+   virtual HostCtl::Resource::CpuLoadHistory* GetPoolCpuLoadHistory(Plexa::MoRef* pool) = 0;
 
    /// The root of the system resource groups.
    virtual Corvax::Ref<Quen::Host::SystemResourceInfo> GetSystemResourceInfo() = 0;

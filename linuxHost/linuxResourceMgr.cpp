@@ -18,6 +18,7 @@ public:
 
    CpuStats* GetPoolCpuStats(MoRef* /*pool*/) override { return nullptr; }
    MemoryStats* GetPoolMemoryStats(MoRef* /*pool*/) override { return nullptr; }
+   CpuLoadHistory* GetPoolCpuLoadHistory(MoRef* /*pool*/) override { return nullptr; }
    CpuStats* GetSystemGroupCpuStats(const std::string& /*key*/) override { return nullptr; }
    CpuStats* GetVmCpuStats(MoRef* /*vm*/) override { return nullptr; }
    std::vector<CpuTimes> GetVmCpuTimes(MoRef* /*vm*/) override { return {}; }

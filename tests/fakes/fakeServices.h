@@ -98,6 +98,10 @@ struct FakeResourceMgr : Hostsvc::ResourceMgr, Corvax::LockableObjectImpl {
    {
       return Copy(memory, pool->GetId());
    }
+   HostCtl::Resource::CpuLoadHistory* GetPoolCpuLoadHistory(Plexa::MoRef* pool) override
+   {
+      return Copy(load, pool->GetId());
+   }
    Corvax::Ref<Quen::Host::SystemResourceInfo> GetSystemResourceInfo() override
    {
       return IsLocked() ? systemRoot : nullptr;
