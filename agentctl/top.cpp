@@ -50,6 +50,26 @@ std::string FormatType(const std::string& type)
    return found == types.end() ? type : found->second;
 }
 
+std::string FormatState(const std::optional<std::string>& state)
+{
+   static const std::map<std::string, std::string> states = {{"poweredOn", "on"},
+                                                             {"poweredOff", "off"}};
+   const auto found = states.find(state.value_or("-"));
+   return found == states.end() ? state.value_or("-") : found->second;
+}
+
+/// The pool that the entity is in, by its name where it is among the rows.
+std::string FormatPool(const Entity& entity, const std::vector<TopRow>& rows)
+{
+   if (!entity.parent) {
+      return "-";
+   }
+   const auto pool = std::find_if(rows.begin(), rows.end(), [&entity](const TopRow& row) {
+      return row.entity.id == *entity.parent;
+   });
+   return pool == rows.end() ? *entity.parent : pool->entity.name;
+}
+
 std::string FormatNumber(const std::optional<int64_t>& value)
 {
    return value ? Corvax::ToText(*value) : "-";
@@ -201,6 +221,8 @@ std::vector<std::string> FormatRows(const std::vector<TopRow>& rows,
 {
    TextTable table({{"NAME"},
                     {"TYPE"},
+                    {"STATE"},
+                    {"POOL"},
                     {"CPU MHz", true},
                     {"CPU %", true},
                     {"READY ms", true},
@@ -209,7 +231,8 @@ std::vector<std::string> FormatRows(const std::vector<TopRow>& rows,
                     {"DISK KB/s", true},
                     {"NET KB/s", true}});
    for (const TopRow& row : rows) {
-      table.AddRow({row.entity.name, FormatType(row.entity.type), FormatNumber(row.cpuMhz),
+      table.AddRow({row.entity.name, FormatType(row.entity.type), FormatState(row.entity.state),
+                    FormatPool(row.entity, rows), FormatNumber(row.cpuMhz),
                     FormatPercent(row.cpuHundredths), FormatNumber(row.readyMs),
                     FormatNumber(ToMb(row.memConsumedKb)), FormatPercent(row.memHundredths),
                     FormatNumber(row.diskKbps), FormatNumber(row.netKbps)});

@@ -18,11 +18,16 @@ using Corvax::XmlConfig;
 
 constexpr char kDefaultStateDir[] = "/var/lib/quorra/agentd";
 constexpr char kPluginFileName[] = "libmetrix.so";
+constexpr char kHypervisorFileName[] = "libhykvirt.so";
+constexpr char kDefaultLibvirtUri[] = "qemu:///system";
+constexpr char kDefaultBackend[] = "auto";
 
 constexpr char kInterval[] = "plugins/metrix/collectionInterval";
 constexpr char kMockup[] = "plugins/metrix/enableMockup";
 constexpr char kDepotDir[] = "plugins/metrix/depotDir";
 constexpr char kCpuMhz[] = "agentd/cpuMhz";
+constexpr char kBackend[] = "agentd/backend";
+constexpr char kSimulation[] = "agentd/simulation";
 constexpr char kListen[] = "agentd/http/listen";
 constexpr char kDefaultListen[] = "127.0.0.1:8697";
 constexpr char kNic[] = "agentd/nics/nic";
@@ -39,6 +44,9 @@ constexpr KeyRule kKeyRules[] = {
    {"agentd/logLevel", ValueKind::LOG_LEVEL},
    {"agentd/plugin", ValueKind::TEXT},
    {kCpuMhz, ValueKind::POSITIVE},
+   {kBackend, ValueKind::TEXT},
+   {kSimulation, ValueKind::TEXT},
+   {"agentd/libvirtUri", ValueKind::TEXT},
    {kListen, ValueKind::TEXT},
    {"agentd/http/workers", ValueKind::POSITIVE},
    {"agentd/http/maxConnections", ValueKind::POSITIVE},
@@ -119,11 +127,11 @@ void CheckKeys(const XmlConfig& config, const std::string& fileName)
    }
 }
 
-/// Where the plug-in lies beside this program: ../lib from its own folder.
-std::string InstalledPluginFile()
+/// A library that belongs to this program: in ../lib from its own folder.
+std::string InstalledLibrary(const char* fileName)
 {
    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
-   return (program.parent_path().parent_path() / "lib" / kPluginFileName).string();
+   return (program.parent_path().parent_path() / "lib" / fileName).string();
 }
 
 std::vector<std::string> ReadNics(const XmlConfig& config)
@@ -164,6 +172,49 @@ void ReadHttp(const XmlConfig& config, Configuration& configuration)
            std::chrono::duration_cast<std::chrono::seconds>(limits.requestTimeout).count()));
 }
 
+BackendOptions::Kind ParseBackend(const std::string& name)
+{
+   if (name == kDefaultBackend) {
+      return BackendOptions::Kind::AUTO;
+   }
+   if (name == "linux") {
+      return BackendOptions::Kind::MACHINE;
+   }
+   if (name == "simulated") {
+      return BackendOptions::Kind::SIMULATED;
+   }
+   throw InvalidArgumentException(Format("'%1' is no backend; use auto, linux or simulated", name));
+}
+
+/// The interval as the plug-in will take it from the same key.
+int ReadInterval(const XmlConfig& keys, int defaultSec)
+{
+   int32_t intervalSec = defaultSec;
+   keys.Get(kInterval, intervalSec);
+   return intervalSec > 0 && 300 % intervalSec == 0 ? intervalSec : defaultSec;
+}
+
+BackendOptions ReadBackend(const XmlConfig& keys, const Options& options)
+{
+   BackendOptions backend;
+   std::string name = kDefaultBackend;
+   std::string simulation;
+   keys.Get(kBackend, name);
+   keys.Get(kSimulation, simulation);
+   backend.kind = ParseBackend(options.backend.value_or(name));
+   if (options.simulation && backend.kind != BackendOptions::Kind::SIMULATED) {
+      throw InvalidArgumentException("--sim is for --backend simulated");
+   }
+   backend.simulation = SimHost::ParseSimOptions(options.simulation.value_or(simulation));
+   backend.machine.nics = ReadNics(keys);
+   backend.machine.cpuMhz = static_cast<uint32_t>(ReadPositive(keys, kCpuMhz, 0));
+   backend.hypervisorModule = InstalledLibrary(kHypervisorFileName);
+   backend.libvirtUri = kDefaultLibvirtUri;
+   keys.Get("agentd/libvirtUri", backend.libvirtUri);
+   backend.intervalSec = ReadInterval(keys, backend.intervalSec);
+   return backend;
+}
+
 } // namespace
 
 Configuration LoadConfiguration(const Options& options)
@@ -179,12 +230,10 @@ Configuration LoadConfiguration(const Options& options)
    }
 
    configuration.stateDir = kDefaultStateDir;
-   configuration.pluginFile = InstalledPluginFile();
+   configuration.pluginFile = InstalledLibrary(kPluginFileName);
    keys.Get("agentd/stateDir", configuration.stateDir);
    keys.Get("agentd/logLevel", configuration.logLevel);
    keys.Get("agentd/plugin", configuration.pluginFile);
-   configuration.nics = ReadNics(keys);
-   configuration.cpuMhz = static_cast<uint32_t>(ReadPositive(keys, kCpuMhz, 0));
    ReadHttp(keys, configuration);
 
    configuration.stateDir = options.stateDir.value_or(configuration.stateDir);
@@ -202,6 +251,7 @@ Configuration LoadConfiguration(const Options& options)
    if (options.mockup) {
       keys.Set(kMockup, "true");
    }
+   configuration.backend = ReadBackend(keys, options);
    return configuration;
 }
 

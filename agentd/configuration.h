@@ -1,11 +1,11 @@
 #pragma once
 
+#include "agentd/backend.h"
 #include "agentd/httpServer.h"
 #include "agentd/options.h"
 #include "corvax/xmlConfig.h"
 
 #include <string>
-#include <vector>
 
 namespace Agentd {
 
@@ -15,9 +15,8 @@ struct Configuration {
    std::string stateDir;                ///< absolute
    std::string logLevel;                ///< empty: the default
    std::string pluginFile;
-   std::vector<std::string> nics; ///< physical NICs by name; empty: found by the kernel's word
-   uint32_t cpuMhz = 0;           ///< speed of one CPU; 0: by the kernel's word
-   std::string listen;            ///< of the management API; "none": it is not served
+   BackendOptions backend;
+   std::string listen; ///< of the management API; "none": it is not served
    HttpServer::Limits httpLimits;
    size_t maxQuerySpecs = 64; ///< in one query
 };

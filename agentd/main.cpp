@@ -1,3 +1,4 @@
+#include "agentd/backend.h"
 #include "agentd/collectionMonitor.h"
 #include "agentd/configuration.h"
 #include "agentd/httpServer.h"
@@ -6,15 +7,12 @@
 #include "agentd/pluginHost.h"
 #include "agentd/stopSignal.h"
 #include "agentd/version.h"
-#include "agentdCommon/wellKnown.h"
 #include "corvax/application.h"
 #include "corvax/exception.h"
 #include "corvax/lockFile.h"
 #include "corvax/system.h"
-#include "hostctl/host.h"
-#include "linuxHost/linuxHostProvider.h"
-#include "linuxHost/linuxHostSystem.h"
-#include "linuxHost/linuxResourceMgr.h"
+
+#include <sys/resource.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -41,27 +39,6 @@ public:
    ~ApplicationScope() { Corvax::Service::SetApp(nullptr); }
    ApplicationScope(const ApplicationScope&) = delete;
    ApplicationScope& operator=(const ApplicationScope&) = delete;
-};
-
-/// This Linux machine as the source of all figures.
-class LinuxHostScope {
-public:
-   LinuxHostScope(const Configuration& configuration, Corvax::Logger* logger)
-      : _provider(
-           LinuxHost::NewLinuxHostProvider({"", configuration.nics, configuration.cpuMhz}, logger))
-   {
-      HostCtl::HostFactory::SetProvider(_provider.get());
-      Corvax::ObjectRegistry* const registry = Corvax::Service::GetApp()->GetObjectRegistry();
-      registry->Register(AgentdCommon::moid_resourcemgr, LinuxHost::NewLinuxResourceMgr());
-      registry->Register(AgentdCommon::moid_hostsystem,
-                         LinuxHost::NewLinuxHostSystem(AgentdCommon::moid_hostsystem));
-   }
-   ~LinuxHostScope() { HostCtl::HostFactory::SetProvider(nullptr); }
-   LinuxHostScope(const LinuxHostScope&) = delete;
-   LinuxHostScope& operator=(const LinuxHostScope&) = delete;
-
-private:
-   const std::unique_ptr<HostCtl::HostProvider> _provider;
 };
 
 /// Serves the management API. Where the address cannot be had that is an error in the log, and the
@@ -95,20 +72,33 @@ private:
    HttpServer _server;
 };
 
+/// Kernel files of every virtual machine stay open: as many as the system lets this process have.
+void RaiseDescriptorLimit()
+{
+   rlimit limit = {};
+   if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+      limit.rlim_cur = limit.rlim_max;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+   }
+}
+
 void Run(const Options& options, const Configuration& configuration)
 {
+   RaiseDescriptorLimit();
    StopSignal stop;
    const ApplicationScope application(configuration);
    const Ref<Corvax::Logger> logger = Corvax::Service::GetApp()->GetLogger("agentd");
    Corvax::System::GetFactory().CreateDirectory(configuration.stateDir);
    const Corvax::LockFile stateLock(configuration.stateDir + "/agentd.lock");
-   const LinuxHostScope host(configuration, Corvax::Service::GetApp()->GetLogger("Host").Get());
+   const std::unique_ptr<Backend> host =
+      NewBackend(configuration.backend, Corvax::Service::GetApp()->GetLogger("Host").Get());
 
    CollectionMonitor monitor(logger.Get(), stop, options.runs, options.report);
    PluginHost plugin(configuration.pluginFile,
                      [&monitor](const Corvax::TimerRun& run) { monitor.OnRun(run); });
    plugin.Init();
    monitor.Start();
+   host->Start();
    plugin.Start();
    ApiScope api(configuration, Corvax::Service::GetApp()->GetLogger("API").Get());
    logger->Log(kLogNotice, "agentd %1 runs with %2, state in %3", kVersion,
@@ -119,6 +109,7 @@ void Run(const Options& options, const Configuration& configuration)
    api.RefuseRequests();
    monitor.Stop();
    plugin.Stop();
+   host->Stop();
    logger->Log(kLogNotice, "agentd has stopped");
 }
 

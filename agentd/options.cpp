@@ -46,6 +46,14 @@ std::optional<int> ParseOptions(int argc, char** argv, Options& options)
                 "After each collection, print a line of the host's newest figures");
    app.add_option("--plugin", options.pluginFile, "Plug-in to load instead of the installed one")
       ->type_name("FILE");
+   app.add_option("--backend", options.backend,
+                  "Where the figures come from: auto (default; this machine, with its virtual "
+                  "machines where libvirt answers), linux (this machine alone), simulated")
+      ->type_name("NAME")
+      ->check(CLI::IsMember({"auto", "linux", "simulated"}));
+   app.add_option("--sim", options.simulation,
+                  "The simulated host, such as vms=200,pools=20,disks=8,nics=4,seed=1")
+      ->type_name("KEY=N,...");
    app.add_option("--listen", options.listen,
                   "Where the management API is served (default 127.0.0.1:8697); none for nowhere")
       ->type_name("ADDRESS:PORT");

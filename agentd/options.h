@@ -16,7 +16,9 @@ struct Options {
    int64_t runs = 0; ///< collection runs after which to stop; 0: until a signal comes
    bool report = false;
    std::optional<std::string> pluginFile;
-   std::optional<std::string> listen; ///< "ADDRESS:PORT", "none" for no management API
+   std::optional<std::string> backend;    ///< where the figures come from
+   std::optional<std::string> simulation; ///< what the simulated host has
+   std::optional<std::string> listen;     ///< "ADDRESS:PORT", "none" for no management API
 };
 
 constexpr int kExitFailure = 1;

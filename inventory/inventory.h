@@ -40,7 +40,7 @@ public:
    /// Publishes a power operation when the state is another one than before; does nothing for an
    /// unknown id.
    void SetPowerState(const std::string& id, Quen::Vm::PowerState state);
-   /// Publishes a power operation when it was powered on, and that it is unregistered; does nothing
+   /// Publishes a power operation unless it was off, and that it is unregistered; does nothing
    /// for an unknown id.
    void UnregisterVm(const std::string& id);
 

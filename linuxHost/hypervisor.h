@@ -95,7 +95,8 @@ public:
 /// Its destructor closes it; no handler is called after that.
 ///
 /// Errors: HostCtl::Lib::HostCtlException naming what was asked and why it failed.
-/// Locking: its own; any thread may call, and a call that hangs holds up no other thread's.
+/// Locking: its own; any thread may call. Threads that must not wait for each other's calls have a
+/// connection each. Not to be destroyed while a lock is held that the listener's handlers take.
 class HypervisorConnection {
 public:
    virtual ~HypervisorConnection() = default;

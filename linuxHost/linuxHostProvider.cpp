@@ -6,6 +6,7 @@
 #include "linuxHost/memoryReader.h"
 #include "linuxHost/nicReader.h"
 
+#include <algorithm>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -34,8 +35,8 @@ auto Translated(const Operation& operation)
 /// All that reads kernel files. Locking: the mutex is held while any of the readers is used; no
 /// other lock is taken under it.
 struct Readers {
-   Readers(LinuxHostOptions options, Corvax::Logger* logger)
-      : cpu(options.root), memory(options.root), disks(options.root),
+   Readers(LinuxHostOptions options, HostAddenda* guestFigures, Corvax::Logger* logger)
+      : addenda(guestFigures), cpu(options.root), memory(options.root), disks(options.root),
         nics(options.root, std::move(options.nics)), hardware(options.root, options.cpuMhz, logger)
    {
    }
@@ -50,6 +51,7 @@ struct Readers {
       });
    }
 
+   HostAddenda* const addenda; // has locks of its own
    std::mutex mutex;
    CpuReader cpu;
    MemoryReader memory;
@@ -83,7 +85,18 @@ std::vector<Interface*> NewEach(std::vector<Source> sources)
 
 class RootGroupImpl : public HostCtl::Resource::ResourceGroup {
 public:
-   HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override { return nullptr; }
+   explicit RootGroupImpl(const Readers& readers) : _readers(readers) {}
+
+   HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override
+   {
+      return Translated([this]() -> HostCtl::Resource::CpuLoadHistory* {
+         const auto load = _readers.addenda ? _readers.addenda->GetHostLoad() : std::nullopt;
+         return load ? new HostCtl::Resource::CpuLoadHistory(*load) : nullptr;
+      });
+   }
+
+private:
+   const Readers& _readers;
 };
 
 class ResourceInfoImpl : public HostCtl::Resource::ResourceInfo {
@@ -106,15 +119,26 @@ public:
    {
       return _readers.Use([](Readers& readers) { return readers.memory.ReadMemoryStats(); });
    }
-   HostCtl::Resource::ResourceGroup* GetRootGroup() override { return New<RootGroupImpl>(); }
+   HostCtl::Resource::ResourceGroup* GetRootGroup() override
+   {
+      return New<RootGroupImpl>(_readers);
+   }
 
 private:
    Readers& _readers;
 };
 
+/// A disk with the part that each virtual machine has in its traffic.
+struct Lun {
+   DiskFigures figures;
+   std::vector<HostCtl::Storage::WorldStatistics> worlds;
+};
+
 class DiskLunImpl : public HostCtl::Storage::DiskLun {
 public:
-   explicit DiskLunImpl(DiskFigures figures) : _figures(std::move(figures)) {}
+   explicit DiskLunImpl(Lun lun) : _figures(std::move(lun.figures)), _worlds(std::move(lun.worlds))
+   {
+   }
 
    std::string GetScsiName() override
    {
@@ -122,10 +146,11 @@ public:
    }
    uint64_t GetBlockSizeBytes() override { return kBlockSizeBytes; }
    HostCtl::Storage::StorageStatistics GetStatistics() override { return _figures.statistics; }
-   std::vector<HostCtl::Storage::WorldStatistics> GetWorldStatistics() override { return {}; }
+   std::vector<HostCtl::Storage::WorldStatistics> GetWorldStatistics() override { return _worlds; }
 
 private:
    const DiskFigures _figures;
+   const std::vector<HostCtl::Storage::WorldStatistics> _worlds;
 };
 
 class StorageInfoImpl : public HostCtl::Storage::StorageInfo {
@@ -134,11 +159,35 @@ public:
 
    std::vector<HostCtl::Storage::DiskLun*> GetDiskLuns() override
    {
-      return NewEach<HostCtl::Storage::DiskLun, DiskLunImpl>(
-         _readers.Use([](Readers& readers) { return readers.disks.ReadDisks(); }));
+      return NewEach<HostCtl::Storage::DiskLun, DiskLunImpl>(FindLuns());
    }
 
 private:
+   std::vector<Lun> FindLuns()
+   {
+      std::vector<Lun> luns;
+      for (DiskFigures& disk :
+           _readers.Use([](Readers& readers) { return readers.disks.ReadDisks(); })) {
+         luns.push_back({std::move(disk), {}});
+      }
+      return Translated([&] {
+         if (_readers.addenda == nullptr) {
+            return luns;
+         }
+         for (auto& [name, worlds] : _readers.addenda->GetDiskWorlds()) {
+            const auto byName = [](const Lun& lun) -> const std::string& {
+               return lun.figures.name;
+            };
+            auto lun = std::ranges::find(luns, name, byName);
+            if (lun == luns.end()) {
+               lun = luns.insert(luns.end(), Lun{DiskFigures{name, {}}, {}});
+            }
+            lun->worlds = worlds;
+         }
+         return luns;
+      });
+   }
+
    Readers& _readers;
 };
 
@@ -266,13 +315,19 @@ private:
 
 class LinuxHostProviderImpl : public HostCtl::HostProvider {
 public:
-   LinuxHostProviderImpl(LinuxHostOptions options, Corvax::Logger* logger)
-      : _readers(std::move(options), logger)
+   LinuxHostProviderImpl(LinuxHostOptions options, HostAddenda* addenda, Corvax::Logger* logger)
+      : _readers(std::move(options), addenda, logger)
    {
    }
 
    HostCtl::Host* GetHost() override { return New<HostImpl>(_readers); }
-   HostCtl::Network::Port* GetPort(uint32_t) override { return nullptr; }
+   HostCtl::Network::Port* GetPort(uint32_t portId) override
+   {
+      return Translated([&]() -> HostCtl::Network::Port* {
+         const auto figures = _readers.addenda ? _readers.addenda->FindPort(portId) : std::nullopt;
+         return figures ? new PortImpl(*figures) : nullptr;
+      });
+   }
 
 private:
    Readers _readers;
@@ -280,11 +335,11 @@ private:
 
 } // namespace
 
-std::unique_ptr<HostCtl::HostProvider> NewLinuxHostProvider(LinuxHostOptions options,
-                                                            Corvax::Logger* logger)
+std::unique_ptr<HostCtl::HostProvider>
+NewLinuxHostProvider(LinuxHostOptions options, HostAddenda* addenda, Corvax::Logger* logger)
 {
    return Translated([&]() -> std::unique_ptr<HostCtl::HostProvider> {
-      return std::make_unique<LinuxHostProviderImpl>(std::move(options), logger);
+      return std::make_unique<LinuxHostProviderImpl>(std::move(options), addenda, logger);
    });
 }
 

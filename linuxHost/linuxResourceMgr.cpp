@@ -1,5 +1,11 @@
 #include "linuxHost/linuxResourceMgr.h"
 
+#include "linuxHost/groupTree.h"
+#include "linuxHost/saturate.h"
+
+#include <algorithm>
+#include <limits>
+
 namespace LinuxHost {
 
 namespace {
@@ -8,31 +14,280 @@ using namespace HostCtl::Resource;
 using Corvax::Ref;
 using Plexa::MoRef;
 
+uint32_t To32(uint64_t value)
+{
+   return static_cast<uint32_t>(std::min<uint64_t>(value, std::numeric_limits<uint32_t>::max()));
+}
+
+template <class T>
+T* NewIfAny(const std::optional<T>& record)
+{
+   return record ? new T(*record) : nullptr;
+}
+
+/// Memory of one virtual machine, from all its sources at one time.
+struct VmMemory {
+   MemoryStats stats;
+   SwapInfo swap;
+   MemoryClientStats client;
+};
+
 class LinuxResourceMgr : public Hostsvc::ResourceMgr, public Corvax::LockableObjectImpl {
 public:
+   LinuxResourceMgr(const std::string& root, const Inventory::Inventory& inventory,
+                    const LinuxVms& vms, const SnapshotSource& snapshots,
+                    const GroupWatcher& groupWatcher, Corvax::Logger* logger)
+      : _inventory(inventory), _vms(vms), _snapshots(snapshots), _groupWatcher(groupWatcher),
+        _logger(logger), _groups(root), _cpu(root)
+   {
+   }
+
    Ref<MoRef> GetRootResourcePool() override
    {
-      return Corvax::MakeRef<MoRef>(Quen::ResourcePool::GetManagedType(), "ha-root-pool");
+      const std::lock_guard guard(_readersMutex);
+      // The collector asks for the pools once in a pass.
+      _groups.BeginReading();
+      return _inventory.GetRootPool();
    }
-   Ref<Quen::Host::SystemResourceInfo> GetSystemResourceInfo() override { return nullptr; }
 
-   CpuStats* GetPoolCpuStats(MoRef* /*pool*/) override { return nullptr; }
-   MemoryStats* GetPoolMemoryStats(MoRef* /*pool*/) override { return nullptr; }
-   CpuLoadHistory* GetPoolCpuLoadHistory(MoRef* /*pool*/) override { return nullptr; }
-   CpuStats* GetSystemGroupCpuStats(const std::string& /*key*/) override { return nullptr; }
-   CpuStats* GetVmCpuStats(MoRef* /*vm*/) override { return nullptr; }
-   std::vector<CpuTimes> GetVmCpuTimes(MoRef* /*vm*/) override { return {}; }
-   MemoryStats* GetVmMemoryStats(MoRef* /*vm*/) override { return nullptr; }
-   SwapInfo* GetVmSwapInfo(MoRef* /*vm*/) override { return nullptr; }
-   MemoryClientStats* GetVmMemoryClientStats(MoRef* /*vm*/) override { return nullptr; }
-   CpuLoadHistory* GetVmCpuLoadHistory(MoRef* /*vm*/) override { return nullptr; }
+   CpuStats* GetPoolCpuStats(MoRef* pool) override
+   {
+      return NewIfAny(Read<CpuStats>([&] { return ReadGroup(GetPoolPath(*pool)); }));
+   }
+
+   MemoryStats* GetPoolMemoryStats(MoRef* pool) override
+   {
+      return NewIfAny(Read<MemoryStats>([&] { return ReadPoolMemory(*pool); }));
+   }
+
+   CpuLoadHistory* GetPoolCpuLoadHistory(MoRef* pool) override
+   {
+      return NewIfAny(_groupWatcher.GetLoad(pool->GetId()));
+   }
+
+   Ref<Quen::Host::SystemResourceInfo> GetSystemResourceInfo() override
+   {
+      SystemGroups found;
+      const std::lock_guard guard(_readersMutex);
+      found = FindSystemGroups(_groups);
+      _systemGroupPaths = std::move(found.pathByKey);
+      return found.root;
+   }
+
+   CpuStats* GetSystemGroupCpuStats(const std::string& key) override
+   {
+      return NewIfAny(Read<CpuStats>([&] {
+         const auto found = _systemGroupPaths.find(key);
+         return found == _systemGroupPaths.end() ? std::nullopt : ReadGroup(found->second);
+      }));
+   }
+
+   CpuStats* GetVmCpuStats(MoRef* vm) override
+   {
+      const auto figures = FindFigures(*vm);
+      return figures ? new CpuStats{figures->usedUs} : nullptr;
+   }
+
+   std::vector<CpuTimes> GetVmCpuTimes(MoRef* vm) override
+   {
+      const auto figures = FindFigures(*vm);
+      const auto times = Read<std::vector<CpuTimes>>([&] { return ReadVcpus(*vm, figures.get()); });
+      return times.value_or(std::vector<CpuTimes>());
+   }
+
+   MemoryStats* GetVmMemoryStats(MoRef* vm) override
+   {
+      // The first of the three that a pass asks for, so the other two fit it.
+      const auto memory = Read<VmMemory>([&] { return ReadVmMemory(*vm); });
+      return memory ? new MemoryStats(memory->stats) : nullptr;
+   }
+
+   SwapInfo* GetVmSwapInfo(MoRef* vm) override
+   {
+      const auto memory = Read<VmMemory>([&] { return FindVmMemory(vm->GetId()); });
+      return memory ? new SwapInfo(memory->swap) : nullptr;
+   }
+
+   MemoryClientStats* GetVmMemoryClientStats(MoRef* vm) override
+   {
+      const auto memory = Read<VmMemory>([&] { return FindVmMemory(vm->GetId()); });
+      return memory ? new MemoryClientStats(memory->client) : nullptr;
+   }
+
+   CpuLoadHistory* GetVmCpuLoadHistory(MoRef* vm) override
+   {
+      return NewIfAny(_groupWatcher.GetLoad(vm->GetId()));
+   }
+
+private:
+   /// One reading under the readers' lock. A group or process that fails to be read is as one that
+   /// is gone: nobody else's figures suffer for it.
+   template <class T, class Operation>
+   std::optional<T> Read(const Operation& operation)
+   {
+      const std::lock_guard guard(_readersMutex);
+      try {
+         return operation();
+      } catch (const std::exception& e) {
+         _logger->Log(Corvax::kLogDebug, "No figure: %1", e.what());
+         return std::nullopt;
+      }
+   }
+
+   /// The machine's part of the newest snapshot, null when it is not there.
+   std::shared_ptr<const VmFigures> FindFigures(const MoRef& vm) const
+   {
+      const auto snapshot = _snapshots.GetSnapshot();
+      if (!snapshot) {
+         return nullptr;
+      }
+      const auto found = snapshot->vms.find(vm.GetId());
+      return found == snapshot->vms.end()
+                ? nullptr
+                : std::shared_ptr<const VmFigures>(snapshot, &found->second);
+   }
+
+   std::string GetPoolPath(const MoRef& pool) const
+   {
+      return _groupWatcher.GetPoolPath(pool.GetId());
+   }
+
+   std::optional<CpuStats> ReadGroup(const std::string& path)
+   {
+      const std::optional<GroupCpu> cpu = path.empty() ? std::nullopt : _groups.ReadCpu(path);
+      return cpu ? std::optional(CpuStats{cpu->usedUs}) : std::nullopt;
+   }
+
+   std::vector<CpuTimes> ReadVcpus(const MoRef& vmRef, const VmFigures* figures)
+   {
+      std::vector<CpuTimes> times;
+      const Ref<LinuxVm> vm = _vms.Find(vmRef.GetId());
+      if (!vm || figures == nullptr) {
+         return times;
+      }
+      const auto places = vm->GetPlaces();
+      const uint64_t uptimeUs =
+         places->startUs > 0 ? SaturatingSubtract(_cpu.ReadUptimeUs(), places->startUs) : 0;
+      for (size_t i = 0; i < figures->vcpus.size(); ++i) {
+         const VcpuFigures& vcpu = figures->vcpus[i];
+         CpuTimes& record = times.emplace_back();
+         record.usedUs = vcpu.usedUs;
+         record.waitUs = vcpu.waitUs;
+         record.readyUs = vcpu.readyUs;
+         record.uptimeUs = uptimeUs;
+         if (!places->groupPath.empty()) {
+            record.systemUs =
+               _groups.ReadVcpuSystemUs(places->groupPath, static_cast<uint32_t>(i)).value_or(0);
+         }
+      }
+      return times;
+   }
+
+   std::optional<VmMemory> ReadVmMemory(const MoRef& vmRef)
+   {
+      const auto figures = FindFigures(vmRef);
+      const Ref<LinuxVm> vm = _vms.Find(vmRef.GetId());
+      if (!vm || !figures) {
+         _vmMemory.erase(vmRef.GetId());
+         return std::nullopt;
+      }
+      const auto places = vm->GetPlaces();
+      GroupMemory group;
+      MergedMemory merged;
+      if (!places->groupPath.empty()) {
+         group = _groups.ReadMemory(places->groupPath).value_or(GroupMemory());
+      }
+      if (places->process) {
+         merged = places->process->ReadMergedMemory();
+      }
+      VmMemory& memory = _vmMemory[vmRef.GetId()];
+      memory = Combine(*figures, group, merged);
+      return memory;
+   }
+
+   static VmMemory Combine(const VmFigures& figures, const GroupMemory& group,
+                           const MergedMemory& merged)
+   {
+      VmMemory memory;
+      MemoryStats& stats = memory.stats;
+      // The process holds the guest's memory as far as the guest has touched it, and its own.
+      stats.grantedKb = std::min(figures.rssKb, figures.balloonCurrentKb);
+      stats.overheadKb = figures.rssKb - stats.grantedKb;
+      stats.activeKb = std::min(group.activeKb, stats.grantedKb);
+      stats.sharedKb = merged.sharedKb;
+      stats.zeroKb = merged.zeroKb;
+      stats.swappedKb = group.swappedKb;
+      stats.balloonKb = SaturatingSubtract(figures.balloonMaximumKb, figures.balloonCurrentKb);
+      memory.swap.inKb = To32(group.swapInKb);
+      memory.swap.outKb = To32(group.swapOutKb);
+      memory.client.grantedKb = stats.grantedKb;
+      memory.client.activeKb = stats.activeKb;
+      memory.client.savedBySharingKb = merged.sharedKb;
+      memory.client.balloonTargetKb = stats.balloonKb;
+      return memory;
+   }
+
+   std::optional<VmMemory> FindVmMemory(const std::string& id) const
+   {
+      const auto found = _vmMemory.find(id);
+      return found == _vmMemory.end() ? std::nullopt : std::optional(found->second);
+   }
+
+   /// What the kernel counts by group comes from the pool's group, the rest is the sum over the
+   /// virtual machines in the pool and below it, as this pass has read them.
+   std::optional<MemoryStats> ReadPoolMemory(const MoRef& pool)
+   {
+      const std::string path = GetPoolPath(pool);
+      const auto group = path.empty() ? std::nullopt : _groups.ReadMemory(path);
+      if (!group) {
+         return std::nullopt;
+      }
+      MemoryStats stats;
+      stats.grantedKb = group->grantedKb;
+      stats.activeKb = group->activeKb;
+      stats.swappedKb = group->swappedKb;
+      std::erase_if(_vmMemory, [this](const auto& entry) { return !_vms.Find(entry.first); });
+      for (const auto& [id, memory] : _vmMemory) {
+         const Ref<LinuxVm> vm = _vms.Find(id);
+         if (FindFigures(*vm->GetMoRef()) && IsBelow(vm->GetParent(), pool.GetId())) {
+            stats.sharedKb += memory.stats.sharedKb;
+            stats.zeroKb += memory.stats.zeroKb;
+            stats.balloonKb += memory.stats.balloonKb;
+            stats.overheadKb += memory.stats.overheadKb;
+         }
+      }
+      return stats;
+   }
+
+   bool IsBelow(Ref<MoRef> pool, const std::string& ancestorId) const
+   {
+      while (pool && pool->GetId() != ancestorId) {
+         const Ref<Inventory::PoolObject> object = _inventory.FindPool(pool->GetId());
+         pool = object ? object->GetParent() : nullptr;
+      }
+      return static_cast<bool>(pool);
+   }
+
+   const Inventory::Inventory& _inventory;
+   const LinuxVms& _vms;
+   const SnapshotSource& _snapshots;
+   const GroupWatcher& _groupWatcher;
+   const Ref<Corvax::Logger> _logger;
+   std::mutex _readersMutex; // no reader is used without it
+   ControlGroups _groups;
+   CpuReader _cpu;
+   std::map<std::string, std::string> _systemGroupPaths; // by key
+   std::map<std::string, VmMemory> _vmMemory;            // by id, as the newest pass read it
 };
 
 } // namespace
 
-Ref<Hostsvc::ResourceMgr> NewLinuxResourceMgr()
+Ref<Hostsvc::ResourceMgr> NewLinuxResourceMgr(const std::string& root,
+                                              const Inventory::Inventory& inventory,
+                                              const LinuxVms& vms, const SnapshotSource& snapshots,
+                                              const GroupWatcher& groups, Corvax::Logger* logger)
 {
-   return Corvax::MakeRef<LinuxResourceMgr>();
+   return Corvax::MakeRef<LinuxResourceMgr>(root, inventory, vms, snapshots, groups, logger);
 }
 
 } // namespace LinuxHost

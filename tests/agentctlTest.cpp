@@ -363,11 +363,16 @@ TEST_F(AgentctlTest, TopAsksOnceForAllAndSortsByWhatIsUsed)
               "value":[{"id":{"counterId":4,"instance":""},"value":[5]}]}])");
    PrintTop(api, 1, output, noWait);
    EXPECT_EQ(output.text,
-             "NAME        TYPE  CPU MHz  CPU %  READY ms  MEM MB  MEM %  DISK KB/s  NET KB/s\n"
-             "host        host     2000  12.34         -       -      -          -         -\n"
-             "web\\x1b[2J  vm        300      -        42       -      -          -         -\n"
-             "off         vm          -      -         -       -      -          -         -\n"
-             "pool        pool        -      -         -       -      -          -         -\n");
+             "NAME        TYPE  STATE  POOL  CPU MHz  CPU %  READY ms  MEM MB  MEM %  DISK KB/s  "
+             "NET KB/s\n"
+             "host        host  -      -        2000  12.34         -       -      -          -  "
+             "       -\n"
+             "web\\x1b[2J  vm    on     pool      300      -        42       -      -          -  "
+             "       -\n"
+             "off         vm    off    pool        -      -         -       -      -          -  "
+             "       -\n"
+             "pool        pool  -      -           -      -         -       -      -          -  "
+             "       -\n");
    const auto asked = server.GetAsked();
    EXPECT_EQ(std::count(asked.begin(), asked.end(), "/api/v1/query"), 1);
    for (const char* const id : {R"("entity":"p")", R"("entity":"old")", R"("entity":"ha-host")"}) {
@@ -376,7 +381,7 @@ TEST_F(AgentctlTest, TopAsksOnceForAllAndSortsByWhatIsUsed)
    TopView view = TopSource(api).Read();
    SortRows(view.rows, *GetSortKey('r'));
    EXPECT_EQ(view.rows.front().entity.id, "v");
-   const auto lines = FormatRows(view.rows, 76);
+   const auto lines = FormatRows(view.rows, 89);
    EXPECT_EQ(lines[1].substr(0, 13), "web\\x1b…  v");
 }
 

@@ -65,7 +65,8 @@ protected:
    HostCtl::Host& Host()
    {
       if (!_host) {
-         _provider = LinuxHost::NewLinuxHostProvider({_root, _nics, _cpuMhz}, _logger.Get());
+         _provider =
+            LinuxHost::NewLinuxHostProvider({_root, _nics, _cpuMhz}, nullptr, _logger.Get());
          _host.reset(_provider->GetHost());
       }
       return *_host;
@@ -350,7 +351,7 @@ TEST_F(LinuxHostTest, FileOfADeviceThatCameBackIsReadAnew)
 
 TEST_F(LinuxHostTest, FiguresOfThisMachineAreThoseOfItsOtherSources)
 {
-   _provider = LinuxHost::NewLinuxHostProvider({}, nullptr);
+   _provider = LinuxHost::NewLinuxHostProvider({}, nullptr, nullptr);
    _host.reset(_provider->GetHost());
    EXPECT_EQ(std::min(255L, sysconf(_SC_NPROCESSORS_ONLN)), Cpus()->GetCoreCount());
    const auto pages = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES));

@@ -1,0 +1,210 @@
+#include "linuxHost/groupTree.h"
+
+#include "inventory/inventory.h"
+#include "linuxHost/takePart.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <set>
+#include <utility>
+
+namespace LinuxHost {
+
+namespace {
+
+using Inventory::BoundedId;
+using Quen::Host::SystemResourceInfo;
+
+constexpr std::string_view kPartitionEnding = ".partition";
+constexpr std::string_view kSliceEnding = ".slice";
+
+/// In the order of precedence.
+constexpr std::string_view kMachineGroups[] = {"machine.slice", "machine"};
+
+bool IsMachineGroup(std::string_view name)
+{
+   return std::find(std::begin(kMachineGroups), std::end(kMachineGroups), name) !=
+          std::end(kMachineGroups);
+}
+
+/// False, and the name as it was, when it has no such ending or is nothing else.
+bool RemoveEnding(std::string_view& name, std::string_view ending)
+{
+   if (name.size() <= ending.size() || !name.ends_with(ending)) {
+      return false;
+   }
+   name.remove_suffix(ending.size());
+   return true;
+}
+
+bool IsPool(std::string_view group)
+{
+   return RemoveEnding(group, kPartitionEnding) || RemoveEnding(group, kSliceEnding);
+}
+
+/// Takes systemd's "\x2d" for "-". What would come out as a control character or a slash stays as
+/// it is.
+std::string UnescapeHex(std::string_view text)
+{
+   constexpr size_t kEscapeBytes = 4;
+   std::string plain;
+   while (!text.empty()) {
+      const std::string_view escape = text.substr(0, kEscapeBytes);
+      unsigned char code = 0;
+      if (escape.size() == kEscapeBytes && escape.starts_with("\\x")) {
+         const char* const end = escape.data() + kEscapeBytes;
+         const auto result = std::from_chars(escape.data() + 2, end, code, 16);
+         code = result.ptr == end ? code : static_cast<unsigned char>(0);
+      }
+      const bool isEscape = code >= ' ' && code != '/';
+      plain += isEscape ? static_cast<char>(code) : text[0];
+      text.remove_prefix(isEscape ? kEscapeBytes : 1);
+   }
+   return plain;
+}
+
+/// A slice's name repeats its parent's: "machine-gold-web.slice" in "machine-gold.slice" is "web".
+std::string PoolName(std::string_view group, std::string_view parentGroup)
+{
+   if (!RemoveEnding(group, kSliceEnding)) {
+      RemoveEnding(group, kPartitionEnding);
+      return std::string(group);
+   }
+   if (RemoveEnding(parentGroup, kSliceEnding) && group.size() > parentGroup.size() + 1 &&
+       group.starts_with(parentGroup) && group[parentGroup.size()] == '-') {
+      group.remove_prefix(parentGroup.size() + 1);
+   }
+   return UnescapeHex(group);
+}
+
+/// `namePath` has a slash before each name, "/gold/web".
+std::string PoolId(std::string_view namePath)
+{
+   return namePath.empty() ? kRootPoolId : BoundedId("pool:" + std::string(namePath.substr(1)));
+}
+
+/// One walk down the tree.
+class PoolSearch {
+public:
+   explicit PoolSearch(const ControlGroups& groups) : _groups(groups) {}
+
+   /// `group` is the last component of `path`.
+   void AddBelow(const std::string& path, const std::string& group, const std::string& namePath,
+                 size_t depth = 1)
+   {
+      constexpr size_t kMaxDepth = 16;
+      if (depth > kMaxDepth) {
+         return;
+      }
+      for (const std::string& child : _groups.ListChildren(path)) {
+         if (!IsPool(child)) {
+            continue;
+         }
+         const std::string name = PoolName(child, group);
+         const std::string childNames = namePath + "/" + name;
+         const std::string childPath = path + "/" + child;
+         if (_ids.insert(PoolId(childNames)).second) {
+            _pools.push_back({PoolId(childNames), name, PoolId(namePath), childPath});
+         }
+         AddBelow(childPath, child, childNames, depth + 1);
+      }
+   }
+
+   std::vector<PoolGroup> TakePools() { return std::move(_pools); }
+
+private:
+   const ControlGroups& _groups;
+   std::set<std::string> _ids;
+   std::vector<PoolGroup> _pools;
+};
+
+/// The machine groups that there are, in the order of precedence.
+std::vector<std::string> FindMachineGroups(const ControlGroups& groups)
+{
+   const std::vector<std::string> top = groups.ListChildren("/");
+   std::vector<std::string> found;
+   for (const std::string_view name : kMachineGroups) {
+      if (std::find(top.begin(), top.end(), name) != top.end()) {
+         found.emplace_back(name);
+      }
+   }
+   return found;
+}
+
+/// Makes the node of a group with `levels` levels below it.
+Corvax::Ref<SystemResourceInfo> MakeNode(const ControlGroups& groups, const std::string& path,
+                                         size_t levels, std::map<std::string, std::string>& paths)
+{
+   const auto node = Corvax::MakeRef<SystemResourceInfo>();
+   node->key = BoundedId(path, kMaxGroupKeyBytes);
+   paths.emplace(node->key, path);
+   if (levels == 0) {
+      return node;
+   }
+   const bool isRoot = path == "/";
+   for (const std::string& child : groups.ListChildren(path)) {
+      if (isRoot && IsMachineGroup(child)) {
+         continue;
+      }
+      if (!node->child) {
+         node->child = Corvax::MakeRef<Plexa::DataArray<SystemResourceInfo>>();
+      }
+      const std::string childPath = isRoot ? "/" + child : path + "/" + child;
+      node->child->Append(MakeNode(groups, childPath, levels - 1, paths));
+   }
+   return node;
+}
+
+} // namespace
+
+std::vector<PoolGroup> FindPools(const ControlGroups& groups)
+{
+   PoolSearch search(groups);
+   for (const std::string& machine : FindMachineGroups(groups)) {
+      search.AddBelow("/" + machine, machine, "");
+   }
+   return search.TakePools();
+}
+
+std::string PoolIdOfPartition(std::string_view partition)
+{
+   std::string namePath;
+   std::string_view parent;
+   while (!partition.empty()) {
+      const std::string_view group = TakePart(partition, '/');
+      if (group.empty()) {
+         continue;
+      }
+      if (!parent.empty()) {
+         namePath += "/" + PoolName(group, parent);
+      } else if (!IsMachineGroup(group)) {
+         break;
+      }
+      parent = group;
+   }
+   return PoolId(namePath);
+}
+
+bool IsInMachineGroup(std::string_view path)
+{
+   return std::ranges::any_of(kMachineGroups, [path](std::string_view machine) {
+      return path.starts_with("/" + std::string(machine) + "/");
+   });
+}
+
+std::string FindMachinePath(const ControlGroups& groups)
+{
+   const std::vector<std::string> machines = FindMachineGroups(groups);
+   return machines.empty() ? "" : "/" + machines.front();
+}
+
+SystemGroups FindSystemGroups(const ControlGroups& groups)
+{
+   constexpr size_t kLevels = 2;
+   SystemGroups found;
+   found.root = MakeNode(groups, "/", kLevels, found.pathByKey);
+   return found;
+}
+
+} // namespace LinuxHost

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <libvirt/libvirt.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <string_view>
+
+/// Owners of what libvirt hands out, and its errors. Any call of libvirt's, a release too, clears the
+/// thread's last error: read it first.
+namespace LinuxHost {
+
+template <auto Release>
+struct Releaser {
+   template <class T>
+   void operator()(T* object) const
+   {
+      static_cast<void>(Release(object));
+   }
+};
+
+/// Ends a list by its null.
+struct DomainListReleaser {
+   void operator()(virDomainPtr* list) const;
+};
+
+using ConnectionHandle = std::unique_ptr<virConnect, Releaser<::virConnectClose>>;
+using DomainHandle = std::unique_ptr<virDomain, Releaser<::virDomainFree>>;
+using DomainList = std::unique_ptr<virDomainPtr[], DomainListReleaser>;
+using RecordList =
+   std::unique_ptr<virDomainStatsRecordPtr[], Releaser<::virDomainStatsRecordListFree>>;
+using Text = std::unique_ptr<char, Releaser<std::free>>;
+
+/// Lower case, as libvirt writes it. Clears the last error.
+std::string GetUuid(virDomainPtr domain);
+
+/// Throws HostCtl::Lib::HostCtlException: "Cannot " + what was tried + libvirt's last error.
+[[noreturn]] void Fail(std::string_view attempt);
+
+} // namespace LinuxHost

@@ -1,0 +1,171 @@
+#include "linuxHost/libvirt/subscription.h"
+
+#include "linuxHost/libvirt/libvirtObjects.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace LinuxHost {
+
+/// Where a callback finds the listener, until it is taken away.
+struct ListenerSlot {
+   explicit ListenerSlot(HypervisorListener* given) : listener(given) {}
+
+   std::mutex mutex;
+   HypervisorListener* listener;
+   /// Not under the mutex: the thread that meets the loss must not wait for a handler.
+   std::atomic<int> closeReason = 0;
+};
+
+namespace {
+
+/// The slots of all subscriptions by key. Keys are what libvirt gets to hold: numbers, each used
+/// once, which say nothing any more when their slot has gone. So it does not matter how long after
+/// its deregistration a callback comes, nor that libvirt does not say of every argument when it is
+/// done with it. Locking: its own; no other lock is taken under it.
+class SlotTable {
+public:
+   /// Never destroyed: the event loop may still run at the process's end.
+   static SlotTable& GetInstance()
+   {
+      static auto* const table = new SlotTable;
+      return *table;
+   }
+
+   void* Add(std::shared_ptr<ListenerSlot> slot)
+   {
+      const std::lock_guard guard(_mutex);
+      _slots.emplace(++_lastKey, std::move(slot));
+      return reinterpret_cast<void*>(_lastKey); // NOLINT(performance-no-int-to-ptr)
+   }
+
+   void Remove(void* key)
+   {
+      const std::lock_guard guard(_mutex);
+      _slots.erase(reinterpret_cast<uintptr_t>(key));
+   }
+
+   std::shared_ptr<ListenerSlot> Find(void* key)
+   {
+      const std::lock_guard guard(_mutex);
+      const auto slot = _slots.find(reinterpret_cast<uintptr_t>(key));
+      return slot == _slots.end() ? nullptr : slot->second;
+   }
+
+private:
+   std::mutex _mutex;
+   uintptr_t _lastKey = 0;
+   std::map<uintptr_t, std::shared_ptr<ListenerSlot>> _slots;
+};
+
+/// Exceptions end here: the caller is C. What a handler fails to take is lost.
+template <class Message>
+void Tell(void* key, const Message& message) noexcept
+{
+   try {
+      if (const std::shared_ptr<ListenerSlot> slot = SlotTable::GetInstance().Find(key)) {
+         const std::lock_guard guard(slot->mutex);
+         if (slot->listener != nullptr) {
+            message(*slot->listener, slot->closeReason);
+         }
+      }
+   } catch (...) { // NOLINT(bugprone-empty-catch)
+   }
+}
+
+void TellChange(virDomainPtr domain, void* key)
+{
+   Tell(key, [&](HypervisorListener& listener, int) { listener.OnVmChanged(GetUuid(domain)); });
+}
+
+int OnLifecycle(virConnectPtr /*connection*/, virDomainPtr domain, int /*event*/, int /*detail*/,
+                void* key)
+{
+   TellChange(domain, key);
+   return 0;
+}
+
+void OnDevice(virConnectPtr /*connection*/, virDomainPtr domain, const char* /*alias*/, void* key)
+{
+   TellChange(domain, key);
+}
+
+const char* GetReasonText(int closeReason)
+{
+   switch (closeReason) {
+   case VIR_CONNECT_CLOSE_REASON_EOF:
+      return "libvirt closed the connection";
+   case VIR_CONNECT_CLOSE_REASON_KEEPALIVE:
+      return "libvirt answered no more";
+   case VIR_CONNECT_CLOSE_REASON_CLIENT:
+      return "the connection was closed on this side";
+   default:
+      return "reading from or writing to libvirt failed";
+   }
+}
+
+void TellLoss(int timer, void* key)
+{
+   ::virEventRemoveTimeout(timer);
+   Tell(key, [](HypervisorListener& listener, int closeReason) {
+      listener.OnConnectionLost(GetReasonText(closeReason));
+   });
+}
+
+/// libvirt calls this from whatever thread meets the loss, one that is in the middle of a call of
+/// its user's too: the event loop's thread takes over.
+void OnClosed(virConnectPtr /*connection*/, int reason, void* key)
+{
+   if (const std::shared_ptr<ListenerSlot> slot = SlotTable::GetInstance().Find(key)) {
+      slot->closeReason = reason;
+      ::virEventAddTimeout(0, TellLoss, key, nullptr); // fails for lack of memory only
+   }
+}
+
+} // namespace
+
+Subscription::Subscription(virConnectPtr connection, HypervisorListener& listener)
+   : _connection(connection), _slot(std::make_shared<ListenerSlot>(&listener)),
+     _key(SlotTable::GetInstance().Add(_slot))
+{
+}
+
+void Subscription::Start()
+{
+   if (::virConnectRegisterCloseCallback(_connection, OnClosed, _key, nullptr) < 0) {
+      Fail("be told when libvirt closes the connection");
+   }
+   Register(VIR_DOMAIN_EVENT_ID_LIFECYCLE, VIR_DOMAIN_EVENT_CALLBACK(OnLifecycle));
+   Register(VIR_DOMAIN_EVENT_ID_DEVICE_ADDED, VIR_DOMAIN_EVENT_CALLBACK(OnDevice));
+   Register(VIR_DOMAIN_EVENT_ID_DEVICE_REMOVED, VIR_DOMAIN_EVENT_CALLBACK(OnDevice));
+}
+
+void Subscription::Register(int eventId, virConnectDomainEventGenericCallback callback)
+{
+   const int id =
+      ::virConnectDomainEventRegisterAny(_connection, nullptr, eventId, callback, _key, nullptr);
+   if (id < 0) {
+      Fail("be told of changes of virtual machines");
+   }
+   _callbackIds.push_back(id);
+}
+
+Subscription::~Subscription()
+{
+   SlotTable::GetInstance().Remove(_key);
+   {
+      const std::lock_guard guard(_slot->mutex); // waits for a handler that is running
+      _slot->listener = nullptr;
+   }
+   // On a lost connection these fail, having ended what is on this side.
+   for (const int id : _callbackIds) {
+      ::virConnectDomainEventDeregisterAny(_connection, id);
+   }
+   ::virConnectUnregisterCloseCallback(_connection, OnClosed);
+}
+
+} // namespace LinuxHost

@@ -1,0 +1,99 @@
+#include "linuxHost/linuxVm.h"
+
+#include <algorithm>
+
+namespace LinuxHost {
+
+using Corvax::Ref;
+using Quen::Vm::PowerState;
+
+namespace {
+
+/// One run may fall between a machine's start and the first snapshot with it.
+constexpr uint64_t kRunsMissedUntilTold = 2;
+
+} // namespace
+
+LinuxVm::LinuxVm(const std::string& id, const Inventory::Inventory& inventory,
+                 const SnapshotSource& snapshots, Corvax::Logger* logger)
+   : VmObject(id), _inventory(inventory), _snapshots(snapshots), _logger(logger),
+     _places(std::make_shared<VmPlaces>())
+{
+}
+
+Ref<Plexa::MoRef> LinuxVm::GetParent()
+{
+   const std::string poolId = [this] {
+      const std::lock_guard guard(_placesMutex);
+      return _poolId;
+   }();
+   const Ref<Inventory::PoolObject> pool = _inventory.FindPool(poolId);
+   return pool ? pool->GetMoRef() : _inventory.GetRootPool();
+}
+
+bool LinuxVm::IsStatsAvailable()
+{
+   if (GetPowerState() != PowerState::POWERED_ON) {
+      return false;
+   }
+   const auto snapshot = _snapshots.GetSnapshot();
+   if (!snapshot) {
+      return false; // no figures of any virtual machine: not this one's doing
+   }
+   const bool isThere = snapshot->vms.contains(GetId());
+   if (isThere) {
+      if (_runsMissed >= kRunsMissedUntilTold) {
+         _logger->Log(Corvax::kLogNotice, "Virtual machine %1 (%2) gives figures again", GetName(),
+                      GetId());
+      }
+      _runsMissed = 0;
+   } else if (++_runsMissed == kRunsMissedUntilTold) {
+      _logger->Log(Corvax::kLogWarning,
+                   "Virtual machine %1 (%2) gives no figures: it does not answer the hypervisor",
+                   GetName(), GetId());
+   }
+   return isThere;
+}
+
+uint64_t LinuxVm::GetHeartbeatCount()
+{
+   const auto snapshot = _snapshots.GetSnapshot();
+   const auto found = snapshot ? snapshot->vms.find(GetId()) : decltype(snapshot->vms.end()){};
+   if (snapshot && found != snapshot->vms.end() && found->second.guestReportSec != _lastReportSec) {
+      _lastReportSec = found->second.guestReportSec;
+      ++_heartbeatCount;
+   }
+   return _heartbeatCount;
+}
+
+int32_t LinuxVm::GetWorldId()
+{
+   return GetPlaces()->pid;
+}
+
+uint32_t LinuxVm::GetPortId(Quen::Vm::Device::VirtualEthernetCard* card)
+{
+   const auto places = GetPlaces();
+   const auto found = std::ranges::find(places->cards, card->GetKey(), &VmPlaces::Card::key);
+   return found == places->cards.end() ? 0 : found->portId;
+}
+
+void LinuxVm::SetPoolId(const std::string& poolId)
+{
+   const std::lock_guard guard(_placesMutex);
+   _poolId = poolId;
+}
+
+void LinuxVm::SetPlaces(std::shared_ptr<const VmPlaces> places)
+{
+   const std::lock_guard guard(_placesMutex);
+   _places = std::move(places);
+}
+
+std::shared_ptr<const VmPlaces> LinuxVm::GetPlaces() const
+{
+   const std::lock_guard guard(_placesMutex);
+   return _places;
+}
+
+} // namespace LinuxHost

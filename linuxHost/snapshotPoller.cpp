@@ -1,0 +1,214 @@
+#include "linuxHost/snapshotPoller.h"
+
+#include "corvax/system.h"
+#include "corvax/thread.h"
+
+#include <chrono>
+
+namespace LinuxHost {
+
+namespace {
+
+using Corvax::kLogDebug;
+using Corvax::kLogWarning;
+
+constexpr int64_t kMicroseconds = 1000000;
+
+/// Calls left to themselves at one time. Each hanging virtual machine holds one; when the hypervisor
+/// itself hangs, there is no sense in asking ever again.
+constexpr size_t kMostCallsLeft = 8;
+
+} // namespace
+
+/// The newest complete snapshot. Shared with callers that may outlive the poller.
+struct SnapshotPoller::Newest {
+   void Offer(VmSnapshot&& taken)
+   {
+      auto offered = std::make_shared<const VmSnapshot>(std::move(taken));
+      const std::lock_guard guard(mutex);
+      if (!snapshot || offered->takenUs > snapshot->takenUs) {
+         snapshot = std::move(offered);
+      }
+   }
+
+   std::mutex mutex;
+   std::shared_ptr<const VmSnapshot> snapshot;
+};
+
+/// A connection with the thread that calls it, one call at a time.
+class SnapshotPoller::Caller : public std::enable_shared_from_this<Caller> {
+public:
+   Caller(std::shared_ptr<Hypervisor> hypervisor, std::shared_ptr<Newest> newest,
+          Corvax::Ref<Corvax::Logger> logger)
+      : _hypervisor(std::move(hypervisor)), _newest(std::move(newest)), _logger(std::move(logger))
+   {
+   }
+
+   /// The thread keeps the caller alive, for a call that hangs may outlast everything else.
+   void Start()
+   {
+      Corvax::StartThread("vm-stats-call", [self = shared_from_this()](const std::stop_token&) {
+         self->Run();
+      }).detach();
+   }
+
+   /// False when the call has not returned in that time.
+   bool Call(std::chrono::microseconds patience)
+   {
+      std::unique_lock lock(_mutex);
+      _isWanted = true;
+      _changed.notify_all();
+      return _changed.wait_for(lock, patience, [this] { return !_isWanted; });
+   }
+
+   /// No further call is made; the thread ends when the call under way returns.
+   void Leave()
+   {
+      const std::lock_guard guard(_mutex);
+      _isLeft = true;
+      _changed.notify_all();
+   }
+
+   bool HasEnded() const
+   {
+      const std::lock_guard guard(_mutex);
+      return _hasEnded;
+   }
+
+private:
+   void Run()
+   {
+      std::unique_lock lock(_mutex);
+      while (true) {
+         _changed.wait(lock, [this] { return _isWanted || _isLeft; });
+         if (!_isWanted) {
+            break;
+         }
+         lock.unlock();
+         MakeCall();
+         lock.lock();
+         _isWanted = false;
+         _changed.notify_all();
+      }
+      lock.unlock();
+      _connection.reset();
+      lock.lock();
+      _hasEnded = true;
+   }
+
+   void MakeCall()
+   {
+      try {
+         if (!_connection) {
+            _connection = _hypervisor->Connect(nullptr);
+         }
+         _newest->Offer(_connection->ReadSnapshot());
+      } catch (const std::exception& e) {
+         _connection.reset();
+         _logger->Log(kLogDebug, "No figures of virtual machines: %1", e.what());
+      }
+   }
+
+   const std::shared_ptr<Hypervisor> _hypervisor;
+   const std::shared_ptr<Newest> _newest;
+   const Corvax::Ref<Corvax::Logger> _logger;
+   std::unique_ptr<HypervisorConnection> _connection; // the thread's own
+   mutable std::mutex _mutex;
+   std::condition_variable _changed;
+   bool _isWanted = false;
+   bool _isLeft = false;
+   bool _hasEnded = false;
+};
+
+SnapshotPoller::SnapshotPoller(std::shared_ptr<Hypervisor> hypervisor, int intervalSec,
+                               Corvax::Logger* logger)
+   : _hypervisor(std::move(hypervisor)), _intervalSec(intervalSec), _logger(logger),
+     _newest(std::make_shared<Newest>())
+{
+}
+
+SnapshotPoller::~SnapshotPoller()
+{
+   Stop();
+}
+
+void SnapshotPoller::Start()
+{
+   _thread = Corvax::StartThread("vm-stats", [this](const std::stop_token& stop) { Run(stop); });
+}
+
+void SnapshotPoller::Stop()
+{
+   if (_thread.joinable()) {
+      _thread.request_stop();
+      _thread.join();
+   }
+   if (_caller) {
+      _caller->Leave();
+      _caller.reset();
+   }
+}
+
+std::shared_ptr<const VmSnapshot> SnapshotPoller::GetSnapshot() const
+{
+   const int64_t oldestUs = Corvax::System::GetTime() - _intervalSec * kMicroseconds;
+   const std::lock_guard guard(_newest->mutex);
+   const bool isRecent = _newest->snapshot && _newest->snapshot->takenUs >= oldestUs;
+   return isRecent ? _newest->snapshot : nullptr;
+}
+
+int64_t SnapshotPoller::GetDelayToNextPoll(int64_t nowUs, int intervalSec)
+{
+   const int64_t intervalUs = intervalSec * kMicroseconds;
+   const int64_t sinceLastUs = (nowUs + intervalUs / 2) % intervalUs;
+   return intervalUs - sinceLastUs;
+}
+
+void SnapshotPoller::Run(const std::stop_token& stop)
+{
+   while (!stop.stop_requested()) {
+      Poll();
+      const std::chrono::microseconds delay(
+         GetDelayToNextPoll(Corvax::System::GetTime(), _intervalSec));
+      std::unique_lock lock(_wakeMutex);
+      _wake.wait_for(lock, stop, delay, [] { return false; });
+   }
+}
+
+void SnapshotPoller::Poll()
+{
+   if (!Call() && !Call()) {
+      _logger->Log(kLogDebug, "Two calls for the figures of virtual machines have not returned");
+   }
+}
+
+bool SnapshotPoller::Call()
+{
+   std::erase_if(_left, [](const std::shared_ptr<Caller>& caller) { return caller->HasEnded(); });
+   if (!_caller) {
+      if (_left.size() >= kMostCallsLeft) {
+         return false;
+      }
+      _caller = std::make_shared<Caller>(_hypervisor, _newest, _logger);
+      _caller->Start();
+   }
+   const std::chrono::microseconds patience(_intervalSec * kMicroseconds / 4);
+   if (_caller->Call(patience)) {
+      return true;
+   }
+   LeaveCaller();
+   return false;
+}
+
+void SnapshotPoller::LeaveCaller()
+{
+   _caller->Leave();
+   _left.push_back(std::move(_caller));
+   _caller.reset();
+   _logger->Log(kLogWarning,
+                "The call for the figures of virtual machines has not returned in time; it is left "
+                "to itself, with %1 such calls in all",
+                _left.size());
+}
+
+} // namespace LinuxHost

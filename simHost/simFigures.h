@@ -1,0 +1,56 @@
+#pragma once
+
+#include "hostctl/network.h"
+#include "hostctl/resource.h"
+#include "hostctl/storage.h"
+#include "simHost/simModel.h"
+
+/// The kernel library's records as the model gives them: pure functions of entity and time. Sizes in
+/// KB, times in seconds since the epoch.
+namespace SimHost {
+
+constexpr uint64_t kCpuSpeedHz = 2'500'000'000;
+constexpr uint64_t kBlockSizeBytes = 512;
+
+HostCtl::Resource::HostCpuStats GetHostCpu(EntityKey host, uint64_t cpu, int64_t timeSec);
+HostCtl::Resource::HostCapacity GetHostCapacity(EntityKey host, int64_t timeSec);
+/// active <= granted; what is free, shared, merged or on the heap is part of `physicalKb`.
+HostCtl::Resource::HostMemoryStats GetHostMemory(EntityKey host, uint64_t physicalKb,
+                                                 int64_t timeSec);
+/// Of a host of that many CPUs.
+uint64_t GetPhysicalKb(uint64_t cpus);
+
+/// Peaks are not below their averages, and run figures not below the active ones.
+HostCtl::Resource::CpuLoadHistory GetCpuLoad(EntityKey entity, int64_t timeSec);
+/// Of a resource pool or system group.
+HostCtl::Resource::CpuStats GetGroupCpu(EntityKey group, int64_t timeSec);
+
+/// The sum of its virtual CPUs.
+HostCtl::Resource::CpuStats GetVmCpu(EntityKey vm, uint64_t vcpus, int64_t timeSec);
+HostCtl::Resource::CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, int64_t timeSec);
+uint64_t GetHeartbeats(EntityKey vm, int64_t timeSec);
+
+/// What a virtual machine or pool is configured with, a multiple of 512 MB; never changes.
+uint64_t GetMemorySizeKb(EntityKey entity);
+/// active <= granted <= size, zero and saved <= shared <= granted, and what is swapped out or
+/// ballooned away fits in what is not granted. All three records of a machine agree.
+HostCtl::Resource::MemoryStats GetMemory(EntityKey entity, uint64_t sizeKb, int64_t timeSec);
+HostCtl::Resource::MemoryClientStats GetMemoryClient(EntityKey vm, uint64_t sizeKb,
+                                                     int64_t timeSec);
+/// The two counts have 32 bits and wrap.
+HostCtl::Resource::SwapInfo GetSwap(EntityKey vm, uint64_t sizeKb, int64_t timeSec);
+
+/// A disk, or the part of a disk's traffic that a virtual machine's image on it causes.
+HostCtl::Storage::StorageStatistics GetDisk(EntityKey disk, int64_t timeSec);
+/// A card's port. The counts have 32 bits and wrap.
+HostCtl::Network::PortStatistics GetPort(EntityKey card, int64_t timeSec);
+
+/// The two disks that a virtual machine's images lie on; the same one where there is only one. Not
+/// for a host without disks.
+struct ImageDisks {
+   uint64_t first;
+   uint64_t second;
+};
+ImageDisks GetImageDisks(EntityKey vm, uint64_t disks);
+
+} // namespace SimHost

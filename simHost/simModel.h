@@ -1,0 +1,98 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace SimHost {
+
+/// The figures of the model, each with a range of its own in simModel.cpp: of the value for a gauge,
+/// of the growth a second for a counter.
+enum class Figure : uint32_t {
+   // Counters.
+   HOST_CPU_USED_US,
+   GROUP_CPU_USED_US,
+   VCPU_USED_US,
+   VCPU_SYSTEM_US,
+   VCPU_WAIT_US,
+   VCPU_READY_US,
+   VCPU_EXTRA_US,
+   HEARTBEATS,
+   SWAP_IN_KB,
+   SWAP_OUT_KB,
+   BLOCKS_READ,
+   BLOCKS_WRITTEN,
+   READ_OPERATIONS,
+   WRITE_OPERATIONS,
+   ABORTS_PER_HOUR,
+   RESETS_PER_DAY,
+   BYTES_RECEIVED,
+   BYTES_SENT,
+   PACKETS_RECEIVED,
+   PACKETS_SENT,
+   // Gauges.
+   RESERVED_CPU_MHZ,
+   RESERVED_MEMORY_MB,
+   GUARANTEED_MS,
+   SHORTAGE,
+   LOAD_ACTIVE,
+   LOAD_WAITING,
+   LOAD_PEAK,
+   LOAD_LIMITED,
+   LOAD_SAMPLES,
+   OVERHEAD_KB,
+   // Gauges in thousandths of another figure.
+   FREE,
+   GRANTED,
+   ACTIVE,
+   SHARED,
+   ZERO,
+   SAVED,
+   SWAPPED,
+   BALLOON,
+   HEAP,
+   HEAP_FREE,
+   UNRESERVED,
+   SYSTEM_USAGE,
+   // Gauges asked for at one time only: what an entity is made of.
+   MEMORY_SIZE,
+   UPTIME_LACK_SEC,
+   FIRST_DISK,
+   SECOND_DISK,
+   COUNT
+};
+
+/// When the simulated host started: 2025-01-01. Seconds since the epoch.
+constexpr int64_t kHostStartSec = 1735689600;
+
+/// An entity, or a part of one, as the model knows it: made once, so that a figure costs nanoseconds.
+struct EntityKey {
+   uint64_t hash = 0;
+
+   /// The entity's CPU, card or disk of that index.
+   EntityKey Part(uint64_t index) const;
+};
+
+EntityKey MakeKey(uint64_t seed, std::string_view id);
+
+/// 64 bits in which every bit of the argument has its share.
+uint64_t Mix(uint64_t bits);
+
+/// A number below `limit`, at most 2^32, out of 64 mixed bits.
+constexpr uint64_t Below(uint64_t limit, uint64_t mixed)
+{
+   return ((mixed >> 32) * limit) >> 32;
+}
+
+/// A value anywhere in the figure's range.
+uint64_t Gauge(EntityKey key, Figure figure, int64_t timeSec);
+
+/// A count since the host's start: strictly growing from second to second, by less than twice the
+/// upper end of the figure's range. 0 or little more before the host's start; does not overflow
+/// before 2100.
+uint64_t Counter(EntityKey key, Figure figure, int64_t timeSec);
+
+/// Seconds since the host's start, 0 before it.
+uint64_t GetUptimeSec(int64_t timeSec);
+
+} // namespace SimHost

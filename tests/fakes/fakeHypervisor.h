@@ -1,0 +1,140 @@
+#pragma once
+
+#include "hostctl/lib.h"
+#include "linuxHost/hypervisor.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+
+/// A hypervisor whose virtual machines the test sets. Each change is told to the listener.
+class FakeHypervisor : public LinuxHost::Hypervisor {
+public:
+   std::unique_ptr<LinuxHost::HypervisorConnection>
+   Connect(LinuxHost::HypervisorListener* listener) override
+   {
+      const std::lock_guard guard(_mutex);
+      if (_isDown) {
+         throw HostCtl::Lib::HostCtlException("nobody listens");
+      }
+      if (listener) {
+         _listener = listener;
+      }
+      return std::make_unique<Connection>(*this, listener);
+   }
+
+   void Set(const LinuxHost::VmDescription& vm, const LinuxHost::VmFigures& figures = {})
+   {
+      Change(vm.id, [&] {
+         _vms[vm.id] = vm;
+         _figures[vm.id] = figures;
+      });
+   }
+   void SetState(const std::string& id, Quen::Vm::PowerState state)
+   {
+      Change(id, [&] { _vms.at(id).powerState = state; });
+   }
+   void Remove(const std::string& id)
+   {
+      Change(id, [&] { _vms.erase(id); });
+   }
+   void GoDown()
+   {
+      const std::lock_guard guard(_mutex);
+      _isDown = true;
+      if (_listener) {
+         _listener->OnConnectionLost("end of file");
+      }
+   }
+   void ComeBack()
+   {
+      const std::lock_guard guard(_mutex);
+      _isDown = false;
+   }
+   /// The monitor stops answering: the next call waits for it, and others leave the machine out.
+   void Hang(const std::string& id)
+   {
+      const std::lock_guard guard(_mutex);
+      _hung = id;
+   }
+   void Unhang()
+   {
+      const std::lock_guard guard(_mutex);
+      _hung.clear();
+      _changed.notify_all();
+   }
+
+private:
+   struct Connection : LinuxHost::HypervisorConnection {
+      Connection(FakeHypervisor& h, LinuxHost::HypervisorListener* l) : hypervisor(h), listener(l)
+      {
+      }
+      ~Connection() override
+      {
+         const std::lock_guard guard(hypervisor._mutex);
+         if (listener && hypervisor._listener == listener) {
+            hypervisor._listener = nullptr;
+         }
+      }
+      std::vector<LinuxHost::VmDescription> ListVms() override
+      {
+         const std::lock_guard guard(hypervisor._mutex);
+         std::vector<LinuxHost::VmDescription> all;
+         for (const auto& [id, vm] : hypervisor._vms) {
+            all.push_back(vm);
+         }
+         return all;
+      }
+      std::optional<LinuxHost::VmDescription> DescribeVm(const std::string& id) override
+      {
+         const std::lock_guard guard(hypervisor._mutex);
+         const auto found = hypervisor._vms.find(id);
+         return found == hypervisor._vms.end() ? std::nullopt : std::optional(found->second);
+      }
+      LinuxHost::VmSnapshot ReadSnapshot() override { return hypervisor.TakeSnapshot(); }
+
+      FakeHypervisor& hypervisor;
+      LinuxHost::HypervisorListener* const listener;
+   };
+
+   template <class Operation>
+   void Change(const std::string& id, const Operation& operation)
+   {
+      const std::lock_guard guard(_mutex);
+      operation();
+      if (_listener && !_isDown) {
+         _listener->OnVmChanged(id);
+      }
+   }
+
+   LinuxHost::VmSnapshot TakeSnapshot()
+   {
+      std::unique_lock lock(_mutex);
+      if (_isDown) {
+         throw HostCtl::Lib::HostCtlException("nobody listens");
+      }
+      LinuxHost::VmSnapshot snapshot;
+      snapshot.takenUs = Corvax::System::GetTime();
+      const std::string leftOut = _isWaited ? _hung : "";
+      if (!_hung.empty() && !_isWaited) {
+         _isWaited = true;
+         _changed.wait(lock, [this] { return _hung.empty(); });
+         _isWaited = false;
+      }
+      for (const auto& [id, vm] : _vms) {
+         if (vm.powerState == Quen::Vm::PowerState::POWERED_ON && id != leftOut) {
+            snapshot.vms[id] = _figures.at(id);
+         }
+      }
+      return snapshot;
+   }
+
+   std::mutex _mutex;
+   std::condition_variable _changed;
+   LinuxHost::HypervisorListener* _listener = nullptr;
+   std::map<std::string, LinuxHost::VmDescription> _vms;
+   std::map<std::string, LinuxHost::VmFigures> _figures;
+   bool _isDown = false;
+   std::string _hung;
+   bool _isWaited = false;
+};

@@ -1,0 +1,238 @@
+#!/usr/bin/env bash
+# Real virtual machines for tests: a private libvirtd with QEMU guests under software emulation.
+#
+#    source vm/lab.sh; labPossible || exit 77; labEnter "$@"
+#    trap labDown EXIT; labUp "$dir"; labPool "$lab-gold/web"; labGuest "$lab-a" "$lab-gold/web" busy
+#
+# It lives in a mount and a network namespace of the test's own; only the control groups are those
+# of the machine, which is why names of guests and pools begin with the lab's own ($lab).
+# `lab.sh COMMAND...` runs a command (bash, to look around) in a lab without guests.
+
+export LIBVIRT_DEFAULT_URI=qemu:///system
+lab=${LAB_NAME:-mx$$}
+labSources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+labFail() {
+   echo "lab: $*" >&2
+   return 1
+}
+
+# Control group mounts where libvirt puts guests: it takes devices and CPU accounting from version
+# 2 wherever that is mounted, and every other controller from the version that has it.
+labCgroups() {
+   awk '$3 == "cgroup2" { v2 = $2; print }
+      $3 == "cgroup" { controllers[$2] = "," $4 "," }
+      END {
+         wanted = ",(cpu|cpuset|memory|blkio|freezer|net_cls|perf_event" (v2 ? "" : "|cpuacct|devices") "),"
+         for (path in controllers) if (controllers[path] ~ wanted) print "", path
+      }' /proc/mounts | cut -d ' ' -f 2
+}
+
+# Says why there can be no lab on this machine, and returns non-zero then.
+labPossible() {
+   local program cgroup
+   [ "$(id -u)" -eq 0 ] || labFail "needs root" || return
+   for program in libvirtd virsh qemu-system-x86_64 qemu-img tini ip as ld unshare setpriv taskset flock; do
+      command -v $program >/dev/null || labFail "$program is not installed" || return
+   done
+   [ -c /dev/net/tun ] || labFail "no /dev/net/tun" || return
+   unshare -m -n mount -n -t tmpfs lab /run || labFail "no namespaces or no mounts in them" || return
+   [ -n "$(labCgroups)" ] || labFail "no control groups" || return
+   for cgroup in $(labCgroups); do
+      { mkdir "$cgroup/$lab-probe" && rmdir "$cgroup/$lab-probe"; } || labFail "$cgroup: no groups can be made" || return
+   done
+}
+
+# Runs the calling script again inside namespaces of its own; returns there.
+# tini adopts the QEMUs, which libvirt cuts loose, and reaps them at once: libvirt waits for that.
+# It stands above the script, not above libvirtd, so that it outlives a killed daemon.
+labEnter() { # ARGUMENTS OF THE SCRIPT...
+   local directory file namespace
+   namespace=$(readlink /proc/self/ns/mnt)
+   if [ "${LAB_OUTSIDE:-$namespace}" = "$namespace" ]; then
+      LAB_OUTSIDE=$namespace exec unshare -m -n -- tini -s -- setpriv --pdeathsig TERM -- bash "$0" "$@"
+   fi
+   [ -z "${LAB_NAME:-}" ] || return 0
+   export LAB_NAME=$lab
+   for directory in /run /etc /var/lib /var/cache /var/log; do
+      mkdir -p $directory/libvirt
+      mount -n -t tmpfs lab $directory/libvirt
+   done
+   # A sysfs that shows the NICs of this network namespace, with the control groups as they were.
+   mkdir /run/libvirt/cgroup
+   mount -n --move /sys/fs/cgroup /run/libvirt/cgroup
+   mount -n -t sysfs lab /sys
+   mount -n --move /run/libvirt/cgroup /sys/fs/cgroup
+   # libvirtd does not start without this user, although the guests run as root.
+   for file in passwd group; do
+      cp /etc/$file /run/libvirt/$file
+      grep -q ^libvirt-qemu: /etc/$file || echo "libvirt-qemu:x:64055:64055::/:/usr/sbin/nologin" >>/run/libvirt/$file
+      mount -n --bind /run/libvirt/$file /etc/$file
+   done
+   # Taps without neighbour discovery: their counters move only by what guest and test send.
+   echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6
+   ip link set lo up
+   ip address add 192.0.2.1/32 dev lo
+}
+
+labProcesses() { # NAME, as in /proc/PID/comm: the processes of this lab that have it
+   local process name
+   for process in /proc/[0-9]*; do
+      if [ "$process/ns/net" -ef /proc/self/ns/net ] && read -r name <"$process/comm" && [ "$name" = "$1" ]; then
+         echo "${process#/proc/}"
+      fi
+   done 2>/dev/null
+}
+
+labKill() { # SIGNAL NAME: ends the processes of that name and returns when they are gone
+   local pids i
+   for ((i = 0; i < 500; ++i)); do
+      mapfile -t pids < <(labProcesses "$2")
+      [ ${#pids[@]} -gt 0 ] || return 0
+      kill "-$1" "${pids[@]}" 2>/dev/null || true
+      sleep 0.02
+   done
+   labFail "$2 does not end: ${pids[*]}"
+}
+
+labStartDaemon() {
+   # On one CPU: libvirt probes QEMU anew whenever it finds itself on a CPU of another cpuid.
+   if ! timeout 30 taskset -c 0 libvirtd -d -p /run/libvirt/libvirtd.pid -f "$labDir/libvirtd.conf" ||
+      ! timeout 30 virsh -q version >/dev/null; then
+      cat "$labDir/libvirtd.log" >&2
+      labFail "libvirtd does not answer"
+   fi
+}
+
+labKillDaemon() { labKill KILL libvirtd; }
+labRestartDaemon() { labKill TERM libvirtd && labStartDaemon; }
+
+labUp() { # DIRECTORY: for images and the log
+   [ -n "${LAB_NAME:-}" ] || labFail "labUp before labEnter" || return
+   export labDir=$1
+   exec {labLock}</sys/fs/cgroup
+   flock -s -w 30 "$labLock"
+   printf '%s\n' 'user = "root"' 'group = "root"' 'security_driver = "none"' 'stdio_handler = "file"' \
+      'dynamic_ownership = 0' 'remember_owner = 0' >/etc/libvirt/qemu.conf
+   printf '%s\n' 'unix_sock_rw_perms = "0700"' 'auth_unix_rw = "none"' 'auth_unix_ro = "none"' \
+      "log_outputs = \"3:file:$labDir/libvirtd.log\"" >"$labDir/libvirtd.conf"
+   labStartDaemon
+}
+
+# Ends daemon and guests, whatever state they are in, and forgets all definitions.
+labDown() {
+   local group
+   [ -n "${labDir:-}" ] || return 0
+   trap '' INT TERM
+   labKillDaemon && labKill KILL qemu-system-x86 || return
+   rm -rf /run/libvirt/{libvirt,qemu}* {/etc,/var/lib,/var/cache}/libvirt/*
+   for group in $(labCgroups | sed "s|\$|/machine/*$lab-*|"); do
+      [ ! -d "$group" ] || find "$group" -depth -type d -exec rmdir {} + || return
+   done
+   # /machine goes with the last lab only: the libvirtd of another one may be about to use it.
+   ! flock -n -x "$labLock" || labCgroups | sed 's|$|/machine|' | xargs rmdir 2>/dev/null || true
+   flock -u "$labLock" # explicitly: children of the test may have inherited it
+   exec {labLock}<&-
+   unset labDir
+   trap - INT TERM
+}
+
+# Makes a group fit for groups below it (version 2) and for processes in it (version 1).
+labOpenGroup() { # DIRECTORY
+   local name
+   for name in $(cat "$1/cgroup.controllers" 2>/dev/null); do
+      [[ $name != @(cpu|cpuset|io|memory) ]] || echo "+$name" >"$1/cgroup.subtree_control"
+   done
+   for name in cpuset.cpus cpuset.mems; do
+      [ ! -e "$1/$name" ] || [ -e "$1/cgroup.type" ] || [ -n "$(<"$1/$name")" ] || cat "${1%/*}/$name" >"$1/$name"
+   done
+}
+
+labPoolPath() { echo "machine/${1//\//.partition/}.partition"; }
+
+labPool() { # PATH, "$lab-gold/web": makes the pool and those above it
+   local cgroup level
+   [[ $1 == "$lab-"* ]] || labFail "pool $1 does not begin with $lab-" || return
+   for cgroup in $(labCgroups); do
+      labOpenGroup "$cgroup"
+      for level in $(labPoolPath "$1" | tr / ' '); do
+         cgroup=$cgroup/$level
+         mkdir -p "$cgroup"
+         labOpenGroup "$cgroup"
+      done
+   done
+}
+
+labRemovePool() { # PATH: its last level only, which must be empty
+   labCgroups | sed "s|\$|/$(labPoolPath "$1")|" | xargs rmdir
+}
+
+# Comes from the name alone, so a guest that is defined anew has it again.
+labUuid() { echo "6c616200-0000-4000-8000-$(md5sum <<<"$1" | cut -c 1-12)"; }
+
+# Defines a guest of 32 MiB with one disk and one NIC, whose tap has the guest's name; prints its UUID.
+labGuest() { # NAME [POOL] [busy|idle] [VCPUS]
+   local image=$labDir/$1.qcow2 ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=4)
+   [[ $1 == "$lab-"* && ${#1} -le 15 ]] || labFail "guest $1: no $lab- in front, or too long for a tap" || return
+   [ "${3:-idle}" = idle ] || ticks=(--defsym SPIN_TICKS=2 --defsym HALT_TICKS=2)
+   as --32 "${ticks[@]}" "$labSources/guestBoot.S" -o "$image.o"
+   ld -m elf_i386 -Ttext 0x7c00 --oformat binary "$image.o" -o "$image.raw"
+   truncate -s 8M "$image.raw"
+   qemu-img convert -f raw -O qcow2 "$image.raw" "$image"
+   rm "$image.o" "$image.raw"
+   virsh -q define /dev/stdin <<X
+<domain type='qemu'>
+  <name>$1</name><uuid>$(labUuid "$1")</uuid><vcpu>${4:-1}</vcpu>
+  <memory unit='MiB'>32</memory><currentMemory unit='MiB'>32</currentMemory>
+  ${2:+<resource><partition>/machine/$2</partition></resource>}
+  <os><type arch='x86_64' machine='pc'>hvm</type><boot dev='hd'/></os><features><acpi/></features>
+  <devices>
+    <controller type='usb' model='none'/><memballoon model='virtio'/>
+    <disk type='file'><driver name='qemu' type='qcow2'/><source file='$image'/><target dev='vda'/></disk>
+    <interface type='ethernet'><target dev='$1' managed='yes'/><model type='rtl8139'/><rom enabled='no'/></interface>
+  </devices>
+</domain>
+X
+   labUuid "$1"
+}
+
+labStart() { # NAME: starts a guest and returns when its program runs
+   local frames=/sys/class/net/$1/statistics/rx_packets i
+   virsh -q start "$1"
+   for ((i = 0; i < 500; ++i)); do
+      [ "$(cat "$frames" || echo 0)" -eq 0 ] || return 0
+      sleep 0.02
+   done
+   labFail "the program of $1 does not run"
+}
+
+labSend() { # NAME COUNT BYTES: so many frames of that size, at least 43 bytes, to a running guest
+   local socket i
+   ip route replace 192.0.2.2 dev "$1"
+   ip neighbour replace 192.0.2.2 lladdr ff:ff:ff:ff:ff:ff dev "$1"
+   exec {socket}>/dev/udp/192.0.2.2/9
+   for ((i = 0; i < $2; ++i)); do
+      printf '%*s' $(($3 - 42)) '' >&"$socket"
+   done
+   exec {socket}>&-
+}
+
+labPid() { cat "/run/libvirt/qemu/$1.pid"; } # NAME
+labDomstats() { timeout 20 virsh domstats "$1" | sed -n "s/^ *$2=//p"; } # NAME FIELD
+
+labCpuTicks() { # NAME: user and system time of the guest's QEMU, in clock ticks
+   local fields
+   fields=$(<"/proc/$(labPid "$1")/stat")
+   read -ra fields <<<"${fields##*) }"
+   echo $((fields[11] + fields[12]))
+}
+
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+   set -euo pipefail
+   labPossible || exit 77
+   labEnter "$@"
+   scratch=$(mktemp -d)
+   trap 'labDown; rm -rf "$scratch"' EXIT
+   labUp "$scratch"
+   "${@:-bash}"
+fi
