@@ -12,20 +12,17 @@ export LIBVIRT_DEFAULT_URI=qemu:///system
 lab=${LAB_NAME:-mx$$}
 labSources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
-labFail() {
-   echo "lab: $*" >&2
-   return 1
-}
+labFail() { echo "lab: $*" >&2 && return 1; }
 
 # Control group mounts where libvirt puts guests: it takes devices and CPU accounting from version
 # 2 wherever that is mounted, and every other controller from the version that has it.
 labCgroups() {
-   awk '$3 == "cgroup2" { v2 = $2; print }
+   awk '$3 == "cgroup2" { print v2 = $2 }
       $3 == "cgroup" { controllers[$2] = "," $4 "," }
       END {
          wanted = ",(cpu|cpuset|memory|blkio|freezer|net_cls|perf_event" (v2 ? "" : "|cpuacct|devices") "),"
-         for (path in controllers) if (controllers[path] ~ wanted) print "", path
-      }' /proc/mounts | cut -d ' ' -f 2
+         for (path in controllers) if (controllers[path] ~ wanted) print path
+      }' /proc/mounts
 }
 
 # Says why there can be no lab on this machine, and returns non-zero then.
@@ -47,10 +44,10 @@ labPossible() {
 # tini adopts the QEMUs, which libvirt cuts loose, and reaps them at once: libvirt waits for that.
 # It stands above the script, not above libvirtd, so that it outlives a killed daemon.
 labEnter() { # ARGUMENTS OF THE SCRIPT...
-   local directory file namespace
+   local directory namespace
    namespace=$(readlink /proc/self/ns/mnt)
    if [ "${LAB_OUTSIDE:-$namespace}" = "$namespace" ]; then
-      LAB_OUTSIDE=$namespace exec unshare -m -n -- tini -s -- setpriv --pdeathsig TERM -- bash "$0" "$@"
+      LAB_OUTSIDE=$namespace exec unshare -m -n -- tini -s -g -- setpriv --pdeathsig TERM -- bash "$0" "$@"
    fi
    [ -z "${LAB_NAME:-}" ] || return 0
    export LAB_NAME=$lab
@@ -64,35 +61,32 @@ labEnter() { # ARGUMENTS OF THE SCRIPT...
    mount -n -t sysfs lab /sys
    mount -n --move /run/libvirt/cgroup /sys/fs/cgroup
    # libvirtd does not start without this user, although the guests run as root.
-   for file in passwd group; do
-      cp /etc/$file /run/libvirt/$file
-      grep -q ^libvirt-qemu: /etc/$file || echo "libvirt-qemu:x:64055:64055::/:/usr/sbin/nologin" >>/run/libvirt/$file
-      mount -n --bind /run/libvirt/$file /etc/$file
-   done
+   cp /etc/passwd /etc/group /run/libvirt
+   echo "libvirt-qemu:x:64055:64055::/:/usr/sbin/nologin" >>/run/libvirt/passwd
+   echo "libvirt-qemu:x:64055:" >>/run/libvirt/group
+   mount -n --bind /run/libvirt/passwd /etc/passwd
+   mount -n --bind /run/libvirt/group /etc/group
    # Taps without neighbour discovery: their counters move only by what guest and test send.
    echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6
    ip link set lo up
    ip address add 192.0.2.1/32 dev lo
 }
 
-labProcesses() { # NAME, as in /proc/PID/comm: the processes of this lab that have it
-   local process name
-   for process in /proc/[0-9]*; do
-      if [ "$process/ns/net" -ef /proc/self/ns/net ] && read -r name <"$process/comm" && [ "$name" = "$1" ]; then
-         echo "${process#/proc/}"
-      fi
-   done 2>/dev/null
-}
-
-labKill() { # SIGNAL NAME: ends the processes of that name and returns when they are gone
-   local pids i
+# Ends the processes of this lab that have the name (as in /proc/PID/comm); returns when they are gone.
+labKill() { # SIGNAL NAME
+   local process name alive i
    for ((i = 0; i < 500; ++i)); do
-      mapfile -t pids < <(labProcesses "$2")
-      [ ${#pids[@]} -gt 0 ] || return 0
-      kill "-$1" "${pids[@]}" 2>/dev/null || true
+      alive=()
+      for process in /proc/[0-9]*; do
+         if [ "$process/ns/net" -ef /proc/self/ns/net ] && read -r name <"$process/comm" && [ "$name" = "$2" ]; then
+            alive+=("${process#/proc/}")
+         fi
+      done 2>/dev/null
+      [ ${#alive[@]} -gt 0 ] || return 0
+      kill "-$1" "${alive[@]}" 2>/dev/null || true
       sleep 0.02
    done
-   labFail "$2 does not end: ${pids[*]}"
+   labFail "$2 does not end: ${alive[*]}"
 }
 
 labStartDaemon() {
@@ -119,6 +113,15 @@ labUp() { # DIRECTORY: for images and the log
    labStartDaemon
 }
 
+labRemoveGroup() { # DIRECTORY: with those below; busy for a moment after the end of its last process
+   local i
+   for ((i = 0; i < 50; ++i)); do
+      [ -d "$1" ] || return 0
+      find "$1" -depth -type d -exec rmdir {} + 2>/dev/null || sleep 0.02
+   done
+   labFail "$1 is busy"
+}
+
 # Ends daemon and guests, whatever state they are in, and forgets all definitions.
 labDown() {
    local group
@@ -127,7 +130,7 @@ labDown() {
    labKillDaemon && labKill KILL qemu-system-x86 || return
    rm -rf /run/libvirt/{libvirt,qemu}* {/etc,/var/lib,/var/cache}/libvirt/*
    for group in $(labCgroups | sed "s|\$|/machine/*$lab-*|"); do
-      [ ! -d "$group" ] || find "$group" -depth -type d -exec rmdir {} + || return
+      labRemoveGroup "$group" || return
    done
    # /machine goes with the last lab only: the libvirtd of another one may be about to use it.
    ! flock -n -x "$labLock" || labCgroups | sed 's|$|/machine|' | xargs rmdir 2>/dev/null || true
@@ -139,8 +142,9 @@ labDown() {
 
 # Makes a group fit for groups below it (version 2) and for processes in it (version 1).
 labOpenGroup() { # DIRECTORY
-   local name
-   for name in $(cat "$1/cgroup.controllers" 2>/dev/null); do
+   local name controllers=
+   [ ! -e "$1/cgroup.controllers" ] || controllers=$(<"$1/cgroup.controllers")
+   for name in $controllers; do
       [[ $name != @(cpu|cpuset|io|memory) ]] || echo "+$name" >"$1/cgroup.subtree_control"
    done
    for name in cpuset.cpus cpuset.mems; do
@@ -163,16 +167,17 @@ labPool() { # PATH, "$lab-gold/web": makes the pool and those above it
    done
 }
 
-labRemovePool() { # PATH: its last level only, which must be empty
-   labCgroups | sed "s|\$|/$(labPoolPath "$1")|" | xargs rmdir
+labRemovePool() { # PATH: with the pools below it; refused while a guest runs in one
+   local cgroup
+   for cgroup in $(labCgroups); do
+      labRemoveGroup "$cgroup/$(labPoolPath "$1")" || return
+   done
 }
 
-# Comes from the name alone, so a guest that is defined anew has it again.
-labUuid() { echo "6c616200-0000-4000-8000-$(md5sum <<<"$1" | cut -c 1-12)"; }
-
-# Defines a guest of 32 MiB with one disk and one NIC, whose tap has the guest's name; prints its UUID.
+# Defines a guest of 32 MiB with one disk and one NIC, whose tap has the guest's name. Prints
+# its UUID, which comes from the name alone: a guest that is defined anew has it again.
 labGuest() { # NAME [POOL] [busy|idle] [VCPUS]
-   local image=$labDir/$1.qcow2 ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=4)
+   local image=$labDir/$1.qcow2 uuid ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=4)
    [[ $1 == "$lab-"* && ${#1} -le 15 ]] || labFail "guest $1: no $lab- in front, or too long for a tap" || return
    [ "${3:-idle}" = idle ] || ticks=(--defsym SPIN_TICKS=2 --defsym HALT_TICKS=2)
    as --32 "${ticks[@]}" "$labSources/guestBoot.S" -o "$image.o"
@@ -180,9 +185,10 @@ labGuest() { # NAME [POOL] [busy|idle] [VCPUS]
    truncate -s 8M "$image.raw"
    qemu-img convert -f raw -O qcow2 "$image.raw" "$image"
    rm "$image.o" "$image.raw"
+   uuid=6c616200-0000-4000-8000-$(md5sum <<<"$1" | cut -c 1-12)
    virsh -q define /dev/stdin <<X
 <domain type='qemu'>
-  <name>$1</name><uuid>$(labUuid "$1")</uuid><vcpu>${4:-1}</vcpu>
+  <name>$1</name><uuid>$uuid</uuid><vcpu>${4:-1}</vcpu>
   <memory unit='MiB'>32</memory><currentMemory unit='MiB'>32</currentMemory>
   ${2:+<resource><partition>/machine/$2</partition></resource>}
   <os><type arch='x86_64' machine='pc'>hvm</type><boot dev='hd'/></os><features><acpi/></features>
@@ -193,7 +199,7 @@ labGuest() { # NAME [POOL] [busy|idle] [VCPUS]
   </devices>
 </domain>
 X
-   labUuid "$1"
+   echo "$uuid"
 }
 
 labStart() { # NAME: starts a guest and returns when its program runs
