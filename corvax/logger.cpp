@@ -55,15 +55,15 @@ int LevelOrThrow(const std::string& levelName)
 class LoggerImpl : public Logger, public ObjectImpl {
 public:
    LoggerImpl(std::string name, std::shared_ptr<spdlog::logger> backEnd,
-              const std::atomic<int>& defaultLevel)
-      : _name(std::move(name)), _backEnd(std::move(backEnd)), _defaultLevel(defaultLevel)
+              std::shared_ptr<const std::atomic<int>> defaultLevel)
+      : _name(std::move(name)), _backEnd(std::move(backEnd)), _defaultLevel(std::move(defaultLevel))
    {
    }
 
    bool IsEnabled(int level) const override
    {
       const int own = _level.load(std::memory_order_relaxed);
-      return level <= (own >= 0 ? own : _defaultLevel.load(std::memory_order_relaxed));
+      return level <= (own >= 0 ? own : _defaultLevel->load(std::memory_order_relaxed));
    }
 
    void SetLevel(const std::string& levelName) override { _level = LevelOrThrow(levelName); }
@@ -79,7 +79,7 @@ private:
 
    const std::string _name;
    const std::shared_ptr<spdlog::logger> _backEnd;
-   const std::atomic<int>& _defaultLevel;
+   const std::shared_ptr<const std::atomic<int>> _defaultLevel; // its manager may be gone
    std::atomic<int> _level{kFollowsDefault};
 };
 
@@ -105,12 +105,13 @@ public:
 
    void SetDefaultLevel(const std::string& levelName) override
    {
-      _defaultLevel = LevelOrThrow(levelName);
+      *_defaultLevel = LevelOrThrow(levelName);
    }
 
 private:
    const std::shared_ptr<spdlog::logger> _backEnd;
-   std::atomic<int> _defaultLevel{kLogInfo};
+   const std::shared_ptr<std::atomic<int>> _defaultLevel =
+      std::make_shared<std::atomic<int>>(kLogInfo);
    std::mutex _mutex;
    std::map<std::string, Ref<LoggerImpl>> _loggers;
 };

@@ -24,8 +24,11 @@ cat >"$dir/config.xml" <<X
 X
 "$build/bin/agentd" --backend simulated --sim "$host" --config "$dir/config.xml" --state-dir "$dir" \
    --interval 1 --runs "$seconds" --listen none 2>"$dir/log" || fail "the agent ends with $?"
-# A new depot begins with an error about the one that is not there.
-! grep -E "^<3>|skipped" "$dir/log" | grep -v "Unable to load stats depot" >"$dir/trouble" || fail "$(cat "$dir/trouble")"
+# A new depot begins with an error about the one that is not there. Where sanitizers make all of it
+# slow, runs may come late.
+late='skipped|No collection has ended'
+! grep -E "^<3>|$late" "$dir/log" | grep -vE "Unable to load stats depot${METRIX_SLOW:+|$late}" >"$dir/trouble" ||
+   fail "$(cat "$dir/trouble")"
 sed -n 's/.*Process time : \([0-9]*\).*/\1/p' "$dir/log" | sort -n |
    awk '{ us[NR] = $1 } END { print "CPU time of a run, microseconds: median", us[int((NR + 1) / 2)] ", most", us[NR] }'
 "$build/bin/simCheck" "$dir/stats/" hostAgentStats "$host" || fail "samples differ"
