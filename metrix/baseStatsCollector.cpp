@@ -129,6 +129,7 @@ void BaseStatsCollector::FlushStats()
       for (const SampleRecord& record : samples) {
          WriteSample(record);
       }
+      _statsDepot->Flush();
    } catch (const Corvax::Exception& e) {
       _logger->Log(kLogError, "Failed to add sample to statsDepot : %1", e.GetMessage());
    }

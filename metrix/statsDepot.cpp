@@ -226,7 +226,62 @@ void StatsDepotImpl::FindLostRecords()
    }
 }
 
-void StatsDepotImpl::Flush() {}
+void StatsDepotImpl::Lock()
+{
+   LockableObjectImpl::Lock();
+   if (_lockDepth++ == 0) {
+      BeginBatch();
+   }
+}
+
+/// Nothing may be held back once others can look at the files. Who recorded samples has called
+/// Flush and knows what failed; whoever has not finds it in the log.
+void StatsDepotImpl::Unlock()
+{
+   if (IsLocked() && --_lockDepth == 0) {
+      try {
+         EndBatch();
+      } catch (const Corvax::Exception& e) {
+         _logger->Log(kLogError, "Samples are lost: %1", e.GetMessage());
+      }
+   }
+   LockableObjectImpl::Unlock();
+}
+
+void StatsDepotImpl::BeginBatch()
+{
+   for (const auto& interval : *_intervalTable) {
+      if (interval->_statsStore) {
+         interval->_statsStore->BeginBatch();
+      }
+   }
+}
+
+/// All stores get their turn, the first failure is told.
+void StatsDepotImpl::EndBatch()
+{
+   std::exception_ptr failure;
+   for (const auto& interval : *_intervalTable) {
+      try {
+         if (interval->_statsStore) {
+            interval->_statsStore->EndBatch();
+         }
+      } catch (const Corvax::Exception&) {
+         failure = failure ? failure : std::current_exception();
+      }
+   }
+   if (failure) {
+      std::rethrow_exception(failure);
+   }
+}
+
+void StatsDepotImpl::Flush()
+{
+   if (IsLocked()) {
+      EndBatch();
+      BeginBatch();
+   }
+}
 
 void StatsDepotImpl::GetIntervals(Corvax::RefVector<StatsDepotInterval>& intervals)
 {

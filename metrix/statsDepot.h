@@ -26,7 +26,8 @@ struct StatsDepotInterval : Corvax::ObjectImpl {
 /// coarser ones.
 ///
 /// Locking: the operations take no lock; their users lock the depot around a call or a group of
-/// calls. Where a collector's lock is held too, it was taken first.
+/// calls. Where a collector's lock is held too, it was taken first. While it is locked, rows that
+/// are written may be held back; when it is unlocked its files hold everything.
 /// Errors: "Invalid argument" exceptions, FileFormatException for damaged files, PlatformException
 /// where the file system fails, AssertionException for any operation but these two before Create or
 /// Load.
@@ -51,7 +52,8 @@ public:
    virtual void Create() = 0;
    /// Opens what is there. A store that cannot be used is made afresh.
    virtual void Load() = 0;
-   /// Nothing: every write goes straight to the files.
+   /// Writes to the files what was held back since the depot was locked; what cannot be written is
+   /// lost, and an exception says so. To be called before unlocking by who has recorded samples.
    virtual void Flush() = 0;
 
    /// Intervals are added finest first; each period is a multiple of the one before. "Invalid

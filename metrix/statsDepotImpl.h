@@ -22,6 +22,9 @@ public:
    StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
                   int maxStatsPurged);
 
+   void Lock() override;
+   void Unlock() override;
+
    void Create() override;
    void Load() override;
    void Flush() override;
@@ -134,6 +137,8 @@ private:
       uint64_t count;
    };
 
+   void BeginBatch();
+   void EndBatch();
    void AssertOpen() const;
    std::string GetDepotFileName() const { return _depotDir + _depotName + ".xml"; }
    std::string GetIdMapFileName() const { return _depotDir + _depotName + ".idMap"; }
@@ -193,6 +198,7 @@ private:
    /// When rollups are due next; unset until the first sample after Create or Load.
    TimeStamp _nextUpdateTime = kUnset;
    const Corvax::Ref<Corvax::Logger> _logger;
+   int _lockDepth = 0;
    std::vector<StatVal> _run; ///< PropagateStat's buffer, kept for its capacity
 };
 

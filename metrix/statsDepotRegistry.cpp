@@ -191,9 +191,15 @@ StatId StatsDepotImpl::AllocStatId(const std::string& entityId, const std::strin
 StatId StatsDepotImpl::AllocSlot()
 {
    const auto id = static_cast<StatId>(_slotUsageMap->FindFirstFreeSlot());
-   // A row that a crash left behind must not show its samples under the new name.
+   // A row that a crash left behind must not show its samples under the new name: it is freed in the
+   // file before the id map has that name.
    for (const auto& interval : *_intervalTable) {
-      interval->GetStore().DeleteStat(id);
+      StatsStore& store = interval->GetStore();
+      const bool isInUse = store.GetLastUpdateTime(id) != kUnset;
+      store.DeleteStat(id);
+      if (isInUse) {
+         Flush();
+      }
    }
    return id;
 }

@@ -3,11 +3,13 @@
 #include "corvax/exception.h"
 #include "corvax/system.h"
 #include "metrix/littleEndian.h"
+#include "metrix/rowWindow.h"
 
 #include <algorithm>
+#include <functional>
 #include <limits>
 #include <memory>
-#include <new>
+#include <optional>
 
 namespace Metrix {
 
@@ -28,29 +30,24 @@ constexpr size_t kRowTimeStampPos = 4;
 constexpr size_t kRowSamplesPos = 12;
 constexpr size_t kSampleSize = 8;
 
-/// A row as it lies in the file.
+/// A row as it lies in the file: a view on its bytes.
 class StatVector {
 public:
-   StatVector(uint32_t numSamples, size_t rowSize)
-      : _numSamples(numSamples), _bytes(new (std::nothrow) std::byte[rowSize])
-   {
-      Assert(_bytes != nullptr, "a row buffer can be allocated");
-   }
-
-   std::byte* Data() { return _bytes.get(); }
+   explicit StatVector(std::byte* bytes) : _bytes(bytes) {}
 
    bool IsUsed() const { return Decode<uint32_t>(&_bytes[kRowUsedPos]) != 0; }
+   void SetFree() { Encode(uint32_t{0}, &_bytes[kRowUsedPos]); }
    TimeStamp GetTimeStamp() const { return Decode<uint64_t>(&_bytes[kRowTimeStampPos]); }
    void SetTimeStamp(TimeStamp ts) { Encode(ts, &_bytes[kRowTimeStampPos]); }
    StatVal GetSample(uint32_t column) const { return Decode<uint64_t>(&_bytes[SamplePos(column)]); }
    void SetSample(uint32_t column, StatVal value) { Encode(value, &_bytes[SamplePos(column)]); }
 
    /// The row of a stat that has no sample yet.
-   void Clear()
+   void Clear(uint32_t numSamples)
    {
       Encode(uint32_t{1}, &_bytes[kRowUsedPos]);
       SetTimeStamp(kUnset);
-      for (uint32_t column = 0; column < _numSamples; ++column) {
+      for (uint32_t column = 0; column < numSamples; ++column) {
          SetSample(column, kUnset);
       }
    }
@@ -58,8 +55,7 @@ public:
 private:
    static size_t SamplePos(uint32_t column) { return kRowSamplesPos + column * kSampleSize; }
 
-   const uint32_t _numSamples;
-   const std::unique_ptr<std::byte[]> _bytes;
+   std::byte* const _bytes;
 };
 
 class StatsStoreImpl : public StatsStore, public Corvax::ObjectImpl {
@@ -83,29 +79,28 @@ public:
    void GetTimeStamps(std::vector<TimeStamp>& timeStamps) override;
    uint32_t GetNumSamples() override { return _numSamples; }
    uint32_t GetSamplingPeriod() override { return _samplingPeriod; }
+   void BeginBatch() override;
+   void EndBatch() override;
 
 private:
-   using Row = std::unique_ptr<StatVector>;
-
    void AssertOpen() const { Assert(_storeHandle && _storeHandle->IsOpen(), "the store is open"); }
    [[noreturn]] void ThrowDamaged(const std::string& message);
    uint32_t ReadUInt32(uint64_t pos);
-   void WriteUInt32(uint64_t pos, uint32_t value);
    void ReadTimeStamps();
    void FindColumnsInUse();
 
    int64_t FindRow(StatId statId) const;
-   uint64_t GetStatVectorPos(int64_t row) const;
-   Row AllocStatVector() const;
-   Row GetStatVector(StatId statId);
-   bool WriteStatVector(StatId statId, StatVector& row);
-   void InvalidateStatsVector(int64_t row);
+   std::optional<StatVector> GetStatVector(StatId statId);
+   StatVector AllocStatVector(StatId statId);
+   void WriteStatVector(StatId statId);
 
    int32_t NextColumn(int32_t column) const;
    template <class Matches>
    int32_t FirstColumn(Matches matches) const;
    int32_t FindColumn(TimeStamp ts) const;
    int32_t FindClosestColumn(TimeStamp ts) const;
+   int32_t CountColumns() const;
+   int32_t ColumnAt(int32_t distance) const;
    int32_t ChooseColumn(TimeStamp ts);
    int32_t AddColumn(TimeStamp ts);
    void WriteTimeStamp(int32_t column, TimeStamp ts);
@@ -120,8 +115,10 @@ private:
    std::vector<TimeStamp> _timeStamps; ///< a copy of the column stamps
    uint64_t _statVectorPos = 0;        ///< file offset of row 0
    size_t _rowSize = 0;
+   std::unique_ptr<RowWindow> _rows;
    int32_t _earliestTsCol = -1; ///< -1: no column is in use
    int32_t _latestTsCol = -1;
+   bool _stampsAscend = true; ///< from the earliest column to the latest; not so in a damaged file
    const Corvax::Ref<Corvax::Logger> _logger;
 };
 
@@ -172,6 +169,7 @@ void StatsStoreImpl::Load()
    }
    ReadTimeStamps();
    FindColumnsInUse();
+   _rows = std::make_unique<RowWindow>(_storeHandle, _statVectorPos, _rowSize);
 }
 
 void StatsStoreImpl::ThrowDamaged(const std::string& message)
@@ -190,14 +188,6 @@ uint32_t StatsStoreImpl::ReadUInt32(uint64_t pos)
       throw Corvax::Exception(message);
    }
    return Decode<uint32_t>(bytes);
-}
-
-void StatsStoreImpl::WriteUInt32(uint64_t pos, uint32_t value)
-{
-   std::byte bytes[4];
-   Encode(value, bytes);
-   _storeHandle->Seek(pos);
-   _storeHandle->WriteAll(bytes, sizeof bytes);
 }
 
 void StatsStoreImpl::ReadTimeStamps()
@@ -232,6 +222,12 @@ void StatsStoreImpl::FindColumnsInUse()
          _earliestTsCol = column;
       }
    }
+   std::vector<TimeStamp> stamps;
+   FirstColumn([&stamps](TimeStamp stamp) {
+      stamps.push_back(stamp);
+      return false;
+   });
+   _stampsAscend = std::ranges::adjacent_find(stamps, std::greater_equal()) == stamps.end();
 }
 
 void StatsStoreImpl::Flush()
@@ -246,42 +242,29 @@ int64_t StatsStoreImpl::FindRow(StatId statId) const
    return statId < _numStats ? static_cast<int64_t>(statId) : -1;
 }
 
-uint64_t StatsStoreImpl::GetStatVectorPos(int64_t row) const
-{
-   return _rowSize * static_cast<uint64_t>(row) + _statVectorPos;
-}
-
-StatsStoreImpl::Row StatsStoreImpl::AllocStatVector() const
-{
-   return std::make_unique<StatVector>(_numSamples, _rowSize);
-}
-
-/// Null when there is no row, or a free one.
-StatsStoreImpl::Row StatsStoreImpl::GetStatVector(StatId statId)
+/// Nothing when there is no row, or a free one. Valid until the next row is got.
+std::optional<StatVector> StatsStoreImpl::GetStatVector(StatId statId)
 {
    const int64_t index = FindRow(statId);
    if (index < 0) {
-      return nullptr;
+      return std::nullopt;
    }
-   Row row = AllocStatVector();
-   _storeHandle->Seek(GetStatVectorPos(index));
-   const size_t count = _storeHandle->Read(row->Data(), _rowSize);
-   return count == _rowSize && row->IsUsed() ? std::move(row) : nullptr;
+   const StatVector row(_rows->Get(static_cast<uint64_t>(index)));
+   return row.IsUsed() ? std::optional(row) : std::nullopt;
 }
 
-bool StatsStoreImpl::WriteStatVector(StatId statId, StatVector& row)
+/// A new row for the stat, not yet in the file.
+StatVector StatsStoreImpl::AllocStatVector(StatId statId)
 {
-   const int64_t index = FindRow(statId);
-   if (index < 0) {
-      return false;
-   }
-   _storeHandle->Seek(GetStatVectorPos(index));
-   return _storeHandle->Write(row.Data(), _rowSize) == _rowSize;
+   StatVector row(_rows->Get(statId));
+   row.Clear(_numSamples);
+   _numStats = std::max(_numStats, static_cast<uint32_t>(statId) + 1);
+   return row;
 }
 
-void StatsStoreImpl::InvalidateStatsVector(int64_t row)
+void StatsStoreImpl::WriteStatVector(StatId statId)
 {
-   WriteUInt32(GetStatVectorPos(row) + kRowUsedPos, 0);
+   _rows->Put(statId);
 }
 
 int32_t StatsStoreImpl::NextColumn(int32_t column) const
@@ -309,12 +292,51 @@ int32_t StatsStoreImpl::FirstColumn(Matches matches) const
 
 int32_t StatsStoreImpl::FindColumn(TimeStamp ts) const
 {
-   return FirstColumn([ts](TimeStamp stamp) { return stamp == ts; });
+   const int32_t column = FindClosestColumn(ts);
+   if (column >= 0 && StampOf(column) == ts) {
+      return column;
+   }
+   return _stampsAscend ? -1 : FirstColumn([ts](TimeStamp stamp) { return stamp == ts; });
 }
 
 int32_t StatsStoreImpl::FindClosestColumn(TimeStamp ts) const
 {
-   return FirstColumn([ts](TimeStamp stamp) { return stamp >= ts; });
+   if (!_stampsAscend) {
+      return FirstColumn([ts](TimeStamp stamp) { return stamp >= ts; });
+   }
+   if (_latestTsCol < 0 || ts > StampOf(_latestTsCol)) {
+      return -1;
+   }
+   // Counted from the earliest column on, the circle is one ascending run.
+   int32_t low = 0;
+   int32_t high = CountColumns() - 1;
+   if (high == 0 || ts > StampOf(ColumnAt(high - 1))) {
+      return _latestTsCol; // where most samples go
+   }
+   while (low < high) {
+      const int32_t middle = low + (high - low) / 2;
+      if (StampOf(ColumnAt(middle)) >= ts) {
+         high = middle;
+      } else {
+         low = middle + 1;
+      }
+   }
+   return ColumnAt(low);
+}
+
+/// Columns in use; there is at least one.
+int32_t StatsStoreImpl::CountColumns() const
+{
+   const int32_t count = _latestTsCol - _earliestTsCol + 1;
+   return count > 0 ? count : count + static_cast<int32_t>(_numSamples);
+}
+
+/// The column that comes so many behind the earliest.
+int32_t StatsStoreImpl::ColumnAt(int32_t distance) const
+{
+   const int64_t column = int64_t{_earliestTsCol} + distance;
+   const auto columns = static_cast<int64_t>(_numSamples);
+   return static_cast<int32_t>(column < columns ? column : column - columns);
 }
 
 /// A sample goes into a column of its own stamp or into a new, newest one; never between.
@@ -379,16 +401,12 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
       throw Corvax::InvalidArgumentException();
    }
    const int32_t column = ChooseColumn(ts);
-   Row row = GetStatVector(statId);
-   if (!row) {
-      row = AllocStatVector();
-      row->Clear();
-      _numStats = std::max(_numStats, static_cast<uint32_t>(statId) + 1);
-   }
-   InvalidateGap(*row, column);
-   row->SetSample(static_cast<uint32_t>(column), value);
-   row->SetTimeStamp(ts);
-   Assert(WriteStatVector(statId, *row), "a row is written whole");
+   std::optional<StatVector> known = GetStatVector(statId);
+   StatVector row = known ? *known : AllocStatVector(statId);
+   InvalidateGap(row, column);
+   row.SetSample(static_cast<uint32_t>(column), value);
+   row.SetTimeStamp(ts);
+   WriteStatVector(statId);
 }
 
 StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
@@ -398,7 +416,7 @@ StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
    if (column < 0) {
       return kUnset;
    }
-   const Row row = GetStatVector(statId);
+   const std::optional<StatVector> row = GetStatVector(statId);
    // Columns newer than the row's last sample hold values of an earlier round.
    return row && row->GetTimeStamp() >= ts ? row->GetSample(static_cast<uint32_t>(column)) : kUnset;
 }
@@ -415,7 +433,7 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
    if (column < 0 || StampOf(column) > end) {
       return 0;
    }
-   const Row row = GetStatVector(statId);
+   const std::optional<StatVector> row = GetStatVector(statId);
    int count = 0;
    for (;; column = NextColumn(column)) {
       const TimeStamp ts = StampOf(column);
@@ -439,18 +457,20 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
 TimeStamp StatsStoreImpl::GetLastUpdateTime(StatId statId)
 {
    AssertOpen();
-   const Row row = GetStatVector(statId);
+   const std::optional<StatVector> row = GetStatVector(statId);
    return row ? row->GetTimeStamp() : kUnset;
 }
 
 bool StatsStoreImpl::DeleteStat(StatId statId)
 {
    AssertOpen();
-   const int64_t row = FindRow(statId);
-   if (row < 0) {
+   if (FindRow(statId) < 0) {
       return false;
    }
-   InvalidateStatsVector(row);
+   if (std::optional<StatVector> row = GetStatVector(statId)) {
+      row->SetFree();
+      WriteStatVector(statId);
+   }
    return true;
 }
 
@@ -474,6 +494,18 @@ void StatsStoreImpl::GetTimeStamps(std::vector<TimeStamp>& timeStamps)
       timeStamps.push_back(stamp);
       return false;
    });
+}
+
+void StatsStoreImpl::BeginBatch()
+{
+   AssertOpen();
+   _rows->BeginBatch();
+}
+
+void StatsStoreImpl::EndBatch()
+{
+   AssertOpen();
+   _rows->EndBatch();
 }
 
 } // namespace
