@@ -12,8 +12,12 @@ namespace {
 
 using Corvax::Assert;
 
-/// Fits the second-level cache, from which a run is copied in and out.
-constexpr size_t kLongestRunBytes = 128 * 1024;
+/// Long runs, because what the kernel does for one write grows with the pieces in which it keeps
+/// the file in memory, not with the bytes that are written.
+constexpr size_t kLongestRunBytes = 1024 * 1024;
+
+/// Beyond this size copying the rows in between costs more than calls of their own.
+constexpr size_t kLargestRowInRunBytes = 4096;
 
 /// Rows that a walk may leave out and still count as one: a stat's rollup series lie behind its raw
 /// series.
@@ -26,7 +30,7 @@ constexpr uint64_t kGrowth = 4;
 RowWindow::RowWindow(Corvax::Ref<Corvax::FileHandle> file, uint64_t firstRowPos,
                      size_t rowSizeBytes)
    : _file(std::move(file)), _firstRowPos(firstRowPos), _rowSize(rowSizeBytes),
-     _longestRun(std::max<uint64_t>(kLongestRunBytes / rowSizeBytes, 1)),
+     _longestRun(rowSizeBytes > kLargestRowInRunBytes ? 1 : kLongestRunBytes / rowSizeBytes),
      _bytes(new (std::nothrow) std::byte[_longestRun * _rowSize])
 {
    Assert(_bytes != nullptr, "a row buffer can be allocated");

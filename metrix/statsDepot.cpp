@@ -239,13 +239,34 @@ void StatsDepotImpl::Lock()
 void StatsDepotImpl::Unlock()
 {
    if (IsLocked() && --_lockDepth == 0) {
-      try {
-         EndBatch();
-      } catch (const Corvax::Exception& e) {
-         _logger->Log(kLogError, "Samples are lost: %1", e.GetMessage());
-      }
+      EndBatchOrLog();
    }
    LockableObjectImpl::Unlock();
+}
+
+StatsDepotImpl::Batch::~Batch()
+{
+   if (!_hasEnded) {
+      _depot.EndBatchOrLog();
+   }
+   if (_depot.IsLocked()) {
+      _depot.BeginBatch();
+   }
+}
+
+void StatsDepotImpl::Batch::End()
+{
+   _hasEnded = true;
+   _depot.EndBatch();
+}
+
+void StatsDepotImpl::EndBatchOrLog()
+{
+   try {
+      EndBatch();
+   } catch (const Corvax::Exception& e) {
+      _logger->Log(kLogError, "Samples are lost: %1", e.GetMessage());
+   }
 }
 
 void StatsDepotImpl::BeginBatch()
@@ -278,8 +299,7 @@ void StatsDepotImpl::EndBatch()
 void StatsDepotImpl::Flush()
 {
    if (IsLocked()) {
-      EndBatch();
-      BeginBatch();
+      Batch(*this).End();
    }
 }
 

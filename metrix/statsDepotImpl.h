@@ -128,6 +128,37 @@ private:
       size_t operator()(StatId id) const { return static_cast<uint32_t>(id); }
    };
 
+   /// What the id map keeps of an id. The names are the caller's.
+   struct IdRecord {
+      const std::string* entityId;
+      const std::string* statName;
+      RollupType rollup;
+      StatType type;
+      int scalingFactor;
+      StatId id;
+   };
+
+   struct StatName {
+      std::string entityId;
+      std::string statName;
+      Corvax::Ref<StatInfo> info;
+   };
+
+   /// The stores' rows are held back for the length of a scope, and beyond it while the depot is
+   /// locked. End writes them and says what failed.
+   class Batch {
+   public:
+      explicit Batch(StatsDepotImpl& depot) : _depot(depot) { _depot.BeginBatch(); }
+      ~Batch();
+      Batch(const Batch&) = delete;
+      Batch& operator=(const Batch&) = delete;
+      void End();
+
+   private:
+      StatsDepotImpl& _depot;
+      bool _hasEnded = false;
+   };
+
    /// A run of coarse periods to be computed; each summarises the fine samples begin .. end and is
    /// stamped end.
    struct Periods {
@@ -139,6 +170,7 @@ private:
 
    void BeginBatch();
    void EndBatch();
+   void EndBatchOrLog();
    void AssertOpen() const;
    std::string GetDepotFileName() const { return _depotDir + _depotName + ".xml"; }
    std::string GetIdMapFileName() const { return _depotDir + _depotName + ".idMap"; }
@@ -154,24 +186,22 @@ private:
    bool GetStatInfo(StatId id, Corvax::Ref<StatInfo>& info) const;
    StatId GetStatId(const std::string& entityId, const std::string& statName,
                     RollupType rollup) const;
-   StatId AllocStatId(const std::string& entityId, const std::string& statName, StatType type,
-                      int scalingFactor, RollupType rollup);
-   StatId AllocSlot();
-   void AddNewIdMapping(const std::string& entityId, const std::string& statName, StatType type,
-                        int scalingFactor, RollupType rollup, StatId id);
+   StatId AllocStatId();
+   void AddNewIdMapping(const IdRecord& record);
    void LoadIdMapping();
    bool LoadIdRecord(const std::byte* record, StatId id);
    void DropStatsWithoutRawId();
    void DropStatOfLastRecord();
    bool AddIdMapping(const std::string& entityId, const std::string& statName, StatType type,
                      int scalingFactor, RollupType rollup, StatId id);
-   void PersistIdMappingAddition(const std::string& entityId, const std::string& statName,
-                                 StatType type, int scalingFactor, RollupType rollup, StatId id);
-   void PersistIdMappingRemoval(StatId id);
+   void PersistIdMappingAddition(const std::vector<IdRecord>& records);
+   static void EncodeRecord(const IdRecord& record, std::byte* out);
+   void PersistIdMappingRemoval(const std::vector<StatId>& ids);
    void SyncIdMap();
    void TryPersistRemoval(const StatInfo& info);
    void ForgetStat(const std::string& entityId, const std::string& statName, const StatInfo& info);
    void DeleteStatInt(const std::string& entityId, const std::string& statName);
+   void DeleteStats(const std::vector<StatName>& stats);
    void PurgeUnusedStats();
    TimeStamp GetLatestTimeStamp(StatInfo* info) const;
    TimeStamp GetEarliestTimeStamp() const;

@@ -2,6 +2,7 @@
 
 #include "corvax/exception.h"
 #include "metrix/littleEndian.h"
+#include "metrix/rowWindow.h"
 
 #include <algorithm>
 #include <cstring>
@@ -29,11 +30,6 @@ constexpr size_t kRecordSize = 524;
 
 // The file is read in pieces of this many records.
 constexpr size_t kRecordsAtOnce = 1024;
-
-// A gap is filled in pieces of this size, one a missing record and one more. They are shorter than
-// records on purpose: the record behind the gap is written at its own place, and what lies between
-// reads as zero bytes all the same.
-constexpr size_t kGapBlockSize = 512;
 
 std::string DecodeText(const std::byte* field)
 {
@@ -145,15 +141,19 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
    try {
       // The raw id is the first, but its record is written last: a stat whose creation was cut off
       // by the process's end has no raw series, and is given up when the depot is loaded.
-      const StatId rawId = AllocSlot();
+      const StatId rawId = AllocStatId();
+      const IdRecord raw = {&entityId, &statName, ROLLUP_NONE, type, scalingFactor, rawId};
       if (existed) {
-         PersistIdMappingAddition(entityId, statName, type, scalingFactor, ROLLUP_NONE, rawId);
+         PersistIdMappingAddition({raw});
       }
-      AddNewIdMapping(entityId, statName, type, scalingFactor, ROLLUP_NONE, rawId);
+      AddNewIdMapping(raw);
+      std::vector<IdRecord> records;
       for (const RollupType rollup : rollups) {
-         AllocStatId(entityId, statName, type, scalingFactor, rollup);
+         records.push_back({&entityId, &statName, rollup, type, scalingFactor, AllocStatId()});
+         AddNewIdMapping(records.back());
       }
-      PersistIdMappingAddition(entityId, statName, type, scalingFactor, ROLLUP_NONE, rawId);
+      PersistIdMappingAddition(records);
+      PersistIdMappingAddition({raw});
    } catch (const Corvax::Exception&) {
       // A stat with a part of its rollups would never get the rest, for it exists.
       if (!existed && GetStatInfo(entityId, statName, info)) {
@@ -169,26 +169,17 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
 void StatsDepotImpl::TryPersistRemoval(const StatInfo& info)
 {
    try {
-      for (const StatId id : info._statIds) {
-         PersistIdMappingRemoval(id);
-      }
+      std::vector<StatId> ids = info._statIds;
+      std::ranges::sort(ids);
+      PersistIdMappingRemoval(ids);
    } catch (const Corvax::Exception& e) {
       _logger->Log(kLogWarning, "Records of a stat that could not be created stay: %1",
                    e.GetMessage());
    }
 }
 
-StatId StatsDepotImpl::AllocStatId(const std::string& entityId, const std::string& statName,
-                                   StatType type, int scalingFactor, RollupType rollup)
-{
-   const StatId id = AllocSlot();
-   PersistIdMappingAddition(entityId, statName, type, scalingFactor, rollup, id);
-   AddNewIdMapping(entityId, statName, type, scalingFactor, rollup, id);
-   return id;
-}
-
 /// The lowest free slot, with no row of it in use anywhere; it is marked used by AddIdMapping.
-StatId StatsDepotImpl::AllocSlot()
+StatId StatsDepotImpl::AllocStatId()
 {
    const auto id = static_cast<StatId>(_slotUsageMap->FindFirstFreeSlot());
    // A row that a crash left behind must not show its samples under the new name: it is freed in the
@@ -204,10 +195,10 @@ StatId StatsDepotImpl::AllocSlot()
    return id;
 }
 
-void StatsDepotImpl::AddNewIdMapping(const std::string& entityId, const std::string& statName,
-                                     StatType type, int scalingFactor, RollupType rollup, StatId id)
+void StatsDepotImpl::AddNewIdMapping(const IdRecord& record)
 {
-   Assert(AddIdMapping(entityId, statName, type, scalingFactor, rollup, id),
+   Assert(AddIdMapping(*record.entityId, *record.statName, record.type, record.scalingFactor,
+                       record.rollup, record.id),
           "a stat has each rollup once");
 }
 
@@ -231,34 +222,44 @@ bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string
    return true;
 }
 
-void StatsDepotImpl::PersistIdMappingAddition(const std::string& entityId,
-                                              const std::string& statName, StatType type,
-                                              int scalingFactor, RollupType rollup, StatId id)
+/// Writes neighbouring records at once. Records between the file's end and the first of them come
+/// into being as zero bytes, which is free.
+void StatsDepotImpl::PersistIdMappingAddition(const std::vector<IdRecord>& records)
 {
-   Assert(entityId.size() < kTextFieldSize, "an entity id has at most 255 characters");
-   Assert(statName.size() < kTextFieldSize, "a stat name has at most 255 characters");
-   const StatId records = _idMapFileHandle->GetSize() / kRecordSize;
-   if (id > records) {
-      const std::vector<std::byte> gap((id - records + 1) * kGapBlockSize);
-      _idMapFileHandle->Seek(records * kRecordSize);
-      _idMapFileHandle->WriteAll(gap.data(), gap.size());
+   std::vector<std::byte> bytes;
+   for (size_t i = 0; i < records.size(); ++i) {
+      const IdRecord& record = records[i];
+      Assert(record.entityId->size() < kTextFieldSize, "an entity id has at most 255 characters");
+      Assert(record.statName->size() < kTextFieldSize, "a stat name has at most 255 characters");
+      bytes.resize(bytes.size() + kRecordSize);
+      EncodeRecord(record, &bytes[bytes.size() - kRecordSize]);
+      if (i + 1 == records.size() || records[i + 1].id != record.id + 1) {
+         _idMapFileHandle->Seek((record.id + 1) * kRecordSize - bytes.size());
+         _idMapFileHandle->WriteAll(bytes.data(), bytes.size());
+         bytes.clear();
+      }
    }
-   std::byte record[kRecordSize] = {};
-   EncodeText(entityId, &record[kEntityPos]);
-   EncodeText(statName, &record[kStatNamePos]);
-   EncodeNumber(rollup, &record[kRollupPos]);
-   EncodeNumber(type, &record[kStatTypePos]);
-   EncodeNumber(scalingFactor, &record[kScalingFactorPos]);
-   _idMapFileHandle->Seek(id * kRecordSize);
-   _idMapFileHandle->WriteAll(record, kRecordSize);
 }
 
-/// Clears the entity field alone, which frees the record.
-void StatsDepotImpl::PersistIdMappingRemoval(StatId id)
+void StatsDepotImpl::EncodeRecord(const IdRecord& record, std::byte* out)
 {
-   const std::byte zeroes[kTextFieldSize] = {};
-   _idMapFileHandle->Seek(id * kRecordSize + kEntityPos);
-   _idMapFileHandle->WriteAll(zeroes, sizeof zeroes);
+   EncodeText(*record.entityId, out + kEntityPos);
+   EncodeText(*record.statName, out + kStatNamePos);
+   EncodeNumber(record.rollup, out + kRollupPos);
+   EncodeNumber(record.type, out + kStatTypePos);
+   EncodeNumber(record.scalingFactor, out + kScalingFactorPos);
+}
+
+/// Clears the entity fields alone, which frees the records. The ids ascend.
+void StatsDepotImpl::PersistIdMappingRemoval(const std::vector<StatId>& ids)
+{
+   RowWindow records(_idMapFileHandle, 0, kRecordSize);
+   records.BeginBatch();
+   for (const StatId id : ids) {
+      std::memset(records.Get(id) + kEntityPos, 0, kTextFieldSize);
+      records.Put(id);
+   }
+   records.EndBatch();
 }
 
 void StatsDepotImpl::SyncIdMap()
@@ -375,19 +376,41 @@ void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& 
 
 void StatsDepotImpl::DeleteStatInt(const std::string& entityId, const std::string& statName)
 {
-   Corvax::Ref<StatInfo> info; // holds the stat until its rows are freed
-   if (!GetStatInfo(entityId, statName, info)) {
-      return;
+   Corvax::Ref<StatInfo> info;
+   if (GetStatInfo(entityId, statName, info)) {
+      DeleteStats({{entityId, statName, info}});
    }
-   for (const StatId id : info->_statIds) {
-      PersistIdMappingRemoval(id);
+}
+
+/// Walks files in the order of ids, so that neighbouring records and rows go at once.
+void StatsDepotImpl::DeleteStats(const std::vector<StatName>& stats)
+{
+   std::vector<StatId> rawIds;
+   std::vector<StatId> rollupIds;
+   for (const StatName& stat : stats) {
+      for (size_t i = 0; i < stat.info->_statIds.size(); ++i) {
+         const bool isRaw = stat.info->_rollupTypes[i] == ROLLUP_NONE;
+         (isRaw ? rawIds : rollupIds).push_back(stat.info->_statIds[i]);
+      }
    }
-   ForgetStat(entityId, statName, *info);
+   std::ranges::sort(rawIds);
+   std::ranges::sort(rollupIds);
+   // A stat that is left without its raw record is given up when the depot is loaded; one without
+   // its rollups' records would live on without them.
+   PersistIdMappingRemoval(rawIds);
+   PersistIdMappingRemoval(rollupIds);
+   for (const StatName& stat : stats) {
+      ForgetStat(stat.entityId, stat.statName, *stat.info);
+   }
+   rawIds.insert(rawIds.end(), rollupIds.begin(), rollupIds.end());
+   std::ranges::sort(rawIds);
+   Batch batch(*this);
    for (const auto& interval : *_intervalTable) {
-      for (const StatId id : info->_statIds) {
+      for (const StatId id : rawIds) {
          interval->GetStore().DeleteStat(id);
       }
    }
+   batch.End();
 }
 
 void StatsDepotImpl::DeleteStat(const std::string& entityId, const std::string& statName)
@@ -404,11 +427,11 @@ void StatsDepotImpl::DeleteEntityStats(const std::string& entityId)
    if (entity == _entityMap.end()) {
       return;
    }
-   const std::string entityCopy = entityId; // the caller's may be the key that goes
-   for (size_t left = entity->second->size(); left > 0; --left) {
-      const std::string statName = _entityMap.at(entityCopy)->begin()->first;
-      DeleteStatInt(entityCopy, statName);
+   std::vector<StatName> stats;
+   for (const auto& [statName, info] : *entity->second) {
+      stats.push_back({entityId, statName, info});
    }
+   DeleteStats(stats);
    SyncIdMap();
 }
 
@@ -429,12 +452,12 @@ void StatsDepotImpl::PurgeUnusedStats()
    if (earliest == kUnset) {
       return;
    }
-   std::vector<std::pair<std::string, std::string>> selected;
+   std::vector<StatName> selected;
    const auto limit = static_cast<size_t>(std::max(_maxStatsPurged, 0));
    for (const auto& [entityId, stats] : _entityMap) {
       for (const auto& [statName, info] : *stats) {
          if (selected.size() < limit && GetLatestTimeStamp(info.Get()) < earliest) {
-            selected.emplace_back(entityId, statName);
+            selected.push_back({entityId, statName, info});
          }
       }
    }
@@ -442,9 +465,7 @@ void StatsDepotImpl::PurgeUnusedStats()
       return;
    }
    _logger->Log(kLogInfo, "Purging %1 stats", selected.size());
-   for (const auto& [entityId, statName] : selected) {
-      DeleteStatInt(entityId, statName);
-   }
+   DeleteStats(selected);
    SyncIdMap();
    _logger->Log(kLogInfo, "Purge done");
 }
