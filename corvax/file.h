@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 
 namespace Corvax {
@@ -20,6 +21,13 @@ enum FileAccess : uint32_t {
 enum class FileCreation {
    OPEN_EXISTING, ///< the file must exist; its content stays
    CREATE_ALWAYS, ///< the file is created, or emptied when it exists
+};
+
+/// Bytes with the place in a file where they go.
+struct FilePiece {
+   uint64_t offset = 0;
+   const void* bytes = nullptr;
+   size_t sizeBytes = 0;
 };
 
 /// An open file with a position of its own.
@@ -47,6 +55,11 @@ public:
    /// Returns the bytes written: fewer than asked when the device took no more after a part; when
    /// it took nothing at all, that is an exception.
    virtual size_t Write(const void* buffer, size_t sizeBytes) = 0;
+
+   /// Writes all pieces, in their order, and leaves the position anywhere; many of them cost one
+   /// system call where the platform can do that. When one cannot be written whole, that is an
+   /// exception, and whether those behind it are written is open.
+   virtual void WritePieces(std::span<const FilePiece> pieces);
 
    /// Brings everything written to the disk.
    virtual void Flush() = 0;

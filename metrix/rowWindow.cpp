@@ -1,10 +1,12 @@
 #include "metrix/rowWindow.h"
 
 #include "corvax/exception.h"
+#include "metrix/littleEndian.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace Metrix {
 
@@ -24,6 +26,8 @@ constexpr size_t kLargestRowInRunBytes = 4096;
 constexpr uint64_t kLongestStep = 16;
 
 constexpr uint64_t kGrowth = 4;
+
+constexpr size_t kMostPieces = 512;
 
 } // namespace
 
@@ -62,6 +66,35 @@ void RowWindow::Put(uint64_t row)
    }
 }
 
+void RowWindow::SetPiece(uint64_t row, size_t pos, uint64_t value)
+{
+   if (Holds(row)) {
+      WriteBack();
+      _count = 0; // it is not what the file will have
+   }
+   Piece& piece = _pieces.emplace_back();
+   piece.offset = _firstRowPos + row * _rowSize + pos;
+   Encode(value, piece.bytes.data());
+   if (_pieces.size() >= kMostPieces) {
+      WritePieces();
+   }
+}
+
+void RowWindow::WritePieces()
+{
+   if (_pieces.empty()) {
+      return;
+   }
+   const std::vector<Piece> pieces = std::exchange(_pieces, {});
+   std::vector<Corvax::FilePiece> writes;
+   writes.reserve(pieces.size());
+   for (const Piece& piece : pieces) {
+      writes.push_back({piece.offset, piece.bytes.data(), piece.bytes.size()});
+   }
+   _file->WritePieces(writes);
+   _pieces.reserve(kMostPieces);
+}
+
 void RowWindow::MoveTo(uint64_t row)
 {
    WriteBack();
@@ -84,6 +117,7 @@ uint64_t RowWindow::ChooseRunLength(uint64_t row) const
 
 void RowWindow::WriteBack()
 {
+   WritePieces();
    if (_putFirst == _putEnd) {
       return;
    }

@@ -2,9 +2,11 @@
 
 #include "corvax/file.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace Metrix {
 
@@ -15,6 +17,9 @@ namespace Metrix {
 /// forward through the rows reads ever longer runs of them at once, and rows put down stay in the
 /// window until it moves on or the batch ends: two system calls a run instead of two a row. Rows
 /// between those that were put down are written as they were read.
+///
+/// Long rows are not worth copying for the few bytes that a sample is: within a batch such bytes can
+/// be put down by themselves, and go out many at a time.
 ///
 /// A row that the file does not have, or not whole, reads as zero bytes.
 /// Errors: PlatformException where the file system fails, AssertionException when it took only a
@@ -35,11 +40,23 @@ public:
    /// Puts down the row that Get gave last, as it is now.
    void Put(uint64_t row);
 
+   /// Whether rows are long and this is a batch, so that SetPiece saves copying them.
+   bool TakesPieces() const { return _isBatch && _longestRun == 1; }
+
+   /// Puts down eight bytes of a row that the file has, at their place within the row. In a batch.
+   void SetPiece(uint64_t row, size_t pos, uint64_t value);
+
 private:
+   struct Piece {
+      uint64_t offset;
+      std::array<std::byte, 8> bytes;
+   };
+
    bool Holds(uint64_t row) const { return row >= _first && row - _first < _count; }
    void MoveTo(uint64_t row);
    uint64_t ChooseRunLength(uint64_t row) const;
    void WriteBack();
+   void WritePieces();
    std::byte* At(uint64_t row) { return &_bytes[(row - _first) * _rowSize]; }
 
    const Corvax::Ref<Corvax::FileHandle> _file;
@@ -50,8 +67,9 @@ private:
    bool _isBatch = false;
    uint64_t _first = 0; // of the rows in the window
    uint64_t _count = 0;
-   uint64_t _putFirst = 0; // of the rows held back
-   uint64_t _putEnd = 0;   // behind the last; the same as the first when none are
+   uint64_t _putFirst = 0;     // of the rows held back
+   uint64_t _putEnd = 0;       // behind the last; the same as the first when none are
+   std::vector<Piece> _pieces; // held back, in the order in which they were put down
 };
 
 } // namespace Metrix

@@ -52,9 +52,9 @@ public:
       }
    }
 
-private:
    static size_t SamplePos(uint32_t column) { return kRowSamplesPos + column * kSampleSize; }
 
+private:
    std::byte* const _bytes;
 };
 
@@ -93,6 +93,8 @@ private:
    std::optional<StatVector> GetStatVector(StatId statId);
    StatVector AllocStatVector(StatId statId);
    void WriteStatVector(StatId statId);
+   bool PutSampleAlone(StatId statId, int32_t column, TimeStamp ts, StatVal value);
+   void RememberStamp(StatId statId, TimeStamp ts);
 
    int32_t NextColumn(int32_t column) const;
    template <class Matches>
@@ -116,7 +118,8 @@ private:
    uint64_t _statVectorPos = 0;        ///< file offset of row 0
    size_t _rowSize = 0;
    std::unique_ptr<RowWindow> _rows;
-   int32_t _earliestTsCol = -1; ///< -1: no column is in use
+   std::vector<TimeStamp> _rowStamps; ///< of rows in the file, by id; unset: not known, or free
+   int32_t _earliestTsCol = -1;       ///< -1: no column is in use
    int32_t _latestTsCol = -1;
    bool _stampsAscend = true; ///< from the earliest column to the latest; not so in a damaged file
    const Corvax::Ref<Corvax::Logger> _logger;
@@ -401,12 +404,43 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
       throw Corvax::InvalidArgumentException();
    }
    const int32_t column = ChooseColumn(ts);
+   if (PutSampleAlone(statId, column, ts, value)) {
+      return;
+   }
    std::optional<StatVector> known = GetStatVector(statId);
    StatVector row = known ? *known : AllocStatVector(statId);
    InvalidateGap(row, column);
    row.SetSample(static_cast<uint32_t>(column), value);
    row.SetTimeStamp(ts);
    WriteStatVector(statId);
+   RememberStamp(statId, ts);
+}
+
+/// A long row whose stamp is known and which has nothing to wipe need not be read for a sample. The
+/// sample goes first: without the stamp it is not seen, while a stamp alone would show what the
+/// column held a round ago.
+bool StatsStoreImpl::PutSampleAlone(StatId statId, int32_t column, TimeStamp ts, StatVal value)
+{
+   if (!_rows->TakesPieces() || statId >= _rowStamps.size()) {
+      return false;
+   }
+   const TimeStamp previous =
+      StampOf(column == 0 ? static_cast<int32_t>(_numSamples) - 1 : column - 1);
+   if (_rowStamps[statId] == kUnset || _rowStamps[statId] != previous) {
+      return false;
+   }
+   _rows->SetPiece(statId, StatVector::SamplePos(static_cast<uint32_t>(column)), value);
+   _rows->SetPiece(statId, kRowTimeStampPos, ts);
+   _rowStamps[statId] = ts;
+   return true;
+}
+
+void StatsStoreImpl::RememberStamp(StatId statId, TimeStamp ts)
+{
+   if (statId >= _rowStamps.size()) {
+      _rowStamps.resize(_numStats, kUnset);
+   }
+   _rowStamps[statId] = ts;
 }
 
 StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
@@ -470,6 +504,7 @@ bool StatsStoreImpl::DeleteStat(StatId statId)
    if (std::optional<StatVector> row = GetStatVector(statId)) {
       row->SetFree();
       WriteStatVector(statId);
+      RememberStamp(statId, kUnset);
    }
    return true;
 }

@@ -1,0 +1,247 @@
+#include "bench/agentProcess.h"
+#include "bench/filledDepot.h"
+#include "bench/keepAliveClient.h"
+#include "bench/meters.h"
+#include "bench/resultLines.h"
+#include "bench/workload.h"
+#include "corvax/exception.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+#include <random>
+#include <string_view>
+#include <thread>
+
+/// What is measured of the agent as a process, on its simulated host.
+namespace Bench {
+
+namespace {
+
+constexpr unsigned kRepetitions = 5;
+constexpr unsigned kRequests = 2000;
+constexpr unsigned kClients = 8;
+constexpr size_t kFewestSamples = kFineSamples - 1; // of an hour, before the newest run has come
+constexpr int kSettleSec = 3;                       // after a run
+constexpr unsigned kIdleSec = 12;                   // that and kSettleSec lie within an interval
+constexpr unsigned kCountedRuns = 12;
+
+void SleepSeconds(double seconds)
+{
+   std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+}
+
+/// Sleeps until the next collection has ended for certain.
+void WaitForNextRun()
+{
+   SleepSeconds(
+      static_cast<double>(kFinePeriodSec - std::time(nullptr) % kFinePeriodSec + kSettleSec));
+}
+
+std::string PercentEncode(const std::string& text)
+{
+   std::string encoded;
+   for (const char c : text) {
+      char code[4];
+      std::snprintf(code, sizeof code, "%%%02X", static_cast<unsigned char>(c));
+      encoded += code;
+   }
+   return encoded;
+}
+
+/// Requests for the last hour of random stats.
+std::vector<std::string> MakeRequests(const StatPlan& plan)
+{
+   const Metrix::StatsMetadata metadata;
+   std::mt19937 random; // the same requests every time
+   std::vector<std::string> requests;
+   for (unsigned i = 0; i < kRequests; ++i) {
+      const PlannedStat& stat = plan[random() % plan.size()];
+      const int32_t counterId = metadata.GetStatsDepotData(stat.statName)->GetId();
+      const std::string instance = Metrix::StatsMetadata::GetInstanceId(stat.statName);
+      requests.push_back(KeepAliveClient::FormatRequest(
+         "/api/v1/query?startTime=-1h&intervalId=" + std::to_string(kFinePeriodSec) +
+         "&entity=" + PercentEncode(stat.entityId) + "&metric=" +
+         PercentEncode(std::to_string(counterId) + (instance.empty() ? "" : ":" + instance))));
+   }
+   return requests;
+}
+
+void CheckAnswer(const std::string& body)
+{
+   const std::string kValue = "\"timestamp\"";
+   size_t samples = 0;
+   for (size_t at = body.find(kValue); at != body.npos; at = body.find(kValue, at + 1)) {
+      ++samples;
+   }
+   if (samples < kFewestSamples) {
+      throw Corvax::Exception("The agent's answer is short of samples: " + body);
+   }
+}
+
+class AgentBench {
+public:
+   explicit AgentBench(const std::string& program)
+      : _program(program), _host(CaptureHost(kStats)), _plan(WithThreeRollups(_host.plan)),
+        _requests(MakeRequests(_plan)), _repetitions(GetSettings().isQuick ? 1 : kRepetitions)
+   {
+      const std::string stats = _full.GetPath() + "stats/";
+      Corvax::System::GetFactory().CreateDirectory(stats);
+      MakeFilledDepot(stats, _plan, static_cast<Metrix::TimeStamp>(std::time(nullptr)));
+   }
+
+   void Run()
+   {
+      MeasureStart();
+      {
+         AgentProcess agent(_program, _full.GetPath(), Arguments(kFinePeriodSec));
+         const int port = agent.WaitForPort();
+         WaitForNextRun();
+         MeasureMemory(agent);
+         MeasureIdle(agent);
+         MeasureOneClient(port);
+         MeasureClients(port);
+      }
+      CountCalls();
+      _lines.Print(std::cout);
+   }
+
+private:
+   std::vector<std::string> Arguments(int intervalSec) const
+   {
+      return {"--backend",   "simulated",  "--sim",
+              _host.options, "--interval", std::to_string(intervalSec)};
+   }
+
+   /// From the process's start to its first answer, files in the page cache.
+   void MeasureStart()
+   {
+      for (unsigned i = 0; i < _repetitions; ++i) {
+         const double startUs = GetWallUs();
+         AgentProcess agent(_program, _full.GetPath(), Arguments(kFinePeriodSec));
+         KeepAliveClient client(agent.WaitForPort());
+         const std::string& body = client.Send(_requests[i]);
+         _lines.Add("start", kOurs, "ms", (GetWallUs() - startUs) / 1e3);
+         CheckAnswer(body);
+      }
+   }
+
+   /// Against an agent on the same host that has not collected anything yet.
+   void MeasureMemory(const AgentProcess& full)
+   {
+      const ScratchDirectory scratch;
+      AgentProcess empty(_program, scratch.GetPath(), Arguments(kCoarsePeriodSec));
+      empty.WaitForPort();
+      _lines.Add("resident-more-mib", kOurs, "MiB", full.GetResidentMib() - empty.GetResidentMib());
+      _lines.Add("resident-mib", kOurs, "MiB", full.GetResidentMib());
+   }
+
+   void MeasureIdle(const AgentProcess& agent)
+   {
+      const unsigned seconds = Scaled(kIdleSec);
+      const double beforeUs = agent.GetCpuUs();
+      SleepSeconds(seconds);
+      _lines.Add("idle-ms-per-s", kOurs, "ms/s", (agent.GetCpuUs() - beforeUs) / 1e3 / seconds);
+   }
+
+   void MeasureOneClient(int port)
+   {
+      KeepAliveClient client(port);
+      CheckAnswer(client.Send(_requests[0]));
+      for (unsigned i = 0; i < _repetitions; ++i) {
+         std::vector<double> times;
+         for (const std::string& request : _requests) {
+            const double startUs = GetWallUs();
+            client.Send(request);
+            times.push_back(GetWallUs() - startUs);
+         }
+         _lines.Add("http-1", kOurs, "us", GetPercentile(times, 0.5));
+         _lines.Add("http-1-p99", kOurs, "us", GetPercentile(times, 0.99));
+      }
+   }
+
+   void MeasureClients(int port)
+   {
+      for (unsigned i = 0; i < _repetitions; ++i) {
+         const double startUs = GetWallUs();
+         std::atomic<unsigned> failures = 0;
+         std::vector<std::jthread> clients;
+         for (unsigned k = 0; k < kClients; ++k) {
+            clients.emplace_back([&, k] { failures += !SendAll(port, k); });
+         }
+         clients.clear();
+         if (failures > 0) {
+            throw Corvax::Exception("Not all requests of 8 clients were answered");
+         }
+         _lines.Add("http-8", kOurs, "1/s", kClients * kRequests / ((GetWallUs() - startUs) / 1e6));
+      }
+   }
+
+   /// All requests on a connection of its own, from another one on for each client.
+   bool SendAll(int port, unsigned number) const
+   {
+      try {
+         KeepAliveClient client(port);
+         for (unsigned i = 0; i < kRequests; ++i) {
+            client.Send(_requests[(i + number * kRequests / kClients) % kRequests]);
+         }
+         return true;
+      } catch (const Corvax::Exception& failure) {
+         std::cerr << "agentBench: " << failure.what() << '\n';
+         return false;
+      }
+   }
+
+   /// Of runs a second apart, none of which rolls up.
+   void CountCalls()
+   {
+      const ScratchDirectory scratch;
+      AgentProcess agent(_program, scratch.GetPath(), Arguments(1));
+      agent.WaitForPort();
+      SleepSeconds(kSettleSec);
+      const unsigned runs = Scaled(kCountedRuns);
+      const IoCounts before = IoCounts::Read(agent.GetId());
+      SleepSeconds(runs);
+      const IoCounts counts = IoCounts::Read(agent.GetId()) - before;
+      _lines.Add("agent-calls", kOurs, "calls", counts.calls / runs);
+   }
+
+   const std::string _program;
+   const CapturedHost _host;
+   const StatPlan _plan;
+   const std::vector<std::string> _requests;
+   const unsigned _repetitions;
+   const ScratchDirectory _full;
+   ResultLines _lines;
+};
+
+int Main(int argc, char** argv)
+{
+   if (argc < 3) {
+      std::fprintf(stderr, "usage: agentBench AGENTD DIRECTORY [--quick]\n");
+      return 2;
+   }
+   GetSettings().directory = argv[2] + std::string("/");
+   GetSettings().isQuick = argc > 3 && std::string_view(argv[3]) == "--quick";
+   try {
+      AgentBench(argv[1]).Run();
+      return EXIT_SUCCESS;
+   } catch (const std::exception& failure) {
+      std::cerr << "agentBench: " << failure.what() << '\n';
+      return EXIT_FAILURE;
+   }
+}
+
+} // namespace
+
+} // namespace Bench
+
+int main(int argc, char** argv)
+{
+   return Bench::Main(argc, argv);
+}

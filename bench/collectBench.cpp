@@ -1,0 +1,95 @@
+#include "bench/measurement.h"
+#include "bench/meters.h"
+#include "bench/resultLines.h"
+#include "bench/workload.h"
+#include "linuxHost/linuxHostProvider.h"
+
+#include <memory>
+
+namespace Bench {
+
+namespace {
+
+constexpr unsigned kRuns = 3 * kPassesPerRollup;
+constexpr unsigned kHostPasses = 200;
+
+/// Whole runs of the collector: collect, name, buffer, flush.
+void WholeRun(Measurement& measurement)
+{
+   const QuietAgent agent;
+   SimulatedCollection collection(kSimulatedHost, agent.GetLogger());
+   for (unsigned i = 0; i <= 2 * kPassesPerRollup; ++i) {
+      collection.Run();
+   }
+   collection.TakeLongestHoldUs();
+   const IoCounts before = IoCounts::Read("self");
+   CpuMeter meter;
+   double longestUs = 0;
+   double longestRollupUs = 0;
+   for (unsigned i = 1; i <= kRuns; ++i) {
+      meter.Start();
+      collection.Run();
+      meter.Stop();
+      double& longest = i % kPassesPerRollup == 0 ? longestRollupUs : longestUs;
+      longest = std::max(longest, collection.TakeLongestHoldUs());
+   }
+   const IoCounts io = IoCounts::Read("self") - before;
+   const auto samples = static_cast<double>(collection.GetPlan().size());
+   measurement.Report("run", "us", meter.GetTotalUs() / (kRuns * samples));
+   measurement.Report("run-samples", "samples", samples);
+   measurement.Report("run-calls", "calls", io.calls / kRuns);
+   measurement.Report("run-bytes", "bytes", io.bytes / (kRuns * samples));
+   measurement.Report("hold", "ms", longestUs / 1e3);
+   measurement.Report("hold-rollup", "ms", longestRollupUs / 1e3);
+}
+
+template <class T>
+std::unique_ptr<T> Own(T* object)
+{
+   return std::unique_ptr<T>(object);
+}
+
+/// Everything that a run asks of the host itself.
+void ReadHost(HostCtl::HostProvider& provider)
+{
+   const auto host = Own(provider.GetHost());
+   const auto resources = Own(host->GetResourceInfo());
+   resources->GetCpuStats();
+   resources->GetUptimeUs();
+   resources->GetCapacity();
+   resources->GetMemoryStats();
+   Own(Own(resources->GetRootGroup())->GetCpuLoadHistory());
+   const auto storage = Own(host->GetStorageInfo());
+   for (HostCtl::Storage::DiskLun* const disk : storage->GetDiskLuns()) {
+      Own(disk)->GetStatistics();
+   }
+   const auto network = Own(host->GetNetworkInfo());
+   for (HostCtl::Network::PhysicalNic* const nic : network->GetPhysicalNics()) {
+      if (const auto port = Own(Own(nic)->GetUplinkPort())) {
+         port->GetStatistics();
+      }
+   }
+}
+
+void HostPass(Measurement& measurement)
+{
+   const QuietAgent agent;
+   const auto provider = LinuxHost::NewLinuxHostProvider({}, nullptr, agent.GetLogger());
+   ReadHost(*provider); // opens the files
+   CpuMeter meter;
+   meter.Start();
+   for (unsigned i = 0; i < kHostPasses; ++i) {
+      ReadHost(*provider);
+   }
+   meter.Stop();
+   measurement.Report("host-pass", "us", meter.GetTotalUs() / kHostPasses);
+}
+
+const Registration kRegistrations[] = {
+   {"run", kOurs, WholeRun},
+   {"host-pass", kOurs, HostPass},
+};
+
+} // namespace
+
+} // namespace Bench

@@ -1,0 +1,96 @@
+#include "bench/floors.h"
+
+#include "bench/workload.h"
+#include "corvax/exception.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Bench {
+
+namespace {
+
+// A row: a 4-byte flag, an 8-byte stamp and an 8-byte number a column (docs/formats/store.md).
+constexpr size_t kStampOffset = 4;
+constexpr size_t kRowBytes = 12 + 8 * kFineSamples;
+constexpr size_t kRowsPerBlock = 64;
+
+void Check(bool isDone, const char* operation)
+{
+   if (!isDone) {
+      throw Corvax::Exception(std::string("The floor's file: cannot ") + operation);
+   }
+}
+
+/// The three stores of a sample.
+void PutSample(std::byte* row, uint64_t value)
+{
+   const uint32_t used = 1;
+   const size_t column = value % kFineSamples;
+   std::memcpy(row, &used, sizeof used);
+   std::memcpy(row + kStampOffset, &value, sizeof value);
+   std::memcpy(row + 12 + 8 * column, &value, sizeof value);
+}
+
+} // namespace
+
+FloorFile::FloorFile(const std::string& directory, size_t rows)
+   : _rows(rows),
+     _file(::open((directory + "floor").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)),
+     _mapping(nullptr), _buffer(kRowsPerBlock * kRowBytes)
+{
+   Check(_file >= 0, "create it");
+   for (size_t row = 0; row < rows; ++row) {
+      Check(::write(_file, _buffer.data(), kRowBytes) == static_cast<ssize_t>(kRowBytes),
+            "fill it");
+   }
+   void* const mapping =
+      ::mmap(nullptr, rows * kRowBytes, PROT_READ | PROT_WRITE, MAP_SHARED, _file, 0);
+   Check(mapping != MAP_FAILED, "map it");
+   _mapping = static_cast<std::byte*>(mapping);
+}
+
+FloorFile::~FloorFile()
+{
+   ::munmap(_mapping, _rows * kRowBytes);
+   ::close(_file);
+}
+
+void FloorFile::PassByRow(uint64_t value)
+{
+   PassByRuns(1, value);
+}
+
+void FloorFile::PassByBlock(uint64_t value)
+{
+   PassByRuns(kRowsPerBlock, value);
+}
+
+void FloorFile::PassByRuns(size_t rowsPerRun, uint64_t value)
+{
+   for (size_t first = 0; first < _rows; first += rowsPerRun) {
+      const size_t rows = std::min(rowsPerRun, _rows - first);
+      const size_t sizeBytes = rows * kRowBytes;
+      const auto offset = static_cast<off_t>(first * kRowBytes);
+      Check(::pread(_file, _buffer.data(), sizeBytes, offset) == static_cast<ssize_t>(sizeBytes),
+            "read it");
+      for (size_t row = 0; row < rows; ++row) {
+         PutSample(_buffer.data() + row * kRowBytes, value);
+      }
+      Check(::pwrite(_file, _buffer.data(), sizeBytes, offset) == static_cast<ssize_t>(sizeBytes),
+            "write it");
+   }
+}
+
+void FloorFile::PassByMapping(uint64_t value)
+{
+   for (size_t row = 0; row < _rows; ++row) {
+      PutSample(_mapping + row * kRowBytes, value);
+   }
+}
+
+} // namespace Bench

@@ -1,0 +1,159 @@
+#include "bench/filledDepot.h"
+#include "bench/measurement.h"
+#include "bench/meters.h"
+#include "bench/resultLines.h"
+#include "bench/workload.h"
+#include "corvax/exception.h"
+#include "metrix/performanceManagerImpl.h"
+#include "quen/inventory.h"
+
+#include <random>
+
+namespace Bench {
+
+namespace {
+
+using Corvax::DateTime;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using Metrix::TimeStamp;
+using Quen::PerformanceManager;
+using Specs = Plexa::DataArray<PerformanceManager::QuerySpec>;
+using Results = Plexa::DataArray<PerformanceManager::EntityMetricBase>;
+
+constexpr unsigned kQueries = 4000;
+constexpr unsigned kWarmUp = 200;
+constexpr size_t kStatsOfEntity = 50;
+constexpr char kEntityOf50[] = "vm-of-50";
+
+/// 10,000 stats, the last 50 of them of one virtual machine.
+StatPlan PlanWithEntityOf50()
+{
+   StatPlan plan = CapturePlan(kStats);
+   for (size_t i = 0; i < kStatsOfEntity; ++i) {
+      PlannedStat& stat = plan[plan.size() - kStatsOfEntity + i];
+      stat.entityId = kEntityOf50;
+      stat.statName = stat.statName.substr(0, stat.statName.find('#')) + "#" + std::to_string(i);
+   }
+   return plan;
+}
+
+/// The performance manager over a depot whose series are full.
+class Queries {
+public:
+   Queries() : _plan(PlanWithEntityOf50())
+   {
+      MakeFilledDepot(_scratch.GetPath(), _plan, kFirstPass);
+      _agent.emplace();
+      _agent->GetConfig().Set("plugins/metrix/depotDir", _scratch.GetPath());
+      _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent->GetLogger());
+   }
+
+   /// Microseconds of so many queries, each of one series of a random stat, all its
+   /// samples of an interval.
+   std::vector<double> AskForSeries(int periodSec, unsigned samples)
+   {
+      std::vector<Ref<Specs>> queries;
+      for (unsigned i = 0; i < kWarmUp + Scaled(kQueries); ++i) {
+         queries.push_back(MakeRef<Specs>());
+         queries.back()->Append(SpecOf(_plan[_random() % _plan.size()], periodSec, samples));
+      }
+      return Ask(queries, 1, samples);
+   }
+
+   /// The same for all stats of the entity that has 50, an hour of each.
+   std::vector<double> AskForEntity()
+   {
+      auto spec = NewSpec(kEntityOf50, kFinePeriodSec, kFineSamples);
+      std::vector<Ref<Specs>> queries;
+      for (unsigned i = 0; i < kWarmUp + Scaled(kQueries) / 10; ++i) {
+         queries.push_back(MakeRef<Specs>());
+         queries.back()->Append(spec);
+      }
+      return Ask(queries, kStatsOfEntity, kFineSamples);
+   }
+
+private:
+   static Ref<PerformanceManager::QuerySpec> NewSpec(const std::string& entityId, int periodSec,
+                                                     unsigned samples)
+   {
+      const auto spanSec = static_cast<int64_t>(periodSec) * samples;
+      auto spec = MakeRef<PerformanceManager::QuerySpec>();
+      spec->entity = MakeRef<Plexa::MoRef>(Quen::VirtualMachine::GetManagedType(), entityId);
+      spec->intervalId = periodSec;
+      spec->startTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstPass) - spanSec);
+      spec->endTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstPass));
+      return spec;
+   }
+
+   Ref<PerformanceManager::QuerySpec> SpecOf(const PlannedStat& stat, int periodSec,
+                                             unsigned samples) const
+   {
+      // A counter of its own stands for each rollup; real-time series are the raw values.
+      const auto* const data = _metadata.GetStatsDepotData(stat.statName);
+      const int32_t counterId =
+         periodSec == kFinePeriodSec ? data->GetId() : data->GetCounterIds().front();
+      auto spec = NewSpec(stat.entityId, periodSec, samples);
+      spec->metricId = MakeRef<Plexa::DataArray<PerformanceManager::MetricId>>();
+      spec->metricId->Append(MakeRef<PerformanceManager::MetricId>(
+         counterId, Metrix::StatsMetadata::GetInstanceId(stat.statName)));
+      return spec;
+   }
+
+   std::vector<double> Ask(const std::vector<Ref<Specs>>& queries, size_t series, size_t samples)
+   {
+      std::vector<double> times;
+      for (const Ref<Specs>& query : queries) {
+         Ref<Results> results;
+         const double startUs = GetWallUs();
+         _manager->QueryStats(query.Get(), results);
+         times.push_back(GetWallUs() - startUs);
+         CheckAnswer(*results, series, samples);
+      }
+      times.erase(times.begin(), times.begin() + kWarmUp);
+      return times;
+   }
+
+   static void CheckAnswer(const Results& results, size_t series, size_t samples)
+   {
+      const auto* const metric =
+         results.GetSize() == 1 ? dynamic_cast<const PerformanceManager::EntityMetric*>(results[0])
+                                : nullptr;
+      if (metric == nullptr || metric->value->GetSize() != series ||
+          metric->sampleInfo->GetSize() != samples) {
+         throw Corvax::Exception("A query was not answered in full");
+      }
+   }
+
+   const StatPlan _plan;
+   const ScratchDirectory _scratch;
+   std::optional<QuietAgent> _agent;
+   const SteppedTime _time{kFirstPass};
+   const Metrix::StatsMetadata _metadata;
+   Ref<Metrix::PerformanceManagerImpl> _manager;
+   std::mt19937 _random; // the same queries in every repetition
+};
+
+void Query(Measurement& measurement)
+{
+   Queries queries;
+   std::vector<double> hourUs = queries.AskForSeries(kFinePeriodSec, kFineSamples);
+   const double oneUs = GetPercentile(hourUs, 0.5);
+   measurement.Report("query-1h", "us", oneUs);
+   measurement.Report("query-1h-p99", "us", GetPercentile(hourUs, 0.99));
+   std::vector<double> dayUs = queries.AskForSeries(kCoarsePeriodSec, kCoarseSamples);
+   measurement.Report("query-36h", "us", GetPercentile(dayUs, 0.5));
+   measurement.Report("query-36h-p99", "us", GetPercentile(dayUs, 0.99));
+   std::vector<double> entityUs = queries.AskForEntity();
+   const double allUs = GetPercentile(entityUs, 0.5);
+   measurement.Report("query-entity", "us", allUs);
+   measurement.Report("query-entity-ratio", "x", allUs / oneUs);
+}
+
+const Registration kRegistrations[] = {
+   {"query", kOurs, Query},
+};
+
+} // namespace
+
+} // namespace Bench

@@ -1,0 +1,284 @@
+#!/usr/bin/env python3
+"""Makes the table of all measurements: reads JSON lines of results, writes JSON and Markdown.
+
+A result is {"work", "who", "value", "unit"}, with "low", "high" and "repetitions" or a "note" where
+there is one. Ours are of "metrix", a bare loop's of "floor ...", all others of peers.
+"""
+import argparse
+import dataclasses
+import datetime
+import json
+import os
+import platform
+import re
+import subprocess
+
+OURS = "metrix"
+FLOOR = ("ingest-hot", "floor F1")
+
+
+@dataclasses.dataclass(frozen=True)
+class Row:
+    """A work of the table. The target is `limit`, times the figure `of` where that is given."""
+
+    work: str
+    text: str
+    limit: float | None = None
+    of: tuple[str, str] | None = None
+    at_least: bool = False
+    below_peers: bool = False
+
+
+ROWS = (
+    Row("ingest-hot", "ingest, hot: a sample of 10,000 stats with the catalogue's rollups, roll-ups included", 0.65, FLOOR),
+    Row("ingest-hot-calls", "ingest, hot: read and write calls a sample"),
+    Row("ingest-hot-bytes", "ingest, hot: bytes read and written a sample"),
+    Row("ingest-three-rollups", "ingest, hot, three rollups for every stat", 0.85, FLOOR),
+    Row("ingest-cold", "ingest at a real cadence: files synced and CPU caches flushed between passes", 1.0, FLOOR,
+        below_peers=True),
+    Row("ingest-1k", "ingest, hot, 1,000 stats"),
+    Row("ingest-100k", "ingest, hot, 100,000 stats", 1.3, ("ingest-hot", OURS)),
+    Row("run", "whole run on a simulated host of 200 VMs: collect, name, buffer, flush, a sample", 1.2, FLOOR),
+    Row("run-samples", "whole run: samples"),
+    Row("run-calls", "whole run: read and write calls, roll-ups included"),
+    Row("run-bytes", "whole run: bytes read and written a sample, roll-ups included"),
+    Row("hold", "whole run: longest hold of the depot's lock", 10),
+    Row("hold-rollup", "whole run that rolls up: longest hold of the depot's lock", 100),
+    Row("query-1h", "query in process, one hour at 20 s, p50", 2),
+    Row("query-1h-p99", "query in process, one hour at 20 s, p99", 10),
+    Row("query-36h", "query in process, 36 hours at 300 s, p50", 4),
+    Row("query-36h-p99", "query in process, 36 hours at 300 s, p99", 10),
+    Row("query-entity", "query in process, one hour of all 50 stats of an entity, p50"),
+    Row("query-entity-ratio", "query in process, all 50 stats of an entity against one series, p50", 40),
+    Row("http-1", "query over HTTP, keep-alive, one client, one hour at 20 s, p50 at the client", 120),
+    Row("http-1-p99", "query over HTTP, keep-alive, one client, one hour at 20 s, p99 at the client"),
+    Row("http-8", "query over HTTP, keep-alive, 8 clients, queries in all", 10000, at_least=True),
+    Row("load", "load of a depot of 10,000 stats, 40,000 ids, in process"),
+    Row("start", "start of the agent on a depot of 10,000 stats, 40,000 ids, to its first answer", 40),
+    Row("create", "create 10,000 stats", 80),
+    Row("delete", "delete an entity of 10,000 stats", 80),
+    Row("purge", "purge 1,000 stats of 10,000", 10),
+    Row("resident-more-mib", "resident memory of the agent with 10,000 stats, more than with none", 24),
+    Row("resident-mib", "resident memory of the agent with 10,000 stats, mapped file pages apart"),
+    Row("idle-ms-per-s", "idle CPU of the agent between runs", 0.2),
+    Row("agent-calls", "read and write calls of the agent in a run on a simulated host, 10,000 samples", 2000),
+    Row("host-pass", "host pass on Linux, all host figures", 200),
+)
+
+HOW_TO_READ = """\
+# Performance
+
+`scripts/bench` wrote this page: it measures, and asserts nothing. A row whose target is not met says so.
+
+- **Time** is CPU time, user and system, of the process that does the work. It is wall time where a wait is the point: how long a lock is held, a query or a start takes.
+- **A figure** is the median of {repetitions} repetitions, with the lowest and the highest behind it. Repetitions of all measurements are mixed, so that whatever else the machine does meets ours and the floor alike.
+- **A floor** is a bare loop on a file of as many rows of the same size (1,452 bytes) that stores one number in each row, and looks up, checks and rolls up nothing. *F1* reads and writes row by row with `pread` and `pwrite`, *blocks* 64 neighbouring rows at a time, *mapping* stores into a mapped file. Ours, above it, does all that.
+- **x floor** is the figure divided by F1, hot. A peer's is divided by the F1 that ran with the peer.
+- **At a real cadence** a pass finds what it finds 20 seconds later: clean pages and cold caches.
+- **Noise**: ratios of one session are good to about 20 %, absolute times only to what else the machine does. Compare ratios.
+- Read and write calls are the kernel's count (`/proc/PID/io`), in which work on mapped files does not appear.
+"""
+
+
+def read_results(name):
+    if not name or not os.path.exists(name):
+        return []
+    with open(name, encoding="utf-8") as file:
+        return [json.loads(line) for line in file if line.strip()]
+
+
+def find(results, work, who):
+    """What stands behind a comma in a result's "who" explains it."""
+    return next((r for r in results if r["work"] == work and r["who"].split(",")[0] == who), None)
+
+
+def is_floor(result):
+    return result["who"].startswith("floor")
+
+
+def number(value):
+    if value >= 1000:
+        return f"{value:,.0f}"
+    return f"{value:.3g}"
+
+
+def with_unit(value, unit):
+    return f"{number(value)} {unit}" if unit else "-"
+
+
+def spread(result):
+    if result.get("repetitions", 1) < 2:
+        return ""
+    return f"{number(result['low'])} to {number(result['high'])}"
+
+
+def ratio(result, floor):
+    """How many times the floor a time a sample is; None where that says nothing."""
+    if floor is None or result["unit"] != "us" or not result["work"].startswith(("ingest", "run")):
+        return None
+    return result["value"] / floor["value"]
+
+
+def target_of(row, ours):
+    """The limit in the figure's own unit and its text; None where there is none."""
+    if row.limit is None:
+        return None, ""
+    kind = "at least" if row.at_least else "at most"
+    if row.of is None:
+        result = find(ours, row.work, OURS)
+        return row.limit, f"{kind} {number(row.limit)} {result['unit'] if result else ''}".strip()
+    base = find(ours, *row.of)
+    name = "floor" if row.of == FLOOR else f"`{row.of[0]}`"
+    if base is None:
+        return None, f"{kind} {row.limit} x {name}"
+    limit = row.limit * base["value"]
+    return limit, f"{kind} {row.limit} x {name}: {with_unit(limit, base['unit'])}"
+
+
+def rivals_of(row, peers):
+    """The peers' figures of the work, the best one first."""
+    return sorted((p for p in peers if p["work"] == row.work and not is_floor(p)), key=lambda p: p["value"])
+
+
+def beats_peers(row, result, ours, peers):
+    own_floor = find(ours, *FLOOR)
+    peer_floor = find(peers, *FLOOR) or own_floor
+    return all(ratio(result, own_floor) < ratio(p, peer_floor) for p in rivals_of(row, peers))
+
+
+def judge(row, ours, peers):
+    """"yes" or "no"; "" where there is no target, "not measured" where there is no figure."""
+    result = find(ours, row.work, OURS)
+    limit, _ = target_of(row, ours)
+    if result is None:
+        return "not measured"
+    if limit is None:
+        return "" if row.limit is None else "not measured"
+    is_met = result["value"] >= limit if row.at_least else result["value"] <= limit
+    if row.below_peers:
+        is_met = is_met and beats_peers(row, result, ours, peers)
+    return "yes" if is_met else "no"
+
+
+def line_of(result, text, floor, target="", met=""):
+    times = ratio(result, floor)
+    return {
+        "work": text,
+        "who": result["who"],
+        "figure": with_unit(result["value"], result["unit"]),
+        "from - to": spread(result),
+        "x floor": "" if times is None else number(times),
+        "target": target,
+        "met": met,
+    }
+
+
+def lines_of_row(row, ours, peers):
+    """Ours first, then the floors, then the peers, the best one of them first."""
+    target = target_of(row, ours)[1]
+    if row.below_peers:
+        target += ", below every peer" if rivals_of(row, peers) else ", below every peer (none measured)"
+    met = judge(row, ours, peers)
+    result = find(ours, row.work, OURS)
+    own_floor = find(ours, *FLOOR)
+    if result is None:
+        result = {"work": row.work, "who": OURS, "value": float("nan"), "unit": ""}
+    lines = [line_of(result, row.text, own_floor, target, met)]
+    floors = sorted((f for f in ours if f["work"] == row.work and is_floor(f)), key=lambda f: f["who"])
+    lines += [line_of(floor, "", own_floor) for floor in floors]
+    peer_floor = find(peers, *FLOOR) or own_floor
+    of_work = [p for p in peers if p["work"] == row.work]
+    for place, peer in enumerate(rivals_of(row, peers)):
+        lines.append(line_of(peer, "best peer" if place == 0 else "", peer_floor))
+    for floor in (p for p in of_work if is_floor(p)):
+        lines.append(line_of({**floor, "who": floor["who"] + ", beside the peers"}, "", peer_floor))
+    return lines
+
+
+def format_markdown(lines):
+    head = list(lines[0])
+    text = ["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
+    text += ["| " + " | ".join(line[name] for name in head) + " |" for line in lines]
+    return "\n".join(text) + "\n"
+
+
+def format_plain(lines):
+    head = list(lines[0])
+    rows = [head] + [[line[name] for name in head] for line in lines]
+    widths = [max(len(row[i]) for row in rows) for i in range(len(head))]
+    return "\n".join("  ".join(cell.ljust(w) for cell, w in zip(row, widths)).rstrip() for row in rows)
+
+
+def cpu_model():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        found = re.search(r"^model name\s*:\s*(.*)$", file.read(), re.MULTILINE)
+    return found.group(1) if found else platform.processor()
+
+
+def file_system_of(path):
+    command = ["findmnt", "-n", "-o", "FSTYPE", "-T", path]
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout.strip()
+
+
+def compiler_version():
+    command = ["c++", "--version"]
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout.split("\n")[0]
+
+
+def describe_machine(arguments):
+    return {
+        "CPU": cpu_model(),
+        "cores": str(os.cpu_count()),
+        "kernel": platform.system() + " " + platform.release(),
+        "file system": file_system_of(arguments.data),
+        "compiler": compiler_version(),
+        "measured": datetime.date.today().isoformat(),
+        "commit": arguments.commit,
+        "load of the machine at the start": arguments.load,
+    }
+
+
+def write_markdown(name, machine, lines, peers, repetitions):
+    notes = dict.fromkeys(f"- {p['who']}: {p['note']}" for p in peers if p.get("note"))
+    with open(name, "w", encoding="utf-8") as file:
+        file.write(HOW_TO_READ.format(repetitions=repetitions))
+        file.write("\n## This measurement\n\n")
+        file.writelines(f"- {key}: {value}\n" for key, value in machine.items())
+        if float(machine["load of the machine at the start"]) > 0.5:
+            file.write("\nThe machine was at other work, too: times are longer than it needs.\n")
+        if not peers:
+            file.write("\nPeers were left out.\n")
+        file.write("\n" + format_markdown(lines))
+        if notes:
+            file.write("\n## About the peers\n\n" + "\n".join(notes) + "\n")
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--results", required=True)
+    parser.add_argument("--peers")
+    parser.add_argument("--data", required=True, help="a directory where the files lay")
+    parser.add_argument("--load", required=True)
+    parser.add_argument("--commit", default="")
+    parser.add_argument("--json", required=True)
+    parser.add_argument("--markdown")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    ours = read_results(arguments.results)
+    peers = read_results(arguments.peers)
+    machine = describe_machine(arguments)
+    lines = [line for row in ROWS for line in lines_of_row(row, ours, peers)]
+    judged = [{"work": row.work, "target": target_of(row, ours)[0], "met": judge(row, ours, peers)} for row in ROWS]
+    with open(arguments.json, "w", encoding="utf-8") as file:
+        json.dump({"machine": machine, "results": ours, "peers": peers, "targets": judged}, file, indent=2)
+        file.write("\n")
+    if arguments.markdown:
+        repetitions = max((r.get("repetitions", 1) for r in ours), default=1)
+        write_markdown(arguments.markdown, machine, lines, peers, repetitions)
+    print(format_plain(lines))
+
+
+main()
