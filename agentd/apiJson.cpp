@@ -4,6 +4,7 @@
 #include "corvax/format.h"
 
 #include <algorithm>
+#include <charconv>
 #include <string_view>
 
 namespace Agentd {
@@ -16,34 +17,57 @@ using Corvax::MakeRef;
 using Corvax::Ref;
 using Quen::PerformanceManager;
 
-template <class T, class Convert>
-Json ArrayToJson(const Plexa::DataArray<T>& items, Convert convert)
+std::string ToText(const Json& json)
 {
-   Json array = Json::array();
-   for (const Ref<T>& item : items) {
-      array.push_back(convert(*item));
+   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void AppendNumber(std::string& text, int64_t number)
+{
+   char digits[24];
+   const auto end = std::to_chars(digits, digits + sizeof digits, number);
+   text.append(digits, end.ptr);
+}
+
+template <class T, class Append>
+void AppendArray(std::string& text, const T& items, Append append)
+{
+   text += '[';
+   for (const auto& item : items) {
+      append(item);
+      text += ',';
    }
-   return array;
+   if (text.back() == ',') {
+      text.pop_back();
+   }
+   text += ']';
 }
 
-Json SampleInfoToJson(const PerformanceManager::SampleInfo& info)
+void AppendSampleInfo(std::string& text, const PerformanceManager::SampleInfo& info)
 {
-   return {{"timestamp", info.timestamp.ToString()}, {"interval", info.interval}};
+   text += R"({"timestamp":")";
+   text += info.timestamp.ToString();
+   text += R"(","interval":)";
+   AppendNumber(text, info.interval);
+   text += '}';
 }
 
-Json SeriesToJson(const PerformanceManager::MetricSeries& series)
+void AppendSeries(std::string& text, const PerformanceManager::MetricSeries& series)
 {
-   Json json = {{"id", ToJson(*series.id)}};
+   text += R"({"id":)" + ToText(ToJson(*series.id)) + R"(,"value":)";
    if (const auto* const csv = dynamic_cast<const PerformanceManager::MetricSeriesCSV*>(&series)) {
-      json["value"] = csv->value;
-      return json;
+      text += ToText(csv->value);
+   } else {
+      const auto& ints = dynamic_cast<const PerformanceManager::IntSeries&>(series);
+      AppendArray(text, ints.value, [&text](int64_t value) {
+         if (value < 0) {
+            text += "null";
+         } else {
+            AppendNumber(text, value);
+         }
+      });
    }
-   Json values = Json::array();
-   for (const int64_t value : dynamic_cast<const PerformanceManager::IntSeries&>(series).value) {
-      values.push_back(FigureToJson(value));
-   }
-   json["value"] = std::move(values);
-   return json;
+   text += '}';
 }
 
 /// Reads one query spec, field by field. `place` is its place in the body: "[3]".
@@ -237,24 +261,28 @@ Json ToJson(const PerformanceManager::ProviderSummary& summary)
    return json;
 }
 
-Json ToJson(const PerformanceManager::EntityMetricBase& entityMetric)
+void PrintTo(std::string& text, const PerformanceManager::EntityMetricBase& entityMetric)
 {
-   Json json = {{"entity", ToJson(*entityMetric.entity)}};
+   const auto appendSeries = [&text](const auto& series) { AppendSeries(text, *series); };
+   text += R"({"entity":)" + ToText(ToJson(*entityMetric.entity));
    if (const auto* const csv =
           dynamic_cast<const PerformanceManager::EntityMetricCSV*>(&entityMetric)) {
-      json["sampleInfoCSV"] = csv->sampleInfoCSV;
-      json["value"] = ArrayToJson(*csv->value, SeriesToJson);
+      text += R"(,"sampleInfoCSV":)" + ToText(csv->sampleInfoCSV) + R"(,"value":)";
+      AppendArray(text, *csv->value, appendSeries);
    } else {
       const auto& normal = dynamic_cast<const PerformanceManager::EntityMetric&>(entityMetric);
-      json["sampleInfo"] = ArrayToJson(*normal.sampleInfo, SampleInfoToJson);
-      json["value"] = ArrayToJson(*normal.value, SeriesToJson);
+      text += R"(,"sampleInfo":)";
+      AppendArray(text, *normal.sampleInfo,
+                  [&text](const auto& info) { AppendSampleInfo(text, *info); });
+      text += R"(,"value":)";
+      AppendArray(text, *normal.value, appendSeries);
    }
-   return json;
+   text += '}';
 }
 
 std::string Print(const Json& json)
 {
-   return json.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+   return ToText(json) + "\n";
 }
 
 Ref<Plexa::DataArray<QuerySpec>> ParseQuerySpecs(const std::string& body, size_t maxQuerySpecs,

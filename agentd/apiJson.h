@@ -19,13 +19,15 @@ Json ToJson(const Quen::PerformanceManager::CounterInfo& counter);
 Json ToJson(const Quen::HistoricalInterval& interval);
 Json ToJson(const MetricId& metricId);
 Json ToJson(const Quen::PerformanceManager::ProviderSummary& summary);
-/// An EntityMetric or an EntityMetricCSV.
-Json ToJson(const Quen::PerformanceManager::EntityMetricBase& entityMetric);
 /// A figure, null when it is below 0.
 Json FigureToJson(int64_t figure);
 
 /// Text of a JSON value. Bytes of names that are no UTF-8 come out as replacement characters.
 std::string Print(const Json& json);
+
+/// Appends the text of an EntityMetric or an EntityMetricCSV. Straight to text, for it has an element
+/// for each sample.
+void PrintTo(std::string& text, const Quen::PerformanceManager::EntityMetricBase& entityMetric);
 
 /// Finds an entity's reference by its id; throws NotFound.
 using FindEntity = std::function<Corvax::Ref<Plexa::MoRef>(const std::string& id)>;

@@ -423,11 +423,13 @@ void ManagementApi::AnswerQuery(const HttpRequest& request, QuerySpecs& specs,
       response.body = FormatCsvTable(*results, *counters);
       return;
    }
-   Json data = Json::array();
+   std::string& text = response.body;
+   text = R"({"status":"success","data":[)";
    for (const auto& result : *results) {
-      data.push_back(ToJson(*result));
+      text += text.back() == '[' ? "" : ",";
+      PrintTo(text, *result);
    }
-   Answer(response, std::move(data));
+   text += "]}\n";
 }
 
 void ManagementApi::GetHostUsage(const HttpRequest& request, HttpResponse& response) const

@@ -79,6 +79,18 @@ DateTime DateTime::Now()
    return DateTime(System::GetTime());
 }
 
+namespace {
+
+/// Writes a number of so many digits over zeroes.
+void PutDigits(std::string& text, size_t pos, size_t count, int number)
+{
+   for (size_t i = pos + count; i > pos; number /= 10) {
+      text[--i] = static_cast<char>('0' + number % 10);
+   }
+}
+
+} // namespace
+
 std::string DateTime::ToString() const
 {
    const Chrono::sys_time<Chrono::microseconds> instant{Chrono::microseconds(_utcUs)};
@@ -92,17 +104,19 @@ std::string DateTime::ToString() const
       return std::to_string(_utcUs);
    }
    const Chrono::hh_mm_ss time(instant - day);
-   char text[48];
-   int length = std::snprintf(
-      text, sizeof text, "%04d-%02u-%02uT%02d:%02d:%02d", year, static_cast<unsigned>(date.month()),
-      static_cast<unsigned>(date.day()), static_cast<int>(time.hours().count()),
-      static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count()));
+   std::string text = "0000-00-00T00:00:00";
+   PutDigits(text, 0, 4, year);
+   PutDigits(text, 5, 2, static_cast<int>(static_cast<unsigned>(date.month())));
+   PutDigits(text, 8, 2, static_cast<int>(static_cast<unsigned>(date.day())));
+   PutDigits(text, 11, 2, static_cast<int>(time.hours().count()));
+   PutDigits(text, 14, 2, static_cast<int>(time.minutes().count()));
+   PutDigits(text, 17, 2, static_cast<int>(time.seconds().count()));
    const auto fraction = static_cast<int>(time.subseconds().count());
    if (fraction != 0) {
-      length +=
-         std::snprintf(text + length, sizeof text - static_cast<size_t>(length), ".%06d", fraction);
+      text += ".000000";
+      PutDigits(text, 20, 6, fraction);
    }
-   return std::string(text, static_cast<size_t>(length)) + "Z";
+   return text + 'Z';
 }
 
 bool DateTime::Parse(std::string_view text, DateTime& result)
