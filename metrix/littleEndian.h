@@ -1,27 +1,40 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 /// Integers as the depot's files hold them: little-endian, unaligned.
 namespace Metrix {
 
+/// The integer with its bytes in the files' order, whichever the machine's is.
+template <class T>
+T ToLittleEndian(T value)
+{
+   if constexpr (std::endian::native == std::endian::little) {
+      return value;
+   }
+   T reversed = 0;
+   for (size_t i = 0; i < sizeof(T); ++i) {
+      reversed = static_cast<T>(reversed << 8 | (value >> (8 * i) & 0xff));
+   }
+   return reversed;
+}
+
 template <class T>
 void Encode(T value, std::byte* out)
 {
-   for (size_t i = 0; i < sizeof(T); ++i) {
-      out[i] = static_cast<std::byte>(value >> (8 * i));
-   }
+   const T stored = ToLittleEndian(value);
+   std::memcpy(out, &stored, sizeof stored);
 }
 
 template <class T>
 T Decode(const std::byte* in)
 {
-   T value = 0;
-   for (size_t i = 0; i < sizeof(T); ++i) {
-      value = static_cast<T>(value | (static_cast<T>(in[i]) << (8 * i)));
-   }
-   return value;
+   T stored;
+   std::memcpy(&stored, in, sizeof stored);
+   return ToLittleEndian(stored);
 }
 
 } // namespace Metrix

@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 #include <optional>
+#include <span>
 
 namespace Metrix {
 
@@ -41,6 +42,16 @@ public:
    void SetTimeStamp(TimeStamp ts) { Encode(ts, &_bytes[kRowTimeStampPos]); }
    StatVal GetSample(uint32_t column) const { return Decode<uint64_t>(&_bytes[SamplePos(column)]); }
    void SetSample(uint32_t column, StatVal value) { Encode(value, &_bytes[SamplePos(column)]); }
+
+   /// The samples of neighbouring columns.
+   void GetSamples(uint32_t firstColumn, std::span<StatVal> values) const
+   {
+      const std::byte* in = &_bytes[SamplePos(firstColumn)];
+      for (StatVal& value : values) {
+         value = Decode<StatVal>(in);
+         in += kSampleSize;
+      }
+   }
 
    /// The row of a stat that has no sample yet.
    void Clear(uint32_t numSamples)
@@ -102,6 +113,7 @@ private:
    int32_t FindColumn(TimeStamp ts) const;
    int32_t FindClosestColumn(TimeStamp ts) const;
    int32_t CountColumns() const;
+   size_t CountColumns(int32_t first, TimeStamp end) const;
    int32_t ColumnAt(int32_t distance) const;
    int32_t ChooseColumn(TimeStamp ts);
    int32_t AddColumn(TimeStamp ts);
@@ -459,28 +471,50 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
                                std::vector<StatVal>& values, std::vector<TimeStamp>* timeStamps)
 {
    AssertOpen();
-   values.clear();
-   if (timeStamps) {
-      timeStamps->clear();
-   }
-   int32_t column = begin == kUnset ? _earliestTsCol : FindClosestColumn(begin);
-   if (column < 0 || StampOf(column) > end) {
+   const int32_t first = begin == kUnset ? _earliestTsCol : FindClosestColumn(begin);
+   const size_t length = first < 0 ? 0 : CountColumns(first, end);
+   values.resize(length);
+   std::vector<TimeStamp> ownStamps;
+   std::vector<TimeStamp>& stamps = timeStamps ? *timeStamps : ownStamps;
+   stamps.resize(length);
+   if (length == 0) {
       return 0;
    }
+   // Round the circle in two straight runs at most.
+   const auto column = static_cast<uint32_t>(first);
+   const size_t straight = std::min<size_t>(length, _numSamples - column);
+   std::copy_n(&_timeStamps[column], straight, stamps.begin());
+   std::copy_n(_timeStamps.begin(), length - straight,
+               stamps.begin() + static_cast<long>(straight));
    const std::optional<StatVector> row = GetStatVector(statId);
+   if (!row) {
+      std::ranges::fill(values, kUnset);
+      return 0;
+   }
+   row->GetSamples(column, {values.data(), straight});
+   row->GetSamples(0, {values.data() + straight, length - straight});
+   // Columns newer than the row's last sample hold values of an earlier round.
+   const TimeStamp newest = row->GetTimeStamp();
    int count = 0;
-   for (;; column = NextColumn(column)) {
-      const TimeStamp ts = StampOf(column);
-      if (ts > end) {
-         break;
-      }
-      const bool present = row && row->GetTimeStamp() >= ts;
-      const StatVal value = present ? row->GetSample(static_cast<uint32_t>(column)) : kUnset;
-      values.push_back(value);
-      count += value != kUnset ? 1 : 0;
-      if (timeStamps) {
-         timeStamps->push_back(ts);
-      }
+   for (size_t i = 0; i < length; ++i) {
+      values[i] = stamps[i] <= newest ? values[i] : kUnset;
+      count += values[i] != kUnset ? 1 : 0;
+   }
+   return count;
+}
+
+/// Columns from one on, as far as the latest, that come before the first whose stamp is beyond `end`.
+size_t StatsStoreImpl::CountColumns(int32_t first, TimeStamp end) const
+{
+   if (_stampsAscend && end >= StampOf(_latestTsCol)) {
+      const int32_t distance = _latestTsCol - first;
+      return static_cast<size_t>(distance < 0 ? distance + static_cast<int32_t>(_numSamples)
+                                              : distance) +
+             1;
+   }
+   size_t count = 0;
+   for (int32_t column = first; StampOf(column) <= end; column = NextColumn(column)) {
+      ++count;
       if (column == _latestTsCol) {
          break;
       }

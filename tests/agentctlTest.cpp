@@ -6,7 +6,7 @@
 #include "agentctl/textTable.h"
 #include "agentctl/top.h"
 #include "agentctl/topCommand.h"
-#include "corvax/exception.h"
+#include "tests/fakes/messageOf.h"
 
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -20,44 +20,17 @@
 
 #include <algorithm>
 #include <csignal>
-#include <mutex>
 #include <thread>
 
 namespace {
 
 using namespace Agentctl;
 
-/// A server that answers what a test tells it to, and keeps what it was asked.
-class FakeServer {
+/// An agent that answers what a test tells it to, and keeps what it was asked.
+class ScriptedAgent : public HttpClient {
 public:
-   FakeServer()
+   ScriptedAgent()
    {
-      const auto answer = [this](const httplib::Request& request, httplib::Response& response) {
-         const std::lock_guard lock(_mutex);
-         _asked.push_back(request.target);
-         _lastBody = request.body;
-         const bool csv = request.get_header_value("Accept") == "text/csv";
-         const auto found = _answers.find((csv ? "csv:" : "") + request.path);
-         if (found == _answers.end()) {
-            response.status = 404;
-            response.set_content(R"({"status":"error","error":{"type":"NotFound",)"
-                                 R"("message":"nothing\nthere"}})",
-                                 "application/json");
-            return;
-         }
-         // The last of several answers stays.
-         response.set_content(found->second.front(), "application/json");
-         if (found->second.size() > 1) {
-            found->second.erase(found->second.begin());
-         }
-      };
-      _server.Get(".*", answer);
-      _server.Post(".*", answer);
-      _port = _server.bind_to_any_port("127.0.0.1");
-      _thread = std::thread([this] { _server.listen_after_bind(); });
-      while (!_server.is_running()) { // a stop before would be missed
-         std::this_thread::yield();
-      }
       Answer(
          "/api/v1/counters",
          R"([{"id":0,"group":"cpu","name":"usage","unit":"percent","statsType":"rate","rollup":"none"},
@@ -66,47 +39,33 @@ public:
                  {"id":11,"group":"cpu","name":"ready","unit":"millisecond","statsType":"delta","rollup":"summation"}])");
       Answer("/api/v1/providers/ha-host", R"({"refreshRate":20})");
    }
-   ~FakeServer()
+   HttpAnswer Get(const std::string& target, const std::string& accept) override
    {
-      _server.stop();
-      _thread.join();
+      asked.push_back(target);
+      const auto found =
+         answers.find((accept == "text/csv" ? "csv:" : "") + target.substr(0, target.find('?')));
+      if (found == answers.end()) {
+         return {404, R"({"status":"error","error":{"type":"x","message":"nothing\nthere"}})"};
+      }
+      const std::string body = found->second.front();
+      if (found->second.size() > 1) { // the last of several answers stays
+         found->second.erase(found->second.begin());
+      }
+      return {200, body};
    }
-
-   std::string GetUrl() const { return "http://127.0.0.1:" + std::to_string(_port); }
-   void AnswerRaw(const std::string& path, const std::string& body)
+   HttpAnswer Post(const std::string& target, const std::string& json) override
    {
-      const std::lock_guard lock(_mutex);
-      _answers[path].push_back(body);
-   }
-   void Forget(const std::string& path)
-   {
-      const std::lock_guard lock(_mutex);
-      _answers.erase(path);
+      lastBody = json;
+      return Get(target, "");
    }
    void Answer(const std::string& path, const std::string& data)
    {
-      AnswerRaw(path, R"({"status":"success","data":)" + data + "}");
+      answers[path].push_back(R"({"status":"success","data":)" + data + "}");
    }
 
-   std::vector<std::string> GetAsked()
-   {
-      const std::lock_guard lock(_mutex);
-      return _asked;
-   }
-   std::string GetLastBody()
-   {
-      const std::lock_guard lock(_mutex);
-      return _lastBody;
-   }
-
-private:
-   std::mutex _mutex;
-   std::vector<std::string> _asked;
-   std::string _lastBody;
-   httplib::Server _server;
-   std::map<std::string, std::vector<std::string>> _answers;
-   int _port = 0;
-   std::thread _thread;
+   std::map<std::string, std::vector<std::string>> answers;
+   std::vector<std::string> asked;
+   std::string lastBody;
 };
 
 class TextOutput : public Output {
@@ -119,21 +78,8 @@ public:
 
 class AgentctlTest : public testing::Test {
 protected:
-   /// What a call throws, or nothing.
-   template <class Call>
-   std::string GetFailure(Call call)
-   {
-      try {
-         call();
-         return "";
-      } catch (const Corvax::Exception& e) {
-         return e.GetMessage();
-      }
-   }
-
-   FakeServer server;
-   const std::unique_ptr<HttpClient> client = NewHttpClient(server.GetUrl());
-   Api api{*client};
+   ScriptedAgent agent;
+   Api api{agent};
    TextOutput output;
    Options options;
    const WaitFunction noWait = [](int64_t) { return false; };
@@ -161,19 +107,13 @@ TEST(PrintableTest, NothingThatControlsATerminalStays)
    }
 }
 
-TEST(PrintableTest, CutsByColumnsNotBytes)
+TEST(PrintableTest, CutsByColumnsNotBytesAndKeepsSignAndZeroes)
 {
-   EXPECT_EQ(CountColumns("aä表"), 4U);
    EXPECT_EQ(CutToColumns("aä表", 4), "aä表");
    EXPECT_EQ(CutToColumns("aä表b", 4), "aä…"); // the wide one would end in column 5
    EXPECT_EQ(CutToColumns("ab", 1), "…");
    EXPECT_EQ(CutToColumns("ab", 0), "");
-}
-
-TEST(PrintableTest, HundredthsKeepSignAndZeroes)
-{
    EXPECT_EQ(FormatHundredths(1234), "12.34");
-   EXPECT_EQ(FormatHundredths(5), "0.05");
    EXPECT_EQ(FormatHundredths(-5), "-0.05");
    EXPECT_EQ(FormatHundredths(INT64_MIN), "-92233720368547758.08");
 }
@@ -189,14 +129,11 @@ TEST(PaceTest, AsksOnceNewSamplesAreDue)
 
 TEST(HttpClientTest, ReadsUrlsOfServersOnly)
 {
-   const struct {
-      const char* url;
-      const char* host;
-      int port;
-   } good[] = {{"http://127.0.0.1:8697", "127.0.0.1", 8697},
-               {"http://a-b.c/", "a-b.c", 80},
-               {"http://[::1]:1", "::1", 1},
-               {"http://[fe80::1]", "fe80::1", 80}};
+   const std::tuple<const char*, const char*, int> good[] = {
+      {"http://127.0.0.1:8697", "127.0.0.1", 8697},
+      {"http://a-b.c/", "a-b.c", 80},
+      {"http://[::1]:1", "::1", 1},
+      {"http://[fe80::1]", "fe80::1", 80}};
    for (const auto& [url, host, port] : good) {
       const auto address = ParseServerUrl(url);
       ASSERT_TRUE(address) << url;
@@ -211,13 +148,30 @@ TEST(HttpClientTest, ReadsUrlsOfServersOnly)
    }
 }
 
-TEST_F(AgentctlTest, TellsWhyThereIsNoAnswer)
+TEST(HttpClientTest, BringsAnyAnswerAndTellsWhyThereIsNone)
 {
-   EXPECT_EQ(GetFailure([&] { api.GetEntities(); }), "nothing\nthere"); // the server's own text
-   const std::string gone = std::make_unique<FakeServer>()->GetUrl();
-   const auto nobody = NewHttpClient(gone);
-   EXPECT_EQ(GetFailure([&] { Api(*nobody).GetEntities(); }),
-             "cannot reach " + gone + ": nothing accepts connections there; is agentd running?");
+   std::string url = "http://127.0.0.1:";
+   {
+      httplib::Server server;
+      server.Get("/a b", [](const httplib::Request& request, httplib::Response& response) {
+         response.status = 404;
+         response.set_content(request.target + " " + request.get_header_value("Accept"), "x/y");
+      });
+      server.Post("/p", [](const httplib::Request& request, httplib::Response& response) {
+         response.set_content(request.body + request.get_header_value("Content-Type"), "x/y");
+      });
+      url += std::to_string(server.bind_to_any_port("127.0.0.1"));
+      std::thread thread([&server] { server.listen_after_bind(); });
+      const auto client = NewHttpClient(url);
+      const HttpAnswer answer = client->Get("/a%20b?c=%26", "text/csv");
+      EXPECT_EQ(answer.status, 404);
+      EXPECT_EQ(answer.body, "/a%20b?c=%26 text/csv");
+      EXPECT_EQ(client->Post("/p", "[]").body, "[]application/json");
+      server.stop();
+      thread.join();
+   }
+   EXPECT_EQ(MessageOf([&] { NewHttpClient(url)->Get("/", ""); }),
+             "cannot reach " + url + ": nothing accepts connections there; is agentd running?");
 }
 
 TEST_F(AgentctlTest, RefusesAnswersOfAnotherForm)
@@ -235,19 +189,18 @@ TEST_F(AgentctlTest, RefusesAnswersOfAnotherForm)
       {good + Samples("[]", series + "1]}]") + "}", "one value for each"},
       {good + Samples(R"([{"timestamp":"now"}])", "[]") + "}", "no time"},
       {good + Samples(oneSample, series + "9223372036854775808]}]") + "}", "no whole number"},
-      {good + Samples(oneSample, series + "1.5]}]") + "}", "no whole number"},
    };
+   EXPECT_EQ(MessageOf([&] { api.GetEntities(); }), "nothing\nthere"); // the agent's own text
    for (const auto& [body, complaint] : cases) {
-      server.Forget("/api/v1/query");
-      server.AnswerRaw("/api/v1/query", body);
-      EXPECT_NE(GetFailure([&] { api.Query({}); }).find(complaint), std::string::npos) << complaint;
+      agent.answers["/api/v1/query"] = {body};
+      EXPECT_NE(MessageOf([&] { api.Query({}); }).find(complaint), std::string::npos) << complaint;
    }
 }
 
 TEST_F(AgentctlTest, QueryEncodesWhatItAsksAndShowsUnitsAndGaps)
 {
-   server.Answer("/api/v1/providers/a/&ü", R"({"refreshRate":20})");
-   server.Answer(
+   agent.Answer("/api/v1/providers/a%2F%26%C3%BC", R"({"refreshRate":20})");
+   agent.Answer(
       "/api/v1/query",
       Samples(R"([{"timestamp":"2026-11-21T09:05:00Z"},{"timestamp":"2026-11-21T09:05:20Z"}])",
               R"([{"id":{"counterId":1,"instance":""},"value":[1234,null]},
@@ -259,8 +212,8 @@ TEST_F(AgentctlTest, QueryEncodesWhatItAsksAndShowsUnitsAndGaps)
    options.maxSample = 2;
    options.utc = true;
    RunQuery(api, options, output, noWait);
-   EXPECT_EQ(server.GetAsked().front(), "/api/v1/providers/a%2F%26%C3%BC");
-   EXPECT_EQ(server.GetAsked().back(),
+   EXPECT_EQ(agent.asked.front(), "/api/v1/providers/a%2F%26%C3%BC");
+   EXPECT_EQ(agent.asked.back(),
              "/api/v1/query?entity=a%2F%26%C3%BC&metric=cpu.usage%3A%2A&metric=cpu.ready%3A0%2B1"
              "&startTime=-10m&maxSample=2&intervalId=20");
    EXPECT_EQ(output.text,
@@ -272,13 +225,13 @@ TEST_F(AgentctlTest, QueryEncodesWhatItAsksAndShowsUnitsAndGaps)
 TEST_F(AgentctlTest, WatchShowsEachRowOnceAndNewTitlesForOtherMetrics)
 {
    const std::string usage = R"([{"id":{"counterId":4,"instance":""},"value":[1]}])";
-   server.Answer("/api/v1/query", Samples(R"([{"timestamp":"2026-11-21T09:05:00Z"}])", usage));
-   server.Answer("/api/v1/query", Samples(R"([{"timestamp":"2026-11-21T09:05:00Z"}])", usage));
-   server.Answer("/api/v1/query", "[]");
-   server.Answer("/api/v1/query", Samples(R"([{"timestamp":"2026-11-21T09:05:20Z"}])", usage));
-   server.Answer("/api/v1/query",
-                 Samples(R"([{"timestamp":"2026-11-21T09:05:40Z"}])",
-                         R"([{"id":{"counterId":4,"instance":"0"},"value":[2]}])"));
+   const std::string other = R"([{"id":{"counterId":4,"instance":"0"},"value":[2]}])";
+   const std::string first = Samples(R"([{"timestamp":"2026-11-21T09:05:00Z"}])", usage);
+   for (const std::string& data : {first, first, std::string("[]"),
+                                   Samples(R"([{"timestamp":"2026-11-21T09:05:20Z"}])", usage),
+                                   Samples(R"([{"timestamp":"2026-11-21T09:05:40Z"}])", other)}) {
+      agent.Answer("/api/v1/query", data);
+   }
    options.entityId = "ha-host";
    options.maxSample = 1;
    options.utc = options.watch = true;
@@ -289,75 +242,65 @@ TEST_F(AgentctlTest, WatchShowsEachRowOnceAndNewTitlesForOtherMetrics)
                           "2026-11-21 09:05:20                   1\n"
                           "time (UTC)           cpu.usagemhz:0 (MHz)\n"
                           "2026-11-21 09:05:40                     2\n");
-   EXPECT_EQ(server.GetAsked().back(),
-             "/api/v1/query?entity=ha-host&startTime=2026-11-21T09%3A05%3A20Z"
-             "&intervalId=20");
+   EXPECT_EQ(agent.asked.back(), "/api/v1/query?entity=ha-host&startTime=2026-11-21T09%3A05%3A20Z"
+                                 "&intervalId=20");
 }
 
-TEST_F(AgentctlTest, SaysThatThereIsNoDataInEachFormat)
+TEST_F(AgentctlTest, CsvComesAsItIsButNotToATerminalAndJsonEscapesAllThatControls)
 {
-   server.Answer("/api/v1/query", "[]");
-   server.AnswerRaw("csv:/api/v1/query", "time\r\n");
    options.entityId = "ha-host";
+   agent.Answer("/api/v1/query", "[]");
+   agent.answers["csv:/api/v1/query"] = {"time\r\n"};
    for (const QueryFormat format : {QueryFormat::TABLE, QueryFormat::CSV, QueryFormat::JSON}) {
       options.format = format;
-      EXPECT_EQ(GetFailure([&] { RunQuery(api, options, output, noWait); }), "no data of ha-host");
+      EXPECT_EQ(MessageOf([&] { RunQuery(api, options, output, noWait); }), "no data of ha-host");
    }
-}
-
-TEST_F(AgentctlTest, CsvComesAsItIsButNotToATerminal)
-{
+   const auto run = [&](QueryFormat format, bool isTerminal) {
+      options.format = format;
+      output.isTerminal = isTerminal;
+      output.text.clear();
+      RunQuery(api, options, output, noWait);
+      return output.text;
+   };
    const std::string csv = "time,cpu.usage:\x1b[2J\r\n2026-11-21T09:05:00Z,1\r\n";
-   server.AnswerRaw("csv:/api/v1/query", csv);
-   options.entityId = "ha-host";
-   options.format = QueryFormat::CSV;
-   RunQuery(api, options, output, noWait);
-   EXPECT_EQ(output.text, csv);
-   output.text.clear();
-   output.isTerminal = true;
-   RunQuery(api, options, output, noWait);
-   EXPECT_EQ(output.text, "time,cpu.usage:\\x1b[2J\n2026-11-21T09:05:00Z,1\n");
-}
-
-TEST_F(AgentctlTest, JsonKeepsOrderAndEscapesAllThatControls)
-{
-   server.Answer("/api/v1/query", "[{\"z\":\"\xc2\x9b\x7f\",\"a\":18446744073709551615}]");
-   options.entityId = "ha-host";
-   options.format = QueryFormat::JSON;
-   RunQuery(api, options, output, noWait);
-   EXPECT_EQ(output.text, "{\n  \"status\": \"success\",\n  \"data\": [\n    {\n"
-                          "      \"z\": \"\\u009b\\u007f\",\n"
-                          "      \"a\": 18446744073709551615\n    }\n  ]\n}\n");
+   agent.answers["csv:/api/v1/query"] = {csv};
+   EXPECT_EQ(run(QueryFormat::CSV, false), csv);
+   EXPECT_EQ(run(QueryFormat::CSV, true), "time,cpu.usage:\\x1b[2J\n2026-11-21T09:05:00Z,1\n");
+   agent.answers.erase("/api/v1/query");
+   agent.Answer("/api/v1/query", "[{\"z\":\"\xc2\x9b\x7f\",\"a\":18446744073709551615}]");
+   EXPECT_EQ(run(QueryFormat::JSON, false), "{\n  \"status\": \"success\",\n  \"data\": [\n    {\n"
+                                            "      \"z\": \"\\u009b\\u007f\",\n"
+                                            "      \"a\": 18446744073709551615\n    }\n  ]\n}\n");
 }
 
 TEST_F(AgentctlTest, AsksForNoMoreEntitiesAtOnceThanTheAgentTakes)
 {
-   server.Answer("/api/v1/query", Samples("[]", "[]"));
+   agent.Answer("/api/v1/query", Samples("[]", "[]"));
    for (const size_t count : {64U, 65U}) {
       const std::vector<Entity> entities(count, Entity{"", "x", "", {}, {}});
       EXPECT_EQ(api.QueryNewest(entities, {}, 20).size(), count / 64 + count % 64);
    }
-   const std::string body = server.GetLastBody();
+   const std::string body = agent.lastBody;
    EXPECT_EQ(body.find("entity"), body.rfind("entity")); // the one that was left
 }
 
 TEST_F(AgentctlTest, TopAsksOnceForAllAndSortsByWhatIsUsed)
 {
-   server.Answer("/api/v1/entities",
-                 R"([{"type":"ResourcePool","id":"p","name":"pool","state":null,"parent":null},
+   agent.Answer("/api/v1/entities",
+                R"([{"type":"ResourcePool","id":"p","name":"pool","state":null,"parent":null},
                      {"type":"VirtualMachine","id":"old","name":"off","state":"poweredOff","parent":"p"},
                      {"type":"VirtualMachine","id":"v","name":"web\u001b[2J","state":"poweredOn","parent":"p"},
                      {"type":"HostSystem","id":"ha-host","name":"host","state":null,"parent":null}])");
    const std::string times =
       R"("sampleInfo":[{"timestamp":"2026-11-21T09:05:00Z"},{"timestamp":"2026-11-21T09:05:20Z"}])";
-   server.Answer("/api/v1/query",
-                 R"([{"entity":{"id":"v"},)" + times +
-                    R"(,"value":[{"id":{"counterId":11,"instance":"0"},"value":[9,30]},
+   agent.Answer("/api/v1/query",
+                R"([{"entity":{"id":"v"},)" + times +
+                   R"(,"value":[{"id":{"counterId":11,"instance":"0"},"value":[9,30]},
                       {"id":{"counterId":11,"instance":"1"},"value":[9,12]},
                       {"id":{"counterId":4,"instance":""},"value":[9,300]}]},
              {"entity":{"id":"ha-host"},)" +
-                    times +
-                    R"(,"value":[{"id":{"counterId":0,"instance":""},"value":[1,1234]},
+                   times +
+                   R"(,"value":[{"id":{"counterId":0,"instance":""},"value":[1,1234]},
                       {"id":{"counterId":4,"instance":""},"value":[1,2000]}]},
              {"entity":{"id":"old"},"sampleInfo":[{"timestamp":"2026-11-21T09:00:00Z"}],
               "value":[{"id":{"counterId":4,"instance":""},"value":[5]}]}])");
@@ -373,10 +316,10 @@ TEST_F(AgentctlTest, TopAsksOnceForAllAndSortsByWhatIsUsed)
              "       -\n"
              "pool        pool  -      -           -      -         -       -      -          -  "
              "       -\n");
-   const auto asked = server.GetAsked();
+   const auto asked = agent.asked;
    EXPECT_EQ(std::count(asked.begin(), asked.end(), "/api/v1/query"), 1);
    for (const char* const id : {R"("entity":"p")", R"("entity":"old")", R"("entity":"ha-host")"}) {
-      EXPECT_NE(server.GetLastBody().find(id), std::string::npos);
+      EXPECT_NE(agent.lastBody.find(id), std::string::npos);
    }
    TopView view = TopSource(api).Read();
    SortRows(view.rows, *GetSortKey('r'));

@@ -81,25 +81,6 @@ continues)
       fail "the second run did not go on from the first's columns"
    ;;
 
-mockup)
-   "$agentd" --listen none --state-dir "$dir" --mockup --interval 1 --runs 1 2>"$dir/log" || fail "exit status $?"
-   idMap=$dir/stats/hostAgentStats.idMap
-   raw=0
-   for ((record = 0; record < $(stat -c %s "$idMap") / 524; ++record)); do
-      entity=$(head -c $((record * 524 + 7)) "$idMap" | tail -c 7)
-      [ "$entity" = ha-host ] || fail "a stat of $entity"
-      [ "$(numbers "$idMap" $((record * 524 + 512)) 1 4)" -ne 0 ] || raw=$((raw + 1))
-   done
-   [ $raw -eq 24 ] || fail "$raw stats"
-   used=0
-   rows=$((($(stat -c %s "$(store 1)") - 8 - 28800) / 28812))
-   for ((row = 0; row < rows; ++row)); do
-      used=$((used + $(numbers "$(store 1)" $((28808 + row * 28812)) 1 4)))
-   done
-   [ $used -eq 22 ] || fail "$used stats with a sample"
-   checkDepot 1
-   ;;
-
 killed)
    "$agentd" --listen none --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log1" &
    agent=$!

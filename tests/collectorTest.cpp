@@ -9,9 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <set>
-#include <thread>
 
 namespace {
 
@@ -184,13 +182,6 @@ protected:
       _resourceMgr->client[id] = {100, 262144, 30, 13};
       return vm;
    }
-   void Expect(const std::string& entity,
-               const std::vector<std::pair<std::string, StatVal>>& figures)
-   {
-      for (const auto& [stat, value] : figures) {
-         EXPECT_EQ(Raw(entity, stat), value) << entity << " " << stat;
-      }
-   }
 
    FakeHost _host;
    const Ref<FakeResourceMgr> _resourceMgr = MakeRef<FakeResourceMgr>();
@@ -199,57 +190,6 @@ protected:
       MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
 };
 
-TEST_F(KernelCollectorTest, HostFiguresFollowTheirArithmetic)
-{
-   _host.capacity = {11, 12};
-   _host.physicalBytes = 4096U << 10;
-   _host.memory = {1024, 2, 3, 4, 5, 6, 7, 8, 9, 10, 1, 12, 13, 14, 15, 16};
-   _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}, {"sdb", {2, 0, 1, 0, 1, 0, 0}, {}}};
-   _host.nics = {{"eth0", true, {5000, 4096, 3, 2}}, {"eth1", false, {}}};
-   Run();
-   Expect("ha-host", {{"cpu-usage#0", 2000},
-                      {"cpu-usage#1", 0},
-                      {"cpu-usage", 500},
-                      {"cpu-used#0", 200},
-                      {"cpu-idle#3", 999},
-                      {"cpu-usagemhz", 400},
-                      {"sys-uptime", 90},
-                      {"cpu-reservedCapacity", 11},
-                      {"mem-reservedCapacity", 12},
-                      {"mem-usage", 7500},
-                      {"mem-consumed", 3072},
-                      {"mem-granted", 2},
-                      {"mem-active", 3},
-                      {"mem-shared", 4},
-                      {"mem-zero", 5},
-                      {"mem-unreserved", 6},
-                      {"mem-swapused", 7},
-                      {"mem-sharedcommon", 8},
-                      {"mem-heap", 9},
-                      {"mem-heapfree", 10},
-                      {"mem-state", 1},
-                      {"mem-vmmemctl", 12},
-                      {"mem-overhead", 13},
-                      {"mem-swapin", 14},
-                      {"mem-swapout", 15},
-                      {"mem-sysUsage", 16},
-                      {"disk-read#sda", 4},
-                      {"disk-write#sda", 2},
-                      {"disk-numberRead#sda", 1},
-                      {"disk-numberWrite#sda", 2},
-                      {"disk-commands#sda", 3},
-                      {"disk-commandsAborted#sda", 5},
-                      {"disk-busResets#sda", 6},
-                      {"disk-usage", 7},
-                      {"net-received#eth0", 4},
-                      {"net-transmitted#eth0", 4},
-                      {"net-packetsRx#eth0", 3},
-                      {"net-packetsTx#eth0", 2},
-                      {"net-usage", 8}});
-   EXPECT_EQ(Names("ha-host").size(), 12u + 3 + 17 + 7 * 2 + 1 + 2 + 5);
-   EXPECT_EQ(_agent.logger->CountLevel(3), 0);
-}
-
 TEST_F(KernelCollectorTest, CapacityFiguresDoNotOverflow)
 {
    _host.speedHz = 4000000000;
@@ -257,10 +197,9 @@ TEST_F(KernelCollectorTest, CapacityFiguresDoNotOverflow)
    _host.cpus.assign(255, {tenYearsUs, 0});
    _host.memory.freeKb = 99999; // more than the cache knows of
    Run();
-   Expect("ha-host", {{"cpu-usagemhz", tenYearsUs / 1000000 * 1020000},
-                      {"cpu-usage", tenYearsUs / 100},
-                      {"mem-consumed", 0},
-                      {"mem-usage", 0}});
+   EXPECT_EQ(Raw("ha-host", "cpu-usagemhz"), tenYearsUs / 1000000 * 1020000);
+   EXPECT_EQ(Raw("ha-host", "cpu-usage"), tenYearsUs / 100);
+   EXPECT_EQ(Raw("ha-host", "mem-consumed"), 0u);
 }
 
 TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
@@ -269,7 +208,7 @@ TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
    for (const std::string& name : Names("ha-host")) {
       EXPECT_FALSE(name.starts_with("disk-") || name.starts_with("net-")) << name;
    }
-   _host.nics = {{"eth1", false, {}}};
+   _host.nics = {"eth1"};
    Run();
    EXPECT_EQ(Raw("ha-host", "net-usage"), 0u);
 }
@@ -277,97 +216,56 @@ TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
 TEST_F(KernelCollectorTest, FailuresOfTheKernelEndThePassAndKeepWhatWasTaken)
 {
    _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}};
-   const auto fail = [this](const std::string& failing, auto exception) {
-      _host.before = [failing, exception](const std::string& operation) {
-         if (operation == failing) {
-            throw exception;
-         }
-      };
+   const auto cpus = std::exchange(_host.cpus, {});
+   Run();
+   EXPECT_EQ(_agent.logger->Count("3 The host reports no CPU"), 1);
+   _host.cpus = cpus;
+   const std::tuple<std::string, std::function<void()>, const char*, bool, bool> cases[] = {
+      {"GetDiskLuns", [] { throw HostCtl::Lib::HostCtlException("no luns"); },
+       "6 HostCtl Exception during call to GetDiskLuns: no luns", true, true},
+      {"GetMemoryStats", [] { throw HostCtl::Lib::HostCtlException("no memory"); },
+       "3 HostCtl Exception during stats collection: no memory", true, false},
+      {"GetMemoryStats", [] { throw Corvax::Exception("of the runtime"); },
+       "3 Error in Statistics collection: of the runtime", true, false},
+      {"GetHost", [] { throw 42; }, "3 Unknown exception during stats collection", false, false},
    };
-   fail("GetDiskLuns", HostCtl::Lib::HostCtlException("no luns"));
-   Run();
-   EXPECT_EQ(_agent.logger->Count("6 HostCtl Exception during call to GetDiskLuns: no luns"), 1);
-   EXPECT_TRUE(Names("ha-host").contains("mem-active"));
-   EXPECT_FALSE(Names("ha-host").contains("disk-usage"));
-
-   _depot->DeleteEntityStats("ha-host");
-   fail("GetMemoryStats", HostCtl::Lib::HostCtlException("no memory"));
-   Run();
-   EXPECT_EQ(_agent.logger->Count("3 HostCtl Exception during stats collection: no memory"), 1);
-   EXPECT_TRUE(Names("ha-host").contains("cpu-usage"));
-   EXPECT_FALSE(Names("ha-host").contains("mem-active"));
-   fail("GetMemoryStats", Corvax::Exception("of the runtime"));
-   Run();
-   EXPECT_EQ(_agent.logger->Count("3 Error in Statistics collection: of the runtime"), 1);
-   fail("GetHost", 42);
-   Run();
-   EXPECT_EQ(_agent.logger->Count("3 Unknown exception during stats collection"), 1);
+   for (const auto& [operation, fail, logged, hasCpu, hasMemory] : cases) {
+      _depot->DeleteEntityStats("ha-host");
+      _host.before = [&, &failing = operation, &action = fail](const std::string& called) {
+         called == failing ? action() : void();
+      };
+      Run();
+      EXPECT_EQ(_agent.logger->Count(logged), 1) << logged;
+      EXPECT_EQ(Names("ha-host").contains("cpu-usage"), hasCpu) << logged;
+      EXPECT_EQ(Names("ha-host").contains("mem-active"), hasMemory) << logged;
+      EXPECT_FALSE(Names("ha-host").contains("disk-usage")) << logged;
+   }
    _host.before = [](const std::string&) {};
    Run();
    EXPECT_TRUE(Names("ha-host").contains("disk-usage"));
 }
 
-TEST_F(KernelCollectorTest, HostWithoutCpusIsAskedAgain)
-{
-   const auto cpus = std::exchange(_host.cpus, {});
-   Run();
-   EXPECT_EQ(_agent.logger->Count("3 The host reports no CPU"), 1);
-   _host.cpus = cpus;
-   Run();
-   EXPECT_EQ(Raw("ha-host", "cpu-usage"), 500u);
-}
-
-TEST_F(KernelCollectorTest, VirtualMachinesAreSampledUnderTheirLock)
+TEST_F(KernelCollectorTest, OnlyWhatIsConnectedAndKnownIsSampled)
 {
    const auto vm = AddVm("vm1");
-   AddVm("vm0")->available = false;
+   AddVm("stuck")->available = false;
    AddVm("gone");
    _agent.Unregister("gone");
    vm->AddCard(4000, true, true);
    vm->AddCard(4001, true, false);
    vm->AddCard(4002, false, true);
    vm->AddCard(4003, true, true); // no port
-   _host.ports[4000] = {2048, 1024, 3, 4};
+   _host.ports = {{4000, {2048, 1024, 3, 4}}, {4001, {9999, 9, 9, 9}}, {4002, {9999, 9, 9, 9}}};
    vm->worldId = 77;
+   AddVm("no world");
    _host.disks = {{"sda", {}, {{77, {8, 2, 1, 1, 2, 0, 0}}, {-1, {9, 9, 9, 9, 9, 9, 9}}}},
                   {"sdb", {}, {{77, {4, 0, 1, 0, 1, 0, 0}}}}};
    Run();
-   Expect("vm1", {{"sys-heartbeat", 7},
-                  {"cpu-usagemhz#0", 8000},
-                  {"cpu-system#0", 5},
-                  {"cpu-wait#0", 6},
-                  {"cpu-ready#0", 7},
-                  {"cpu-extra#0", 8},
-                  {"cpu-guaranteed#0", 9},
-                  {"cpu-used#1", 8000},
-                  {"sys-uptime", 60},
-                  {"cpu-usage", 200},
-                  {"cpu-usagemhz", 80},
-                  {"mem-usage", 2500},
-                  {"mem-consumed", 70},
-                  {"mem-granted", 100},
-                  {"mem-active", 262144},
-                  {"mem-shared", 3},
-                  {"mem-zero", 4},
-                  {"mem-swapped", 5},
-                  {"mem-swaptarget", 8},
-                  {"mem-swapin", 9},
-                  {"mem-swapout", 10},
-                  {"mem-vmmemctl", 6},
-                  {"mem-vmmemctltarget", 13},
-                  {"mem-overhead", 7},
-                  {"net-received#4000", 2},
-                  {"net-transmitted#4000", 1},
-                  {"net-packetsRx#4000", 3},
-                  {"net-packetsTx#4000", 4},
-                  {"net-usage", 3},
-                  {"disk-read#sda", 4},
-                  {"disk-write#sda", 1},
-                  {"disk-read#sdb", 2},
-                  {"disk-usage", 7}});
+   EXPECT_EQ(Raw("vm1", "net-usage"), 3u);
+   EXPECT_EQ(Raw("vm1", "disk-usage"), 7u);
    EXPECT_EQ(Names("vm1").size(), 2u + 7 * 2 + 2 + 13 + 5 + 7 * 2 + 1);
-   EXPECT_TRUE(Names("vm0").empty());
-   EXPECT_TRUE(Names("gone").empty());
+   EXPECT_TRUE(Names("stuck").empty() && Names("gone").empty());
+   EXPECT_FALSE(Names("no world").contains("disk-usage"));
    EXPECT_EQ(_agent.logger->CountLevel(3), 0);
 }
 
@@ -387,109 +285,43 @@ TEST_F(KernelCollectorTest, MissingFiguresOfAVirtualMachineCostOnlyThemselves)
    Run();
    EXPECT_EQ(Names("vm1"), (std::set<std::string>{"sys-heartbeat"}));
    EXPECT_EQ(_agent.logger->Count("7 Unable to collect memory stats for Vm vm1"), 1);
-   EXPECT_EQ(_agent.logger->Count(
-                "5 HostCtl Exception during network stats collection for vm vm1 : no port"),
-             1);
-   _resourceMgr->swap["vm2"] = {};
-   Run();
+   EXPECT_EQ(_agent.logger->Count("for vm vm1 : no port"), 1);
    EXPECT_EQ(Raw("vm2", "mem-consumed"), 0u);
    EXPECT_FALSE(Names("vm2").contains("mem-usage"));
 }
 
-TEST_F(KernelCollectorTest, PoolsGroupsAndLoadAreWalkedFromTheirRoots)
+TEST_F(KernelCollectorTest, APoolThatIsGoneHidesThoseBelowIt)
 {
    const auto root = MakeRef<FakePool>("root");
-   const auto child = MakeRef<FakePool>("child");
    const auto lost = MakeRef<FakePool>("lost");
    const auto below = MakeRef<FakePool>("below lost");
    root->AddChild(lost);
-   root->AddChild(child);
    lost->AddChild(below);
-   for (const auto& pool : {root, child, below}) {
+   for (const auto& pool : {root, below}) {
       _agent.Register(pool->moRef->GetId(), pool);
       _resourceMgr->cpu[pool->moRef->GetId()] = {4000000};
    }
-   _resourceMgr->memory["child"] = {1, 2, 3, 4, 5, 6, 7};
-   auto system = MakeRef<Quen::Host::SystemResourceInfo>();
-   system->key = "host";
-   system->child = MakeRef<Plexa::DataArray<Quen::Host::SystemResourceInfo>>();
-   auto drivers = MakeRef<Quen::Host::SystemResourceInfo>();
-   drivers->key = "host/drivers";
-   system->child->Append(drivers);
-   _resourceMgr->systemRoot = system;
-   _resourceMgr->cpu["host/drivers"] = {500000000};
-   HostCtl::Resource::CpuLoadHistory load{
-      {37, 38, 39, 40, 41}, {42, 43, 44, 45, 46}, {47, 48, 49, 50, 51}, 60, 6000};
-   _host.load = &load;
    Run();
-   Expect("root", {{"cpu-usagemhz", 8000}});
-   Expect("child", {{"cpu-usagemhz", 8000},
-                    {"mem-granted", 1},
-                    {"mem-active", 2},
-                    {"mem-shared", 3},
-                    {"mem-zero", 4},
-                    {"mem-swapped", 5},
-                    {"mem-vmmemctl", 6},
-                    {"mem-overhead", 7}});
+   EXPECT_EQ(Raw("root", "cpu-usagemhz"), 8000u);
    EXPECT_TRUE(Names("below lost").empty());
-   Expect("ha-host", {{"sys-resourceCpuUsage#host/drivers", 1000000},
-                      {"rescpu-actav1", 3700},
-                      {"rescpu-actpk1", 3800},
-                      {"rescpu-runav1", 3900},
-                      {"rescpu-runpk1", 4000},
-                      {"rescpu-maxLimited1", 4100},
-                      {"rescpu-actav5", 4200},
-                      {"rescpu-actpk5", 4300},
-                      {"rescpu-runav5", 4400},
-                      {"rescpu-runpk5", 4500},
-                      {"rescpu-maxLimited5", 4600},
-                      {"rescpu-actav15", 4700},
-                      {"rescpu-actpk15", 4800},
-                      {"rescpu-runav15", 4900},
-                      {"rescpu-runpk15", 5000},
-                      {"rescpu-maxLimited15", 5100},
-                      {"rescpu-sampleCount", 60},
-                      {"rescpu-samplePeriod", 6000}});
-   EXPECT_FALSE(Names("ha-host").contains("sys-resourceCpuUsage#host"));
 }
 
-TEST_F(KernelCollectorTest, FollowsTheInventoryThroughItsChannels)
+TEST_F(KernelCollectorTest, TakesOnlyTheMessagesMeantForItAndOnlyWhileItRuns)
 {
    Run();
    const auto vm = AddVm("vm1");
-   const auto power = [&](Quen::Vm::PowerState state) {
-      vm->runtime->powerState = state;
+   const auto tellPower = [&] {
       _agent.Publish("/vm/runtime/powerop/vm1", MakeRef<Guestsvc::VmPowerOpMsg>(vm->moRef, 1, 2));
    };
-   power(Quen::Vm::PowerState::POWERED_ON);
-   EXPECT_EQ(_agent.logger->Count("7 Received notification 1 2"), 1);
+   tellPower();
    Run();
-   EXPECT_FALSE(Names("vm1").empty());
-   power(Quen::Vm::PowerState::SUSPENDED);
-   EXPECT_EQ(_agent.logger->Count("6 Removing vm vm1 from poweredOnVms list"), 1);
-   TimeStamp before = 0;
-   _depot->GetRawSample("vm1", "mem-active", before);
-   Run();
-   TimeStamp after = 0;
-   _depot->GetRawSample("vm1", "mem-active", after);
-   EXPECT_EQ(before, after);
-
    _agent.Publish("/vm/unregister/vm1", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("vm1"));
    EXPECT_FALSE(Names("vm1").empty()); // the wrong kind of message
-   _agent.Publish("/vm/unregister/vm1", MakeRef<Guestsvc::VmUnregisterMsg>(vm->moRef));
-   EXPECT_TRUE(Names("vm1").empty());
-   _depot->CreateStat("pool", "s", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
    _agent.Publish("/resourcePool/destroyed", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>(""));
-   _agent.Publish("/resourcePool/destroyed",
-                  MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("pool"));
-   EXPECT_TRUE(Names("pool").empty());
-   EXPECT_EQ(_agent.logger->Count("6 EntityRemovedListener: Deleting stats for entity"), 2);
-
+   EXPECT_EQ(_agent.logger->Count("6 EntityRemovedListener: Deleting stats for entity"), 0);
    _collector->Stop();
-   power(Quen::Vm::PowerState::POWERED_ON);
-   EXPECT_EQ(_agent.logger->Count("Received notification"), 2); // not while stopped
-   Run();                                                       // the list is read again
-   EXPECT_FALSE(Names("vm1").empty());
+   tellPower();
+   EXPECT_EQ(_agent.logger->Count("7 Received notification 1 2"), 1);
 }
 
 TEST_F(KernelCollectorTest, GoesOnWithoutTheVirtualMachineService)

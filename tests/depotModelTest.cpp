@@ -12,6 +12,7 @@
 #include <deque>
 #include <iostream>
 #include <map>
+#include <numeric>
 #include <random>
 #include <set>
 
@@ -31,7 +32,6 @@ struct ModelStore {
    std::map<StatId, Row> rows;
 
    TimeStamp Latest() const { return columns.empty() ? kUnset : columns.back(); }
-   TimeStamp Earliest() const { return columns.empty() ? kUnset : columns.front(); }
 
    bool Add(StatId id, TimeStamp ts, StatVal value)
    {
@@ -43,9 +43,8 @@ struct ModelStore {
       } else if (std::ranges::find(columns, ts) == columns.end()) {
          return false;
       }
-      const auto row = rows.find(id);
-      if (row != rows.end() && ts <= row->second.last) {
-         rows.erase(row); // a sample that is not newer starts the row over
+      if (rows.contains(id) && ts <= rows.at(id).last) {
+         rows.erase(id); // a sample that is not newer starts the row over
       }
       rows[id].last = ts;
       rows[id].samples[ts] = value;
@@ -55,7 +54,6 @@ struct ModelStore {
    int Read(StatId id, TimeStamp begin, TimeStamp end, std::vector<StatVal>& values,
             std::vector<TimeStamp>& times) const
    {
-      int valid = 0;
       for (const TimeStamp ts : columns) {
          if ((begin != kUnset && ts < begin) || ts > end) {
             continue;
@@ -64,9 +62,8 @@ struct ModelStore {
          const bool has = row != rows.end() && row->second.samples.contains(ts);
          values.push_back(has ? row->second.samples.at(ts) : kUnset);
          times.push_back(ts);
-         valid += values.back() != kUnset ? 1 : 0;
       }
-      return valid;
+      return static_cast<int>(std::ranges::count_if(values, [](StatVal v) { return v != kUnset; }));
    }
 };
 
@@ -107,6 +104,9 @@ struct ModelDepot {
 
    void Delete(const Name& name)
    {
+      if (!stats.contains(name)) {
+         return;
+      }
       for (const auto& [rollup, id] : stats.at(name).ids) {
          slots->MarkSlotFree(static_cast<int>(id));
          for (Interval& interval : intervals) {
@@ -171,13 +171,8 @@ struct ModelDepot {
       TimeStamp begin = latest + fine.period;
       TimeStamp end = latest + coarse.period;
       if (latest == kUnset) {
-         begin = fine.store.columns.empty() ? 0 : fine.store.Earliest();
+         begin = fine.store.columns.empty() ? 0 : fine.store.columns.front();
          end = (begin + coarse.period - fine.period) / coarse.period * coarse.period;
-      }
-      const uint64_t due = (ts - begin) / coarse.period;
-      if (due > coarse.store.numSamples) {
-         begin += (due - coarse.store.numSamples) * coarse.period;
-         end += (due - coarse.store.numSamples) * coarse.period;
       }
       std::deque<std::pair<TimeStamp, TimeStamp>> periods;
       for (; end < ts; begin += coarse.period, end += coarse.period) {
@@ -230,31 +225,24 @@ struct ModelDepot {
    static StatVal Summary(StatsDepot::RollupType rollup, std::vector<StatVal> run)
    {
       std::erase(run, kUnset);
-      StatVal sum = 0;
-      for (const StatVal value : run) {
-         sum += value;
-      }
-      switch (rollup) {
-      case StatsDepot::ROLLUP_AVERAGE:
-         return sum / run.size();
-      case StatsDepot::ROLLUP_MAX:
-         return std::ranges::max(run);
-      case StatsDepot::ROLLUP_MIN:
-         return std::ranges::min(run);
-      case StatsDepot::ROLLUP_LAST:
-         return run.back();
-      case StatsDepot::ROLLUP_SUM:
-         return sum;
-      default:
-         return kUnset;
-      }
+      const StatVal sum = std::accumulate(run.begin(), run.end(), StatVal{0});
+      const std::map<StatsDepot::RollupType, StatVal> summaries = {
+         {StatsDepot::ROLLUP_AVERAGE, sum / run.size()},
+         {StatsDepot::ROLLUP_MAX, std::ranges::max(run)},
+         {StatsDepot::ROLLUP_MIN, std::ranges::min(run)},
+         {StatsDepot::ROLLUP_LAST, run.back()},
+         {StatsDepot::ROLLUP_SUM, sum},
+         {StatsDepot::ROLLUP_NONE, kUnset}};
+      return summaries.at(rollup);
    }
 
    void Purge()
    {
       TimeStamp earliest = kUnset;
       for (const Interval& interval : intervals) {
-         earliest = std::min(earliest, interval.store.Earliest());
+         if (!interval.store.columns.empty()) {
+            earliest = std::min(earliest, interval.store.columns.front());
+         }
       }
       std::vector<Name> stale;
       for (auto& [name, stat] : stats) {
@@ -278,9 +266,7 @@ struct ModelDepot {
 
 class DepotModelTest : public testing::Test {
 protected:
-   struct Shape {
-      std::vector<std::pair<int, unsigned>> intervals; // period and samples
-   };
+   using Shape = std::vector<std::pair<int, unsigned>>; ///< period and samples of each interval
 
    void Run(const Shape& shape, uint64_t seed)
    {
@@ -290,7 +276,7 @@ protected:
       _model = {};
       GetStatsDepot(_scratch.Path(), "model", _logger.Get(), 1000000, _depot);
       _depot->Create();
-      for (const auto& [period, samples] : shape.intervals) {
+      for (const auto& [period, samples] : shape) {
          const std::string name = "every" + std::to_string(period);
          _depot->AddInterval(name, period, samples);
          _model.intervals.push_back({name, static_cast<uint64_t>(period), {samples, {}, {}}});
@@ -326,9 +312,15 @@ private:
       } else if (dice < 86) {
          _now += Below(10) == 0 ? Below(40 * coarse) : Below(3 * coarse); // a gap
       } else if (dice < 94) {
-         Delete(SomeName());
+         const ModelDepot::Name name = SomeName();
+         _depot->DeleteStat(name.first, name.second);
+         _model.Delete(name);
       } else if (dice < 96) {
-         DeleteEntity("entity" + std::to_string(Below(3)));
+         const std::string entity = "entity" + std::to_string(Below(3));
+         _depot->DeleteEntityStats(entity);
+         for (const auto& name : NamesOf(entity)) {
+            _model.Delete({entity, name});
+         }
       } else {
          Reload();
       }
@@ -366,22 +358,6 @@ private:
       }
       _depot->CreateStat(name.first, name.second, type, factor, rollups);
       _model.Create(name, type, factor, rollups);
-   }
-
-   void Delete(const ModelDepot::Name& name)
-   {
-      _depot->DeleteStat(name.first, name.second);
-      if (_model.stats.contains(name)) {
-         _model.Delete(name);
-      }
-   }
-
-   void DeleteEntity(const std::string& entity)
-   {
-      _depot->DeleteEntityStats(entity);
-      for (const auto& name : NamesOf(entity)) {
-         _model.Delete({entity, name});
-      }
    }
 
    void Reload()
@@ -453,8 +429,8 @@ private:
 TEST_F(DepotModelTest, AnswersAsTheModelDoes)
 {
    const Shape shapes[] = {
-      {{{10, 3}, {30, 2}}},          {{{10, 2}, {20, 3}}},           {{{10, 6}, {30, 3}}},
-      {{{10, 3}, {30, 3}, {60, 2}}}, {{{10, 20}, {30, 4}, {90, 3}}}, {{{7, 12}, {21, 5}}},
+      {{10, 3}, {30, 2}},          {{10, 2}, {20, 3}},           {{10, 6}, {30, 3}},
+      {{10, 3}, {30, 3}, {60, 2}}, {{10, 20}, {30, 4}, {90, 3}}, {{7, 12}, {21, 5}},
    };
    const char* const fixed = std::getenv("METRIX_SEED");
    uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();

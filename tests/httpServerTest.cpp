@@ -1,5 +1,6 @@
 #include "agentd/httpServer.h"
 #include "tests/fakes/captureLogger.h"
+#include "tests/fakes/messageOf.h"
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
@@ -168,18 +169,12 @@ protected:
                      [](const HttpRequest&, HttpResponse& r) { r.body = "own"; });
       _server->Route("PUT", "/p/{a}/q/{b}", Describe);
       _server->Route("GET", "/throw/{what}", [](const HttpRequest& q, HttpResponse&) {
-         switch (q.pathParameters.at(0).at(0)) {
-         case 'r':
-            throw Corvax::NotFoundException("failure of runtime");
-         case 'm':
-            throw Corvax::OutOfMemoryException();
-         case 's':
-            throw std::out_of_range("failure of standard");
-         case 'c':
-            throw HttpRefusal(409, "not now");
-         default:
-            throw 1;
-         }
+         const char what = q.pathParameters.at(0).at(0);
+         what == 'r'   ? throw Corvax::NotFoundException("failure of runtime")
+         : what == 'm' ? throw Corvax::OutOfMemoryException()
+         : what == 's' ? throw std::out_of_range("failure of standard")
+         : what == 'c' ? throw HttpRefusal(409, "not now")
+                       : throw 1;
       });
       _server->Route("GET", "/wait", [this](const HttpRequest&, HttpResponse& r) {
          _entered.count_down();
@@ -212,10 +207,7 @@ protected:
 TEST_F(HttpServerTest, HandlersGetWhatWasAsked)
 {
    Start();
-   const struct {
-      const char* target;
-      const char* body;
-   } rows[] = {
+   const std::pair<const char*, const char*> rows[] = {
       {"/p/1/q/a%2Fb+c", "GET /p/1/q/a/b+c {1} {a/b+c} x/y, z"},
       {"/p/own/q/1", "own"},
       {"/p/%6Fwn/q/1", "own"},
@@ -223,12 +215,11 @@ TEST_F(HttpServerTest, HandlersGetWhatWasAsked)
       {"http://host:1/p/a/q/b", "GET /p/a/q/b {a} {b} x/y, z"},
    };
    Client client(_port);
-   for (const auto& row : rows) {
-      const std::string response =
-         client.Ask(std::string("GET ") + row.target +
-                    " HTTP/1.1\r\nhost:a\r\nACCEPT: x/y \r\naccept:z\r\n\r\n");
-      EXPECT_EQ(StatusOf(response), 200) << row.target;
-      EXPECT_EQ(BodyOf(response), row.body);
+   for (const auto& [target, body] : rows) {
+      const std::string response = client.Ask(
+         std::string("GET ") + target + " HTTP/1.1\r\nhost:a\r\nACCEPT: x/y \r\naccept:z\r\n\r\n");
+      EXPECT_EQ(StatusOf(response), 200) << target;
+      EXPECT_EQ(BodyOf(response), body);
    }
 }
 
@@ -285,12 +276,7 @@ TEST_F(HttpServerTest, RefusesWhatItCannotServe)
    for (int i = 0; i < 99; ++i) {
       manyHeaders += "A: b\r\n";
    }
-   const struct {
-      const char* name;
-      int status;
-      bool closes;
-      std::string request;
-   } rows[] = {
+   const std::tuple<const char*, int, bool, std::string> rows[] = {
       {"unknown path", 404, false, "GET /texts HTTP/1.1\r\nHost: a\r\n\r\n"},
       {"empty parameter", 404, false, "GET /p//q/b HTTP/1.1\r\nHost: a\r\n\r\n"},
       {"other method", 405, false, "POST /text HTTP/1.1\r\nHost: a\r\n\r\n"},
@@ -329,19 +315,18 @@ TEST_F(HttpServerTest, RefusesWhatItCannotServe)
       {"100 headers", 200, false, manyHeaders + "\r\n"},
       {"101 headers", 431, true, manyHeaders + "A: b\r\n\r\n"},
    };
-   for (const auto& row : rows) {
-      SCOPED_TRACE(row.name);
+   for (const auto& [name, status, closes, request] : rows) {
+      SCOPED_TRACE(name);
       Client client(_port);
-      const std::string response = client.Ask(row.request);
-      EXPECT_EQ(StatusOf(response), row.status);
-      if (row.status != 200) {
-         EXPECT_TRUE(BodyOf(response).starts_with("E" + std::to_string(row.status) + " "));
+      const std::string response = client.Ask(request);
+      EXPECT_EQ(StatusOf(response), status);
+      if (status != 200) {
+         EXPECT_TRUE(BodyOf(response).starts_with("E" + std::to_string(status) + " "));
       }
-      EXPECT_EQ(response.find("Allow: GET, HEAD, OPTIONS\r\n") != response.npos, row.status == 405);
-      EXPECT_EQ(response.find("Connection: close\r\n") != response.npos, row.closes);
+      EXPECT_EQ(response.find("Allow: GET, HEAD, OPTIONS\r\n") != response.npos, status == 405);
+      EXPECT_EQ(response.find("Connection: close\r\n") != response.npos, closes);
       // Either the end, or a connection in step.
-      EXPECT_EQ(row.closes ? client.ReceiveToEnd() : BodyOf(client.Ask(kGet)),
-                row.closes ? "" : "text");
+      EXPECT_EQ(closes ? client.ReceiveToEnd() : BodyOf(client.Ask(kGet)), closes ? "" : "text");
    }
 }
 
@@ -364,31 +349,26 @@ TEST_F(HttpServerTest, FailingHandlerIsAnsweredAndLogged)
 TEST_F(HttpServerTest, CompressesForThoseWhoTakeIt)
 {
    Start();
-   const struct {
-      const char* type;
-      const char* accepted;
-      size_t size;
-      bool compressed;
-   } rows[] = {
+   const std::tuple<std::string, std::string, size_t, bool> rows[] = {
       {"application/json", "gzip", 1024, true},           {"application/json", "gzip", 1023, false},
       {"text/csv", "deflate, GZIP;q=0.5", 50000, true},   {"text/csv", "br, *", 50000, true},
       {"application/json", "gzip;q=0, *", 50000, false},  {"application/json", "br", 50000, false},
       {"application/octet-stream", "gzip", 50000, false},
    };
    Client client(_port);
-   for (const auto& row : rows) {
+   for (const auto& [type, accepted, size, compressed] : rows) {
       std::string body;
-      while (body.size() < row.size) {
+      while (body.size() < size) {
          body += std::to_string(body.size() * body.size());
       }
-      body.resize(row.size);
+      body.resize(size);
       const std::string response = client.Ask(
-         std::string("POST /echo HTTP/1.1\r\nHost: a\r\nContent-Type: ") + row.type +
-         "\r\nAccept-Encoding: " + row.accepted +
-         "\r\nRange: bytes=0-1\r\nContent-Length: " + std::to_string(row.size) + "\r\n\r\n" + body);
-      SCOPED_TRACE(std::string(row.type) + " " + row.accepted);
-      EXPECT_EQ(response.find("Content-Encoding: gzip\r\n") != response.npos, row.compressed);
-      EXPECT_TRUE((row.compressed ? Inflate(BodyOf(response)) : BodyOf(response)) == body);
+         std::string("POST /echo HTTP/1.1\r\nHost: a\r\nContent-Type: ") + type +
+         "\r\nAccept-Encoding: " + accepted +
+         "\r\nRange: bytes=0-1\r\nContent-Length: " + std::to_string(size) + "\r\n\r\n" + body);
+      SCOPED_TRACE(type + " " + accepted);
+      EXPECT_EQ(response.find("Content-Encoding: gzip\r\n") != response.npos, compressed);
+      EXPECT_TRUE((compressed ? Inflate(BodyOf(response)) : BodyOf(response)) == body);
    }
 }
 
@@ -481,12 +461,9 @@ TEST_F(HttpServerTest, SaysWhyItCannotListen)
         {taken, std::string("127.0.0.1"), std::string("::1:80"), std::string("localhost:65536"),
          std::string(":80"), std::string("192.0.2.1:0"), std::string("a:b")}) {
       HttpServer other({}, nullptr, _logger.Get());
-      try {
-         other.Listen(address);
-         ADD_FAILURE() << address;
-      } catch (const Corvax::Exception& e) {
-         EXPECT_TRUE(e.GetMessage().starts_with("Cannot listen on " + address + ": "));
-      }
+      EXPECT_TRUE(MessageOf([&] {
+                     other.Listen(address);
+                  }).starts_with("Cannot listen on " + address + ": "));
    }
    HttpServer named({}, nullptr, _logger.Get());
    EXPECT_GT(named.Listen("localhost:0"), 0);

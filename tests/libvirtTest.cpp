@@ -39,11 +39,10 @@ std::string Parse(std::string_view more)
    return text.starts_with(start) ? text.substr(start.size()) : text;
 }
 
-const struct {
-   const char* name;
-   const char* xml;
-   const char* expected;
-} kXmlCases[] = {
+/// Name, text and what it gives.
+using Case = std::tuple<const char*, const char*, const char*>;
+
+const Case kXmlCases[] = {
    {"no memory, no devices", "", "0MB "},
    {"memory in KiB unless told", "<memory>2097151</memory>", "2047MB "},
    {"bytes", "<memory unit='bytes'>1048575</memory>", "0MB "},
@@ -156,11 +155,7 @@ private:
    int _capacity = 0;
 };
 
-const struct {
-   const char* name;
-   const char* fields;
-   const char* expected;
-} kStatCases[] = {
+const Case kStatCases[] = {
    {"empty", "", "none"},
    {"shut off, with the daemon's own time", "state.state=5 cpu.time=5180000000 balloon.rss=1",
     "none"},

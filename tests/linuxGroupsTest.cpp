@@ -5,16 +5,13 @@
 #include "linuxHost/imageLocator.h"
 #include "linuxHost/loadHistory.h"
 #include "linuxHost/qemuProcess.h"
-#include "tests/fakes/scratch.h"
+#include "tests/fakes/kernelTree.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
-
 namespace {
 
-namespace fs = std::filesystem;
 using Corvax::Format;
 using LinuxHost::ControlGroups;
 using LinuxHost::LoadHistory;
@@ -28,28 +25,7 @@ std::string Text(const std::optional<uint64_t>& number)
    return number ? std::to_string(*number) : "none";
 }
 
-/// A tree of kernel files in a directory of its own.
-class LinuxGroupsTest : public testing::Test {
-protected:
-   /// Writes in place, as a kernel file changes under a descriptor that stays open. A path that
-   /// ends with a slash makes a directory.
-   void Write(const std::vector<std::pair<std::string, std::string>>& files)
-   {
-      for (const auto& [path, text] : files) {
-         fs::create_directories(fs::path(Path(path)).parent_path());
-         _scratch.Write(path, text);
-      }
-   }
-   void Link(const std::string& path, const std::string& target)
-   {
-      Write({{path.substr(0, path.rfind('/') + 1), ""}});
-      fs::create_symlink(target, Path(path));
-   }
-   std::string Path(const std::string& path = "") const { return _scratch.Path() + path; }
-
-private:
-   const Scratch _scratch;
-};
+class LinuxGroupsTest : public testing::Test, protected KernelTree {};
 
 /// "used/waiting/throttled, granted/active/swapped/in/out" of a group.
 std::string Figures(ControlGroups& groups, const std::string& path)
@@ -78,11 +54,7 @@ constexpr auto Start = Number<LinuxHost::ParseStartTicks>;
 
 TEST(LinuxGroupParsersTest, AnyTextIsAcceptedAndWhatIsMissingStaysMissing)
 {
-   const struct {
-      std::string (*parse)(std::string_view);
-      std::string_view text;
-      const char* expected;
-   } cases[] = {
+   const std::tuple<std::string (*)(std::string_view), std::string_view, const char*> cases[] = {
       {CpuStat, "usage_usec 5\nusage_usecs 6\nsystem_usec x\nthrottled_time 7", "5 none none 7"},
       {CpuStat, "\nusage_usec\nthrottled_usec 99999999999999999999",
        "none none 18446744073709551615 none"},
@@ -91,8 +63,8 @@ TEST(LinuxGroupParsersTest, AnyTextIsAcceptedAndWhatIsMissingStaysMissing)
       {Start, "7 (a) b) c) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23\n", "22"},
       {Start, "7 (a) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", "none"},
    };
-   for (const auto& row : cases) {
-      EXPECT_EQ(row.expected, row.parse(row.text)) << row.text;
+   for (const auto& [parse, text, expected] : cases) {
+      EXPECT_EQ(expected, parse(text)) << text;
    }
 }
 
@@ -158,7 +130,7 @@ TEST_F(LinuxGroupsTest, AFileIsClosedWhenTwoRoundsHaveNotReadIt)
    Write({{kTop + "cgroup.controllers", ""}, {kTop + "a/cpu.stat", "usage_usec 1\n"}});
    ControlGroups groups(Path());
    EXPECT_TRUE(groups.ReadCpu("/a"));
-   fs::remove(Path(kTop + "a/cpu.stat")); // of which a descriptor that stays open knows nothing
+   Remove(kTop + "a/cpu.stat"); // of which a descriptor that stays open knows nothing
    for (const int rounds : {1, 1, 1, 2, 3}) {
       for (int i = 0; i < rounds; ++i) {
          groups.BeginReading();
@@ -301,12 +273,7 @@ TEST_F(LinuxGroupsTest, AnImageLiesOnTheDiskThatIsCounted)
    }
    using Image = LinuxHost::VmDisk::Image;
    using Identity = LinuxHost::FileIdentity;
-   const struct {
-      std::string name;
-      Image image;
-      std::optional<Identity> identity;
-      std::string expected;
-   } cases[] = {
+   const std::tuple<std::string, Image, std::optional<Identity>, std::string> cases[] = {
       {"on a partition", Image::FILE, Identity{{254, 1}, 30, {}}, "vda"},
       {"a volume on volumes", Image::BLOCK_DEVICE, Identity{{0, 6}, {}, {{254, 2}}}, "vda"},
       {"a circle", Image::FILE, Identity{{254, 3}, {}, {}}, "other"},
@@ -320,13 +287,12 @@ TEST_F(LinuxGroupsTest, AnImageLiesOnTheDiskThatIsCounted)
       {"not to be seen", Image::FILE, {}, "other"},
       {"of a server", Image::NETWORK, {}, "network"},
    };
-   for (const auto& row : cases) {
+   for (const auto& [name, image, identity, expected] : cases) {
       std::map<std::string, std::optional<Identity>> files = {
-         {Path("/image"), row.identity},
-         {Path("/dev/a b\\\\\\0"), Identity{{0, 6}, {}, {{254, 1}}}}};
+         {Path("/image"), identity}, {Path("/dev/a b\\\\\\0"), Identity{{0, 6}, {}, {{254, 1}}}}};
       const LinuxHost::ImageLocator locator(
          Path(), [&files](const std::string& path) { return files[path]; });
-      EXPECT_EQ(row.expected, locator.FindDisk({"vda", row.image, "/image"})) << row.name;
+      EXPECT_EQ(expected, locator.FindDisk({"vda", image, "/image"})) << name;
    }
    EXPECT_FALSE(LinuxHost::IdentifyFile(Path("gone")));
    EXPECT_FALSE(LinuxHost::IdentifyFile("/dev/null")->device); // a node, but no disk's
@@ -365,7 +331,7 @@ TEST_F(LinuxGroupsTest, AProcessIsFoundByItsUuidAndNeverTakenForALaterOne)
    EXPECT_EQ("2500000", Text(process.ReadStartUs()));
    EXPECT_EQ(3 * kPageKb, process.ReadMergedMemory().sharedKb);
    EXPECT_EQ(2 * kPageKb, process.ReadMergedMemory().zeroKb);
-   fs::remove_all(Path("proc/12"));
+   Remove("proc/12");
    Write({{"proc/12/stat", "12 (qemu)" + fields}, {"proc/12/cgroup", "0::/later\n"}});
    EXPECT_FALSE(process.ReadStartUs());
    EXPECT_EQ("", process.ReadGroupPath());

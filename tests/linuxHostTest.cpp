@@ -3,70 +3,30 @@
 #include "corvax/format.h"
 #include "linuxHost/kernelFile.h"
 #include "tests/fakes/captureLogger.h"
+#include "tests/fakes/kernelTree.h"
+#include "tests/fakes/messageOf.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
 namespace {
 
-namespace fs = std::filesystem;
 using Corvax::Format;
 using HostCtl::Lib::HostCtlException;
 
-template <class T>
-std::unique_ptr<T> Owned(T* object)
-{
-   return std::unique_ptr<T>(object);
-}
-
-/// The text of what is thrown, empty when nothing is.
-std::string MessageOf(const std::function<void()>& read)
-{
-   try {
-      read();
-   } catch (const HostCtlException& failure) {
-      return failure.GetMessage();
-   }
-   return "";
-}
-
-/// A tree of kernel files in a directory of its own, and a provider that reads it.
-class LinuxHostTest : public testing::Test {
+/// A tree of kernel files and a provider that reads it.
+class LinuxHostTest : public testing::Test, protected KernelTree {
 protected:
-   LinuxHostTest()
-   {
-      _root = testing::TempDir() + "linuxHostXXXXXX";
-      EXPECT_NE(nullptr, mkdtemp(_root.data()));
-   }
-   ~LinuxHostTest() override { fs::remove_all(_root); }
-
-   /// Writes in place, as a kernel file changes under a descriptor that stays open.
-   void Write(const std::string& path, const std::string& text)
-   {
-      fs::create_directories(fs::path(Path(path)).parent_path());
-      std::ofstream(Path(path)) << text;
-   }
-   void MakeDirectory(const std::string& path) { fs::create_directories(Path(path)); }
-   void Remove(const std::string& path) { fs::remove_all(Path(path)); }
-   std::string Path(const std::string& path) const { return _root + "/" + path; }
-
    HostCtl::Host& Host()
    {
       if (!_host) {
          _provider =
-            LinuxHost::NewLinuxHostProvider({_root, _nics, _cpuMhz}, nullptr, _logger.Get());
+            LinuxHost::NewLinuxHostProvider({GetRoot(), _nics, _cpuMhz}, nullptr, _logger.Get());
          _host.reset(_provider->GetHost());
       }
       return *_host;
@@ -116,7 +76,6 @@ protected:
       return text;
    }
 
-   std::string _root;
    std::vector<std::string> _nics;
    uint32_t _cpuMhz = 0;
    Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
@@ -257,17 +216,13 @@ TEST_F(LinuxHostTest, ConfiguredNicsAreCountedOnceInTheirOrder)
 
 TEST_F(LinuxHostTest, CpuSpeedIsTheFirstOneTold)
 {
-   const struct {
-      const char* path;
-      const char* text;
-      uint64_t expectedHz;
-   } sources[] = {
+   const std::tuple<const char*, const char*, uint64_t> sources[] = {
       {"proc/cpuinfo", "processor : 2\ncpu MHz : 1500.25\n", 1500250000},
       {"sys/devices/system/cpu/cpu2/cpufreq/cpuinfo_max_freq", "3000000\n", 3000000000},
       {"sys/devices/system/cpu/cpu2/cpufreq/base_frequency", "2000000\n", 2000000000},
    };
    Write("sys/devices/system/cpu/online", "2,4-5\n");
-   const std::string message = MessageOf([this] { Cpus()->GetCpus(); });
+   const std::string message = MessageOf<HostCtlException>([this] { Cpus()->GetCpus(); });
    EXPECT_TRUE(message.starts_with("Cannot find the CPU speed")) << message;
    EXPECT_NE(std::string::npos, message.find(Path("proc/cpuinfo"))) << message;
    for (const auto& [path, text, expectedHz] : sources) {
@@ -301,11 +256,8 @@ TEST_F(LinuxHostTest, CoresAreCountedUpToTheLimitWithOneWarning)
 
 TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
 {
-   const struct {
-      const char* path;
-      bool mayBeEmpty; // no disks, no NICs and no memory set aside are figures too
-      std::function<void()> read;
-   } readings[] = {
+   // Some may be empty: no disks, no NICs and no memory set aside are figures too.
+   const std::tuple<const char*, bool, std::function<void()>> readings[] = {
       {"proc/stat", false, [this] { CpuTimes(); }},
       {"proc/stat", false, [this] { Cpus()->GetCoreCount(); }},
       {"proc/uptime", false, [this] { Resources()->GetUptimeUs(); }},
@@ -318,9 +270,10 @@ TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
    for (const auto& [path, mayBeEmpty, read] : readings) {
       _host = nullptr; // a new provider, which has no file open yet
       Remove(path);
-      EXPECT_EQ("Cannot read " + Path(path) + ": No such file or directory", MessageOf(read));
+      EXPECT_EQ("Cannot read " + Path(path) + ": No such file or directory",
+                MessageOf<HostCtlException>(read));
       Write(path, "");
-      const std::string message = MessageOf(read);
+      const std::string message = MessageOf<HostCtlException>(read);
       EXPECT_TRUE(mayBeEmpty ? message.empty() : message.ends_with(" in " + Path(path)))
          << path << ": " << message;
    }
@@ -335,7 +288,7 @@ TEST_F(LinuxHostTest, FileOfADeviceThatCameBackIsReadAnew)
       _exit(0);
    }
    const std::string ofChild = Format("/proc/%1/stat", child);
-   fs::create_symlink(ofChild, Path("stat"));
+   Link("stat", ofChild);
    LinuxHost::KernelFile gone(ofChild);
    LinuxHost::KernelFile back(Path("stat"));
    EXPECT_TRUE(gone.Read().starts_with(std::to_string(child) + " "));
@@ -347,28 +300,6 @@ TEST_F(LinuxHostTest, FileOfADeviceThatCameBackIsReadAnew)
    EXPECT_EQ(std::string(5000, 'x'), back.Read());
    EXPECT_FALSE(gone.ReadIfPresent());
    EXPECT_THROW(gone.Read(), HostCtlException);
-}
-
-TEST_F(LinuxHostTest, FiguresOfThisMachineAreThoseOfItsOtherSources)
-{
-   _provider = LinuxHost::NewLinuxHostProvider({}, nullptr, nullptr);
-   _host.reset(_provider->GetHost());
-   EXPECT_EQ(std::min(255L, sysconf(_SC_NPROCESSORS_ONLN)), Cpus()->GetCoreCount());
-   const auto pages = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES));
-   EXPECT_EQ(pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)), PhysicalBytes());
-   const auto memory = Resources()->GetMemoryStats();
-   EXPECT_GT(memory.freeKb, 0U);
-   EXPECT_LT(memory.freeKb + memory.grantedKb + memory.heapKb, PhysicalBytes() / 1024);
-   timespec sinceBoot{};
-   clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
-   EXPECT_NEAR(static_cast<double>(sinceBoot.tv_sec) * 1e6,
-               static_cast<double>(Resources()->GetUptimeUs()), 5e6);
-   for (auto* lun : Owned(Host().GetStorageInfo())->GetDiskLuns()) {
-      const auto owned = Owned(lun);
-      uint64_t readsLater = 0;
-      std::ifstream(Format("/sys/block/%1/stat", lun->GetScsiName())) >> readsLater;
-      EXPECT_LE(lun->GetStatistics().readOperations, readsLater) << lun->GetScsiName();
-   }
 }
 
 } // namespace

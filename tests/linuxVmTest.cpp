@@ -1,4 +1,5 @@
 #include "agentdCommon/messages.h"
+#include "corvax/format.h"
 #include "corvax/system.h"
 #include "guestsvc/guestsvc.h"
 #include "hostctl/host.h"
@@ -8,11 +9,10 @@
 #include "linuxHost/snapshotPoller.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeHypervisor.h"
-#include "tests/fakes/scratch.h"
+#include "tests/fakes/kernelTree.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <thread>
 
 using LinuxHost::VmDescription;
@@ -32,6 +32,14 @@ void WaitFor(const std::function<bool()>& isSo)
    }
 }
 
+template <class T>
+Corvax::Ref<T> Find(const std::string& id)
+{
+   Corvax::Ref<T> object;
+   Corvax::Service::GetApp()->GetObjectRegistry()->TryLookupObject(id, object);
+   return object;
+}
+
 VmDescription Describe(const std::string& id, PowerState state)
 {
    VmDescription vm;
@@ -42,19 +50,16 @@ VmDescription Describe(const std::string& id, PowerState state)
    return vm;
 }
 
-/// Keeps what is told on the agent's channels, as "PATH" with the state in which it found the
-/// virtual machine.
+/// Keeps what is told on the agent's channels, with the state in which it found the machine.
 class News {
 public:
    News()
    {
-      Corvax::MessageChannels* const channels = Corvax::Service::GetApp()->GetChannels();
-      for (const char* const path : {"/vm/runtime/powerop/", "/vm/unregister/"}) {
-         _readers.push_back(
-            channels->Subscribe(path, Corvax::MakeFunctor(_sink.Get(), &Sink::Take)));
+      for (const char* const path :
+           {"/vm/runtime/powerop/", "/vm/unregister/", "/resourcePool/destroyed"}) {
+         _readers.push_back(Corvax::Service::GetApp()->GetChannels()->Subscribe(
+            path, Corvax::MakeFunctor(_sink.Get(), &Sink::Take)));
       }
-      _readers.push_back(channels->Subscribe("/resourcePool/destroyed",
-                                             Corvax::MakeFunctor(_sink.Get(), &Sink::Take)));
    }
    ~News()
    {
@@ -62,21 +67,11 @@ public:
          reader->Close();
       }
    }
-   std::vector<std::string> Take() const
-   {
-      const std::lock_guard guard(_sink->mutex);
-      return std::exchange(_sink->lines, {});
-   }
    void WaitFor(const std::vector<std::string>& expected) const
    {
-      std::vector<std::string> got;
-      ::WaitFor([&] {
-         for (const std::string& line : Take()) {
-            got.push_back(line);
-         }
-         return got.size() >= expected.size();
-      });
-      EXPECT_EQ(got, expected);
+      std::unique_lock lock(_sink->mutex);
+      _sink->changed.wait(lock, [&] { return _sink->lines.size() >= expected.size(); });
+      EXPECT_EQ(std::exchange(_sink->lines, {}), expected);
    }
 
 private:
@@ -85,55 +80,49 @@ private:
       {
          const std::lock_guard guard(mutex);
          if (auto* const powerOp = dynamic_cast<Guestsvc::VmPowerOpMsg*>(message)) {
-            Corvax::Ref<Guestsvc::HaVirtualMachine> vm;
-            const bool isThere = Corvax::Service::GetApp()->GetObjectRegistry()->TryLookupObject(
-               powerOp->vm->GetId(), vm);
+            const std::string& id = powerOp->vm->GetId();
+            const auto vm = Find<Guestsvc::HaVirtualMachine>(id);
             lines.push_back(
-               powerOp->vm->GetId().substr(35) + " power " +
-               (isThere ? std::to_string(static_cast<int>(vm->GetRuntime()->GetPowerState()))
-                        : "gone"));
+               id.substr(35) + " power " +
+               (vm ? std::to_string(static_cast<int>(vm->GetRuntime()->GetPowerState())) : "gone"));
          } else if (auto* const gone = dynamic_cast<Guestsvc::VmUnregisterMsg*>(message)) {
             lines.push_back(gone->vm->GetId().substr(35) + " unregistered");
-         } else if (auto* const pool =
-                       dynamic_cast<AgentdCommon::ResourcePoolDestroyedMsg*>(message)) {
-            lines.push_back(pool->poolId + " destroyed");
+         } else {
+            lines.push_back(dynamic_cast<AgentdCommon::ResourcePoolDestroyedMsg&>(*message).poolId +
+                            " destroyed");
          }
+         changed.notify_all();
       }
       std::mutex mutex;
+      std::condition_variable changed;
       std::vector<std::string> lines;
    };
    const Corvax::Ref<Sink> _sink = Corvax::MakeRef<Sink>();
    Corvax::RefVector<Corvax::ChannelReader> _readers;
 };
 
-class LinuxVmTest : public testing::Test {
+class LinuxVmTest : public testing::Test, protected KernelTree {
 protected:
    LinuxVmTest()
    {
-      Put("proc/stat", "cpu0 100 0 100 800 0 0 0 0 0 0\n");
-      Put("proc/uptime", "1000.00 0.00\n");
-      Put("sys/fs/cgroup/unified/cgroup.controllers", "");
+      Write({{"proc/stat", "cpu0 100 0 100 800 0 0 0 0 0 0\n"},
+             {"proc/uptime", "1000.00 0.00\n"},
+             {"sys/fs/cgroup/unified/cgroup.controllers", ""}});
    }
 
-   void Put(const std::string& path, const std::string& text)
-   {
-      const std::filesystem::path file = _root.Path() + path;
-      std::filesystem::create_directories(file.parent_path());
-      _root.Write(path, text);
-   }
    void PutGroup(const std::string& path, uint64_t usedUs, uint64_t residentKb)
    {
-      Put("sys/fs/cgroup/unified" + path + "/cpu.stat",
-          "usage_usec " + std::to_string(usedUs) + "\n");
-      Put("sys/fs/cgroup/memory" + path + "/memory.stat",
-          "total_rss " + std::to_string(residentKb * 1024) + "\ntotal_shmem 0\n" +
-             "total_active_anon 8192\ntotal_active_file 4096\ntotal_swap 20480\n");
+      Write("sys/fs/cgroup/unified" + path + "/cpu.stat",
+            "usage_usec " + std::to_string(usedUs) + "\n");
+      Write("sys/fs/cgroup/memory" + path + "/memory.stat",
+            "total_rss " + std::to_string(residentKb * 1024) + "\ntotal_shmem 0\n" +
+               "total_active_anon 8192\ntotal_active_file 4096\ntotal_swap 20480\n");
    }
 
    void Start()
    {
       LinuxHost::LinuxHostOptions options;
-      options.root = _root.Path().substr(0, _root.Path().size() - 1);
+      options.root = GetRoot();
       _backend =
          std::make_unique<LinuxHost::LinuxBackend>(options, _hypervisor, 1, _agent.logger.Get());
       HostCtl::HostFactory::SetProvider(_backend.get());
@@ -141,16 +130,7 @@ protected:
    }
    ~LinuxVmTest() override { HostCtl::HostFactory::SetProvider(nullptr); }
 
-   template <class T>
-   Corvax::Ref<T> Find(const std::string& id)
-   {
-      Corvax::Ref<T> object;
-      Corvax::Service::GetApp()->GetObjectRegistry()->TryLookupObject(id, object);
-      return object;
-   }
-
    FakeAgent _agent;
-   Scratch _root;
    const std::shared_ptr<FakeHypervisor> _hypervisor = std::make_shared<FakeHypervisor>();
    std::unique_ptr<LinuxHost::LinuxBackend> _backend;
 };
@@ -194,8 +174,8 @@ TEST_F(LinuxVmTest, PoolsFollowTheGroups)
    news.WaitFor({"a power 1"});
    EXPECT_EQ(Find<Quen::VirtualMachine>(kVm)->GetParent()->GetId(), "pool:gold/web");
 
-   std::filesystem::remove_all(_root.Path() + "sys/fs/cgroup/unified/machine/gold.partition");
-   std::filesystem::remove_all(_root.Path() + "sys/fs/cgroup/memory/machine/gold.partition");
+   Remove("sys/fs/cgroup/unified/machine/gold.partition");
+   Remove("sys/fs/cgroup/memory/machine/gold.partition");
    news.WaitFor({"pool:gold/web destroyed", "pool:gold destroyed"});
    EXPECT_FALSE(Find<Quen::ResourcePool>("pool:gold"));
    EXPECT_EQ(Find<Quen::VirtualMachine>(kVm)->GetParent()->GetId(), LinuxHost::kRootPoolId);
@@ -206,14 +186,14 @@ TEST_F(LinuxVmTest, FiguresComeFromTheirSources)
 {
    PutGroup("/machine/gold.partition", 7000000, 9000);
    PutGroup("/machine/gold.partition/qemu-1-a.libvirt-qemu", 6000000, 5000);
-   Put("sys/fs/cgroup/unified/machine/gold.partition/qemu-1-a.libvirt-qemu/vcpu0/cpu.stat",
-       "usage_usec 5\nsystem_usec 1234\n");
+   Write("sys/fs/cgroup/unified/machine/gold.partition/qemu-1-a.libvirt-qemu/vcpu0/cpu.stat",
+         "usage_usec 5\nsystem_usec 1234\n");
    PutGroup("/system.slice/ssh.service", 42, 0);
-   Put("proc/4711/cmdline", std::string("qemu\0-uuid\0", 11) + kVm + std::string("\0", 1));
-   Put("proc/4711/stat", "4711 (qemu) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 3 0 40000 0 0\n");
-   Put("proc/4711/cgroup", "4:memory:/machine/gold.partition/qemu-1-a.libvirt-qemu\n"
-                           "0::/machine/gold.partition/qemu-1-a.libvirt-qemu\n");
-   Put("proc/diskstats", "");
+   Write("proc/4711/cmdline", std::string("qemu\0-uuid\0", 11) + kVm + std::string("\0", 1));
+   Write("proc/4711/stat", "4711 (qemu) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 3 0 40000 0 0\n");
+   Write("proc/4711/cgroup", "4:memory:/machine/gold.partition/qemu-1-a.libvirt-qemu\n"
+                             "0::/machine/gold.partition/qemu-1-a.libvirt-qemu\n");
+   Write("proc/diskstats", "");
    VmDescription vm = Describe(kVm, PowerState::POWERED_ON);
    vm.partition = "/machine/gold";
    vm.cards = {{4000, true, true, "tap0"}, {4001, false, true, ""}};
@@ -229,77 +209,62 @@ TEST_F(LinuxVmTest, FiguresComeFromTheirSources)
    figures.disks = {{"vda", 1024, 2048, 3, 4, 5}, {"vdb", 512, 0, 1, 0, 0}};
    _hypervisor->Set(vm, figures);
    Start();
-   const auto isThere = [&] {
-      const auto object = Find<Guestsvc::HaVirtualMachine>(kVm);
-      return object && object->IsStatsAvailable();
-   };
-   WaitFor(isThere);
+   WaitFor([&] {
+      const auto there = Find<Guestsvc::HaVirtualMachine>(kVm);
+      return there && there->IsStatsAvailable();
+   });
 
    const auto object = Find<Guestsvc::HaVirtualMachine>(kVm);
    const auto manager = Find<Hostsvc::ResourceMgr>(AgentdCommon::moid_resourcemgr);
    Plexa::MoRef* const ref = object->GetMoRef();
    EXPECT_EQ(object->GetWorldId(), 4711);
-   EXPECT_EQ(std::unique_ptr<HostCtl::Resource::CpuStats>(manager->GetVmCpuStats(ref))->usedUs,
-             3000000);
+   EXPECT_EQ(Owned(manager->GetVmCpuStats(ref))->usedUs, 3000000);
    const auto vcpus = manager->GetVmCpuTimes(ref);
    ASSERT_EQ(vcpus.size(), 1);
-   EXPECT_EQ(vcpus[0].usedUs, 2000000);
-   EXPECT_EQ(vcpus[0].waitUs, 11);
-   EXPECT_EQ(vcpus[0].readyUs, 22);
-   EXPECT_EQ(vcpus[0].systemUs, 1234);
+   EXPECT_EQ(Corvax::Format("%1 %2 %3 %4", vcpus[0].usedUs, vcpus[0].waitUs, vcpus[0].readyUs,
+                            vcpus[0].systemUs),
+             "2000000 11 22 1234");
    EXPECT_EQ(vcpus[0].uptimeUs, 1000000000 - 40000 * 1000000ULL / sysconf(_SC_CLK_TCK));
 
-   const std::unique_ptr<HostCtl::Resource::MemoryStats> memory(manager->GetVmMemoryStats(ref));
-   const std::unique_ptr<HostCtl::Resource::MemoryClientStats> client(
-      manager->GetVmMemoryClientStats(ref));
-   EXPECT_EQ(client->grantedKb, 30000);
-   EXPECT_EQ(client->activeKb, 12);
-   EXPECT_EQ(memory->overheadKb, 15000);
-   EXPECT_EQ(memory->balloonKb, 2768);
-   EXPECT_EQ(memory->swappedKb, 20);
+   const auto memory = Owned(manager->GetVmMemoryStats(ref));
+   const auto client = Owned(manager->GetVmMemoryClientStats(ref));
+   EXPECT_EQ(Corvax::Format("%1 %2 %3 %4 %5", client->grantedKb, client->activeKb,
+                            memory->overheadKb, memory->balloonKb, memory->swappedKb),
+             "30000 12 15000 2768 20");
 
    const auto pool = Find<Quen::ResourcePool>("pool:gold");
-   const std::unique_ptr<HostCtl::Resource::MemoryStats> poolMemory(
-      manager->GetPoolMemoryStats(pool->GetMoRef()));
+   const auto poolMemory = Owned(manager->GetPoolMemoryStats(pool->GetMoRef()));
    EXPECT_EQ(poolMemory->grantedKb, 9000) << "the group's";
    EXPECT_EQ(poolMemory->balloonKb, 2768) << "the sum over the machines in it";
-   EXPECT_EQ(
-      std::unique_ptr<HostCtl::Resource::CpuStats>(manager->GetPoolCpuStats(pool->GetMoRef()))
-         ->usedUs,
-      7000000);
+   EXPECT_EQ(Owned(manager->GetPoolCpuStats(pool->GetMoRef()))->usedUs, 7000000);
    manager->Lock();
    EXPECT_TRUE(manager->GetSystemResourceInfo()->GetChild());
    manager->Unlock();
-   EXPECT_EQ(std::unique_ptr<HostCtl::Resource::CpuStats>(
-                manager->GetSystemGroupCpuStats("/system.slice/ssh.service"))
-                ->usedUs,
-             42);
+   EXPECT_EQ(Owned(manager->GetSystemGroupCpuStats("/system.slice/ssh.service"))->usedUs, 42);
    EXPECT_EQ(manager->GetSystemGroupCpuStats("/machine"), nullptr);
 
    const auto& devices = *object->GetConfig()->GetHardware().GetDevice();
-   const auto card = [&](size_t i) {
-      return dynamic_cast<Quen::Vm::Device::VirtualEthernetCard*>(devices[i]);
+   const auto getPort = [&](size_t i) {
+      return Owned(HostCtl::Network::NetworkFactory::GetPort(
+         object->GetPortId(dynamic_cast<Quen::Vm::Device::VirtualEthernetCard*>(devices[i]))));
    };
-   const std::unique_ptr<HostCtl::Network::Port> port(
-      HostCtl::Network::NetworkFactory::GetPort(object->GetPortId(card(0))));
+   const auto port = getPort(0);
    ASSERT_TRUE(port);
    EXPECT_EQ(port->GetStatistics().bytesReceived, 5) << "the low 32 bits";
    EXPECT_EQ(port->GetStatistics().packetsSent, 8);
-   EXPECT_EQ(HostCtl::Network::NetworkFactory::GetPort(object->GetPortId(card(1))), nullptr);
+   EXPECT_FALSE(getPort(1));
 
-   const std::unique_ptr<HostCtl::Host> host(HostCtl::HostFactory::GetHost());
-   const std::unique_ptr<HostCtl::Storage::StorageInfo> storage(host->GetStorageInfo());
-   const auto luns = storage->GetDiskLuns();
+   const auto luns = Owned(Owned(HostCtl::HostFactory::GetHost())->GetStorageInfo())->GetDiskLuns();
    ASSERT_EQ(luns.size(), 1);
-   const std::unique_ptr<HostCtl::Storage::DiskLun> lun(luns[0]);
+   const auto lun = Owned(luns[0]);
    EXPECT_EQ(lun->GetScsiName(), "network");
    EXPECT_EQ(lun->GetStatistics().blocksRead, 0) << "no traffic of the host's own disks";
    const auto worlds = lun->GetWorldStatistics();
    ASSERT_EQ(worlds.size(), 1) << "two images, one record";
-   EXPECT_EQ(worlds[0].worldId, 4711);
-   EXPECT_EQ(worlds[0].statistics.blocksRead, 3);
-   EXPECT_EQ(worlds[0].statistics.blocksWritten, 4);
-   EXPECT_EQ(worlds[0].statistics.commands, 13);
+   const auto& disk = worlds[0].statistics;
+   EXPECT_EQ(Corvax::Format("%1 %2 %3 %4", worlds[0].worldId, disk.blocksRead, disk.blocksWritten,
+                            disk.commands),
+             "4711 3 4 13");
 }
 
 TEST_F(LinuxVmTest, AHangingMonitorCostsNobodyElseASnapshot)
@@ -320,7 +285,7 @@ TEST_F(LinuxVmTest, AHangingMonitorCostsNobodyElseASnapshot)
       EXPECT_FALSE(snapshot->vms.contains(kVm));
    }
    EXPECT_EQ(_agent.logger->Count("has not returned in time"), 1);
-   _hypervisor->Unhang();
+   _hypervisor->Hang("");
    WaitFor([&] {
       poller.Poll();
       return poller.GetSnapshot()->vms.size() == 2;

@@ -12,11 +12,7 @@ using namespace QshFramework;
 
 TEST(QshCommandLineTest, TakesALineApart)
 {
-   struct Row {
-      const char* line;
-      std::vector<Words> commands;
-   };
-   const Row rows[] = {
+   const std::pair<const char*, std::vector<Words>> rows[] = {
       {"", {}},
       {" \t ;; ", {}},
       {" # a b", {}},
@@ -27,8 +23,8 @@ TEST(QshCommandLineTest, TakesALineApart)
       {R"(a\ b\;c\'d\\)", {{R"(a b;c'd\)"}}},
       {"a''b 'c'\"d\"e '' \"\"", {{"ab", "cde", "", ""}}},
    };
-   for (const Row& row : rows) {
-      EXPECT_EQ(SplitCommandLine(row.line), row.commands) << row.line;
+   for (const auto& [line, commands] : rows) {
+      EXPECT_EQ(SplitCommandLine(line), commands) << line;
    }
    const std::string_view refused[] = {"'",       "a 'b",  "a \"b",
                                        "\"a\\\"", "a;b\\", std::string_view("a\0b", 3)};

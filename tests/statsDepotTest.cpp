@@ -2,9 +2,9 @@
 
 #include "corvax/exception.h"
 #include "metrix/selfTest.h"
-#include "metrix/statsDepotImpl.h"
 #include "tests/fakes/captureLogger.h"
 #include "tests/fakes/faultyFiles.h"
+#include "tests/fakes/messageOf.h"
 #include "tests/fakes/scratch.h"
 
 #include <gtest/gtest.h>
@@ -67,28 +67,17 @@ protected:
 TEST_F(StatsDepotTest, IntervalsAreAddedFinestFirst)
 {
    Create({{20, 180}, {300, 432}, {1800, 10}});
-   const struct {
-      std::string name;
-      int period;
-      unsigned samples;
-      const char* logged;
-   } refused[] = {
-      {"finer", 10, 5, "sampling period 10 is not a multiple of existing interval 20"},
-      {"between", 600, 5, "sampling period 600 is not a multiple of existing interval 1800"},
-      {"no multiple", 2000, 5, "sampling period 2000 is not a multiple of existing interval 1800"},
-      {"twice", 1800, 5, "Sampling period 1800 already exists"},
-      {"every20", 3600, 5, nullptr},
-      {"", 3600, 5, nullptr},
-      {"none", 0, 5, nullptr},
-      {"none", 3600, 0, nullptr},
-      {"vast", 3600, 4000000000U, nullptr},
+   const std::tuple<std::string, int, unsigned> refused[] = {
+      {"finer", 10, 5},   {"between", 600, 5},  {"no multiple", 2000, 5},
+      {"twice", 1800, 5}, {"every20", 3600, 5}, {"", 3600, 5},
+      {"none", 0, 5},     {"none", 3600, 0},    {"vast", 3600, 4000000000U},
    };
-   for (const auto& r : refused) {
-      _logger->Clear();
-      EXPECT_THROW(_depot->AddInterval(r.name, r.period, r.samples), InvalidArgumentException);
-      EXPECT_EQ(_logger->Count("3 AddInterval failed : "), r.logged ? 1 : 0) << r.period;
-      EXPECT_TRUE(!r.logged || _logger->Count(r.logged) == 1) << r.logged;
+   for (const auto& [name, period, samples] : refused) {
+      EXPECT_THROW(_depot->AddInterval(name, period, samples), InvalidArgumentException);
    }
+   EXPECT_EQ(_logger->Count("3 AddInterval failed : sampling period 2000 is not a multiple of "
+                            "existing interval 1800"),
+             1);
    Reload();
    Corvax::RefVector<StatsDepotInterval> intervals;
    _depot->GetIntervals(intervals);
@@ -143,12 +132,12 @@ TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsWhatTheyLeaveBehind)
                                        "00000000 00000000 01000000") +
                                 "partial");
    Reload();
-   EXPECT_EQ(
-      _logger->Count("4 StatsDepot idmap file might be corrupted.File size is not a multiple"), 1);
-   EXPECT_EQ(_logger->Count("5 StatId 2 for e-twice is a duplicate"), 1);
-   EXPECT_EQ(_logger->Count("damaged record at 3"), 1);
-   EXPECT_EQ(_logger->Count("damaged record at 4"), 1);
-   EXPECT_EQ(_logger->Count("Stat rawless of e has lost its raw series"), 1);
+   for (const char* const logged :
+        {"4 StatsDepot idmap file might be corrupted.File size is not a multiple",
+         "5 StatId 2 for e-twice is a duplicate", "damaged record at 3", "damaged record at 4",
+         "Stat rawless of e has lost its raw series"}) {
+      EXPECT_EQ(_logger->Count(logged), 1) << logged;
+   }
    auto names = Names();
    std::ranges::sort(names);
    EXPECT_EQ(names, (std::vector<std::string>{"twice", "whole"}));
@@ -163,7 +152,6 @@ TEST_F(StatsDepotTest, LoadMakesADamagedStoreAfreshButNoForeignFile)
    Create({{20, 3}, {300, 5}});
    _scratch.Write("d-20.stats", FromHex("04000000 14000000 ff*32"));
    Reload();
-   EXPECT_EQ(_logger->Count("3 Number of samples 4 in StatsStore doesnt match expectedValue 3"), 1);
    EXPECT_EQ(
       _logger->Count("3 Error in loading interval every20: Number of samples in store doesnt "
                      "match expected value"),
@@ -185,22 +173,16 @@ TEST_F(StatsDepotTest, LoadRefusesADescriptionThatSaysTooLittle)
    Create();
    const std::string description = _scratch.Read("d.xml");
    const std::pair<std::string, std::string> cases[] = {
-      {"<config/>", "File Format Exception: Couldnot find any interval infromation in depot file"},
+      {"<config/>", "Couldnot find any interval infromation in depot file"},
       {"<config><intervals><interval><name>n</name></interval></intervals></config>",
-       "File Format Exception: Invalid interval information for interval interval[0]"},
+       "Invalid interval information for interval interval[0]"},
       {"<other/>", "the root element is not \"config\""},
       {description.substr(0, description.size() / 2), "not well-formed XML"},
       {"", "not well-formed XML"},
-      {std::string(4000, '\xee'), "not well-formed XML"},
    };
    for (const auto& [text, message] : cases) {
       _scratch.Write("d.xml", text);
-      try {
-         Reload();
-         ADD_FAILURE() << text;
-      } catch (const Corvax::Exception& e) {
-         EXPECT_NE(e.GetMessage().find(message), std::string::npos) << e.GetMessage();
-      }
+      EXPECT_NE(MessageOf([this] { Reload(); }).find(message), std::string::npos) << message;
    }
 }
 
@@ -211,130 +193,40 @@ TEST_F(StatsDepotTest, RefusesBadArgumentsAndUseBeforeItIsOpen)
    EXPECT_THROW(_depot->AddInterval("i", 20, 3), Corvax::AssertionException);
    EXPECT_THROW(_depot->AddSample("e", "s", 1, 1, 0), Corvax::AssertionException);
    EXPECT_THROW(_depot->GetLatestTimeStamp(), Corvax::AssertionException);
-   _depot->Create();
-   EXPECT_EQ(_depot->GetLatestTimeStamp(), kUnset);
    Create();
+   EXPECT_EQ(_depot->GetLatestTimeStamp(), kUnset);
    EXPECT_THROW(AddStat(""), InvalidArgumentException);
-   EXPECT_THROW(_depot->CreateStat("", "s", StatsDepot::STATTYPE_RATE, 1, {}),
-                InvalidArgumentException);
+   EXPECT_THROW(_depot->CreateStat("", "s", {}, 1, {}), InvalidArgumentException);
    EXPECT_THROW(AddStat("s", static_cast<StatsDepot::StatType>(3)), InvalidArgumentException);
-   EXPECT_THROW(AddStat("s", StatsDepot::STATTYPE_RATE, {static_cast<StatsDepot::RollupType>(6)}),
+   EXPECT_THROW(AddStat("s", {}, {static_cast<StatsDepot::RollupType>(6)}),
                 InvalidArgumentException);
    EXPECT_THROW(AddStat(std::string(256, 's')), Corvax::AssertionException);
    EXPECT_TRUE(Names().empty());
-   AddStat(std::string(255, 's'));
-   EXPECT_THROW(_depot->AddSample("e", "s", kUnset, 1, 0), InvalidArgumentException);
-   EXPECT_THROW(Read(std::string(255, 's'), 1, "no such interval"), InvalidArgumentException);
-   EXPECT_EQ(_logger->Count("3 Interval no such interval not found"), 1);
+   const std::string longest(255, 's');
+   AddStat(longest);
+   EXPECT_THROW(_depot->AddSample("e", longest, kUnset, 1, 0), InvalidArgumentException);
+   EXPECT_THROW(Read(longest, 1, "no such interval"), InvalidArgumentException);
    // A second creation is the caller's error and leaves the first whole.
-   EXPECT_THROW(AddStat(std::string(255, 's')), Corvax::AssertionException);
-   EXPECT_TRUE(_depot->AddSample("e", std::string(255, 's'), 20, 1, 0));
-}
-
-TEST_F(StatsDepotTest, ReadingsBecomeValuesByType)
-{
-   Create();
-   AddStat("level");
-   AddStat("growth", StatsDepot::STATTYPE_DELTA);
-   AddStat("speed", StatsDepot::STATTYPE_RATE);
-   const struct {
-      TimeStamp ts;
-      StatVal reading;
-      StatVal level, growth, speed;
-   } steps[] = {
-      {1000, 100, 50, kUnset, kUnset},
-      {1020, 160, 50, 50, 3},
-      {1045, 150, 50, kUnset, kUnset},
-      {1061, 170, 50, 20, 1},
-      {1101, 190, 50, kUnset, kUnset},
-      {1120, 20, 20, kUnset, kUnset},
-      {1140, 20, 20, 0, 0},
-   };
-   for (const auto& step : steps) {
-      for (const std::string stat : {"level", "growth", "speed"}) {
-         ASSERT_TRUE(_depot->AddSample("e", stat, step.ts, step.reading, 50));
-      }
-      const TimeStamp aligned = step.ts / 20 * 20;
-      EXPECT_EQ(Read("level", aligned), step.level) << step.ts;
-      EXPECT_EQ(Read("growth", aligned), step.growth) << step.ts;
-      EXPECT_EQ(Read("speed", aligned), step.speed) << step.ts;
-   }
+   EXPECT_THROW(AddStat(longest), Corvax::AssertionException);
+   EXPECT_TRUE(_depot->AddSample("e", longest, 20, 7, 0));
    TimeStamp ts = 0;
-   EXPECT_EQ(_depot->GetRawSample("e", "growth", ts), 20u);
-   EXPECT_EQ(ts, 1140u);
+   EXPECT_EQ(_depot->GetRawSample("e", longest, ts), 7u);
    Reload();
-   EXPECT_EQ(_depot->GetRawSample("e", "growth", ts), kUnset);
-   EXPECT_EQ(ts, kUnset);
+   EXPECT_EQ(_depot->GetRawSample("e", longest, ts), kUnset);
 }
 
-TEST_F(StatsDepotTest, RollupFunctionsPassOverAbsentSamples)
-{
-   using Impl = StatsDepotImpl;
-   const std::vector<StatVal> run = {kUnset, 10, kUnset, 21, 5, kUnset};
-   EXPECT_EQ(Impl::CalculateAverage(run), 12u);
-   EXPECT_EQ(Impl::CalculateMax(run), 21u);
-   EXPECT_EQ(Impl::CalculateMin(run), 5u);
-   EXPECT_EQ(Impl::CalculateLast(run), 5u);
-   EXPECT_EQ(Impl::CalculateSum(run), 36u);
-   for (const auto& function : Impl::_rollupFunctions) {
-      EXPECT_EQ(function({kUnset, kUnset}), kUnset);
-      EXPECT_EQ(function({}), kUnset);
-   }
-}
-
-TEST_F(StatsDepotTest, CatchUpAfterALongPauseFillsOnlyWhatTheCoarseIntervalHolds)
-{
-   Create({{20, 1000}, {300, 4}});
-   AddStat("first", StatsDepot::STATTYPE_ABSOLUTE, {});
-   AddStat("second");
-   for (const TimeStamp ts : {1000, 1400, 1700, 5000, 9000, 9499, 9799}) {
-      _depot->AddSample("e", "first", ts, 1, 0);
-      _depot->AddSample("e", "second", ts, ts, 0);
-   }
-   EXPECT_EQ(_logger->Count("5 Applying correction "), 2);
-   std::vector<StatVal> values;
-   std::vector<TimeStamp> times;
-   _depot->GetSamples("e", "second", kUnset, kUnset, values, &times, "every300",
-                      StatsDepot::ROLLUP_MAX);
-   EXPECT_EQ(times, (std::vector<TimeStamp>{8700, 9000, 9300, 9600}));
-   EXPECT_EQ(values, (std::vector<StatVal>{kUnset, 9000, kUnset, 9480 + 19}));
-}
-
-TEST_F(StatsDepotTest, RollsUpWhereTheSearchForTheLastUsedSlotGivesNone)
-{
-   Create({{10, 6}, {30, 3}});
-   AddStat("lowest", StatsDepot::STATTYPE_ABSOLUTE, {});
-   _depot->AddSample("e", "lowest", 1000, 1, 0);
-   _depot->AddSample("e", "lowest", 1030, 1, 0); // the search ends at slot 0
-   AddStat("other");
-   _depot->DeleteStat("e", "lowest"); // slot 0 is free now, and the search starts there
-   for (TimeStamp ts = 1040; ts <= 1100; ts += 10) {
-      _depot->AddSample("e", "other", ts, ts, 0);
-   }
-   EXPECT_EQ(Read("other", 1050, "every30", StatsDepot::ROLLUP_MAX), 1050u);
-   EXPECT_EQ(_logger->CountLevel(3), 0);
-}
-
-TEST_F(StatsDepotTest, DeletionFreesRecordsSlotsAndRows)
+TEST_F(StatsDepotTest, DeletionFreesTheRowsOfEveryStore)
 {
    Create({{10, 3}, {30, 3}});
-   AddStat("kept");
    AddStat("gone");
    for (TimeStamp ts = 1000; ts <= 1040; ts += 10) {
-      _depot->AddSample("e", "kept", ts, 1, 0);
       _depot->AddSample("e", "gone", ts, 7, 0);
    }
-   _depot->DeleteStat("e", "gone");
-   _depot->DeleteStat("e", "never was");
-   const size_t fineRow = 8 + 3 * 8 + 3 * 36;
-   EXPECT_EQ(_scratch.Read("d-10.stats").substr(fineRow, 4), std::string(4, '\0'));
-   EXPECT_EQ(_scratch.Read("d-30.stats").substr(fineRow + 36, 4), std::string(4, '\0'));
-   EXPECT_FALSE(_depot->AddSample("e", "gone", 1050, 7, 0));
-   _depot->DeleteEntityStats("nobody");
-   _depot->DeleteEntityStats("e");
-   EXPECT_TRUE(Names().empty());
-   for (size_t record = 0; record < 6; ++record) {
-      EXPECT_EQ(_scratch.Read("d.idMap").substr(record * 524, 256), std::string(256, '\0'));
+   const size_t firstRow = 8 + 3 * 8;
+   for (const char byte : {'\1', '\0'}) {
+      EXPECT_EQ(_scratch.Read("d-10.stats").at(firstRow), byte);
+      EXPECT_EQ(_scratch.Read("d-30.stats").at(firstRow + 36), byte);
+      _depot->DeleteStat("e", "gone");
    }
 }
 
@@ -359,7 +251,6 @@ TEST_F(StatsDepotTest, NewStatNeverShowsWhatACrashLeftInItsRow)
    _depot->AddSample("e", "third", 1020, 1, 0);
    _scratch.Write("d.idMap", _scratch.Read("d.idMap").substr(0, 5 * 524));
    Reload();
-   EXPECT_EQ(_logger->Count("4 StatsDepot idmap file"), 1);
    EXPECT_EQ(Names(), (std::vector<std::string>{"first"}));
 }
 
@@ -381,8 +272,6 @@ TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataAndKeepsToItsLimit)
       left = Names().size();
    }
    EXPECT_EQ(Names(), (std::vector<std::string>{"fresh"}));
-   EXPECT_EQ(_logger->Count("6 Purging 2 stats"), 3);
-   EXPECT_EQ(_logger->Count("6 Purge done"), 3);
 }
 
 TEST_F(StatsDepotTest, SelfTestOfAScratchDepotHolds)
@@ -432,22 +321,19 @@ protected:
    {
       for (int i = 0; i < kStats; ++i) {
          const std::string name = "s" + std::to_string(i);
-         if (!_depot->AddSample("e", name, ts, ts + static_cast<StatVal>(i), 0)) {
+         const StatVal value = ts + static_cast<StatVal>(i);
+         if (!_depot->AddSample("e", name, ts, value, 0)) {
             _depot->CreateStat("e", name, StatsDepot::STATTYPE_ABSOLUTE, 1, kAverageMax);
-            _depot->AddSample("e", name, ts, ts + static_cast<StatVal>(i), 0);
+            _depot->AddSample("e", name, ts, value, 0);
          }
       }
    }
    template <class Action>
-   bool Try(Action action)
+   bool Try(const Action& action)
    {
-      try {
-         action();
-         return true;
-      } catch (const Corvax::Exception& e) {
-         _lastFailure = e.GetMessage();
-         return false;
-      }
+      const std::string failure = MessageOf(action);
+      _lastFailure = failure.empty() ? _lastFailure : failure;
+      return failure.empty();
    }
 
    std::string _lastFailure;

@@ -5,7 +5,7 @@
 #include <functional>
 #include <map>
 
-/// A host whose figures the test sets. An operation named in `failing` throws.
+/// A host whose figures the test sets. `before` is called with an operation's name and may throw.
 class FakeHost : public HostCtl::HostProvider {
 public:
    FakeHost() { HostCtl::HostFactory::SetProvider(this); }
@@ -16,28 +16,16 @@ public:
       HostCtl::Storage::StorageStatistics statistics;
       std::vector<HostCtl::Storage::WorldStatistics> worlds;
    };
-   struct Nic {
-      std::string name;
-      bool hasPort;
-      HostCtl::Network::PortStatistics statistics;
-   };
 
    std::vector<HostCtl::Resource::HostCpuStats> cpus{{0, 0}};
    uint64_t speedHz = 2000000000;
-   uint64_t physicalBytes = 1U << 20;
-   HostCtl::Resource::HostCapacity capacity;
    HostCtl::Resource::HostMemoryStats memory;
    std::vector<Disk> disks;
-   std::vector<Nic> nics;
+   std::vector<std::string> nics; ///< none of them has a port
    std::map<uint32_t, HostCtl::Network::PortStatistics> ports;
-   const HostCtl::Resource::CpuLoadHistory* load = nullptr;
    std::function<void(const std::string& operation)> before = [](const std::string&) {};
 
-   HostCtl::Host* GetHost() override
-   {
-      before("GetHost");
-      return new View(*this);
-   }
+   HostCtl::Host* GetHost() override { return View(*this).Copy("GetHost"); }
    HostCtl::Network::Port* GetPort(uint32_t portId) override
    {
       before("GetPort");
@@ -62,21 +50,13 @@ private:
       Disk disk;
    };
    struct PhysicalNic : HostCtl::Network::PhysicalNic {
-      explicit PhysicalNic(Nic n) : nic(std::move(n)) {}
-      std::string GetName() override { return nic.name; }
-      HostCtl::Network::Port* GetUplinkPort() override
-      {
-         return nic.hasPort ? new Port(nic.statistics) : nullptr;
-      }
-      Nic nic;
+      explicit PhysicalNic(std::string n) : name(std::move(n)) {}
+      std::string GetName() override { return name; }
+      HostCtl::Network::Port* GetUplinkPort() override { return nullptr; }
+      std::string name;
    };
    struct Group : HostCtl::Resource::ResourceGroup {
-      explicit Group(const HostCtl::Resource::CpuLoadHistory* l) : load(l) {}
-      HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override
-      {
-         return load ? new HostCtl::Resource::CpuLoadHistory(*load) : nullptr;
-      }
-      const HostCtl::Resource::CpuLoadHistory* load;
+      HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override { return nullptr; }
    };
    struct Cpu : HostCtl::Hardware::Cpu {
       explicit Cpu(uint64_t hz) : speedHz(hz) {}
@@ -98,58 +78,47 @@ private:
          host.before(operation);
          return new View(host);
       }
-      HostCtl::Resource::ResourceInfo* GetResourceInfo() override
+      /// One object of the library for each of those that the test has set.
+      template <class Made, class Interface, class Set>
+      std::vector<Interface*> Make(const char* operation, const std::vector<Set>& all)
       {
-         return Copy("GetResourceInfo");
+         host.before(operation);
+         std::vector<Interface*> made;
+         for (const Set& one : all) {
+            made.push_back(new Made(one));
+         }
+         return made;
       }
-      HostCtl::Storage::StorageInfo* GetStorageInfo() override { return Copy("GetStorageInfo"); }
-      HostCtl::Network::NetworkInfo* GetNetworkInfo() override { return Copy("GetNetworkInfo"); }
-      HostCtl::Hardware::HardwareInfo* GetHardwareInfo() override
-      {
-         return Copy("GetHardwareInfo");
-      }
-      HostCtl::Hardware::CpuInfo* GetCpuInfo() override { return Copy("GetCpuInfo"); }
-      HostCtl::Hardware::MemoryInfo* GetMemoryInfo() override { return Copy("GetMemoryInfo"); }
-      std::vector<HostCtl::Resource::HostCpuStats> GetCpuStats() override
-      {
-         host.before("GetCpuStats");
-         return host.cpus;
-      }
+      HostCtl::Resource::ResourceInfo* GetResourceInfo() override { return Copy("resource info"); }
+      HostCtl::Storage::StorageInfo* GetStorageInfo() override { return Copy("storage info"); }
+      HostCtl::Network::NetworkInfo* GetNetworkInfo() override { return Copy("network info"); }
+      HostCtl::Hardware::HardwareInfo* GetHardwareInfo() override { return Copy("hardware info"); }
+      HostCtl::Hardware::CpuInfo* GetCpuInfo() override { return Copy("CPU info"); }
+      HostCtl::Hardware::MemoryInfo* GetMemoryInfo() override { return Copy("memory info"); }
+      std::vector<HostCtl::Resource::HostCpuStats> GetCpuStats() override { return host.cpus; }
       uint64_t GetUptimeUs() override { return 90000000; }
-      HostCtl::Resource::HostCapacity GetCapacity() override { return host.capacity; }
+      HostCtl::Resource::HostCapacity GetCapacity() override { return {}; }
       HostCtl::Resource::HostMemoryStats GetMemoryStats() override
       {
          host.before("GetMemoryStats");
          return host.memory;
       }
-      HostCtl::Resource::ResourceGroup* GetRootGroup() override { return new Group(host.load); }
+      HostCtl::Resource::ResourceGroup* GetRootGroup() override { return new Group; }
       std::vector<HostCtl::Storage::DiskLun*> GetDiskLuns() override
       {
-         host.before("GetDiskLuns");
-         std::vector<HostCtl::Storage::DiskLun*> luns;
-         for (const Disk& disk : host.disks) {
-            luns.push_back(new Lun(disk));
-         }
-         return luns;
+         return Make<Lun, HostCtl::Storage::DiskLun>("GetDiskLuns", host.disks);
       }
       std::vector<HostCtl::Network::PhysicalNic*> GetPhysicalNics() override
       {
-         std::vector<HostCtl::Network::PhysicalNic*> nics;
-         for (const Nic& nic : host.nics) {
-            nics.push_back(new PhysicalNic(nic));
-         }
-         return nics;
+         return Make<PhysicalNic, HostCtl::Network::PhysicalNic>("GetPhysicalNics", host.nics);
       }
       uint32_t GetCoreCount() override { return static_cast<uint32_t>(host.cpus.size()); }
       std::vector<HostCtl::Hardware::Cpu*> GetCpus() override
       {
-         std::vector<HostCtl::Hardware::Cpu*> all;
-         for (size_t i = 0; i < host.cpus.size(); ++i) {
-            all.push_back(new Cpu(host.speedHz));
-         }
-         return all;
+         return Make<Cpu, HostCtl::Hardware::Cpu>(
+            "GetCpus", std::vector<uint64_t>(host.cpus.size(), host.speedHz));
       }
-      uint64_t GetPhysicalBytes() override { return host.physicalBytes; }
+      uint64_t GetPhysicalBytes() override { return 1U << 20; }
 
       FakeHost& host;
    };

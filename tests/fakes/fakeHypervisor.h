@@ -46,23 +46,10 @@ public:
          _listener->OnConnectionLost("end of file");
       }
    }
-   void ComeBack()
-   {
-      const std::lock_guard guard(_mutex);
-      _isDown = false;
-   }
+   void ComeBack() { Assign(_isDown, false); }
    /// The monitor stops answering: the next call waits for it, and others leave the machine out.
-   void Hang(const std::string& id)
-   {
-      const std::lock_guard guard(_mutex);
-      _hung = id;
-   }
-   void Unhang()
-   {
-      const std::lock_guard guard(_mutex);
-      _hung.clear();
-      _changed.notify_all();
-   }
+   /// Until it hangs no more, with an empty id.
+   void Hang(const std::string& id) { Assign(_hung, id); }
 
 private:
    struct Connection : LinuxHost::HypervisorConnection {
@@ -97,6 +84,13 @@ private:
       LinuxHost::HypervisorListener* const listener;
    };
 
+   template <class Value>
+   void Assign(Value& member, const Value& value)
+   {
+      const std::lock_guard guard(_mutex);
+      member = value;
+      _changed.notify_all();
+   }
    template <class Operation>
    void Change(const std::string& id, const Operation& operation)
    {

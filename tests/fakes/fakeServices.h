@@ -3,6 +3,8 @@
 #include "guestsvc/guestsvc.h"
 #include "hostsvc/resourceMgr.h"
 
+#include <gtest/gtest.h>
+
 #include <map>
 
 /// One virtual machine as the test wants it.
@@ -80,66 +82,43 @@ struct FakePool : Quen::ResourcePool, Corvax::ObjectImpl {
 
 /// Figures by id; an id without an entry has none.
 struct FakeResourceMgr : Hostsvc::ResourceMgr, Corvax::LockableObjectImpl {
+   using MoRef = Plexa::MoRef;
+   using CpuStats = HostCtl::Resource::CpuStats;
+   using CpuTimes = std::vector<HostCtl::Resource::CpuTimes>;
+   using CpuLoad = HostCtl::Resource::CpuLoadHistory;
+   using MemoryStats = HostCtl::Resource::MemoryStats;
+   using SwapInfo = HostCtl::Resource::SwapInfo;
+   using ClientStats = HostCtl::Resource::MemoryClientStats;
+
    template <class T>
-   static T* Copy(const std::map<std::string, T>& figures, const std::string& id)
+   static T* Copy(const std::map<std::string, T>& figures, MoRef* entity)
    {
-      const auto found = figures.find(id);
+      const auto found = figures.find(entity->GetId());
       return found == figures.end() ? nullptr : new T(found->second);
    }
-   Corvax::Ref<Plexa::MoRef> GetRootResourcePool() override
+   Corvax::Ref<MoRef> GetRootResourcePool() override
    {
-      return Corvax::MakeRef<Plexa::MoRef>(Quen::ResourcePool::GetManagedType(), "root");
-   }
-   HostCtl::Resource::CpuStats* GetPoolCpuStats(Plexa::MoRef* pool) override
-   {
-      return Copy(cpu, pool->GetId());
-   }
-   HostCtl::Resource::MemoryStats* GetPoolMemoryStats(Plexa::MoRef* pool) override
-   {
-      return Copy(memory, pool->GetId());
-   }
-   HostCtl::Resource::CpuLoadHistory* GetPoolCpuLoadHistory(Plexa::MoRef* pool) override
-   {
-      return Copy(load, pool->GetId());
+      return Corvax::MakeRef<MoRef>(Quen::ResourcePool::GetManagedType(), "root");
    }
    Corvax::Ref<Quen::Host::SystemResourceInfo> GetSystemResourceInfo() override
    {
-      return IsLocked() ? systemRoot : nullptr;
+      EXPECT_TRUE(IsLocked());
+      return nullptr;
    }
-   HostCtl::Resource::CpuStats* GetSystemGroupCpuStats(const std::string& key) override
-   {
-      return Copy(cpu, key);
-   }
-   HostCtl::Resource::CpuStats* GetVmCpuStats(Plexa::MoRef* vm) override
-   {
-      return Copy(cpu, vm->GetId());
-   }
-   std::vector<HostCtl::Resource::CpuTimes> GetVmCpuTimes(Plexa::MoRef* vm) override
-   {
-      return vcpus[vm->GetId()];
-   }
-   HostCtl::Resource::MemoryStats* GetVmMemoryStats(Plexa::MoRef* vm) override
-   {
-      return Copy(memory, vm->GetId());
-   }
-   HostCtl::Resource::SwapInfo* GetVmSwapInfo(Plexa::MoRef* vm) override
-   {
-      return Copy(swap, vm->GetId());
-   }
-   HostCtl::Resource::MemoryClientStats* GetVmMemoryClientStats(Plexa::MoRef* vm) override
-   {
-      return Copy(client, vm->GetId());
-   }
-   HostCtl::Resource::CpuLoadHistory* GetVmCpuLoadHistory(Plexa::MoRef* vm) override
-   {
-      return Copy(load, vm->GetId());
-   }
+   CpuStats* GetSystemGroupCpuStats(const std::string& /*key*/) override { return nullptr; }
+   CpuStats* GetPoolCpuStats(MoRef* pool) override { return Copy(cpu, pool); }
+   MemoryStats* GetPoolMemoryStats(MoRef* pool) override { return Copy(memory, pool); }
+   CpuLoad* GetPoolCpuLoadHistory(MoRef* /*pool*/) override { return nullptr; }
+   CpuStats* GetVmCpuStats(MoRef* vm) override { return Copy(cpu, vm); }
+   CpuTimes GetVmCpuTimes(MoRef* vm) override { return vcpus[vm->GetId()]; }
+   MemoryStats* GetVmMemoryStats(MoRef* vm) override { return Copy(memory, vm); }
+   SwapInfo* GetVmSwapInfo(MoRef* vm) override { return Copy(swap, vm); }
+   ClientStats* GetVmMemoryClientStats(MoRef* vm) override { return Copy(client, vm); }
+   CpuLoad* GetVmCpuLoadHistory(MoRef* /*vm*/) override { return nullptr; }
 
-   std::map<std::string, HostCtl::Resource::CpuStats> cpu;
-   std::map<std::string, std::vector<HostCtl::Resource::CpuTimes>> vcpus;
-   std::map<std::string, HostCtl::Resource::MemoryStats> memory;
-   std::map<std::string, HostCtl::Resource::SwapInfo> swap;
-   std::map<std::string, HostCtl::Resource::MemoryClientStats> client;
-   std::map<std::string, HostCtl::Resource::CpuLoadHistory> load;
-   Corvax::Ref<Quen::Host::SystemResourceInfo> systemRoot;
+   std::map<std::string, CpuStats> cpu;
+   std::map<std::string, CpuTimes> vcpus;
+   std::map<std::string, MemoryStats> memory;
+   std::map<std::string, SwapInfo> swap;
+   std::map<std::string, ClientStats> client;
 };

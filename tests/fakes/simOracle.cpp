@@ -1,10 +1,13 @@
 #include "tests/fakes/simOracle.h"
 
+#include "corvax/format.h"
 #include "simHost/simFigures.h"
 #include "simHost/simState.h"
 
 #include <algorithm>
 #include <fstream>
+#include <numeric>
+#include <ranges>
 #include <sstream>
 
 using namespace SimHost;
@@ -55,6 +58,11 @@ std::set<std::pair<std::string, std::string>> ReadIdMap(const std::string& path)
    return stats;
 }
 
+std::string Text(uint64_t value)
+{
+   return value == kUnset ? "none" : std::to_string(value);
+}
+
 /// MHz x seconds: the CPUs run at 2500 MHz, of which so many microseconds were used.
 uint64_t Mhz(uint64_t usedUs)
 {
@@ -80,13 +88,14 @@ struct EntityTable {
    /// `ending` behind each.
    template <class Field, class Read>
    void AddFields(Kind kind, Read record, uint32_t divisor, const std::string& ending,
-                  const char* names, std::initializer_list<Field> fields)
+                  const char* names, std::initializer_list<Field> fields, uint32_t factor = 1)
    {
       std::istringstream words(names);
       for (const Field field : fields) {
          std::string name;
          words >> name;
-         Add(name + ending, kind, [=](int64_t t) { return uint64_t{record(t).*field} / divisor; });
+         Add(name + ending, kind,
+             [=](int64_t t) { return uint64_t{record(t).*field} * factor / divisor; });
       }
    }
 
@@ -99,19 +108,12 @@ struct EntityTable {
                                                                  {"5", &History::fiveMinutes},
                                                                  {"15", &History::fifteenMinutes}};
       for (const auto& [minutes, period] : periods) {
-         const auto load = [=, p = period](int64_t t) {
-            Load hundredths = history(t).*p;
-            for (uint32_t* const percent :
-                 {&hundredths.activeAverage, &hundredths.activePeak, &hundredths.runAverage,
-                  &hundredths.runPeak, &hundredths.maxLimited}) {
-               *percent *= 100;
-            }
-            return hundredths;
-         };
-         AddFields(Kind::LATEST, load, 1, minutes,
-                   "rescpu-actav rescpu-actpk rescpu-runav rescpu-runpk rescpu-maxLimited",
-                   {&Load::activeAverage, &Load::activePeak, &Load::runAverage, &Load::runPeak,
-                    &Load::maxLimited});
+         AddFields(
+            Kind::LATEST, [=, p = period](int64_t t) { return history(t).*p; }, 1, minutes,
+            "rescpu-actav rescpu-actpk rescpu-runav rescpu-runpk rescpu-maxLimited",
+            {&Load::activeAverage, &Load::activePeak, &Load::runAverage, &Load::runPeak,
+             &Load::maxLimited},
+            100);
       }
       AddFields(Kind::LATEST, history, 1, "", "rescpu-sampleCount rescpu-samplePeriod",
                 {&History::sampleCount, &History::samplePeriodMs});
@@ -253,16 +255,15 @@ struct EntityTable {
                 return Mhz(GetGroupCpu(k, t).usedUs);
              });
       }
-      Devices disks;
-      for (uint64_t i = 0; i < options.disks; ++i) {
-         disks.emplace_back(GetDiskName(i), MakeKey(options.seed, GetDiskName(i)));
-      }
-      AddDisks(disks);
-      Devices nics;
-      for (uint64_t i = 0; i < options.nics; ++i) {
-         nics.emplace_back(GetNicName(i), MakeKey(options.seed, GetNicName(i)));
-      }
-      AddPorts(nics);
+      const auto devices = [this](uint64_t count, std::string (*name)(uint64_t)) {
+         Devices all;
+         for (uint64_t i = 0; i < count; ++i) {
+            all.emplace_back(name(i), MakeKey(options.seed, name(i)));
+         }
+         return all;
+      };
+      AddDisks(devices(options.disks, GetDiskName));
+      AddPorts(devices(options.nics, GetNicName));
    }
 
    void AddVm()
@@ -311,12 +312,6 @@ struct EntityTable {
 
 } // namespace
 
-struct SimOracle::Interval {
-   std::string name;
-   uint64_t period;
-   size_t columns;
-};
-
 SimOracle::SimOracle(const SimOptions& options, uint64_t finePeriodSec)
    : _options(options), _period(finePeriodSec)
 {
@@ -339,10 +334,12 @@ SimOracle::SimOracle(const SimOptions& options, uint64_t finePeriodSec)
 void SimOracle::AddRun(TimeStamp timeSec, bool isFirst)
 {
    _nextRollup = isFirst ? kUnset : _nextRollup;
-   if (_nextRollup == kUnset) {
-      _nextRollup = timeSec + kWindowSec;
-   } else if (timeSec >= _nextRollup) {
-      Propagate(timeSec);
+   if (_nextRollup == kUnset || timeSec >= _nextRollup) {
+      // The run's first sample finds windows due that end before it.
+      for (TimeStamp end = NextWindow(timeSec); _nextRollup != kUnset && end < timeSec;
+           end += kWindowSec) {
+         _windows[end] = _runs.size();
+      }
       _nextRollup = timeSec + kWindowSec;
    }
    for (const auto& [entity, reads] : _reading) {
@@ -351,29 +348,20 @@ void SimOracle::AddRun(TimeStamp timeSec, bool isFirst)
    _runs.push_back({timeSec - timeSec % _period, timeSec, isFirst});
 }
 
-/// The run's first sample finds windows due that end before it.
-void SimOracle::Propagate(TimeStamp timeSec)
+Metrix::TimeStamp SimOracle::NextWindow(TimeStamp timeSec) const
 {
-   TimeStamp end = 0;
-   if (_windows.empty()) {
-      end = _runs.front().stamp + kWindowSec - _period;
-      end -= end % kWindowSec;
-   } else {
-      end = _windows.rbegin()->first + kWindowSec;
+   if (!_windows.empty()) {
+      return _windows.rbegin()->first + kWindowSec;
    }
-   for (; end < timeSec; end += kWindowSec) {
-      _windows[end] = _runs.size();
-   }
+   const TimeStamp end = (_runs.empty() ? timeSec : _runs.front().stamp) + kWindowSec - _period;
+   return end - end % kWindowSec;
 }
 
 uint8_t SimOracle::GetReads(const std::string& entity, size_t run) const
 {
    const auto runs = _reads.find(entity);
-   if (runs == _reads.end()) {
-      return kNothing;
-   }
-   const auto reads = runs->second.find(run);
-   return reads == runs->second.end() ? uint8_t{kNothing} : reads->second;
+   return runs != _reads.end() && runs->second.contains(run) ? runs->second.at(run)
+                                                             : uint8_t{kNothing};
 }
 
 std::optional<uint64_t> SimOracle::ExpectedRaw(const std::string& entity, const Stat& stat,
@@ -426,10 +414,7 @@ std::optional<uint64_t> SimOracle::ExpectedRollup(const std::string& entity,
    if (values.empty()) {
       return std::nullopt;
    }
-   uint64_t sum = 0;
-   for (const uint64_t value : values) {
-      sum += value;
-   }
+   const uint64_t sum = std::accumulate(values.begin(), values.end(), uint64_t{0});
    switch (rollup) {
    case StatsDepot::ROLLUP_AVERAGE:
       return sum / values.size();
@@ -446,30 +431,24 @@ std::optional<uint64_t> SimOracle::ExpectedRollup(const std::string& entity,
 
 bool SimOracle::Keeps(Kind kind, RollupType rollup)
 {
-   switch (rollup) {
-   case StatsDepot::ROLLUP_AVERAGE:
-      return kind != Kind::LATEST && kind != Kind::GROWTH;
-   case StatsDepot::ROLLUP_LAST:
-      return kind == Kind::LATEST;
-   case StatsDepot::ROLLUP_SUM:
-      return kind == Kind::GROWTH;
-   default:
-      return kind == Kind::GAUGE || kind == Kind::RATE;
+   if (kind == Kind::LATEST || kind == Kind::GROWTH) {
+      return rollup == (kind == Kind::LATEST ? StatsDepot::ROLLUP_LAST : StatsDepot::ROLLUP_SUM);
    }
+   return rollup == StatsDepot::ROLLUP_AVERAGE ||
+          ((kind == Kind::GAUGE || kind == Kind::RATE) &&
+           (rollup == StatsDepot::ROLLUP_MAX || rollup == StatsDepot::ROLLUP_MIN));
 }
 
 std::optional<uint64_t> SimOracle::Expected(const std::string& entity, const std::string& statName,
-                                            RollupType rollup, uint64_t periodSec,
-                                            TimeStamp stamp) const
+                                            RollupType rollup, bool isFinest, TimeStamp stamp) const
 {
    const auto stats = _stats.find(entity);
-   const bool isRaw = periodSec == _period;
-   if (isRaw != (rollup == StatsDepot::ROLLUP_NONE) || stats == _stats.end() ||
+   if (isFinest != (rollup == StatsDepot::ROLLUP_NONE) || stats == _stats.end() ||
        !stats->second.contains(statName)) {
       return std::nullopt;
    }
    const Stat& stat = stats->second.at(statName);
-   if (!isRaw) {
+   if (!isFinest) {
       return Keeps(stat.kind, rollup) ? ExpectedRollup(entity, statName, stat, rollup, stamp)
                                       : std::nullopt;
    }
@@ -483,43 +462,19 @@ SimOracle SimOracle::FromDepot(StatsDepot& depot, const SimOptions& options)
 {
    Corvax::RefVector<Metrix::StatsDepotInterval> intervals;
    depot.GetIntervals(intervals);
-   const auto describe = [&](size_t i) {
-      return Interval{intervals[i]->name, static_cast<uint64_t>(intervals[i]->samplingPeriod),
-                      static_cast<size_t>(intervals[i]->numSamples)};
-   };
-   const Interval fine = describe(0);
-   SimOracle oracle(options, fine.period);
-   const auto columns = ReadSeries(depot, kHost, "sys-uptime", fine.name, StatsDepot::ROLLUP_NONE);
-   const bool isWrapped = columns.size() >= fine.columns;
-   if (isWrapped) {
-      // What came before it is gone, and with it what its growth was counted from.
-      oracle._oldColumn = columns.begin()->first;
-   }
-   if (isWrapped && intervals.size() > 1 && options.events == 0 && options.script.empty()) {
-      const auto rolledUp =
-         ReadSeries(depot, kHost, "sys-uptime", intervals[1]->name, StatsDepot::ROLLUP_LAST);
-      const uint64_t first = rolledUp.empty() ? kUnset : rolledUp.begin()->first;
-      for (uint64_t stamp = first; stamp < *oracle._oldColumn; stamp += fine.period) {
-         oracle.AddRun(stamp, false); // as if none had been late
-      }
-   }
-   oracle.ReadEvidence(depot, fine);
-   if (intervals.size() > 1 && !oracle._runs.empty()) {
-      oracle.JudgeWindows(depot, describe(1), isWrapped);
-   }
-   return oracle;
-}
-
-void SimOracle::ReadEvidence(StatsDepot& depot, const Interval& fine)
-{
+   const auto period = static_cast<uint64_t>(intervals[0]->samplingPeriod);
+   SimOracle oracle(options, period);
    const auto series = [&](const std::string& entity, const char* stat) {
-      return ReadSeries(depot, entity, stat, fine.name, StatsDepot::ROLLUP_NONE);
+      return ReadSeries(depot, entity, stat, intervals[0]->name, StatsDepot::ROLLUP_NONE);
    };
    const auto uptimes = series(kHost, "sys-uptime");
-   auto growths = series(kHost, "cpu-used#0");
+   if (uptimes.size() >= static_cast<size_t>(intervals[0]->numSamples)) {
+      // What came before it is gone, and with it what its growth was counted from.
+      oracle._firstColumn = uptimes.begin()->first;
+   }
    std::map<std::string, std::array<std::map<uint64_t, uint64_t>, 2>> marks;
-   for (const auto& [entity, stats] : _stats) {
-      if (entity != kHost && (_options.events > 0 || !_options.script.empty())) {
+   for (const auto& [entity, stats] : oracle._stats) {
+      if (entity != kHost && (options.events > 0 || !options.script.empty())) {
          const bool isVm = stats.contains("sys-uptime");
          marks[entity] = {series(entity, isVm ? "sys-uptime" : "mem-granted"),
                           isVm ? series(entity, "mem-granted") : std::map<uint64_t, uint64_t>()};
@@ -529,53 +484,18 @@ void SimOracle::ReadEvidence(StatsDepot& depot, const Interval& fine)
       const auto sample = samples.find(stamp);
       return sample != samples.end() && sample->second != kUnset;
    };
+   const auto growths = series(kHost, "cpu-used#0");
    for (const auto& [stamp, uptime] : uptimes) {
       for (const auto& [entity, mark] : marks) {
-         SetReads(entity, static_cast<uint8_t>((has(mark[0], stamp) ? kCpu : kNothing) |
-                                               (has(mark[1], stamp) ? kMemory : kNothing)));
+         oracle.SetReads(entity, static_cast<uint8_t>((has(mark[0], stamp) ? kCpu : kNothing) |
+                                                      (has(mark[1], stamp) ? kMemory : kNothing)));
       }
-      if (uptime != kUnset) {
-         AddRun(static_cast<uint64_t>(kHostStartSec) + uptime, !has(growths, stamp));
-      }
+      const uint64_t time = static_cast<uint64_t>(kHostStartSec) + uptime;
+      // Without growth a collector has started, or runs were missed.
+      oracle.AddRun(time, oracle._runs.empty() || (!has(growths, stamp) &&
+                                                   time - oracle._runs.back().time < 2 * period));
    }
-}
-
-/// Replaces the windows by those of the depot and those that it must have by now.
-void SimOracle::JudgeWindows(StatsDepot& depot, const Interval& coarse, bool isWrapped)
-{
-   _windows.clear();
-   const auto last = ReadSeries(depot, kHost, "sys-uptime", coarse.name, StatsDepot::ROLLUP_LAST);
-   const auto used = ReadSeries(depot, kHost, "cpu-used#0", coarse.name, StatsDepot::ROLLUP_SUM);
-   for (const auto& [end, uptime] : last) {
-      const auto past = std::ranges::upper_bound(_runs, end, {}, &Run::stamp);
-      auto limit = static_cast<size_t>(past - _runs.begin());
-      // A late run at the window's very end may have been the one that rolled it up, without itself.
-      if (limit > 0 && _runs[limit - 1].time > end &&
-          GetUptimeSec(static_cast<int64_t>(_runs[limit - 1].time)) != uptime) {
-         --limit;
-      }
-      _windows[end] = limit;
-      // Older than the fine columns: it is judged where the host shows that no run was missed.
-      const bool isOld = isWrapped && end - kWindowSec < *_oldColumn;
-      if (isOld &&
-          (end == last.begin()->first || _runs.front().stamp >= *_oldColumn ||
-           Expected(kHost, "sys-uptime", StatsDepot::ROLLUP_LAST, coarse.period, end) != uptime ||
-           Expected(kHost, "cpu-used#0", StatsDepot::ROLLUP_SUM, coarse.period, end) !=
-              used.at(end))) {
-         _oldWindows.insert(end);
-      }
-   }
-   uint64_t startSec = _runs.front().time;
-   for (const Run& run : _runs) {
-      startSec = run.isFirst ? run.time : startSec;
-   }
-   const uint64_t latencySec = 2 * kWindowSec + 2 * _period;
-   const uint64_t nowSec = _runs.back().time;
-   uint64_t end = _windows.empty() ? startSec - startSec % kWindowSec + kWindowSec
-                                   : _windows.rbegin()->first + kWindowSec;
-   for (; startSec + latencySec < nowSec && end + latencySec < nowSec; end += kWindowSec) {
-      _windows[end] = _runs.size();
-   }
+   return oracle;
 }
 
 SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMapPath) const
@@ -588,34 +508,32 @@ SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMap
          all.emplace(entity, name);
       }
    }
-   result.notJudged = _oldWindows.size() + (_oldColumn ? 1 : 0);
    Corvax::RefVector<Metrix::StatsDepotInterval> intervals;
    depot.GetIntervals(intervals);
    for (const auto& interval : intervals) {
+      const bool isFinest = interval == intervals[0];
+      if (!isFinest && _firstColumn) {
+         continue; // nobody knows which of the runs that are gone rolled up what
+      }
       for (const auto& [entity, name] : all) {
-         CompareStat(depot,
-                     {interval->name, static_cast<uint64_t>(interval->samplingPeriod),
-                      static_cast<size_t>(interval->numSamples)},
-                     entity, name, result);
+         CompareStat(depot, *interval, isFinest, entity, name, result);
       }
    }
    return result;
 }
 
-void SimOracle::CompareStat(StatsDepot& depot, const Interval& interval, const std::string& entity,
-                            const std::string& name, Result& result) const
+void SimOracle::CompareStat(StatsDepot& depot, const Metrix::StatsDepotInterval& interval,
+                            bool isFinest, const std::string& entity, const std::string& name,
+                            Result& result) const
 {
    std::set<TimeStamp> stamps;
-   if (interval.period == _period) {
-      for (const Run& run : _runs) {
-         stamps.insert(run.stamp);
-      }
-   } else {
-      for (const auto& [end, run] : _windows) {
-         stamps.insert(end);
-      }
+   for (const Run& run : _runs) {
+      stamps.insert(run.stamp);
    }
-   while (stamps.size() > interval.columns) {
+   if (!isFinest) {
+      stamps = {std::views::keys(_windows).begin(), std::views::keys(_windows).end()};
+   }
+   while (stamps.size() > static_cast<size_t>(interval.numSamples)) {
       stamps.erase(stamps.begin()); // their columns were used again
    }
    for (int i = StatsDepot::ROLLUP_NONE; i <= StatsDepot::ROLLUP_SUM; ++i) {
@@ -625,21 +543,19 @@ void SimOracle::CompareStat(StatsDepot& depot, const Interval& interval, const s
          stored.try_emplace(stamp, kUnset);
       }
       for (const auto& [stamp, value] : stored) {
-         if (interval.period == _period ? _oldColumn == stamp : _oldWindows.contains(stamp)) {
+         if (isFinest && _firstColumn == stamp) {
             continue;
          }
-         const uint64_t expected =
-            Expected(entity, name, rollup, interval.period, stamp).value_or(kUnset);
+         const uint64_t expected = Expected(entity, name, rollup, isFinest, stamp).value_or(kUnset);
          result.samples += expected != kUnset || value != kUnset ? 1 : 0;
          if (expected == value) {
             continue;
          }
          ++result.differ;
          if (result.texts.size() < 20) {
-            const auto text = [](uint64_t v) { return v == kUnset ? "none" : std::to_string(v); };
-            result.texts.push_back(entity + " " + name + " " + interval.name + " " +
-                                   kRollupNames[i] + " at " + std::to_string(stamp) + ": stored " +
-                                   text(value) + ", expected " + text(expected));
+            result.texts.push_back(Corvax::Format("%1 %2 %3 %4 at %5: stored %6, expected %7",
+                                                  entity, name, interval.name, kRollupNames[i],
+                                                  stamp, Text(value), Text(expected)));
          }
       }
    }

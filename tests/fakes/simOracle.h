@@ -41,18 +41,14 @@ public:
 
    /// The oracle for a depot whose runs nobody noted: their times are those of the host's uptime, and
    /// where there were events, one absolute figure of each group says whether an entity was read.
-   /// Without events every machine and pool must be there in every run.
+   /// Without events every machine and pool must be there in every run. Where the finest interval
+   /// holds no longer all runs, that interval alone is judged.
    static SimOracle FromDepot(Metrix::StatsDepot& depot, const SimHost::SimOptions& options);
-
-   /// Unset when there must be no such sample.
-   std::optional<StatVal> Expected(const std::string& entity, const std::string& statName,
-                                   RollupType rollup, uint64_t periodSec, TimeStamp stamp) const;
 
    struct Result {
       size_t stats = 0;
       size_t samples = 0; ///< that are stored or expected
       size_t differ = 0;
-      size_t notJudged = 0;           ///< columns that nothing certain is known of
       std::vector<std::string> texts; ///< of the first differences
    };
    /// All stats that the id map names or that must be there, all their series, both ways.
@@ -64,7 +60,6 @@ private:
       TimeStamp time;
       bool isFirst;
    };
-   struct Interval;
 
    static bool Keeps(Kind kind, RollupType rollup);
    uint8_t GetReads(const std::string& entity, size_t run) const;
@@ -72,11 +67,13 @@ private:
                                       size_t run) const;
    std::optional<StatVal> ExpectedRollup(const std::string& entity, const std::string& statName,
                                          const Stat& stat, RollupType rollup, TimeStamp end) const;
-   void Propagate(TimeStamp timeSec);
-   void ReadEvidence(Metrix::StatsDepot& depot, const Interval& fine);
-   void JudgeWindows(Metrix::StatsDepot& depot, const Interval& coarse, bool isWrapped);
-   void CompareStat(Metrix::StatsDepot& depot, const Interval& interval, const std::string& entity,
-                    const std::string& name, Result& result) const;
+   /// Unset when there must be no such sample.
+   std::optional<StatVal> Expected(const std::string& entity, const std::string& statName,
+                                   RollupType rollup, bool isFinest, TimeStamp stamp) const;
+   TimeStamp NextWindow(TimeStamp timeSec) const;
+   void CompareStat(Metrix::StatsDepot& depot, const Metrix::StatsDepotInterval& interval,
+                    bool isFinest, const std::string& entity, const std::string& name,
+                    Result& result) const;
 
    SimHost::SimOptions _options;
    uint64_t _period;
@@ -84,8 +81,7 @@ private:
    std::map<std::string, uint8_t> _reading;
    std::map<std::string, std::map<size_t, uint8_t>> _reads; ///< by run
    std::vector<Run> _runs;
-   std::map<TimeStamp, size_t> _windows; ///< end of each, and the run that rolled it up
-   std::set<TimeStamp> _oldWindows;      ///< not judged
-   std::optional<TimeStamp> _oldColumn;  ///< of the finest interval, not judged
+   std::map<TimeStamp, size_t> _windows;  ///< end of each, and the run that rolled it up
+   std::optional<TimeStamp> _firstColumn; ///< of the finest interval, not judged
    TimeStamp _nextRollup = Metrix::kUnset;
 };
