@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <functional>
 
-/// The real file system that fails on command: the operation that `failAt` counts down to fails, and
+/// The real file system that counts what is read and written, and fails on command: the operation that `failAt` counts down to fails, and
 /// with `failAll` every one from there on. With `cutWrites` only writes count, and come out short.
 class FaultyFiles : public Corvax::SystemFactory {
 public:
@@ -16,6 +16,8 @@ public:
    int failAt = 0; ///< 1: the next operation; 0: none
    bool failAll = false;
    bool cutWrites = false;
+   uint64_t calls = 0; ///< reads and writes that the platform would need
+   uint64_t bytes = 0; ///< read and written
 
    /// From now on nothing fails.
    void Recover()
@@ -48,6 +50,11 @@ public:
    void Remove(const std::string& path) override { _real->Remove(path); }
 
 private:
+   void Count(size_t sizeBytes)
+   {
+      ++calls;
+      bytes += sizeBytes;
+   }
    bool IsDue()
    {
       const bool due = _failing || (failAt > 0 && --failAt == 0);
@@ -83,14 +90,28 @@ private:
       size_t Read(void* buffer, size_t sizeBytes) override
       {
          _files.Step();
-         return _real->Read(buffer, sizeBytes);
+         const size_t done = _real->Read(buffer, sizeBytes);
+         _files.Count(done);
+         return done;
       }
       size_t Write(const void* buffer, size_t sizeBytes) override
       {
          _files.Step();
+         _files.Count(sizeBytes);
          // Up to eight bytes, within one page, go whole or not at all.
          const bool cut = _files.cutWrites && sizeBytes > 8 && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
+      }
+      void WritePieces(std::span<const Corvax::FilePiece> pieces) override
+      {
+         if (_files.failAt > 0 || _files._failing) {
+            return FileHandle::WritePieces(pieces); // each of them may fail
+         }
+         for (const Corvax::FilePiece& piece : pieces) {
+            _files.bytes += piece.sizeBytes;
+         }
+         ++_files.calls;
+         _real->WritePieces(pieces);
       }
       void Flush() override
       {
