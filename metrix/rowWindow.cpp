@@ -91,7 +91,12 @@ void RowWindow::WritePieces()
    for (const Piece& piece : pieces) {
       writes.push_back({piece.offset, piece.bytes.data(), piece.bytes.size()});
    }
-   _file->WritePieces(writes);
+   try {
+      _file->WritePieces(writes);
+   } catch (...) {
+      ++_losses;
+      throw;
+   }
    _pieces.reserve(kMostPieces);
 }
 
@@ -130,6 +135,7 @@ void RowWindow::WriteBack()
       _file->Seek(pos);
       Assert(_file->Write(bytes, sizeBytes) == sizeBytes, "rows are written whole");
    } catch (...) {
+      ++_losses;
       _count = 0;
       throw;
    }

@@ -40,6 +40,9 @@ public:
    /// Puts down the row that Get gave last, as it is now.
    void Put(uint64_t row);
 
+   /// How often something that was held back could not be written.
+   uint64_t GetLosses() const { return _losses; }
+
    /// Whether rows are long and this is a batch, so that SetPiece saves copying them.
    bool TakesPieces() const { return _isBatch && _longestRun == 1; }
 
@@ -67,8 +70,9 @@ private:
    bool _isBatch = false;
    uint64_t _first = 0; // of the rows in the window
    uint64_t _count = 0;
-   uint64_t _putFirst = 0;     // of the rows held back
-   uint64_t _putEnd = 0;       // behind the last; the same as the first when none are
+   uint64_t _putFirst = 0; // of the rows held back
+   uint64_t _putEnd = 0;   // behind the last; the same as the first when none are
+   uint64_t _losses = 0;
    std::vector<Piece> _pieces; // held back, in the order in which they were put down
 };
 

@@ -106,6 +106,7 @@ private:
    void WriteStatVector(StatId statId);
    bool PutSampleAlone(StatId statId, int32_t column, TimeStamp ts, StatVal value);
    void RememberStamp(StatId statId, TimeStamp ts);
+   void ForgetStampsAfterLoss();
 
    int32_t NextColumn(int32_t column) const;
    template <class Matches>
@@ -130,6 +131,7 @@ private:
    uint64_t _statVectorPos = 0;        ///< file offset of row 0
    size_t _rowSize = 0;
    std::unique_ptr<RowWindow> _rows;
+   uint64_t _lossesSeen = 0;
    std::vector<TimeStamp> _rowStamps; ///< of rows in the file, by id; unset: not known, or free
    int32_t _earliestTsCol = -1;       ///< -1: no column is in use
    int32_t _latestTsCol = -1;
@@ -433,6 +435,7 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
 /// column held a round ago.
 bool StatsStoreImpl::PutSampleAlone(StatId statId, int32_t column, TimeStamp ts, StatVal value)
 {
+   ForgetStampsAfterLoss();
    if (!_rows->TakesPieces() || statId >= _rowStamps.size()) {
       return false;
    }
@@ -445,6 +448,15 @@ bool StatsStoreImpl::PutSampleAlone(StatId statId, int32_t column, TimeStamp ts,
    _rows->SetPiece(statId, kRowTimeStampPos, ts);
    _rowStamps[statId] = ts;
    return true;
+}
+
+/// What could not be written is not in the file, so nothing is known of any row any more.
+void StatsStoreImpl::ForgetStampsAfterLoss()
+{
+   if (_rows->GetLosses() != _lossesSeen) {
+      _lossesSeen = _rows->GetLosses();
+      _rowStamps.clear();
+   }
 }
 
 void StatsStoreImpl::RememberStamp(StatId statId, TimeStamp ts)

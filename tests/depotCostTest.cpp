@@ -43,13 +43,14 @@ constexpr TimeStamp kStart = 1800000000;
 /// A depot with stats of three rollups each, under an interval of so many seconds.
 class DepotCostTest : public testing::Test {
 protected:
-   void Make(int periodSec)
+   void Make(int periodSec, int stats = kStats, unsigned columns = 0)
    {
       _periodSec = static_cast<TimeStamp>(periodSec);
       Metrix::GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 10, _depot);
       _depot->Create();
-      _depot->AddInterval("RealTime", periodSec, 3600U / static_cast<unsigned>(periodSec));
-      for (int i = 0; i < kStats; ++i) {
+      _depot->AddInterval("RealTime", periodSec,
+                          columns > 0 ? columns : 3600U / static_cast<unsigned>(periodSec));
+      for (int i = 0; i < stats; ++i) {
          _names.push_back("a stat of some length " + std::to_string(i));
          _depot->CreateStat(
             kEntity, _names.back(), StatsDepot::STATTYPE_ABSOLUTE, 1,
@@ -159,6 +160,32 @@ TEST_F(DepotCostTest, WhatCannotBeWrittenIsToldAndTheNextPassGoesOn)
       Pass();
       EndPass();
       ExpectInFiles();
+   }
+}
+
+/// A column is used again after 600 passes; what it held then must not come back for a sample that
+/// was lost.
+TEST_F(DepotCostTest, ALostSampleOfALongRowShowsNothingOfAnEarlierRound)
+{
+   constexpr unsigned kColumns = 600;
+   Make(1, 20, kColumns);
+   while (_passes < kColumns + 5) {
+      Pass();
+      EndPass();
+   }
+   Pass();
+   _files.failAt = 1;
+   EXPECT_THROW(_depot->Flush(), Corvax::Exception);
+   _depot->Unlock();
+   const TimeStamp lost = Now();
+   for (int i = 0; i < 2; ++i) {
+      Pass();
+      EndPass();
+   }
+   ExpectInFiles();
+   for (const std::string& name : _names) {
+      EXPECT_EQ(_depot->GetSample(kEntity, name, lost, "", StatsDepot::ROLLUP_NONE),
+                Metrix::kUnset);
    }
 }
 
