@@ -127,7 +127,8 @@ labDown() {
    local group
    [ -n "${labDir:-}" ] || return 0
    trap '' INT TERM
-   labKillDaemon && labKill KILL qemu-system-x86 || return
+   # The second are those that libvirtd asks what they can do; one is left when it is killed then.
+   labKillDaemon && labKill KILL qemu-system-x86 && labKill KILL qemu-system-i38 || return
    rm -rf /run/libvirt/{libvirt,qemu}* {/etc,/var/lib,/var/cache}/libvirt/*
    for group in $(labCgroups | sed "s|\$|/machine/*$lab-*|"); do
       labRemoveGroup "$group" || return
