@@ -78,7 +78,7 @@ HOW_TO_READ = """\
 - **x floor** is the figure divided by F1, hot. A peer's is divided by the F1 that ran with the peer.
 - **At a real cadence** a pass finds what it finds 20 seconds later: clean pages and cold caches.
 - **Noise**: ratios of one session are good to about 20 %, absolute times only to what else the machine does. Compare ratios.
-- Read and write calls are the kernel's count (`/proc/PID/io`), in which work on mapped files does not appear.
+- Read and write calls are the kernel's count (`/proc/PID/io`). Work on mapped files does not appear in it, nor do the lists of writes that go out through native asynchronous I/O at intervals of five seconds and less; `strace -c -f` shows those as `io_submit`.
 """
 
 

@@ -58,8 +58,11 @@ bool LinuxVm::IsStatsAvailable()
 uint64_t LinuxVm::GetHeartbeatCount()
 {
    const auto snapshot = _snapshots.GetSnapshot();
-   const auto found = snapshot ? snapshot->vms.find(GetId()) : decltype(snapshot->vms.end()){};
-   if (snapshot && found != snapshot->vms.end() && found->second.guestReportSec != _lastReportSec) {
+   if (!snapshot) {
+      return _heartbeatCount;
+   }
+   const auto found = snapshot->vms.find(GetId());
+   if (found != snapshot->vms.end() && found->second.guestReportSec != _lastReportSec) {
       _lastReportSec = found->second.guestReportSec;
       ++_heartbeatCount;
    }
