@@ -93,8 +93,8 @@ public:
    std::string QueryCsv(const QuerySpec& spec);
    /// The same as indented JSON in ASCII, `hasData` false where there is none.
    std::string QueryJson(const QuerySpec& spec, bool& hasData);
-   /// The newest samples of each metric of several entities, two at least where there are so many: one
-   /// request for up to 64 entities, the most that the agent takes unless configured otherwise.
+   /// The newest samples of each metric of several entities, two at least where there are so many:
+   /// one request for up to 64 entities, the most that the agent takes unless configured otherwise.
    std::vector<EntitySeries> QueryNewest(const std::vector<Entity>& entities,
                                          const std::vector<Metric>& metrics, int64_t intervalSec);
 

@@ -11,8 +11,8 @@ class MetricNames {
 public:
    explicit MetricNames(const std::vector<Counter>& counters);
 
-   /// "cpu.usage:0", with the rollup behind the name ("cpu.usage.average") where another counter has
-   /// the name to itself; the counter's number where the counter is not known.
+   /// "cpu.usage:0", with the rollup behind the name ("cpu.usage.average") where another counter
+   /// has the name to itself; the counter's number where the counter is not known.
    std::string GetName(const Metric& metric) const;
    /// "%", "KB/s"; the unit as it is where it has no short form.
    std::string GetUnit(const Metric& metric) const;

@@ -19,7 +19,7 @@ using Corvax::DateTime;
 struct WantedField {
    const char* group;
    const char* name;
-   std::optional<int64_t> TopRow::*value;
+   std::optional<int64_t> TopRow::* value;
 };
 
 constexpr WantedField kWanted[] = {

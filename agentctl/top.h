@@ -38,7 +38,7 @@ private:
 
    struct Field {
       int64_t counterId;
-      std::optional<int64_t> TopRow::*value;
+      std::optional<int64_t> TopRow::* value;
    };
 
    Api& _api;

@@ -161,7 +161,7 @@ void ReadHttp(const XmlConfig& config, Configuration& configuration)
       return ReadPositive(config, std::string("agentd/http/") + key,
                           static_cast<int32_t>(defaultValue));
    };
-   HttpServer::Limits& limits = configuration.httpLimits;
+   Http::Limits& limits = configuration.httpLimits;
    limits.workers = read("workers", limits.workers);
    limits.maxConnections = read("maxConnections", limits.maxConnections);
    limits.maxBodyBytes = static_cast<size_t>(read("maxBodyBytes", limits.maxBodyBytes));

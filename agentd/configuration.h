@@ -1,9 +1,9 @@
 #pragma once
 
 #include "agentd/backend.h"
-#include "agentd/httpServer.h"
 #include "agentd/options.h"
 #include "corvax/xmlConfig.h"
+#include "http/server.h"
 
 #include <string>
 
@@ -17,7 +17,7 @@ struct Configuration {
    std::string pluginFile;
    BackendOptions backend;
    std::string listen; ///< of the management API; "none": it is not served
-   HttpServer::Limits httpLimits;
+   Http::Limits httpLimits;
    size_t maxQuerySpecs = 64; ///< in one query
 };
 

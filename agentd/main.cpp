@@ -1,8 +1,6 @@
 #include "agentd/backend.h"
 #include "agentd/collectionMonitor.h"
 #include "agentd/configuration.h"
-#include "agentd/httpServer.h"
-#include "agentd/managementApi.h"
 #include "agentd/options.h"
 #include "agentd/pluginHost.h"
 #include "agentd/stopSignal.h"
@@ -11,6 +9,8 @@
 #include "corvax/exception.h"
 #include "corvax/lockFile.h"
 #include "corvax/system.h"
+#include "http/server.h"
+#include "managementApi/apiRoutes.h"
 
 #include <sys/resource.h>
 
@@ -47,7 +47,7 @@ class ApiScope {
 public:
    ApiScope(const Configuration& configuration, Corvax::Logger* logger)
       : _api(configuration.maxQuerySpecs, logger),
-        _server(configuration.httpLimits, ManagementApi::FormatError, logger)
+        _server(configuration.httpLimits, ManagementApi::ApiRoutes::FormatError, logger)
    {
       if (configuration.listen == "none") {
          return;
@@ -68,8 +68,8 @@ public:
    void RefuseRequests() { _server.RefuseRequests(); }
 
 private:
-   const ManagementApi _api;
-   HttpServer _server;
+   const ManagementApi::ApiRoutes _api;
+   Http::Server _server;
 };
 
 /// Kernel files of every virtual machine stay open: as many as the system lets this process have.

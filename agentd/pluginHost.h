@@ -15,8 +15,8 @@ namespace Agentd {
 /// than this one.
 class PluginHost {
 public:
-   /// Loads the library and takes the plug-in from its entry. Runtime exception, naming the file and
-   /// the reason, when either fails. `observer` is called on the timer thread after each run.
+   /// Loads the library and takes the plug-in from its entry. Runtime exception, naming the file
+   /// and the reason, when either fails. `observer` is called on the timer thread after each run.
    PluginHost(const std::string& fileName, std::function<void(const Corvax::TimerRun&)> observer);
    ~PluginHost();
    PluginHost(const PluginHost&) = delete;

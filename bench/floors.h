@@ -7,9 +7,9 @@
 
 namespace Bench {
 
-/// The least that a sample costs on this machine: bare loops which put one number into each row of a
-/// file, without looking up, checking or rolling up anything. The rows are of the size of the finest
-/// interval's, and neighbours.
+/// The least that a sample costs on this machine: bare loops which put one number into each row of
+/// a file, without looking up, checking or rolling up anything. The rows are of the size of the
+/// finest interval's, and neighbours.
 class FloorFile {
 public:
    /// Writes the file, full of rows.

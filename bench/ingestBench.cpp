@@ -19,7 +19,8 @@ constexpr unsigned kManyPasses = 2 * kPassesPerRollup;
 constexpr size_t kManyStats = 100000;
 constexpr size_t kFewStats = 1000;
 
-/// Whether a pass finds what a pass 20 seconds later finds: clean pages and other data in the caches.
+/// Whether a pass finds what a pass 20 seconds later finds: clean pages and other data in the
+/// caches.
 enum class Cadence { HOT, REAL };
 
 void Settle(Cadence cadence, const std::string& directory)
@@ -63,7 +64,8 @@ private:
    unsigned _passes = 0;
 };
 
-/// CPU time of so many passes, all samples and their roll-ups, after two roll-ups have made all rows.
+/// CPU time of so many passes, all samples and their roll-ups, after two roll-ups have made all
+/// rows.
 void Ingest(Measurement& measurement, const std::string& work, const StatPlan& plan,
             Cadence cadence, unsigned passes)
 {

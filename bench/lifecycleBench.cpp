@@ -63,8 +63,8 @@ void CreateAndDelete(Measurement& measurement)
    measurement.Report("delete", "ms", remove.GetTotalUs() / 1e3);
 }
 
-/// A depot in which all stats but one have fallen silent so long ago that they are about to be purged,
-/// at most `maxPurged` of them at a time.
+/// A depot in which all stats but one have fallen silent so long ago that they are about to be
+/// purged, at most `maxPurged` of them at a time.
 class SilentDepot {
 public:
    SilentDepot(const StatPlan& plan, int maxPurged, Corvax::Logger* logger)

@@ -22,8 +22,8 @@ private:
    double _totalUs = 0;
 };
 
-/// Read and write calls of a process and the bytes they moved, since its start, as the kernel counts
-/// them in /proc/PID/io: work on mapped files does not appear.
+/// Read and write calls of a process and the bytes they moved, since its start, as the kernel
+/// counts them in /proc/PID/io: work on mapped files does not appear.
 struct IoCounts {
    double calls = 0;
    double bytes = 0;

@@ -9,8 +9,8 @@ namespace Bench {
 /// Who the figures of the project's own code are of.
 extern const char kOurs[];
 
-/// The figures of a program: one a work, who did it and repetition. Printed as JSON, a line for each
-/// work and who, with the median and the lowest and highest of the repetitions.
+/// The figures of a program: one a work, who did it and repetition. Printed as JSON, a line for
+/// each work and who, with the median and the lowest and highest of the repetitions.
 class ResultLines {
 public:
    void Add(const std::string& work, const std::string& who, const std::string& unit, double value);

@@ -26,7 +26,8 @@ constexpr Metrix::TimeStamp kFirstPass = 1767225600; ///< a multiple of both per
 constexpr size_t kStats = 10000;
 constexpr unsigned kPassesPerRollup = kCoarsePeriodSec / kFinePeriodSec;
 
-/// What the program was told: where its files go ("/" at the end), and whether figures may be rough.
+/// What the program was told: where its files go ("/" at the end), and whether figures may be
+/// rough.
 struct Settings {
    std::string directory;
    bool isQuick = false;
@@ -132,7 +133,8 @@ struct CapturedHost {
    std::string options;
    StatPlan plan;
 };
-/// The smallest one whose runs bring at least `count` samples; types and rollups are the catalogue's.
+/// The smallest one whose runs bring at least `count` samples; types and rollups are the
+/// catalogue's.
 CapturedHost CaptureHost(size_t count);
 /// So many of its stats; captured once for each number.
 const StatPlan& CapturePlan(size_t count);

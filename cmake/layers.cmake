@@ -1,33 +1,122 @@
-# Which room may include which: a room sees itself and the rooms named here, nothing else.
-# docs/architecture.md explains the table. It is checked when CMake configures and again by the
-# test `layers`.
-set(METRIX_ROOMS
-   corvax plexa quen hostctl agentdCommon hostsvc guestsvc qsh/framework metrix
-   metrix/dynamic inventory linuxHost linuxHost/libvirt simHost agentd qsh agentctl)
+# Who may include whom, and which system headers and libraries a room takes.
+#
+#    room(NAME SEES ROOM... TAKES GROUP...)
+#
+# A room is a directory, or within metrix/ a family of files: its path without ".h" and ".cpp". A file
+# belongs to the room with the longest name that fits. It includes its own room and the rooms it sees,
+# nothing else; `x/*` is x with all rooms below it. Headers of the C++ standard library are free except
+# those in a group, every other header in <> belongs to a group and needs it in TAKES.
+# docs/architecture.md explains the table. It is checked when CMake configures, by `scripts/lint` and
+# by the test `layers`.
 
-set(SEES_corvax "")
-set(SEES_plexa corvax)
-set(SEES_quen plexa corvax)
-set(SEES_hostctl corvax)
-set(SEES_agentdCommon quen plexa hostctl corvax)
-set(SEES_hostsvc quen plexa hostctl corvax)
-set(SEES_guestsvc quen plexa hostctl corvax)
-# Within metrix the kernel library and the services behind it are for the kernel collector alone.
-set(SEES_metrix agentdCommon quen plexa corvax)
-set(SEES_qsh/framework corvax)
-set(SEES_metrix/dynamic metrix qsh/framework)
-set(SEES_inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
-set(SEES_linuxHost inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+macro(room name)
+   cmake_parse_arguments(ARG "" "" "SEES;TAKES" ${ARGN})
+   if(ARG_UNPARSED_ARGUMENTS)
+      message(FATAL_ERROR "room(${name}): unknown argument ${ARG_UNPARSED_ARGUMENTS}")
+   endif()
+   list(APPEND ROOMS ${name})
+   set("SEES_${name}" ${ARG_SEES})
+   set("TAKES_${name}" ${ARG_TAKES})
+endmacro()
+
+# A header with a slash at the end is a whole directory of headers.
+set(HEADERS_files fcntl.h unistd.h dirent.h sys/stat.h sys/file.h sys/mman.h sys/syscall.h
+   linux/aio_abi.h filesystem fstream)
+set(HEADERS_sockets sys/socket.h sys/un.h netinet/ arpa/ netdb.h)
+set(HEADERS_polling poll.h sys/epoll.h sys/eventfd.h)
+set(HEADERS_locks mutex shared_mutex condition_variable semaphore latch barrier future)
+set(HEADERS_threads thread stop_token pthread.h sched.h)
+set(HEADERS_processes sys/wait.h sys/resource.h sys/prctl.h sys/types.h spawn.h signal.h csignal
+   sys/signalfd.h stdlib.h)
+set(HEADERS_modules dlfcn.h)
+set(HEADERS_time time.h sys/time.h)
+set(HEADERS_terminal unistd.h termios.h sys/ioctl.h pty.h)
+set(HEADERS_xml pugixml.hpp)
+set(HEADERS_spdlog spdlog/ fmt/)
+set(HEADERS_json nlohmann/)
+set(HEADERS_commandLine CLI/)
+set(HEADERS_httplib httplib.h)
+set(HEADERS_libvirt libvirt/)
+set(HEADERS_lineEditing histedit.h)
+set(HEADERS_zlib zlib.h)
+set(HEADERS_gtest gtest/ gmock/)
+set(HEADERS_benchmark benchmark/)
+set(HEADERS_peers sqlite3.h rrd.h)
+set(GROUPS files sockets polling locks threads processes modules time terminal xml spdlog json
+   commandLine httplib libvirt lineEditing zlib gtest benchmark peers)
+
+# From the bottom of the house to the top.
+room(corvax TAKES files locks threads processes modules time xml spdlog)
+room(plexa SEES corvax)
+room(quen SEES plexa corvax)
+room(hostctl SEES corvax)
+set(interfaces quen plexa hostctl corvax)
+room(agentdCommon SEES ${interfaces})
+room(hostsvc SEES ${interfaces})
+room(guestsvc SEES ${interfaces})
+set(services agentdCommon hostsvc guestsvc)
+room(qsh/framework SEES corvax)
+
+# Within metrix arrows point down, too. It takes no library and no system header.
+room(metrix/statTypes)
+room(metrix/littleEndian)
+room(metrix/slotUsageMap SEES corvax)
+room(metrix/rowWindow SEES metrix/littleEndian corvax)
+room(metrix/statsStore SEES metrix/rowWindow metrix/littleEndian metrix/statTypes corvax)
+room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
+set(depotParts metrix/statsStore metrix/slotUsageMap metrix/statsDepot metrix/littleEndian
+   metrix/statTypes)
+room(metrix/statsDepotImpl SEES ${depotParts} corvax)
+room(metrix/statsDepotRegistry SEES metrix/statsDepotImpl metrix/rowWindow ${depotParts} corvax)
+room(metrix/statsDepotRollup SEES metrix/statsDepotImpl ${depotParts} corvax)
+room(metrix/statsMetadata SEES metrix/statsDepot quen plexa corvax)
+room(metrix/counterTable SEES metrix/statsMetadata metrix/statsDepot quen plexa corvax)
+room(metrix/baseStatsCollector
+   SEES metrix/statsMetadata metrix/statsDepot metrix/statTypes agentdCommon quen plexa corvax)
+room(metrix/mockupStatsCollector SEES metrix/baseStatsCollector agentdCommon quen plexa corvax)
+room(metrix/ptrObj SEES corvax)
+set(hykCollector metrix/baseStatsCollector metrix/ptrObj ${services} ${interfaces})
+room(metrix/hykStatsCollector SEES ${hykCollector})
+room(metrix/hykStatsCollectorVm SEES metrix/hykStatsCollector ${hykCollector})
+set(manager metrix/hykStatsCollector metrix/mockupStatsCollector metrix/baseStatsCollector
+   metrix/statsMetadata metrix/statsDepot agentdCommon quen plexa corvax)
+room(metrix/performanceManagerImpl SEES ${manager})
+room(metrix/performanceManagerQuery SEES metrix/performanceManagerImpl ${manager})
+room(metrix/qshCommands SEES metrix/statsDepot qsh/framework corvax)
+room(metrix/selfTest SEES metrix/statsDepot corvax)
+room(metrix/metrix SEES metrix/performanceManagerImpl metrix/selfTest agentdCommon corvax)
+room(metrix/dynamic SEES metrix/metrix metrix/qshCommands qsh/framework corvax)
+
+room(inventory SEES ${services} ${interfaces} TAKES locks)
+room(linuxHost/kernel SEES hostctl corvax TAKES files)
+room(linuxHost
+   SEES linuxHost/kernel inventory ${services} ${interfaces} TAKES files locks threads modules)
 # The only room that knows the hypervisor's library.
-set(SEES_linuxHost/libvirt linuxHost quen plexa hostctl corvax)
-set(SEES_simHost inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
-set(SEES_qsh qsh/framework hostctl corvax)
-set(SEES_agentctl corvax)
-set(SEES_agentd linuxHost simHost inventory agentdCommon hostsvc guestsvc quen plexa hostctl corvax)
+room(linuxHost/libvirt SEES linuxHost ${interfaces} TAKES locks threads libvirt xml)
+room(simHost SEES inventory ${services} ${interfaces} TAKES locks)
 
-# Single files that see more than the rest of their room.
-set(SEES_metrix/hykStatsCollector.h hostsvc guestsvc hostctl)
-set(SEES_metrix/hykStatsCollector.cpp hostsvc guestsvc hostctl)
-set(SEES_metrix/hykStatsCollectorVm.cpp hostsvc guestsvc hostctl)
-set(SEES_metrix/qshCommands.h qsh/framework)
-set(SEES_metrix/qshCommands.cpp qsh/framework)
+room(http SEES corvax TAKES sockets polling locks threads files httplib)
+room(managementApi SEES http ${services} quen plexa corvax TAKES json)
+room(agentd SEES managementApi http linuxHost simHost inventory ${services} ${interfaces}
+   TAKES files polling threads processes modules commandLine)
+room(qsh SEES qsh/framework hostctl corvax
+   TAKES files modules processes terminal lineEditing commandLine)
+room(agentctl SEES corvax TAKES polling threads processes terminal json httplib commandLine)
+
+# Tests and measurements see what they exercise; they may take any system header.
+set(system files sockets polling locks threads processes modules time terminal)
+set(fakes tests/fakes ${services} ${interfaces})
+room(tests/fakes SEES linuxHost ${services} ${interfaces} TAKES ${system} gtest)
+room(tests/corvax SEES ${fakes} TAKES ${system} gtest)
+room(tests/metrix SEES metrix/* ${fakes} TAKES ${system} gtest)
+room(tests/linuxHost SEES linuxHost linuxHost/kernel inventory ${fakes} TAKES ${system} gtest)
+room(tests/linuxHost/kernel SEES linuxHost/kernel ${fakes} TAKES ${system} gtest)
+room(tests/linuxHost/libvirt SEES linuxHost/libvirt linuxHost ${fakes} TAKES ${system} gtest)
+room(tests/simHost SEES simHost metrix/* inventory ${fakes} TAKES ${system} gtest)
+room(tests/http SEES http ${fakes} TAKES ${system} gtest zlib)
+room(tests/managementApi SEES managementApi http metrix/* ${fakes} TAKES ${system} gtest httplib)
+room(tests/agentctl SEES agentctl ${fakes} TAKES ${system} gtest httplib)
+room(tests/qsh SEES qsh/framework ${fakes} TAKES ${system} gtest)
+room(bench SEES metrix/* simHost linuxHost linuxHost/kernel inventory ${services} ${interfaces}
+   TAKES ${system} benchmark)
+room(bench/peers TAKES ${system} peers)

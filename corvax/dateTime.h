@@ -21,8 +21,8 @@ public:
    /// Years outside 0000 to 9999 come as the microseconds in decimal.
    std::string ToString() const;
 
-   /// Reads what ToString writes and any offset: "2026-11-21T10:05:00.5+01:00". False, with `result`
-   /// unchanged, for any other text and for dates that do not exist.
+   /// Reads what ToString writes and any offset: "2026-11-21T10:05:00.5+01:00". False, with
+   /// `result` unchanged, for any other text and for dates that do not exist.
    static bool Parse(std::string_view text, DateTime& result);
 
    friend constexpr auto operator<=>(const DateTime&, const DateTime&) = default;

@@ -124,7 +124,7 @@ public:
 
    uint64_t GetSize() override
    {
-      struct stat status {};
+      struct stat status{};
       if (::fstat(_descriptor, &status) != 0) {
          throw PlatformException("get the size of " + _path, errno);
       }
@@ -218,7 +218,7 @@ public:
 
    uint64_t GetFileSize(const std::string& path) override
    {
-      struct stat status {};
+      struct stat status{};
       if (::stat(path.c_str(), &status) != 0) {
          throw PlatformException("get the size of " + path, errno);
       }
@@ -227,7 +227,7 @@ public:
 
    bool Exists(const std::string& path) override
    {
-      struct stat status {};
+      struct stat status{};
       return ::stat(path.c_str(), &status) == 0;
    }
 

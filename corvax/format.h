@@ -20,7 +20,8 @@ inline std::string ToText(const char* value)
 std::string ToText(double value);
 
 template <class T>
-requires(std::integral<T> || std::is_enum_v<T>) std::string ToText(T value)
+   requires(std::integral<T> || std::is_enum_v<T>)
+std::string ToText(T value)
 {
    if constexpr (std::is_enum_v<T>) {
       return ToText(static_cast<std::underlying_type_t<T>>(value));

@@ -53,8 +53,10 @@ public:
    Ref(const Ref& other) noexcept : Ref(other._object) {}
    Ref(Ref&& other) noexcept : _object(std::exchange(other._object, nullptr)) {}
    template <class U>
-   requires std::convertible_to<U*, T*> Ref(const Ref<U>& other)
-   noexcept : Ref(static_cast<T*>(other.Get())) {}
+      requires std::convertible_to<U*, T*>
+   Ref(const Ref<U>& other) noexcept : Ref(static_cast<T*>(other.Get()))
+   {
+   }
    ~Ref()
    {
       if (_object) {

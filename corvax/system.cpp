@@ -22,7 +22,7 @@ public:
 
    void GetCpuTime(int64_t& userUs, int64_t& systemUs) override
    {
-      struct rusage usage {};
+      struct rusage usage{};
       ::getrusage(RUSAGE_SELF, &usage);
       userUs = Microseconds(usage.ru_utime);
       systemUs = Microseconds(usage.ru_stime);

@@ -13,10 +13,10 @@ namespace Corvax {
 /// A key path is element names joined by "/": "plugins/metrix/depotDir". Where a parent has several
 /// children of one name, "interval[1]" is the second of them; without an index the first is meant.
 ///
-/// Errors: PlatformException where the file cannot be read or written, FileFormatException (file and
-/// line named) where it is no XML of this form, InvalidArgumentException (likewise) where a value is
-/// not of the type asked for.
-/// Locking: none; reading from several threads is allowed once nothing is changed any more.
+/// Errors: PlatformException where the file cannot be read or written, FileFormatException (file
+/// and line named) where it is no XML of this form, InvalidArgumentException (likewise) where a
+/// value is not of the type asked for. Locking: none; reading from several threads is allowed once
+/// nothing is changed any more.
 class XmlConfig : public virtual Object {
 public:
    struct Key {

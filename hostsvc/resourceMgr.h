@@ -13,9 +13,9 @@ namespace Hostsvc {
 /// The agent's resource manager: the host's tree of resource pools, its system resource groups, and
 /// what each of them and each virtual machine uses.
 ///
-/// Ownership: records returned as raw pointers belong to the caller; null means that there are none.
-/// Errors: HostCtl::Lib::HostCtlException where the kernel cannot be read.
-/// Locking: GetSystemResourceInfo is called with the object locked, everything else without.
+/// Ownership: records returned as raw pointers belong to the caller; null means that there are
+/// none. Errors: HostCtl::Lib::HostCtlException where the kernel cannot be read. Locking:
+/// GetSystemResourceInfo is called with the object locked, everything else without.
 class ResourceMgr : public virtual Corvax::LockableObject {
 public:
    virtual Corvax::Ref<Plexa::MoRef> GetRootResourcePool() = 0;

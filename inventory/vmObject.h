@@ -7,11 +7,11 @@
 
 namespace Inventory {
 
-/// What every backend's virtual machine has in common: identity, name, pool, configuration and power
-/// state. A backend adds where its figures come from.
+/// What every backend's virtual machine has in common: identity, name, pool, configuration and
+/// power state. A backend adds where its figures come from.
 ///
-/// Locking: name, pool, configuration and power state have a lock of their own, a leaf, so that they
-/// can be changed while a user of the object holds it locked.
+/// Locking: name, pool, configuration and power state have a lock of their own, a leaf, so that
+/// they can be changed while a user of the object holds it locked.
 class VmObject : public Guestsvc::HaVirtualMachine, public Corvax::LockableObjectImpl {
 public:
    /// `id` is at most kMaxIdBytes long.

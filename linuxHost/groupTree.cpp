@@ -1,7 +1,7 @@
 #include "linuxHost/groupTree.h"
 
 #include "inventory/inventory.h"
-#include "linuxHost/takePart.h"
+#include "linuxHost/kernel/takePart.h"
 
 #include <algorithm>
 #include <charconv>

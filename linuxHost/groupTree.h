@@ -1,6 +1,6 @@
 #pragma once
 
-#include "linuxHost/controlGroups.h"
+#include "linuxHost/kernel/controlGroups.h"
 #include "quen/inventory.h"
 
 #include <cstddef>

@@ -3,8 +3,8 @@
 #include "corvax/logger.h"
 #include "hostctl/resource.h"
 #include "inventory/inventory.h"
-#include "linuxHost/controlGroups.h"
-#include "linuxHost/cpuReader.h"
+#include "linuxHost/kernel/controlGroups.h"
+#include "linuxHost/kernel/cpuReader.h"
 #include "linuxHost/linuxVms.h"
 #include "linuxHost/loadHistory.h"
 
@@ -18,14 +18,13 @@
 namespace LinuxHost {
 
 /// Follows the host's control groups on a thread of its own: keeps the resource pools of the
-/// inventory as the groups below the machine group are, and keeps the load histories of the host, of
-/// the pools and of running virtual machines.
+/// inventory as the groups below the machine group are, and keeps the load histories of the host,
+/// of the pools and of running virtual machines.
 ///
-/// Units: a load is CPU time; what waits for a CPU is counted once however many threads wait, as the
-/// kernel's pressure figures have it.
-/// Errors: a group that cannot be read has no load for that time; one warning is logged until
-/// reading works again.
-/// Locking: its own, a leaf but for the readers'; any thread may ask.
+/// Units: a load is CPU time; what waits for a CPU is counted once however many threads wait, as
+/// the kernel's pressure figures have it. Errors: a group that cannot be read has no load for that
+/// time; one warning is logged until reading works again. Locking: its own, a leaf but for the
+/// readers'; any thread may ask.
 class GroupWatcher {
 public:
    /// Inventory and virtual machines outlive it; `root` goes before the path of every kernel file.

@@ -1,7 +1,7 @@
 #include "linuxHost/imageLocator.h"
 
 #include "corvax/format.h"
-#include "linuxHost/kernelFile.h"
+#include "linuxHost/kernel/kernelFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "linuxHost/groupParsers.h"
 #include "linuxHost/hypervisor.h"
+#include "linuxHost/kernel/groupParsers.h"
 
 #include <cstdint>
 #include <functional>

@@ -9,7 +9,8 @@
 namespace LinuxHost {
 
 /// This Linux machine as the agent's host: the provider for the kernel library, and in the object
-/// registry the host system, the resource manager and, where there is a hypervisor, its virtual machines.
+/// registry the host system, the resource manager and, where there is a hypervisor, its virtual
+/// machines.
 ///
 /// Lives while there is an application object; its destructor takes everything out of the registry.
 /// Who installs it as the provider takes it out again.
@@ -35,8 +36,8 @@ private:
    const std::unique_ptr<Parts> _parts;
 };
 
-/// Loads the hypervisor module and its library. HostCtlException with the reason when one of them is
-/// not there.
+/// Loads the hypervisor module and its library. HostCtlException with the reason when one of them
+/// is not there.
 std::shared_ptr<Hypervisor> LoadHypervisor(const std::string& moduleFile, const std::string& uri);
 
 } // namespace LinuxHost

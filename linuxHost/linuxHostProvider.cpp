@@ -1,10 +1,10 @@
 #include "linuxHost/linuxHostProvider.h"
 
-#include "linuxHost/cpuReader.h"
-#include "linuxHost/diskReader.h"
-#include "linuxHost/hardwareReader.h"
-#include "linuxHost/memoryReader.h"
-#include "linuxHost/nicReader.h"
+#include "linuxHost/kernel/cpuReader.h"
+#include "linuxHost/kernel/diskReader.h"
+#include "linuxHost/kernel/hardwareReader.h"
+#include "linuxHost/kernel/memoryReader.h"
+#include "linuxHost/kernel/nicReader.h"
 
 #include <algorithm>
 #include <mutex>

@@ -25,8 +25,8 @@ struct LinuxHostOptions {
 class HostAddenda {
 public:
    virtual ~HostAddenda() = default;
-   /// Traffic by the host's disk that it goes to; names that are no disk of the host become disks of
-   /// their own, without traffic of the host itself.
+   /// Traffic by the host's disk that it goes to; names that are no disk of the host become disks
+   /// of their own, without traffic of the host itself.
    virtual std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>>
    GetDiskWorlds() = 0;
    virtual std::optional<HostCtl::Network::PortStatistics> FindPort(uint32_t portId) = 0;
@@ -37,10 +37,9 @@ public:
 /// which. Nothing is read before it is asked for; a list of disks or NICs is read whole, and its
 /// elements keep the figures of that reading.
 ///
-/// Ownership: a reference on the logger is taken; null for none. The addenda, null for none, outlive
-/// the provider.
-/// Locking: any thread may ask; one at a time is served.
-/// Errors: HostCtl::Lib::HostCtlException from this and from every operation.
+/// Ownership: a reference on the logger is taken; null for none. The addenda, null for none,
+/// outlive the provider. Locking: any thread may ask; one at a time is served. Errors:
+/// HostCtl::Lib::HostCtlException from this and from every operation.
 std::unique_ptr<HostCtl::HostProvider>
 NewLinuxHostProvider(LinuxHostOptions options, HostAddenda* addenda, Corvax::Logger* logger);
 

@@ -1,7 +1,7 @@
 #include "linuxHost/linuxResourceMgr.h"
 
 #include "linuxHost/groupTree.h"
-#include "linuxHost/saturate.h"
+#include "linuxHost/kernel/saturate.h"
 
 #include <algorithm>
 #include <limits>

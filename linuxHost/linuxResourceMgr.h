@@ -7,8 +7,8 @@
 namespace LinuxHost {
 
 /// The resource manager of this machine: resource pools and system groups from the kernel's control
-/// groups, virtual machines from the hypervisor's newest snapshot, their processes and their control
-/// groups. docs/operations.md has every figure with its source.
+/// groups, virtual machines from the hypervisor's newest snapshot, their processes and their
+/// control groups. docs/operations.md has every figure with its source.
 ///
 /// Everything given outlives it; `root` goes before the path of every kernel file.
 /// Errors: what is gone or cannot be read has no record; no operation throws for it.

@@ -2,7 +2,7 @@
 
 #include "inventory/inventory.h"
 #include "linuxHost/hypervisor.h"
-#include "linuxHost/qemuProcess.h"
+#include "linuxHost/kernel/qemuProcess.h"
 #include "linuxHost/snapshotPoller.h"
 
 #include <atomic>

@@ -1,7 +1,7 @@
 #include "linuxHost/linuxVms.h"
 
-#include "linuxHost/diskReader.h"
 #include "linuxHost/groupTree.h"
+#include "linuxHost/kernel/diskReader.h"
 
 #include <algorithm>
 

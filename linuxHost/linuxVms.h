@@ -41,8 +41,8 @@ public:
    std::optional<HostCtl::Network::PortStatistics> GetPort(uint32_t portId) const;
 
    /// Traffic of each virtual machine by the host's disk that holds its images, one record a
-   /// machine and disk, in blocks of kBlockSizeBytes. "network" and "other" stand for images that no
-   /// disk of the host holds.
+   /// machine and disk, in blocks of kBlockSizeBytes. "network" and "other" stand for images that
+   /// no disk of the host holds.
    std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>> GetDiskWorlds() const;
 
 private:

@@ -1,6 +1,6 @@
 #include "linuxHost/loadHistory.h"
 
-#include "linuxHost/saturate.h"
+#include "linuxHost/kernel/saturate.h"
 
 #include <algorithm>
 #include <limits>

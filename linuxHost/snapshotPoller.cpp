@@ -14,8 +14,8 @@ using Corvax::kLogWarning;
 
 constexpr int64_t kMicroseconds = 1000000;
 
-/// Calls left to themselves at one time. Each hanging virtual machine holds one; when the hypervisor
-/// itself hangs, there is no sense in asking ever again.
+/// Calls left to themselves at one time. Each hanging virtual machine holds one; when the
+/// hypervisor itself hangs, there is no sense in asking ever again.
 constexpr size_t kMostCallsLeft = 8;
 
 } // namespace

@@ -346,8 +346,8 @@ void HykStatsCollector::VmPowerStateListener(Corvax::ChannelReader* reader, Corv
    }
 }
 
-/// The id of an unregistered virtual machine stays in the set until a power notification or the next
-/// start, on purpose: a run skips it because its lookup fails.
+/// The id of an unregistered virtual machine stays in the set until a power notification or the
+/// next start, on purpose: a run skips it because its lookup fails.
 void HykStatsCollector::EntityRemovedHandler(Corvax::ChannelReader* reader, Corvax::Object* object)
 {
    const Corvax::Locker lock(this);

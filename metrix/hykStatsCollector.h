@@ -16,9 +16,9 @@ namespace Metrix {
 /// and system groups through the kernel control library and the agent's services, and follows the
 /// inventory through the agent's channels.
 ///
-/// Locking: channel handlers run under the collector's lock, as runs do. A virtual machine is locked
-/// while its own steps run, the depot inside the collector's lock.
-/// Errors: a run logs what fails and keeps the samples taken until then.
+/// Locking: channel handlers run under the collector's lock, as runs do. A virtual machine is
+/// locked while its own steps run, the depot inside the collector's lock. Errors: a run logs what
+/// fails and keeps the samples taken until then.
 class HykStatsCollector : public BaseStatsCollector {
 public:
    HykStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata, StatsDepot* depot,

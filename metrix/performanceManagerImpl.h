@@ -70,8 +70,8 @@ private:
    bool HasConfiguredInterval() const;
    using MetricIds = Plexa::DataArray<MetricId>;
 
-   /// Series to be read, as parallel lists: each stat name is read with its rollup and labelled with
-   /// its metric id.
+   /// Series to be read, as parallel lists: each stat name is read with its rollup and labelled
+   /// with its metric id.
    struct Metrics {
       std::vector<std::string> statNames;
       Corvax::RefVector<MetricId> metricIds;

@@ -64,8 +64,8 @@ void PerformanceManagerImpl::ValidateEntityType(Plexa::MoRef* entity)
    }
 }
 
-/// The start is exclusive by one second, on purpose: who asks on from the last time stamp that it got
-/// does not get it again.
+/// The start is exclusive by one second, on purpose: who asks on from the last time stamp that it
+/// got does not get it again.
 PerformanceManagerImpl::Window
 PerformanceManagerImpl::GetWindow(const std::optional<DateTime>& start,
                                   const std::optional<DateTime>& end)

@@ -107,7 +107,8 @@ constexpr Argument kCreateDummyStatsArguments[] = {
    {"numStats", "int", "number of stats to add", true},
 };
 
-/// Makes an operation a handler: checks its arguments, turns its exceptions into the command's error.
+/// Makes an operation a handler: checks its arguments, turns its exceptions into the command's
+/// error.
 template <const auto& description, auto operation>
 int Handle(TessQshState* state, const char* /*name*/, int argc, const char* const* argv)
 {

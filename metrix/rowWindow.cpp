@@ -35,7 +35,7 @@ RowWindow::RowWindow(Corvax::Ref<Corvax::FileHandle> file, uint64_t firstRowPos,
                      size_t rowSizeBytes)
    : _file(std::move(file)), _firstRowPos(firstRowPos), _rowSize(rowSizeBytes),
      _longestRun(rowSizeBytes > kLargestRowInRunBytes ? 1 : kLongestRunBytes / rowSizeBytes),
-     _bytes(new (std::nothrow) std::byte[_longestRun * _rowSize])
+     _bytes(new(std::nothrow) std::byte[_longestRun * _rowSize])
 {
    Assert(_bytes != nullptr, "a row buffer can be allocated");
 }

@@ -18,8 +18,8 @@ namespace Metrix {
 /// window until it moves on or the batch ends: two system calls a run instead of two a row. Rows
 /// between those that were put down are written as they were read.
 ///
-/// Long rows are not worth copying for the few bytes that a sample is: within a batch such bytes can
-/// be put down by themselves, and go out many at a time.
+/// Long rows are not worth copying for the few bytes that a sample is: within a batch such bytes
+/// can be put down by themselves, and go out many at a time.
 ///
 /// A row that the file does not have, or not whole, reads as zero bytes.
 /// Errors: PlatformException where the file system fails, AssertionException when it took only a

@@ -182,8 +182,8 @@ void StatsDepotImpl::TryPersistRemoval(const StatInfo& info)
 StatId StatsDepotImpl::AllocStatId()
 {
    const auto id = static_cast<StatId>(_slotUsageMap->FindFirstFreeSlot());
-   // A row that a crash left behind must not show its samples under the new name: it is freed in the
-   // file before the id map has that name.
+   // A row that a crash left behind must not show its samples under the new name: it is freed in
+   // the file before the id map has that name.
    for (const auto& interval : *_intervalTable) {
       StatsStore& store = interval->GetStore();
       const bool isInUse = store.GetLastUpdateTime(id) != kUnset;

@@ -289,8 +289,8 @@ int32_t StatsStoreImpl::NextColumn(int32_t column) const
    return column + 1 == static_cast<int32_t>(_numSamples) ? 0 : column + 1;
 }
 
-/// The first column in use, from the earliest to the latest, whose stamp satisfies `matches`; -1 when
-/// there is none.
+/// The first column in use, from the earliest to the latest, whose stamp satisfies `matches`; -1
+/// when there is none.
 template <class Matches>
 int32_t StatsStoreImpl::FirstColumn(Matches matches) const
 {
@@ -394,9 +394,9 @@ void StatsStoreImpl::WriteTimeStamp(int32_t column, TimeStamp ts)
    _storeHandle->WriteAll(bytes, sizeof bytes);
 }
 
-/// Wipes what the row still holds, from an earlier round of the circle, in the columns for which the
-/// stat got no sample since its last one. A sample for a column that is not newer than the stat's
-/// last wipes all from the one after the last, round the circle, up to it; kept on purpose.
+/// Wipes what the row still holds, from an earlier round of the circle, in the columns for which
+/// the stat got no sample since its last one. A sample for a column that is not newer than the
+/// stat's last wipes all from the one after the last, round the circle, up to it; kept on purpose.
 void StatsStoreImpl::InvalidateGap(StatVector& row, int32_t chosen) const
 {
    const int32_t columns = static_cast<int32_t>(_numSamples);
@@ -515,7 +515,8 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
    return count;
 }
 
-/// Columns from one on, as far as the latest, that come before the first whose stamp is beyond `end`.
+/// Columns from one on, as far as the latest, that come before the first whose stamp is beyond
+/// `end`.
 size_t StatsStoreImpl::CountColumns(int32_t first, TimeStamp end) const
 {
    if (_stampsAscend && end >= StampOf(_latestTsCol)) {

@@ -25,9 +25,9 @@ public:
    virtual void Load() = 0;
    virtual void Flush() = 0;
 
-   /// Stores a sample in the column stamped `ts`, or in the next column when `ts` is newer than all.
-   /// InvalidArgumentException when `ts` is unset, or not newer and no column's stamp.
-   /// A row read and a row written, and a stamp for a new column; straight through but in a batch.
+   /// Stores a sample in the column stamped `ts`, or in the next column when `ts` is newer than
+   /// all. InvalidArgumentException when `ts` is unset, or not newer and no column's stamp. A row
+   /// read and a row written, and a stamp for a new column; straight through but in a batch.
    virtual void AddSample(StatId statId, TimeStamp ts, StatVal value) = 0;
 
    /// Unset when there is no such column, row or sample.
@@ -55,8 +55,8 @@ public:
    virtual uint32_t GetNumSamples() = 0;
    virtual uint32_t GetSamplingPeriod() = 0;
 
-   /// From BeginBatch to EndBatch rows may be held back in memory: two system calls then serve a run
-   /// of neighbouring rows. Column stamps are always written straight through.
+   /// From BeginBatch to EndBatch rows may be held back in memory: two system calls then serve a
+   /// run of neighbouring rows. Column stamps are always written straight through.
    virtual void BeginBatch() = 0;
    /// Writes what was held back; what cannot be written is lost, and an exception says so.
    virtual void EndBatch() = 0;

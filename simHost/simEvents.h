@@ -18,7 +18,8 @@ public:
    /// True when the action changed anything.
    using ApplyFunction = std::function<bool(SimAction action, const std::string& id)>;
 
-   /// Reads the script; errors as LoadScript's. `apply` is called between Start and the end of Stop.
+   /// Reads the script; errors as LoadScript's. `apply` is called between Start and the end of
+   /// Stop.
    SimEvents(Corvax::Ref<SimState> state, ApplyFunction apply, Corvax::Logger* logger);
    ~SimEvents() override;
 

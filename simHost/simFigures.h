@@ -5,8 +5,8 @@
 #include "hostctl/storage.h"
 #include "simHost/simModel.h"
 
-/// The kernel library's records as the model gives them: pure functions of entity and time. Sizes in
-/// KB, times in seconds since the epoch.
+/// The kernel library's records as the model gives them: pure functions of entity and time. Sizes
+/// in KB, times in seconds since the epoch.
 namespace SimHost {
 
 constexpr uint64_t kCpuSpeedHz = 2'500'000'000;

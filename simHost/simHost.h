@@ -16,9 +16,9 @@
 namespace SimHost {
 
 /// A simulated host: the provider for the kernel library, and in the agent's object registry the
-/// resource manager, the host, the virtual-machine service, machines "vm-0001"... and resource pools
-/// "ha-root-pool", "pool-01"... for as long as it lives. Every fifth pool lies below the first one
-/// of its five, all others below the root.
+/// resource manager, the host, the virtual-machine service, machines "vm-0001"... and resource
+/// pools "ha-root-pool", "pool-01"... for as long as it lives. Every fifth pool lies below the
+/// first one of its five, all others below the root.
 ///
 /// A pass begins when GetHost is called; all figures until the next one are of the second in which
 /// that was, so that they all belong to one time stamp. They are pure functions of seed, entity and

@@ -16,9 +16,9 @@ struct Range {
    uint64_t most;
 };
 
-// A counter grows by less than twice its rate in a second. Hence no CPU of the host is busy for more
-// than a second a second, and the times of a virtual CPU do not come to more than that together. A
-// port's 32-bit byte counts wrap within minutes at the upper end of their range.
+// A counter grows by less than twice its rate in a second. Hence no CPU of the host is busy for
+// more than a second a second, and the times of a virtual CPU do not come to more than that
+// together. A port's 32-bit byte counts wrap within minutes at the upper end of their range.
 constexpr auto kRanges = std::to_array<Range>({
    {Figure::HOST_CPU_USED_US, 50000, 490000},
    {Figure::GROUP_CPU_USED_US, 1000, 2000000},
@@ -129,7 +129,8 @@ uint64_t Counter(EntityKey key, Figure figure, int64_t timeSec)
    const uint64_t mixed = Mix(Bits(key, figure));
    const uint64_t ratePerSec = Choose(RangeOf(figure), mixed);
    const uint64_t sinceStartSec = GetUptimeSec(timeSec);
-   // What comes on top is below the rate, so that even from the highest to the lowest the count grows.
+   // What comes on top is below the rate, so that even from the highest to the lowest the count
+   // grows.
    return ratePerSec * sinceStartSec + Below(ratePerSec, Mix(mixed + sinceStartSec * kTimeStep));
 }
 

@@ -6,8 +6,8 @@
 
 namespace SimHost {
 
-/// The figures of the model, each with a range of its own in simModel.cpp: of the value for a gauge,
-/// of the growth a second for a counter.
+/// The figures of the model, each with a range of its own in simModel.cpp: of the value for a
+/// gauge, of the growth a second for a counter.
 enum class Figure : uint32_t {
    // Counters.
    HOST_CPU_USED_US,
@@ -65,7 +65,8 @@ enum class Figure : uint32_t {
 /// When the simulated host started: 2025-01-01. Seconds since the epoch.
 constexpr int64_t kHostStartSec = 1735689600;
 
-/// An entity, or a part of one, as the model knows it: made once, so that a figure costs nanoseconds.
+/// An entity, or a part of one, as the model knows it: made once, so that a figure costs
+/// nanoseconds.
 struct EntityKey {
    uint64_t hash = 0;
 

@@ -16,7 +16,7 @@ using Corvax::InvalidArgumentException;
 
 struct NumberKey {
    std::string_view name;
-   uint64_t SimOptions::*field;
+   uint64_t SimOptions::* field;
    uint64_t least;
    uint64_t most;
 };

@@ -38,7 +38,7 @@ SimVm::SimVm(Ref<SimState> state, uint64_t index)
 
 SimVm::~SimVm() = default;
 
-bool SimVm::SetFlag(std::atomic<bool> SimState::Vm::*flag, bool value)
+bool SimVm::SetFlag(std::atomic<bool> SimState::Vm::* flag, bool value)
 {
    const Corvax::Locker lock(this);
    return (_state->GetVm(_index).*flag).exchange(value) != value;

@@ -11,9 +11,9 @@ public:
    SimVm(Corvax::Ref<SimState> state, uint64_t index);
    ~SimVm() override;
 
-   /// Sets one of the machine's flags; false when it is so already. Takes the machine's lock, so that
-   /// a pass that is at this machine sees one state of it.
-   bool SetFlag(std::atomic<bool> SimState::Vm::*flag, bool value);
+   /// Sets one of the machine's flags; false when it is so already. Takes the machine's lock, so
+   /// that a pass that is at this machine sees one state of it.
+   bool SetFlag(std::atomic<bool> SimState::Vm::* flag, bool value);
 
    bool IsStatsAvailable() override;
    uint64_t GetHeartbeatCount() override;

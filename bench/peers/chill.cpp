@@ -1,11 +1,12 @@
-#include "measure.h"
-#include "work.h"
+#include "bench/peers/measure.h"
+#include "bench/peers/work.h"
 
 #include <cstdio>
 
 namespace {
 
-/** For the peers that are not driven from C++: one chill a byte on stdin, answered with the byte. */
+/** For the peers that are not driven from C++: one chill a byte on stdin, answered with the byte.
+ */
 void ChillOnDemand(const Peers::Options& options)
 {
    Peers::Chiller chiller(options.scratch);

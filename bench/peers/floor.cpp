@@ -1,5 +1,5 @@
-#include "measure.h"
-#include "work.h"
+#include "bench/peers/measure.h"
+#include "bench/peers/work.h"
 
 #include <algorithm>
 #include <cstring>
@@ -27,8 +27,8 @@ public:
       if (_fd < 0) {
          ThrowErrno("open " + path);
       }
-      // Row by row, as a store makes its file. Laid down by one large write, the page cache holds it
-      // in large folios, and each small write to one of those costs two to three times as much.
+      // Row by row, as a store makes its file. Laid down by one large write, the page cache holds
+      // it in large folios, and each small write to one of those costs two to three times as much.
       for (size_t row = 0; row < kSeriesCount; ++row) {
          if (pwrite(_fd, _rows.data(), kRowBytes, static_cast<off_t>(row * kRowBytes)) !=
              static_cast<ssize_t>(kRowBytes)) {

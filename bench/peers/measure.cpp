@@ -1,6 +1,6 @@
-#include "measure.h"
+#include "bench/peers/measure.h"
 
-#include "work.h"
+#include "bench/peers/work.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,4 +1,4 @@
-#include "rrdFiles.h"
+#include "bench/peers/rrdFiles.h"
 
 #include <cmath>
 #include <cstdio>

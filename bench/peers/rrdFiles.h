@@ -1,6 +1,6 @@
 #pragma once
 
-#include "work.h"
+#include "bench/peers/work.h"
 
 #include <string>
 #include <vector>

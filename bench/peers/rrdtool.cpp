@@ -1,5 +1,5 @@
-#include "measure.h"
-#include "rrdFiles.h"
+#include "bench/peers/measure.h"
+#include "bench/peers/rrdFiles.h"
 
 #include <algorithm>
 #include <stdexcept>

@@ -1,5 +1,5 @@
-#include "measure.h"
-#include "work.h"
+#include "bench/peers/measure.h"
+#include "bench/peers/work.h"
 
 #include <cstdio>
 #include <initializer_list>

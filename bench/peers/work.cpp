@@ -1,4 +1,4 @@
-#include "work.h"
+#include "bench/peers/work.h"
 
 #include <cerrno>
 #include <cstdio>

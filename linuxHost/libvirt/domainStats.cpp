@@ -19,7 +19,7 @@ constexpr uint64_t kNsPerUs = 1000;
 template <class Figures>
 struct Field {
    std::string_view name;
-   uint64_t Figures::*figure;
+   uint64_t Figures::* figure;
    uint64_t divisor = 1;
 };
 

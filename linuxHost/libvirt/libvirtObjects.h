@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-/// Owners of what libvirt hands out, and its errors. Any call of libvirt's, a release too, clears the
-/// thread's last error: read it first.
+/// Owners of what libvirt hands out, and its errors. Any call of libvirt's, a release too, clears
+/// the thread's last error: read it first.
 namespace LinuxHost {
 
 template <auto Release>

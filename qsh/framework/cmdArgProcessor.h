@@ -24,8 +24,8 @@ public:
 
    size_t GetCount() const { return _positional.size(); }
    const std::string& GetString(size_t index) const { return _positional.at(index); }
-   /// A decimal, 0x hexadecimal or leading-zero octal number; CommandError, naming the argument, for
-   /// any other text and for what 32 bits do not hold.
+   /// A decimal, 0x hexadecimal or leading-zero octal number; CommandError, naming the argument,
+   /// for any other text and for what 32 bits do not hold.
    int32_t GetInt(size_t index) const;
 
 private:

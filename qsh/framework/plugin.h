@@ -9,8 +9,9 @@ class TessQshState;
 constexpr int kPluginInterfaceVersion = 5;
 constexpr char kPluginEntryName[] = "GetQshPluginEntry";
 
-/// Does a command. `name` is the command's name without its path, `argv` the words behind it as they
-/// were typed, options included. Returns the status, 0 when it succeeded; lets no exception out.
+/// Does a command. `name` is the command's name without its path, `argv` the words behind it as
+/// they were typed, options included. Returns the status, 0 when it succeeded; lets no exception
+/// out.
 using CommandHandler = int (*)(TessQshState* state, const char* name, int argc,
                                const char* const* argv);
 

@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <functional>
 
-/// The real file system that counts what is read and written, and fails on command: the operation that `failAt` counts down to fails, and
-/// with `failAll` every one from there on. With `cutWrites` only writes count, and come out short.
+/// The real file system that counts what is read and written, and fails on command: the operation
+/// that `failAt` counts down to fails, and with `failAll` every one from there on. With `cutWrites`
+/// only writes count, and come out short.
 class FaultyFiles : public Corvax::SystemFactory {
 public:
    FaultyFiles() : _real(Corvax::NewPosixFactory()) { Corvax::System::SetFactory(this); }

@@ -1,8 +1,0 @@
-#pragma once
-
-namespace Agentd {
-
-/// The OpenAPI 3.0 document of the management API: openapi.json of this room.
-extern const char kOpenApi[];
-
-} // namespace Agentd

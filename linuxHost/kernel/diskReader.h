@@ -1,0 +1,67 @@
+#pragma once
+
+#include "hostctl/storage.h"
+#include "linuxHost/kernel/kernelFile.h"
+#include "linuxHost/kernel/procParsers.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace LinuxHost {
+
+/// Unit of the kernel's block counts, whatever the disk's own sectors are.
+constexpr uint64_t kBlockSizeBytes = 512;
+
+struct DiskFigures {
+   std::string name; ///< the kernel's, "sda"
+   HostCtl::Storage::StorageStatistics statistics;
+};
+
+/// Traffic of the host's whole disks.
+///
+/// Left out: partitions; devices made of other disks, whose traffic is counted on their members;
+/// loop devices, card slots and the like while they hold nothing; memory disks never used.
+/// Cost: one reading of /proc/diskstats, and one small file for each SCSI disk and each device that
+/// may be empty. What a name stands for is looked up once, for as long as the name is there.
+/// Errors: HostCtl::Lib::HostCtlException.
+/// Locking: none; one thread at a time.
+class DiskReader {
+public:
+   /// `root` goes before the path of every file.
+   explicit DiskReader(const std::string& root);
+
+   /// In the kernel's order. Commands are reads, writes, discards and flushes together; aborted
+   /// ones are a SCSI disk's timeouts, 0 for other disks; bus resets are 0, there is no source.
+   std::vector<DiskFigures> ReadDisks();
+
+private:
+   /// What stands behind a name of /proc/diskstats.
+   struct Device {
+      /// `path` is that of the device's directory in /sys/block.
+      Device(std::string_view name, std::string path);
+
+      const std::string path;
+      const bool isWholeDisk;
+      const bool isMemory;
+      std::optional<KernelFile> size;     // of a device that may be empty
+      std::optional<KernelFile> timeouts; // of a SCSI disk
+      std::optional<bool> isStacked;      // once it has been looked up
+      uint64_t lastReading = 0;
+   };
+
+   Device& FindDevice(std::string_view name);
+   static bool IsCounted(Device& device, const DiskCounts& counts);
+   static DiskFigures MakeFigures(Device& device, const DiskCounts& counts);
+
+   const std::string _blockPath;
+   KernelFile _diskstats;
+   std::map<std::string, Device, std::less<>> _devices;
+   uint64_t _reading = 0; // number of the current reading
+};
+
+} // namespace LinuxHost

@@ -1,0 +1,80 @@
+#include "linuxHost/kernel/hardwareReader.h"
+
+#include "hostctl/lib.h"
+#include "linuxHost/kernel/saturate.h"
+
+#include <algorithm>
+
+namespace LinuxHost {
+
+namespace {
+
+constexpr uint32_t kMaxCores = 255;
+constexpr uint64_t kLeastSpeedHz = 1'000'000;
+
+/// 0 when the file is not there or holds no number.
+uint64_t ReadKhzAsHz(const std::string& path)
+{
+   KernelFile file(path);
+   const uint64_t speedKhz = ParseNumberFile(file.ReadIfPresent().value_or("")).value_or(0);
+   return SaturatingMultiply(speedKhz, 1000);
+}
+
+} // namespace
+
+HardwareReader::HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger)
+   : _configuredCpuMhz(cpuMhz), _cpuPath(root + "/sys/devices/system/cpu/"),
+     _cpuinfoPath(root + "/proc/cpuinfo"), _logger(logger), _online(_cpuPath + "online"),
+     _stat(root + "/proc/stat")
+{
+}
+
+uint32_t HardwareReader::ReadCoreCount()
+{
+   const uint64_t count = ReadOnlineCpus().count;
+   if (count <= kMaxCores) {
+      return static_cast<uint32_t>(count);
+   }
+   if (!_isCapLogged && _logger) {
+      _isCapLogged = true;
+      _logger->Log(Corvax::kLogWarning, "The host has %1 CPUs, only %2 are counted", count,
+                   kMaxCores);
+   }
+   return kMaxCores;
+}
+
+uint64_t HardwareReader::ReadCpuSpeedHz()
+{
+   if (_configuredCpuMhz > 0) {
+      return uint64_t{_configuredCpuMhz} * 1'000'000;
+   }
+   const std::string cpufreq = Corvax::Format("%1cpu%2/cpufreq/", _cpuPath, ReadOnlineCpus().first);
+   for (const char* const file : {"base_frequency", "cpuinfo_max_freq"}) {
+      if (const uint64_t speedHz = ReadKhzAsHz(cpufreq + file); speedHz >= kLeastSpeedHz) {
+         return speedHz;
+      }
+   }
+   KernelFile cpuinfo(_cpuinfoPath);
+   const uint64_t speedHz = ParseCpuInfoHz(cpuinfo.ReadIfPresent().value_or("")).value_or(0);
+   if (speedHz < kLeastSpeedHz) {
+      throw HostCtl::Lib::HostCtlException(Corvax::Format(
+         "Cannot find the CPU speed: neither %1base_frequency nor %1cpuinfo_max_freq nor "
+         "\"cpu MHz\" of %2 tells it; give it by the configuration key agentd/cpuMhz",
+         cpufreq, _cpuinfoPath));
+   }
+   return speedHz;
+}
+
+CpuList HardwareReader::ReadOnlineCpus()
+{
+   if (const auto online = ParseCpuList(_online.ReadIfPresent().value_or(""))) {
+      return *online;
+   }
+   const std::vector<CpuTicks> cpus = ParseCpuTicks(_stat.Read());
+   if (cpus.empty()) {
+      _stat.FailLacking("any CPU");
+   }
+   return {cpus.size(), cpus.front().number};
+}
+
+} // namespace LinuxHost

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "hostctl/network.h"
+#include "linuxHost/kernel/kernelFile.h"
+#include "linuxHost/kernel/procParsers.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace LinuxHost {
+
+struct NicFigures {
+   std::string name;
+   /// The low 32 bits of the kernel's counters; nothing for a configured NIC that is not there.
+   std::optional<HostCtl::Network::PortStatistics> statistics;
+};
+
+/// Traffic of the host's physical NICs.
+///
+/// Which those are: the configured ones; where none are configured, the interfaces that have a
+/// device behind them; where none has, all interfaces. The loopback interface is never one.
+/// Cost: one reading of /proc/net/dev. Whether an interface has a device is looked up once, for as
+/// long as its name is there.
+/// Errors: HostCtl::Lib::HostCtlException.
+/// Locking: none; one thread at a time.
+class NicReader {
+public:
+   /// `root` goes before the path of every file. A name configured twice is one NIC.
+   NicReader(const std::string& root, std::vector<std::string> configured);
+
+   /// In configured order, else in the kernel's.
+   std::vector<NicFigures> ReadNics();
+
+private:
+   struct Interface {
+      bool hasDevice = false;
+      uint64_t lastReading = 0;
+   };
+
+   std::vector<NicFigures> FindConfigured(const std::vector<InterfaceCounts>& interfaces) const;
+   std::vector<NicFigures> FindPhysical(const std::vector<InterfaceCounts>& interfaces);
+   bool HasDevice(std::string_view name);
+
+   const std::string _netPath;
+   const std::vector<std::string> _configured;
+   KernelFile _netDev;
+   std::map<std::string, Interface, std::less<>> _interfaces;
+   uint64_t _reading = 0; // number of the current reading
+};
+
+} // namespace LinuxHost

@@ -1,0 +1,374 @@
+#include "managementApi/apiRoutes.h"
+#include "managementApi/openApi.h"
+
+#include "metrix/performanceManagerImpl.h"
+#include "tests/fakes/fakeAgent.h"
+#include "tests/fakes/fakeServices.h"
+#include "tests/fakes/manualTime.h"
+#include "tests/fakes/scratch.h"
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include <iostream>
+#include <random>
+#include <set>
+
+namespace {
+
+using namespace ManagementApi;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using Quen::PerformanceManager;
+
+struct FakeHostSystem : Quen::HostSystem, Corvax::ObjectImpl {
+   Plexa::MoRef* GetMoRef() override { return moRef.Get(); }
+   const Ref<Plexa::MoRef> moRef =
+      MakeRef<Plexa::MoRef>(Quen::HostSystem::GetManagedType(), AgentdCommon::moid_hostsystem);
+};
+
+/// The API over a real performance manager, with some collections in its depot.
+class ManagementApiTest : public testing::Test {
+protected:
+   static constexpr int64_t kNow = 1000000200;
+
+   ManagementApiTest()
+   {
+      const char* const fixed = std::getenv("METRIX_SEED");
+      const uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();
+      std::cout << "METRIX_SEED=" << seed << "\n";
+      _random.seed(seed);
+      _agent.config->Set("plugins/metrix/depotDir", _scratch.Path());
+      _agent.config->Set("plugins/metrix/enableMockup", "true");
+      _agent.Register("ha-host", MakeRef<FakeHostSystem>());
+      _agent.Register("pool-1", MakeRef<FakePool>("pool-1"));
+      auto vm = MakeRef<FakeVm>("vm 1/\xc3\xa4");
+      vm->runtime->powerState = Quen::Vm::PowerState::SUSPENDED;
+      _agent.Register(vm->moRef->GetId(), vm);
+      _clock.SetSeconds(kNow - 20 * 90);
+      Open();
+      Collect(90);
+      _api.AddRoutes(_server);
+      _port = _server.Listen("127.0.0.1:0");
+   }
+   ~ManagementApiTest() override { _server.Stop(); }
+
+   void Open()
+   {
+      _agent.Unregister("ha-perfmgr");
+      _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
+      _agent.Register("ha-perfmgr", _manager);
+   }
+   /// Puts random figures into the depot's files, with gaps, and opens them anew.
+   void Collect(int runs)
+   {
+      Ref<Metrix::StatsDepot> depot;
+      Metrix::GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1000, depot);
+      depot->Load();
+      const Metrix::StatsMetadata metadata;
+      for (int run = 0; run <= runs; ++run) {
+         const auto ts = static_cast<Metrix::TimeStamp>(kNow - 20 * (runs - run));
+         for (const char* const stat : {"cpu-usage", "cpu-usage#0", "cpu-usage#1", "mem-active",
+                                        "disk-read#sd,a", "sys-uptime"}) {
+            const auto* const data = metadata.GetStatsDepotData(stat);
+            const auto value = static_cast<Metrix::StatVal>(run * 1000) + _random() % 1000;
+            if (_random() % 5 == 0 && run != runs) {
+               continue;
+            }
+            if (!depot->AddSample("ha-host", stat, ts, value, 0)) {
+               depot->CreateStat("ha-host", stat, data->GetStatType(), 1, data->GetRollups());
+               depot->AddSample("ha-host", stat, ts, value, 0);
+            }
+         }
+      }
+      _clock.SetSeconds(kNow);
+      Open();
+   }
+
+   httplib::Result Get(const std::string& path, const httplib::Headers& headers = {})
+   {
+      return httplib::Client("127.0.0.1", _port).Get(path.c_str(), headers);
+   }
+   httplib::Result Post(const std::string& body)
+   {
+      return httplib::Client("127.0.0.1", _port).Post("/api/v1/query", body, "application/json");
+   }
+   Json Data(const httplib::Result& result)
+   {
+      EXPECT_EQ(result->status, 200) << result->body;
+      return Json::parse(result->body)["data"];
+   }
+
+   const Scratch _scratch;
+   FakeAgent _agent;
+   ManualClock _clock;
+   ManualScheduler _scheduler{_clock};
+   std::mt19937_64 _random;
+   Ref<Metrix::PerformanceManagerImpl> _manager;
+   const ApiRoutes _api{64, _agent.logger.Get()};
+   Http::Server _server{{}, ApiRoutes::FormatError, _agent.logger.Get()};
+   int _port = 0;
+};
+
+std::string Encode(const std::string& text)
+{
+   std::string encoded;
+   for (const char c : text) {
+      char escape[4];
+      std::snprintf(escape, sizeof escape, "%%%02X", static_cast<unsigned char>(c));
+      encoded += escape;
+   }
+   return encoded;
+}
+
+/// The table that a result in JSON comes to.
+std::string ToCsv(const Json& result, const Counters& counters)
+{
+   std::string text = "time";
+   for (const Json& series : result["value"]) {
+      const auto id = MakeRef<MetricId>(series["id"]["counterId"].get<int32_t>(),
+                                        series["id"]["instance"].get<std::string>());
+      const std::string metric = FormatMetric(*id, counters);
+      text += metric.find(',') == metric.npos ? "," + metric : ",\"" + metric + "\"";
+   }
+   for (size_t i = 0; i < result["sampleInfo"].size(); ++i) {
+      text += "\r\n" + result["sampleInfo"][i]["timestamp"].get<std::string>();
+      for (const Json& series : result["value"]) {
+         text += series["value"][i].is_null() ? "," : "," + series["value"][i].dump();
+      }
+   }
+   return text + "\r\n";
+}
+
+TEST_F(ManagementApiTest, AllFormsOfAQueryGiveTheSameFigures)
+{
+   Ref<Counters> counters;
+   _manager->GetPerfCounter(counters);
+   const std::tuple<const char*, int, const char*> metrics[] = {{"cpu.usage", 0, ""},
+                                                                {"cpu.usage.maximum:0", 2, "0"},
+                                                                {"1:1", 1, "1"},
+                                                                {"cpu.usage:*", 0, "*"},
+                                                                {"mem.active.average", 0x10009, ""},
+                                                                {"disk.read:sd,a", 0x20006, "sd,a"},
+                                                                {"sys.uptime", 0x40000, ""},
+                                                                {"net.usage", 0x30000, ""}};
+   size_t figures = 0;
+   for (int round = 0; round < 40; ++round) {
+      const int interval = std::array{20, 300, 0}[_random() % 3];
+      Json body = {{"entity", "ha-host"}, {"intervalId", interval}, {"metricId", Json::array()}};
+      std::string path = "/api/v1/query?entity=ha-host&intervalId=" + std::to_string(interval);
+      for (const auto& [text, counterId, instance] : metrics) {
+         if (_random() % 3 == 0) {
+            body["metricId"].push_back({{"counterId", counterId}, {"instance", instance}});
+            path += "&metric=" + Encode(text);
+         }
+      }
+      if (body["metricId"].empty()) {
+         continue;
+      }
+      if (_random() % 2 == 0) {
+         const auto start = kNow - static_cast<int64_t>(_random() % 1800) - 1;
+         body["startTime"] = start;
+         path += "&startTime=" + Corvax::DateTime::FromSeconds(start).ToString();
+      }
+      if (_random() % 2 == 0) {
+         body["maxSample"] = _random() % 40 + 1;
+         path += "&maxSample=" + body["maxSample"].dump();
+      }
+      SCOPED_TRACE(path);
+      const Json byGet = Data(Get(path));
+      ASSERT_EQ(byGet, Data(Post(Json::array({body}).dump())));
+      const std::string csv = Get(path, {{"Accept", "text/csv"}})->body;
+      EXPECT_EQ(csv, byGet.empty() ? "time\r\n" : ToCsv(byGet[0], *counters));
+      figures += static_cast<size_t>(std::ranges::count(csv, ','));
+   }
+   EXPECT_GT(figures, 100u);
+}
+
+TEST_F(ManagementApiTest, RefusalsSayWhichArgumentAndWhy)
+{
+   const std::string q = "/api/v1/query?entity=ha-host&metric=cpu.usage";
+   using Refusal = std::tuple<std::string, int, std::string>;
+   const Refusal gets[] = {
+      {"/api/v1/counters?id=x", 400, "id: 'x' names no counter"},
+      {"/api/v1/counters?di=1", 400, "di: is no parameter of this route"},
+      {"/api/v1/counter", 404, ""},
+      {"/api/v1/providers/nobody", 404, "There is no entity 'nobody'"},
+      {"/api/v1/providers/ha-perfmgr", 404, "There is no entity 'ha-perfmgr'"},
+      {"/api/v1/metrics", 400, "entity: is missing"},
+      {"/api/v1/metrics?entity=ha-host&begin=-5m&end=-10m", 400, "begin: is not before end"},
+      {q + "&startTime=yesterday", 400, "startTime: 'yesterday' is no time"},
+      {q + "&startTime=now&endTime=-1s", 400, "startTime: is not before endTime"},
+      {q + "&maxSample=0", 400, "maxSample: 0 is below 1"},
+      {q + "&maxSample=99999999999", 400, "maxSample: '99999999999' is no integer of 32 bits"},
+      {q + "&maxSample=1&maxSample=2", 400, "maxSample: stands more than once"},
+      {q + "&intervalId=60", 400, "intervalId: 60 is no interval; use 20 (real time)"},
+      {q + "&format=xml", 400, "format: 'xml' is neither normal nor csv"},
+      {q + ".sum", 400, "metric: 'cpu.usage.sum' names no counter"},
+      {"/api/v1/query?entity=ha-host&intervalId=0", 400, "metricId: latest values"},
+      {"/api/v1/usage/vm/ha-host", 404, "'ha-host' is no virtual machine"},
+   };
+   const auto expect = [](const httplib::Result& result, int status, const std::string& message) {
+      ASSERT_TRUE(result) << message;
+      EXPECT_EQ(result->status, status) << message;
+      EXPECT_NE(result->body.find(Json(message).dump().substr(1, message.size())),
+                std::string::npos)
+         << result->body;
+   };
+   for (const auto& [path, status, message] : gets) {
+      expect(Get(path), status, message);
+   }
+   const std::string many = Json(std::vector(10000, Json{{"entity", "ha-host"}})).dump();
+   const std::string metrics = Json(std::vector(1001, Json{{"counterId", 0}})).dump();
+   const Refusal posts[] = {
+      {R"([{"entity":"ha-host","metricId":)" + metrics + "}]", 400,
+       "metricId: there are 1001 in all"},
+      {"", 400, "body: is no JSON"},
+      {"[{]", 400, "body: is no JSON"},
+      {"\"\xff\"", 400, "body: is no JSON"},
+      {std::string(100000, '['), 400, "body: is too deeply nested"},
+      {"{}", 400, "body: is no array"},
+      {"[1]", 400, "[0]: is no object"},
+      {"[{}]", 400, "[0].entity: is missing"},
+      {R"([{"entity":"nobody"}])", 404, "'nobody'"},
+      {R"([{"entity":7}])", 400, "[0].entity: is no string"},
+      {R"([{"entity":"ha-host","entiti":1}])", 400, "[0].entiti: is no field"},
+      {R"([{"entity":"ha-host","maxSample":-5}])", 400, "maxSample: -5 is below 1"},
+      {R"([{"entity":"ha-host","maxSample":1e3}])", 400, "[0].maxSample: is no integer"},
+      {R"([{"entity":"ha-host","intervalId":99999999999999999999}])", 400, "[0].intervalId: is no"},
+      {R"([{"entity":"ha-host","startTime":1e300}])", 400, "[0].startTime: '1e+300' is no time"},
+      {R"([{"entity":"ha-host","metricId":[{"counterId":32767}]}])", 400,
+       "there is no counter 32767"},
+      {R"([{"entity":"ha-host","metricId":[{"instance":"a"}]}])", 400,
+       "[0].metricId[0]: is no object"},
+      {many, 400, "body: has 10000 query specs, more than 64 in one request"},
+      {std::string(2 << 20, ' '), 413, ""},
+   };
+   for (const auto& [body, status, message] : posts) {
+      expect(Post(body), status, message);
+   }
+   EXPECT_EQ(httplib::Client("127.0.0.1", _port).Delete("/api/v1/query")->status, 405);
+   _server.RefuseRequests();
+   EXPECT_EQ(Get("/-/healthy")->status, 503);
+}
+
+TEST_F(ManagementApiTest, ReadinessFollowsTheNewestCollection)
+{
+   EXPECT_EQ(Get("/-/ready")->status, 200);
+   _clock.SetSeconds(kNow + 60);
+   EXPECT_EQ(Get("/-/ready")->status, 200);
+   _clock.SetSeconds(kNow + 61);
+   EXPECT_EQ(Get("/-/ready")->status, 503);
+   EXPECT_EQ(Get("/-/healthy")->status, 200);
+}
+
+/// Says where a value does not follow its schema, with the document's own references.
+void CheckSchema(const Json& document, Json schema, const Json& value, const std::string& place)
+{
+   while (schema.contains("$ref")) {
+      const std::string reference = schema["$ref"].get<std::string>().substr(1);
+      schema = document[Json::json_pointer(reference)];
+   }
+   if (value.is_null()) {
+      EXPECT_TRUE(schema.value("nullable", false)) << place << " is null";
+      return;
+   }
+   if (schema.contains("oneOf")) {
+      schema = schema["oneOf"][value.is_array() ? 0 : 1];
+   }
+   const std::string type = schema["type"];
+   const bool fits = type == "object"    ? value.is_object()
+                     : type == "array"   ? value.is_array()
+                     : type == "integer" ? value.is_number_integer()
+                     : type == "boolean" ? value.is_boolean()
+                                         : value.is_string();
+   ASSERT_TRUE(fits) << place << " is no " << type;
+   if (schema.contains("enum")) {
+      EXPECT_NE(std::ranges::find(schema["enum"], value), schema["enum"].end()) << place << value;
+   }
+   if (type == "array") {
+      for (const Json& item : value) {
+         CheckSchema(document, schema["items"], item, place + "[]");
+      }
+   } else if (type == "object" && schema.contains("properties")) {
+      for (const Json& name : schema.value("required", Json::array())) {
+         EXPECT_TRUE(value.contains(name.get<std::string>())) << place << " lacks " << name;
+      }
+      for (const auto& [name, field] : value.items()) {
+         ASSERT_TRUE(schema["properties"].contains(name)) << place << "." << name << " is not told";
+         CheckSchema(document, schema["properties"][name], field, place + "." + name);
+      }
+   }
+}
+
+TEST_F(ManagementApiTest, OpenApiDocumentTellsEveryRouteAndField)
+{
+   const Json document = Json::parse(Get("/api/v1/openapi.json")->body);
+   std::set<std::pair<std::string, std::string>> told;
+   for (const auto& [path, operations] : document["paths"].items()) {
+      for (const auto& [method, operation] : operations.items()) {
+         told.insert({method == "get" ? "GET" : "POST", path});
+      }
+   }
+   const auto routes = ApiRoutes::GetRoutes();
+   EXPECT_EQ(told, std::set(routes.begin(), routes.end()));
+
+   const std::string vm = Encode("vm 1/\xc3\xa4");
+   const std::pair<std::string, std::string> good[] = {
+      {"/api/v1/counters", "?id=4&id=mem.active.maximum"},
+      {"/api/v1/intervals", ""},
+      {"/api/v1/entities", ""},
+      {"/api/v1/metrics", "?entity=ha-host&begin=-1h&end=now&interval=300"},
+      {"/api/v1/query",
+       "?entity=ha-host&metric=0&startTime=-1h&endTime=now&maxSample=5&intervalId=20"
+       "&format=normal"},
+      {"/api/v1/query", "?entity=ha-host&intervalId=20&format=csv"},
+      {"/api/v1/usage/host", ""},
+      {"/-/healthy", ""},
+      {"/-/ready", ""},
+   };
+   const auto check = [&](const std::string& path, const std::string& query,
+                          const Json& operation) {
+      const auto result = Get(path + query);
+      ASSERT_EQ(result->status, 200) << path << query << result->body;
+      const Json& schema = operation["responses"]["200"]["content"]["application/json"]["schema"];
+      CheckSchema(document, schema, Json::parse(result->body), path);
+      for (const Json& parameter : operation.value("parameters", Json::array())) {
+         if (parameter["in"] == "query" && !query.empty()) {
+            const std::string name = parameter["name"];
+            EXPECT_EQ(Get(path + "?" + name + "=%00")->status, 400) << name;
+         }
+      }
+   };
+   for (const auto& [path, query] : good) {
+      check(path, query, document["paths"][path]["get"]);
+   }
+   check("/api/v1/providers/" + vm, "", document["paths"]["/api/v1/providers/{entity}"]["get"]);
+   check("/api/v1/usage/vm/" + vm, "", document["paths"]["/api/v1/usage/vm/{id}"]["get"]);
+   // Every field of a query spec that the document tells is taken.
+   const Json full = {{{"entity", "ha-host"},
+                       {"startTime", "-1h"},
+                       {"endTime", "now"},
+                       {"maxSample", 3},
+                       {"metricId", {{{"counterId", 0}, {"instance", "*"}}}},
+                       {"intervalId", 20},
+                       {"format", "csv"}}};
+   for (const auto& [name, schema] :
+        document["components"]["schemas"]["QuerySpec"]["properties"].items()) {
+      EXPECT_TRUE(full[0].contains(name)) << name;
+   }
+   const Json answer = Json::parse(Post(full.dump())->body);
+   CheckSchema(document,
+               document["paths"]["/api/v1/query"]["post"]["responses"]["200"]["content"]
+                       ["application/json"]["schema"],
+               answer, "POST");
+   ASSERT_EQ(answer["data"].size(), 1u);
+   // Refusals follow their schema, too.
+   CheckSchema(document, document["components"]["schemas"]["Error"], Json::parse(Post("[")->body),
+               "error");
+   const Json entities = Data(Get("/api/v1/entities"));
+   EXPECT_EQ(entities.size(), 3u);
+   EXPECT_EQ(entities[2]["state"], "suspended");
+}
+
+} // namespace

@@ -1,0 +1,318 @@
+#include "simHost/simHost.h"
+#include "metrix/hykStatsCollector.h"
+#include "simHost/simFigures.h"
+#include "tests/fakes/fakeAgent.h"
+#include "tests/fakes/manualTime.h"
+#include "tests/fakes/messageOf.h"
+#include "tests/fakes/scratch.h"
+#include "tests/simHost/simOracle.h"
+
+#include <chrono>
+#include <future>
+
+namespace {
+
+using namespace Metrix;
+using Corvax::MakeRef;
+using Corvax::Ref;
+using SimHost::Figure;
+using SimHost::ParseSimOptions;
+using SimHost::SimAction;
+using SimHost::SimEvent;
+using SimHost::SimOptions;
+
+constexpr int64_t kStartSec = 1767225600; // a multiple of 300
+
+/// Each text is refused with a message that holds the one beside it.
+void ExpectRefusals(const std::function<void(const std::string&)>& parse,
+                    const std::vector<std::pair<std::string, std::string>>& refused)
+{
+   for (const auto& [text, message] : refused) {
+      EXPECT_NE(MessageOf([&] { parse(text); }).find(message), std::string::npos) << text;
+   }
+}
+
+/// The collector with its depot on a simulated host, and the oracle that follows them.
+class SimulationTest : public testing::Test {
+protected:
+   struct Scripted {
+      int run; ///< before which it happens
+      SimAction action;
+      std::string id;
+      uint8_t reads; ///< what is read of it from then on
+   };
+
+   SimulationTest() { _clock.SetSeconds(kStartSec + 7); }
+   ~SimulationTest() override
+   {
+      _collector->Stop();
+      HostCtl::HostFactory::SetProvider(nullptr);
+   }
+
+   void Open(bool isNew)
+   {
+      const int periodSec = static_cast<int>(_periodSec);
+      GetStatsDepot(_scratch.Path(), "d", _agent.logger.Get(), 1000, _depot);
+      if (isNew) {
+         _depot->Create();
+         _depot->AddInterval("RealTime", periodSec, _columns);
+         _depot->AddInterval("5min", 300, 432);
+      } else {
+         _collector->Stop();
+         _depot->Load();
+      }
+      _collector =
+         MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), periodSec);
+      _collector->Start();
+   }
+
+   void Follow(SimOracle& oracle, SimHost::SimHost& host, const Scripted& event)
+   {
+      EXPECT_TRUE(host.Apply(event.action, event.id)) << event.id;
+      EXPECT_FALSE(host.Apply(event.action, event.id)) << event.id;
+      std::vector<std::string> ids = {event.id};
+      if (event.action == SimAction::DESTROY_POOL && event.id == "pool-01") {
+         ids.push_back("pool-05"); // lies below it
+      }
+      for (const std::string& id : ids) {
+         oracle.SetReads(id, event.reads);
+         if (event.action == SimAction::UNREGISTER_VM || event.action == SimAction::DESTROY_POOL) {
+            oracle.Forget(id);
+         }
+      }
+   }
+
+   /// Runs the collector; before run `restart` it starts anew on the depot loaded anew. What is in
+   /// the depot then must be what the oracle says, and one that only looks at the depot.
+   void Check(const std::string& text, int runs, int restart, const std::vector<Scripted>& events)
+   {
+      SimOptions options = ParseSimOptions(text);
+      SimHost::SimHost host(options, _agent.logger.Get());
+      HostCtl::HostFactory::SetProvider(&host);
+      SimOracle oracle(options, _periodSec);
+      for (int run = 0; run < runs; ++run) {
+         if (run == 0 || run == restart) {
+            Open(run == 0);
+         }
+         for (const Scripted& event : events) {
+            if (event.run == run) {
+               Follow(oracle, host, event);
+            }
+         }
+         _agent.Publish("/nothing", nullptr); // the collector has heard of all before
+         // Some runs are late, among them one at a window's end; and now and then one is missed.
+         const int64_t dueUs = _scheduler.GetDueUs();
+         if (_periodSec > 1 && (run % 17 == 16 || dueUs % 900000000 == 0)) {
+            _clock.nowUs = dueUs + (run % 3 == 0 ? 3100000 : 21500000);
+         }
+         _scheduler.RunNext();
+         oracle.AddRun(static_cast<TimeStamp>(_clock.nowUs / 1000000), run == 0 || run == restart);
+      }
+      Expect(oracle, "noted");
+      options.script = events.empty() ? "" : "events";
+      Expect(SimOracle::FromDepot(*_depot, options), "read from the depot");
+   }
+
+   SimOracle::Result Compare(const SimOracle& oracle) const
+   {
+      return oracle.Compare(*_depot, _scratch.Path() + "d.idMap");
+   }
+   void Expect(const SimOracle& oracle, const char* what) const
+   {
+      const SimOracle::Result result = Compare(oracle);
+      EXPECT_GT(result.samples, 10000u) << what;
+      EXPECT_EQ(result.differ, 0u) << what << testing::PrintToString(result.texts);
+   }
+
+   const Scratch _scratch;
+   FakeAgent _agent;
+   ManualClock _clock;
+   ManualScheduler _scheduler{_clock};
+   const Ref<StatsMetadata> _metadata = MakeRef<StatsMetadata>();
+   uint64_t _periodSec = 20;
+   unsigned _columns = 60;
+   Ref<StatsDepot> _depot;
+   Ref<HykStatsCollector> _collector;
+};
+
+TEST_F(SimulationTest, EverySampleIsWhatTheModelComesToThroughEventsAndARestart)
+{
+   constexpr auto kNothing = SimOracle::kNothing;
+   constexpr auto kCpu = SimOracle::kCpu;
+   constexpr auto kAll = SimOracle::kAll;
+   _columns = 180;
+   Check("vms=12,pools=5,disks=3,vcpus=2,cards=2,seed=5,stuck=1,failing=1", 170, 100,
+         {{5, SimAction::OFF_VM, "vm-0003", kNothing},
+          {6, SimAction::ON_VM, "vm-0003", kAll},
+          {7, SimAction::SUSPEND_VM, "vm-0004", kNothing},
+          {40, SimAction::ON_VM, "vm-0004", kAll},
+          {20, SimAction::UNREGISTER_VM, "vm-0005", kNothing},
+          {70, SimAction::REGISTER_VM, "vm-0005", kAll},
+          {21, SimAction::DESTROY_POOL, "pool-01", kNothing},
+          {45, SimAction::CREATE_POOL, "pool-01", kCpu},
+          {46, SimAction::CREATE_POOL, "pool-05", kCpu},
+          {30, SimAction::STUCK_VM, "vm-0006", kNothing},
+          {33, SimAction::UNSTUCK_VM, "vm-0006", kAll},
+          {31, SimAction::FAILING_VM, "vm-0007", kCpu},
+          {50, SimAction::WORKING_VM, "vm-0007", kAll},
+          {60, SimAction::UNSTUCK_VM, "vm-0001", kAll},
+          {61, SimAction::WORKING_VM, "vm-0012", kAll}});
+}
+
+TEST_F(SimulationTest, WhatIsMissingOrInventedIsFoundAlsoInColumnsUsedAgain)
+{
+   const std::string text = "vms=3,pools=1,cpus=3,disks=1,nics=1,seed=6,failing=1";
+   Check(text, 150, -1, {});
+   for (const char* const id : {"vm-0003", "vm-0004"}) { // failing, and not there
+      _depot->CreateStat(id, "mem-active", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
+      _depot->AddSample(id, "mem-active", _depot->GetLatestTimeStamp(), 1, 0);
+   }
+   SimOptions options = ParseSimOptions(text);
+   EXPECT_EQ(Compare(SimOracle::FromDepot(*_depot, options)).differ, 2u);
+   _depot->DeleteStat("vm-0002", "mem-active");
+   EXPECT_GT(Compare(SimOracle::FromDepot(*_depot, options)).differ, 60u);
+   options.seed += 1;
+   EXPECT_GT(Compare(SimOracle::FromDepot(*_depot, options)).differ, 10000u);
+}
+
+TEST_F(SimulationTest, EverySecondOfSeveralWindowsIsRight)
+{
+   _periodSec = 1;
+   _columns = 700;
+   Check("vms=2,pools=1,cpus=2,disks=2,cards=1,seed=7", 950, -1, {});
+}
+
+TEST(SimOptionsTest, WhatIsWrongAndWhatIsAcceptedIsSaid)
+{
+   EXPECT_EQ(ParseSimOptions("").vms, 20u);
+   const SimOptions options = ParseSimOptions("script=a b,stuck=3,seed=18446744073709551615,vms=3");
+   EXPECT_EQ(options.script + std::to_string(options.seed), "a b18446744073709551615");
+   ExpectRefusals([](const std::string& text) { ParseSimOptions(text); },
+                  {{"vm=3", "no option 'vm': its options are vms, pools,"},
+                   {"vms", "at 'vms'"},
+                   {"vms=3,", "at 'vms=3'"},
+                   {"vms=3,vms=4", "vms is given twice"},
+                   {"vms=20001", "vms cannot be '20001': it is a whole number from 0 to 20000"},
+                   {"cpus=0", "cpus cannot be '0': it is a whole number from 1 to 255"},
+                   {"vcpus=65", "from 1 to 64"},
+                   {"pools=-1", "from 0 to 2000"},
+                   {"seed=1x", "seed cannot be '1x'"},
+                   {"script=", "the path of a file"},
+                   {"vms=3,failing=4", "failing cannot be '4': there are only 3"}});
+}
+
+TEST(SimModelTest, FiguresBelongToTheirSeedAndStayWithinReason)
+{
+   const auto key = SimHost::MakeKey(1, "vm-0001");
+   const uint64_t sizeKb = SimHost::GetMemorySizeKb(key);
+   const auto total = [key](int64_t t) {
+      const auto cpu = SimHost::GetVcpu(key, 3, t);
+      return cpu.usedUs + cpu.systemUs + cpu.waitUs + cpu.readyUs + cpu.extraUs;
+   };
+   const auto hostTotal = [key](int64_t t) {
+      const auto cpu = SimHost::GetHostCpu(key, 3, t);
+      return cpu.usedUs + cpu.idleUs;
+   };
+   const int64_t end = 4102444800; // 2100
+   for (const int64_t start : {SimHost::kHostStartSec, kStartSec, end - 50}) {
+      for (int64_t t = start; t < start + 50; ++t) {
+         for (uint32_t i = 0; i < static_cast<uint32_t>(Figure::RESERVED_CPU_MHZ); ++i) {
+            const auto figure = static_cast<Figure>(i);
+            EXPECT_LT(Counter(key, figure, t), Counter(key, figure, t + 1));
+         }
+         EXPECT_LT(total(t + 1), total(t) + 1000000);
+         EXPECT_EQ(hostTotal(t + 1), hostTotal(t) + 1000000);
+         const auto memory = SimHost::GetMemory(key, sizeKb, t);
+         EXPECT_LE(memory.activeKb, memory.grantedKb);
+         EXPECT_LE(memory.zeroKb, memory.sharedKb);
+         EXPECT_LE(memory.grantedKb + memory.swappedKb + memory.balloonKb, sizeKb);
+      }
+   }
+   EXPECT_NE(Counter(SimHost::MakeKey(2, "vm-0001"), Figure::BLOCKS_READ, kStartSec),
+             Counter(key, Figure::BLOCKS_READ, kStartSec));
+}
+
+TEST(SimEventsTest, ScriptsSayTheirFaultsByFileAndLine)
+{
+   const Scratch scratch;
+   const auto state = MakeRef<SimHost::SimState>(ParseSimOptions("vms=2,pools=1"));
+   const auto load = [&](const std::string& text) {
+      scratch.Write("s", text);
+      return SimHost::LoadScript(scratch.Path() + "s", *state);
+   };
+   const std::vector<SimEvent> events =
+      load("# all\n\n20 off-vm vm-0002 # late\n5 destroy-pool pool-01");
+   ASSERT_EQ(events.size(), 2u);
+   EXPECT_EQ(events[0].timeUs, 5000000);
+   EXPECT_EQ(events[1].action, SimAction::OFF_VM);
+   ExpectRefusals(
+      load,
+      {{"#\n1 off-vm", "s:2: a line is SECONDS ACTION ID"},
+       {"1.5 off-vm vm-0001", "s:1: '1.5' is no whole number of seconds"},
+       {"1 of-vm vm-0001", "s:1: there is no action 'of-vm': the actions are on-vm, off-vm,"},
+       {"1 off-vm vm-0003", "s:1: 'vm-0003' is none of the 2 virtual machines"},
+       {"1 off-vm vm-001", "s:1: 'vm-001' is none"},
+       {"1 destroy-pool ha-root-pool", "s:1: 'ha-root-pool' is none of the 1 resource pools"}});
+   EXPECT_THROW(SimHost::LoadScript(scratch.Path() + "none", *state), Corvax::PlatformException);
+}
+
+TEST(SimEventsTest, RandomEventsOutlastADelayAndKeepTheHostsSize)
+{
+   FakeAgent agent;
+   const SimOptions options = ParseSimOptions("vms=30,pools=10,events=600");
+   SimHost::SimHost host(options, agent.logger.Get());
+   const auto state = MakeRef<SimHost::SimState>(options);
+   std::vector<std::string> taken[2];
+   std::set<SimAction> applied;
+   const auto newEvents = [&](std::vector<std::string>& list) {
+      const auto apply = [&](SimAction action, const std::string& id) {
+         list.push_back(std::to_string(static_cast<int>(action)) + id);
+         return host.Apply(action, id) && applied.insert(action).second;
+      };
+      return MakeRef<SimHost::SimEvents>(state, apply, agent.logger.Get());
+   };
+   const auto punctual = newEvents(taken[0]);
+   for (int64_t second = 1; second <= 600; ++second) {
+      punctual->ApplyDue(second * 1000000);
+      EXPECT_EQ(taken[0].size(), static_cast<size_t>(second) * 10);
+   }
+   newEvents(taken[1])->ApplyDue(600000000);
+   EXPECT_EQ(taken[1], taken[0]);
+   EXPECT_EQ(applied.size(), 11u);
+   // 3 services, the root pool, and most of the 30 machines and 10 pools.
+   EXPECT_GE(Corvax::Service::GetApp()->GetObjectRegistry()->GetAll().size(), 4u + 26 + 6);
+}
+
+TEST(SimEventsTest, TheThreadAppliesWhatIsDueAndStopSaysHowMuchThatWas)
+{
+   FakeAgent agent;
+   const Scratch scratch;
+   scratch.Write("s", "0 off-vm vm-0001\n0 off-vm vm-0001\n999 on-vm vm-0001\n");
+   const SimOptions options = ParseSimOptions("vms=1,script=" + scratch.Path() + "s");
+   auto* const registry = Corvax::Service::GetApp()->GetObjectRegistry();
+   {
+      SimHost::SimHost host(options, agent.logger.Get());
+      EXPECT_EQ(registry->GetAll().size(), 9u); // 3 services, a machine, 4 pools and the root
+      EXPECT_THROW(SimHost::SimHost(options, agent.logger.Get()), Corvax::InvalidArgumentException);
+      EXPECT_EQ(registry->GetAll().size(), 9u);
+   }
+   EXPECT_EQ(registry->GetAll().size(), 0u);
+
+   std::promise<void> both;
+   int calls = 0;
+   const auto events = MakeRef<SimHost::SimEvents>(
+      MakeRef<SimHost::SimState>(options),
+      [&](SimAction, const std::string&) {
+         if (++calls == 2) {
+            both.set_value();
+         }
+         return calls == 1;
+      },
+      agent.logger.Get());
+   events->Start();
+   EXPECT_EQ(both.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+   events->Stop();
+   EXPECT_EQ(agent.logger->Count("5 1 events of the simulated host were applied"), 1);
+}
+
+} // namespace
