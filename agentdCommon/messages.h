@@ -8,6 +8,8 @@ namespace AgentdCommon {
 
 /// A resource pool is gone; published on MQ_RESOURCE_POOL_DESTROYED.
 struct ResourcePoolDestroyedMsg : Corvax::ObjectImpl {
+   ~ResourcePoolDestroyedMsg() override;
+
    explicit ResourcePoolDestroyedMsg(std::string id) : poolId(std::move(id)) {}
 
    const std::string poolId;

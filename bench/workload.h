@@ -76,6 +76,7 @@ public:
    SteppedTime& operator=(const SteppedTime&) = delete;
 
    int64_t GetTime() override { return _nowUs; }
+   int64_t GetMonotonicTime() override { return _nowUs; }
    void GetCpuTime(int64_t& userUs, int64_t& systemUs) override { userUs = systemUs = 0; }
    void Advance(int64_t seconds) { _nowUs += seconds * 1000000; }
 

@@ -33,6 +33,8 @@ Ref<Application>& TheApp()
 
 } // namespace
 
+Application::~Application() = default;
+
 Ref<Application> NewApplication(Ref<LogManager> logManager, Ref<ConfigStore> configStore)
 {
    return MakeRef<ApplicationImpl>(std::move(logManager), std::move(configStore));

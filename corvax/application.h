@@ -23,6 +23,9 @@ public:
    {
       return GetChannels()->Subscribe(path, std::move(handler));
    }
+
+protected:
+   ~Application() override;
 };
 
 Ref<Application> NewApplication(Ref<LogManager> logManager, Ref<ConfigStore> configStore);

@@ -1,8 +1,7 @@
 #include "corvax/channel.h"
 
 #include "corvax/exception.h"
-
-#include <pthread.h>
+#include "corvax/thread.h"
 
 #include <algorithm>
 #include <atomic>
@@ -70,8 +69,7 @@ public:
       std::erase_if(_readers, [](const auto& old) { return !old->GetHandler(); });
       _readers.push_back(reader);
       if (!_thread.joinable()) {
-         _thread = std::thread([this] { Deliver(); });
-         pthread_setname_np(_thread.native_handle(), "channels");
+         _thread = StartThread("channels", [this](const std::stop_token&) { Deliver(); });
       }
       return reader;
    }
@@ -142,10 +140,13 @@ private:
    std::deque<Delivery> _queue;
    bool _delivering = false;
    bool _stopping = false;
-   std::thread _thread;
+   std::jthread _thread;
 };
 
 } // namespace
+
+ChannelReader::~ChannelReader() = default;
+MessageChannels::~MessageChannels() = default;
 
 Ref<MessageChannels> NewMessageChannels(Ref<Logger> logger)
 {

@@ -13,6 +13,9 @@ public:
    /// No message is handed over that was not yet on its way; waits for no handler, so that a
    /// handler may need a lock that the caller holds. Closing twice does nothing.
    virtual void Close() = 0;
+
+protected:
+   ~ChannelReader() override;
 };
 
 /// What a subscriber gives: called with the subscription and the message, one message at a time.
@@ -29,6 +32,9 @@ public:
    virtual void Publish(const std::string& path, Ref<Object> message) = 0;
    /// Returns when all that was published before has been handled; not from a handler.
    virtual void Drain() = 0;
+
+protected:
+   ~MessageChannels() override;
 };
 
 Ref<MessageChannels> NewMessageChannels(Ref<Logger> logger);

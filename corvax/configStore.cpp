@@ -36,6 +36,9 @@ private:
 
 } // namespace
 
+ConfigSection::~ConfigSection() = default;
+ConfigStore::~ConfigStore() = default;
+
 Ref<ConfigStore> NewConfigStore(Ref<XmlConfig> config)
 {
    return MakeRef<ConfigStoreImpl>(std::move(config), "");

@@ -15,6 +15,9 @@ public:
    virtual bool Get(const std::string& key, std::string& value) const = 0;
    virtual bool Get(const std::string& key, int32_t& value) const = 0;
    virtual bool Get(const std::string& key, bool& value) const = 0;
+
+protected:
+   ~ConfigSection() override;
 };
 
 /// The agent's configuration, read-only for those that it configures.
@@ -22,6 +25,9 @@ class ConfigStore : public ConfigSection {
 public:
    /// A section that is absent has no keys.
    virtual Ref<ConfigSection> GetSection(const std::string& path) const = 0;
+
+protected:
+   ~ConfigStore() override;
 };
 
 Ref<ConfigStore> NewConfigStore(Ref<XmlConfig> config);

@@ -11,8 +11,6 @@ namespace {
 
 namespace Chrono = std::chrono;
 
-constexpr int64_t kMicroseconds = 1000000;
-
 /// Takes exactly `digits` decimal digits from the front.
 bool TakeNumber(std::string_view& text, size_t digits, int& value)
 {
@@ -46,7 +44,7 @@ bool TakeFraction(std::string_view& text, int64_t& fractionUs)
    if (!TakeChar(text, '.')) {
       return true;
    }
-   int64_t unit = kMicroseconds / 10;
+   int64_t unit = kMicrosecondsPerSecond / 10;
    size_t digits = 0;
    for (int digit = 0; TakeNumber(text, 1, digit); ++digits) {
       fractionUs += digit * unit;
@@ -98,8 +96,8 @@ std::string DateTime::ToString() const
    const Chrono::year_month_day date(day);
    const int year = static_cast<int>(date.year());
    // The calendar's year has 16 bits; instants far outside it would show a wrapped one.
-   constexpr int64_t kYear0Us = -62167219200 * kMicroseconds;
-   constexpr int64_t kYear10000Us = 253402300800 * kMicroseconds;
+   constexpr int64_t kYear0Us = -62167219200 * kMicrosecondsPerSecond;
+   constexpr int64_t kYear10000Us = 253402300800 * kMicrosecondsPerSecond;
    if (_utcUs < kYear0Us || _utcUs >= kYear10000Us) {
       return std::to_string(_utcUs);
    }
@@ -144,7 +142,7 @@ bool DateTime::Parse(std::string_view text, DateTime& result)
    }
    const int64_t days = Chrono::sys_days(date).time_since_epoch().count();
    const int64_t seconds = days * 86400 + int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
-   result = DateTime((seconds - offsetSec) * kMicroseconds + fractionUs);
+   result = DateTime((seconds - offsetSec) * kMicrosecondsPerSecond + fractionUs);
    return true;
 }
 

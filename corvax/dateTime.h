@@ -1,5 +1,7 @@
 #pragma once
 
+#include "corvax/clock.h"
+
 #include <compare>
 #include <cstdint>
 #include <string>
@@ -12,7 +14,10 @@ class DateTime {
 public:
    constexpr DateTime() = default;
    constexpr explicit DateTime(int64_t utcUs) : _utcUs(utcUs) {}
-   static constexpr DateTime FromSeconds(int64_t seconds) { return DateTime(seconds * 1000000); }
+   static constexpr DateTime FromSeconds(int64_t seconds)
+   {
+      return DateTime(seconds * kMicrosecondsPerSecond);
+   }
    static DateTime Now();
 
    constexpr int64_t GetUtcMicroseconds() const { return _utcUs; }

@@ -269,6 +269,9 @@ public:
 
 } // namespace
 
+FileHandle::~FileHandle() = default;
+SystemFactory::~SystemFactory() = default;
+
 void FileHandle::WriteAll(const void* buffer, size_t sizeBytes)
 {
    const size_t done = Write(buffer, sizeBytes);

@@ -66,12 +66,15 @@ public:
 
    /// Write that throws when not everything was written.
    void WriteAll(const void* buffer, size_t sizeBytes);
+
+protected:
+   ~FileHandle() override;
 };
 
 /// Makes the platform's objects. A test replaces it to fail on command.
 class SystemFactory {
 public:
-   virtual ~SystemFactory() = default;
+   virtual ~SystemFactory();
 
    virtual Ref<FileHandle> NewFileHandle() = 0;
    /// Size in bytes of a named file; PlatformException when there is none.

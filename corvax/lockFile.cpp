@@ -24,28 +24,22 @@ std::string ReadHolder(int descriptor)
 LockFile::LockFile(const std::string& path)
    : _descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644))
 {
-   if (_descriptor < 0) {
+   if (!_descriptor) {
       throw PlatformException("open " + path + " for writing", errno);
    }
-   if (::flock(_descriptor, LOCK_EX | LOCK_NB) != 0) {
+   if (::flock(_descriptor.Get(), LOCK_EX | LOCK_NB) != 0) {
       const int reason = errno;
-      const std::string holder = ReadHolder(_descriptor);
-      ::close(_descriptor);
+      const std::string holder = ReadHolder(_descriptor.Get());
       if (reason != EWOULDBLOCK) {
          throw PlatformException("lock " + path, reason);
       }
       throw Exception(path + " is locked: process " + holder +
-                      " is at work there; stop it or use another directory");
+                      " is using the directory; stop it or use another directory");
    }
-   // The id only serves the message above: a failure to write it changes nothing.
+   // The process id is for the message above only: a failure to write it does no harm.
    const std::string pid = std::to_string(::getpid());
-   [[maybe_unused]] const int cut = ::ftruncate(_descriptor, 0);
-   [[maybe_unused]] const ssize_t written = ::pwrite(_descriptor, pid.data(), pid.size(), 0);
-}
-
-LockFile::~LockFile()
-{
-   ::close(_descriptor);
+   [[maybe_unused]] const int cut = ::ftruncate(_descriptor.Get(), 0);
+   [[maybe_unused]] const ssize_t written = ::pwrite(_descriptor.Get(), pid.data(), pid.size(), 0);
 }
 
 } // namespace Corvax

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "corvax/descriptor.h"
+
 #include <string>
 
 namespace Corvax {
@@ -11,12 +13,9 @@ public:
    /// Creates the file as needed and writes the process id into it. Exception, naming the holder,
    /// when another process has the lock; PlatformException when the file cannot be made.
    explicit LockFile(const std::string& path);
-   ~LockFile();
-   LockFile(const LockFile&) = delete;
-   LockFile& operator=(const LockFile&) = delete;
 
 private:
-   int _descriptor;
+   Descriptor _descriptor;
 };
 
 } // namespace Corvax

@@ -45,6 +45,9 @@ private:
 
 } // namespace
 
+LockableObject::~LockableObject() = default;
+Mutex::~Mutex() = default;
+
 std::unique_ptr<Mutex> NewMutex()
 {
    return std::make_unique<MutexImpl>();

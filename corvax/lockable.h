@@ -12,7 +12,7 @@ namespace Corvax {
 /// Locks have been made.
 class Mutex {
 public:
-   virtual ~Mutex() = default;
+   virtual ~Mutex();
    virtual void Lock() = 0;
    /// AssertionException when the calling thread does not hold it.
    virtual void Unlock() = 0;
@@ -30,6 +30,9 @@ public:
    virtual void Unlock() = 0;
    /// Whether the calling thread holds the lock.
    virtual bool IsLocked() const = 0;
+
+protected:
+   ~LockableObject() override;
 };
 
 class LockableObjectImpl : public virtual LockableObject, public ObjectImpl {

@@ -118,6 +118,9 @@ private:
 
 } // namespace
 
+Logger::~Logger() = default;
+LogManager::~LogManager() = default;
+
 bool ParseLogLevel(std::string_view name, int& level)
 {
    if (name.size() == 1 && name[0] >= '0' && name[0] <= '7') {

@@ -41,6 +41,9 @@ public:
          Write(level, Format(pattern, args...));
       }
    }
+
+protected:
+   ~Logger() override;
 };
 
 /// Keeps the process's loggers by name.
@@ -51,6 +54,9 @@ public:
 
    /// Level of loggers created from now on and of those whose level was never set.
    virtual void SetDefaultLevel(const std::string& levelName) = 0;
+
+protected:
+   ~LogManager() override;
 };
 
 /// Loggers that write to standard error in the form the journal reads: "<severity>name: text".

@@ -52,6 +52,8 @@ private:
 
 } // namespace
 
+ObjectRegistry::~ObjectRegistry() = default;
+
 Ref<ObjectRegistry> NewObjectRegistry()
 {
    return MakeRef<ObjectRegistryImpl>();

@@ -38,6 +38,9 @@ public:
       }
       return object;
    }
+
+protected:
+   ~ObjectRegistry() override;
 };
 
 Ref<ObjectRegistry> NewObjectRegistry();

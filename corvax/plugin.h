@@ -18,6 +18,9 @@ public:
    virtual void Start() = 0;
    /// True when the plug-in has stopped.
    virtual bool WaitStop(int64_t timeoutUs) = 0;
+
+protected:
+   ~Plugin() override;
 };
 
 /// The entry that a plug-in's library exports under kPluginEntryName: puts a plug-in, with one

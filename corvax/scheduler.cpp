@@ -2,8 +2,7 @@
 
 #include "corvax/exception.h"
 #include "corvax/system.h"
-
-#include <pthread.h>
+#include "corvax/thread.h"
 
 #include <algorithm>
 #include <chrono>
@@ -16,8 +15,6 @@
 namespace Corvax {
 
 namespace {
-
-using SteadyClock = std::chrono::steady_clock;
 
 class ScheduledItemImpl;
 
@@ -32,8 +29,8 @@ struct TimerQueue {
 class ScheduledItemImpl : public ScheduledItem, public ObjectImpl {
 public:
    ScheduledItemImpl(std::shared_ptr<TimerQueue> queue, Ref<Functor<>> functor, int64_t dueUs,
-                     SteadyClock::time_point latest)
-      : _queue(std::move(queue)), _functor(std::move(functor)), _dueUs(dueUs), _latest(latest)
+                     int64_t latestUs)
+      : _queue(std::move(queue)), _functor(std::move(functor)), _dueUs(dueUs), _latestUs(latestUs)
    {
    }
 
@@ -60,13 +57,13 @@ public:
    /// With the queue locked: the functor, which the item gives up.
    Ref<Functor<>> Take() { return std::exchange(_functor, nullptr); }
 
-   SteadyClock::time_point Latest() const { return _latest; }
+   int64_t GetLatestUs() const { return _latestUs; }
 
 private:
    const std::shared_ptr<TimerQueue> _queue;
    Ref<Functor<>> _functor; // null once the item no longer waits
    const int64_t _dueUs;
-   const SteadyClock::time_point _latest; // real time at which the delay has passed
+   const int64_t _latestUs; // monotonic time at which the delay has passed
 };
 
 class TimerThreadImpl : public TimerThread, public ObjectImpl {
@@ -74,23 +71,22 @@ public:
    TimerThreadImpl(const std::string& name, std::function<void(const TimerRun&)> observer)
       : _observer(std::move(observer))
    {
-      _thread = std::thread([this] { Run(); });
-      pthread_setname_np(_thread.native_handle(), name.substr(0, 15).c_str());
+      _thread = StartThread(name, [this](const std::stop_token&) { Run(); });
    }
 
    ~TimerThreadImpl() override
    {
       TimerThreadImpl::Stop();
       if (_thread.joinable()) {
-         _thread.detach(); // released from a functor of its own: the thread ends by itself
+         _thread.detach(); // the last reference was released on this very thread
       }
    }
 
    Ref<ScheduledItem> ScheduleOnce(Ref<Functor<>> functor, int64_t delayUs) override
    {
       const int64_t dueUs = System::GetTime() + delayUs;
-      const auto latest = SteadyClock::now() + std::chrono::microseconds(delayUs);
-      auto item = MakeRef<ScheduledItemImpl>(_queue, std::move(functor), dueUs, latest);
+      const int64_t latestUs = System::GetMonotonicTime() + delayUs;
+      auto item = MakeRef<ScheduledItemImpl>(_queue, std::move(functor), dueUs, latestUs);
       const std::lock_guard guard(_queue->mutex);
       Assert(!_queue->stopping, "the timer thread has not been stopped");
       _queue->items.emplace(dueUs, item);
@@ -116,11 +112,11 @@ public:
    }
 
 private:
-   // Wall-clock changes are noticed within this time, because nothing wakes a waiting thread for
-   // them. One wake-up a second costs a few microseconds of CPU.
+   // Nothing wakes a waiting thread when the wall clock is changed, so it looks at least this
+   // often. One wake-up a second costs a few microseconds of CPU.
    static constexpr std::chrono::microseconds kLongestNap = std::chrono::seconds(1);
 
-   /// The next functor whose time has come; sleeps until there is one. Null at the end.
+   /// The next functor that is due; sleeps until there is one. Null once the thread is to stop.
    static Ref<Functor<>> Next(TimerQueue& queue, int64_t& dueUs)
    {
       std::unique_lock lock(queue.mutex);
@@ -130,16 +126,16 @@ private:
             continue;
          }
          const auto first = queue.items.begin();
-         const int64_t wallLeft = first->first - System::GetTime();
-         const auto steadyLeft = first->second->Latest() - SteadyClock::now();
-         // A second of grace keeps the small corrections of a disciplined clock from firing early.
-         if (wallLeft <= 0 || steadyLeft < -std::chrono::seconds(1)) {
+         const int64_t leftUs = first->first - System::GetTime();
+         const int64_t overdueUs = System::GetMonotonicTime() - first->second->GetLatestUs();
+         // A second of grace: small corrections of the wall clock must not make an item early.
+         if (leftUs <= 0 || overdueUs > kMicrosecondsPerSecond) {
             dueUs = first->first;
             Ref<Functor<>> functor = first->second->Take();
             queue.items.erase(first);
             return functor;
          }
-         queue.wake.wait_for(lock, std::min(std::chrono::microseconds(wallLeft), kLongestNap));
+         queue.wake.wait_for(lock, std::min(std::chrono::microseconds(leftUs), kLongestNap));
       }
       return nullptr;
    }
@@ -180,10 +176,14 @@ private:
 
    const std::shared_ptr<TimerQueue> _queue = std::make_shared<TimerQueue>();
    const std::function<void(const TimerRun&)> _observer;
-   std::thread _thread;
+   std::jthread _thread;
 };
 
 } // namespace
+
+ScheduledItem::~ScheduledItem() = default;
+Scheduler::~Scheduler() = default;
+TimerThread::~TimerThread() = default;
 
 Ref<TimerThread> NewTimerThread(const std::string& name,
                                 std::function<void(const TimerRun&)> observer)

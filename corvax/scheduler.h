@@ -16,6 +16,9 @@ public:
    virtual bool Cancel() = 0;
    /// True until the functor is taken for its call or cancelled.
    virtual bool IsPending() const = 0;
+
+protected:
+   ~ScheduledItem() override;
 };
 
 /// The timer facility of a thread: calls functors once, when their time has come.
@@ -25,6 +28,9 @@ public:
    /// When the wall clock is set back, an item waits no longer than its delay in real time (to
    /// about a second).
    virtual Ref<ScheduledItem> ScheduleOnce(Ref<Functor<>> functor, int64_t delayUs) = 0;
+
+protected:
+   ~Scheduler() override;
 };
 
 /// One call of a functor as its timer thread saw it. Times are wall clock, microseconds.
@@ -47,6 +53,9 @@ public:
    /// Ends the thread: waits for a functor under way and drops those still waiting. Called on the
    /// thread itself it only asks for the end. Later ScheduleOnce calls throw.
    virtual void Stop() = 0;
+
+protected:
+   ~TimerThread() override;
 };
 
 /// `name` is the thread's name (at most 15 characters); `observer`, when set, is called on the

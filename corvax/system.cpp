@@ -20,6 +20,12 @@ public:
       return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
    }
 
+   int64_t GetMonotonicTime() override
+   {
+      const auto now = std::chrono::steady_clock::now().time_since_epoch();
+      return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+   }
+
    void GetCpuTime(int64_t& userUs, int64_t& systemUs) override
    {
       struct rusage usage{};
@@ -31,7 +37,7 @@ public:
 private:
    static int64_t Microseconds(const timeval& time)
    {
-      return int64_t{time.tv_sec} * 1000000 + time.tv_usec;
+      return int64_t{time.tv_sec} * kMicrosecondsPerSecond + time.tv_usec;
    }
 };
 
@@ -40,6 +46,8 @@ std::atomic<SystemFactory*> replacedFactory{nullptr};
 thread_local Scheduler* thisThread = nullptr;
 
 } // namespace
+
+Clock::~Clock() = default;
 
 Clock& System::GetClock()
 {

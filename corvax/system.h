@@ -1,26 +1,17 @@
 #pragma once
 
+#include "corvax/clock.h"
 #include "corvax/file.h"
 #include "corvax/scheduler.h"
 
-#include <cstdint>
-
 namespace Corvax {
 
-class Clock {
-public:
-   virtual ~Clock() = default;
-   /// Wall clock, microseconds since the epoch.
-   virtual int64_t GetTime() = 0;
-   /// CPU time that the process has used in user and kernel mode, microseconds.
-   virtual void GetCpuTime(int64_t& userUs, int64_t& systemUs) = 0;
-};
-
-/// The way to the platform: clock, files, timers. Everything above reaches them here, so that a
-/// test can put its own in their place.
+/// Access to the platform: clock, files, timers. Everything above reaches them through this class,
+/// so that a test can replace them.
 class System {
 public:
    static int64_t GetTime() { return GetClock().GetTime(); }
+   static int64_t GetMonotonicTime() { return GetClock().GetMonotonicTime(); }
    static void GetCpuTime(int64_t& userUs, int64_t& systemUs)
    {
       GetClock().GetCpuTime(userUs, systemUs);

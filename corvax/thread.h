@@ -7,8 +7,8 @@
 
 namespace Corvax {
 
-/// Starts a thread under the name that the system shows it by (at most 15 characters). Its end is
-/// asked for through the token; the destructor asks and waits.
+/// Starts a thread under the name that the system shows for it (at most 15 characters). The token
+/// is its request to stop; the destructor of the result makes that request and waits for the end.
 std::jthread StartThread(const std::string& name, std::function<void(std::stop_token)> body);
 
 } // namespace Corvax

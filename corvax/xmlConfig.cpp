@@ -291,6 +291,8 @@ void XmlConfigImpl::ThrowWrongType(const std::string& path, const std::string& v
 
 } // namespace
 
+XmlConfig::~XmlConfig() = default;
+
 void GetXmlConfig(const std::string& fileName, Ref<XmlConfig>& config)
 {
    config = MakeRef<XmlConfigImpl>(fileName);

@@ -54,6 +54,9 @@ public:
 
    /// "FILE:LINE" of a key, "FILE" where the line is not known.
    virtual std::string Where(const std::string& path) const = 0;
+
+protected:
+   ~XmlConfig() override;
 };
 
 /// Nothing is read: the tree is empty until Read.

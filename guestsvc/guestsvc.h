@@ -27,16 +27,24 @@ public:
    virtual int32_t GetWorldId() = 0;
    /// The kernel's id of the port that a network card is attached to.
    virtual uint32_t GetPortId(Quen::Vm::Device::VirtualEthernetCard* card) = 0;
+
+protected:
+   ~HaVirtualMachine() override;
 };
 
 /// The virtual-machine service.
 class Guestsvc : public virtual Corvax::Object {
 public:
    virtual void GetPoweredOnVms(Corvax::Ref<Plexa::DataArray<Plexa::MoRef>>& vms) = 0;
+
+protected:
+   ~Guestsvc() override;
 };
 
 /// A power operation of a virtual machine has ended; published on MQ_VMEVENT_POWEROP + id.
 struct VmPowerOpMsg : Corvax::ObjectImpl {
+   ~VmPowerOpMsg() override;
+
    VmPowerOpMsg(Corvax::Ref<Plexa::MoRef> machine, int32_t op, int32_t outcome)
       : vm(std::move(machine)), operation(op), result(outcome)
    {
@@ -49,6 +57,8 @@ struct VmPowerOpMsg : Corvax::ObjectImpl {
 
 /// A virtual machine is no longer registered; published on MQ_VM_UNREGISTER + id.
 struct VmUnregisterMsg : Corvax::ObjectImpl {
+   ~VmUnregisterMsg() override;
+
    explicit VmUnregisterMsg(Corvax::Ref<Plexa::MoRef> machine) : vm(std::move(machine)) {}
 
    const Corvax::Ref<Plexa::MoRef> vm;

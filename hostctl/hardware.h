@@ -9,13 +9,13 @@ namespace HostCtl::Hardware {
 
 class Cpu {
 public:
-   virtual ~Cpu() = default;
+   virtual ~Cpu();
    virtual uint64_t GetSpeedHz() = 0;
 };
 
 class CpuInfo {
 public:
-   virtual ~CpuInfo() = default;
+   virtual ~CpuInfo();
    /// CPUs that can run at once, 1 to 255.
    virtual uint32_t GetCoreCount() = 0;
    /// At least one.
@@ -24,13 +24,13 @@ public:
 
 class MemoryInfo {
 public:
-   virtual ~MemoryInfo() = default;
+   virtual ~MemoryInfo();
    virtual uint64_t GetPhysicalBytes() = 0;
 };
 
 class HardwareInfo {
 public:
-   virtual ~HardwareInfo() = default;
+   virtual ~HardwareInfo();
    virtual CpuInfo* GetCpuInfo() = 0;
    virtual MemoryInfo* GetMemoryInfo() = 0;
 };

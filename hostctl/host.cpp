@@ -19,6 +19,20 @@ HostProvider& Provider()
 
 } // namespace
 
+Hardware::Cpu::~Cpu() = default;
+Hardware::CpuInfo::~CpuInfo() = default;
+Hardware::MemoryInfo::~MemoryInfo() = default;
+Hardware::HardwareInfo::~HardwareInfo() = default;
+Host::~Host() = default;
+HostProvider::~HostProvider() = default;
+Network::Port::~Port() = default;
+Network::PhysicalNic::~PhysicalNic() = default;
+Network::NetworkInfo::~NetworkInfo() = default;
+Resource::ResourceGroup::~ResourceGroup() = default;
+Resource::ResourceInfo::~ResourceInfo() = default;
+Storage::DiskLun::~DiskLun() = default;
+Storage::StorageInfo::~StorageInfo() = default;
+
 namespace Lib {
 
 HostCtlException::HostCtlException(std::string message) : _message(std::move(message)) {}

@@ -14,7 +14,7 @@ namespace HostCtl {
 /// outlive the provider. Errors: Lib::HostCtlException from every operation.
 class Host {
 public:
-   virtual ~Host() = default;
+   virtual ~Host();
    virtual Resource::ResourceInfo* GetResourceInfo() = 0;
    virtual Storage::StorageInfo* GetStorageInfo() = 0;
    virtual Network::NetworkInfo* GetNetworkInfo() = 0;
@@ -24,7 +24,7 @@ public:
 /// Where the library's figures come from: this Linux machine, a simulated host, a test's fake.
 class HostProvider {
 public:
-   virtual ~HostProvider() = default;
+   virtual ~HostProvider();
    virtual Host* GetHost() = 0;
    /// The port of that id, null when there is none.
    virtual Network::Port* GetPort(uint32_t portId) = 0;

@@ -18,13 +18,13 @@ struct PortStatistics {
 
 class Port {
 public:
-   virtual ~Port() = default;
+   virtual ~Port();
    virtual PortStatistics GetStatistics() = 0;
 };
 
 class PhysicalNic {
 public:
-   virtual ~PhysicalNic() = default;
+   virtual ~PhysicalNic();
    virtual std::string GetName() = 0;
    /// Null when the card has none.
    virtual Port* GetUplinkPort() = 0;
@@ -32,7 +32,7 @@ public:
 
 class NetworkInfo {
 public:
-   virtual ~NetworkInfo() = default;
+   virtual ~NetworkInfo();
    virtual std::vector<PhysicalNic*> GetPhysicalNics() = 0;
 };
 

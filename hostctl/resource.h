@@ -100,7 +100,7 @@ struct CpuLoadHistory {
 
 class ResourceGroup {
 public:
-   virtual ~ResourceGroup() = default;
+   virtual ~ResourceGroup();
    /// Null when the group keeps none.
    virtual CpuLoadHistory* GetCpuLoadHistory() = 0;
 };
@@ -108,7 +108,7 @@ public:
 /// The host's resources. Errors: Lib::HostCtlException from every operation.
 class ResourceInfo {
 public:
-   virtual ~ResourceInfo() = default;
+   virtual ~ResourceInfo();
    /// One element a CPU; the position is the CPU's index.
    virtual std::vector<HostCpuStats> GetCpuStats() = 0;
    virtual uint64_t GetUptimeUs() = 0;

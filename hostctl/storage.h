@@ -28,7 +28,7 @@ struct WorldStatistics {
 /// Errors: Lib::HostCtlException from every operation.
 class DiskLun {
 public:
-   virtual ~DiskLun() = default;
+   virtual ~DiskLun();
    virtual std::string GetScsiName() = 0;
    virtual uint64_t GetBlockSizeBytes() = 0;
    virtual StorageStatistics GetStatistics() = 0;
@@ -37,7 +37,7 @@ public:
 
 class StorageInfo {
 public:
-   virtual ~StorageInfo() = default;
+   virtual ~StorageInfo();
    virtual std::vector<DiskLun*> GetDiskLuns() = 0;
 };
 

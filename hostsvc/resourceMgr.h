@@ -35,6 +35,9 @@ public:
    virtual HostCtl::Resource::SwapInfo* GetVmSwapInfo(Plexa::MoRef* vm) = 0;
    virtual HostCtl::Resource::MemoryClientStats* GetVmMemoryClientStats(Plexa::MoRef* vm) = 0;
    virtual HostCtl::Resource::CpuLoadHistory* GetVmCpuLoadHistory(Plexa::MoRef* vm) = 0;
+
+protected:
+   ~ResourceMgr() override;
 };
 
 } // namespace Hostsvc

@@ -86,7 +86,7 @@ struct VmSnapshot {
 /// What a connection tells on a thread of its own. The handlers return soon and call no connection.
 class HypervisorListener {
 public:
-   virtual ~HypervisorListener() = default;
+   virtual ~HypervisorListener();
    /// The virtual machine came, went, or is not what it was.
    virtual void OnVmChanged(const std::string& id) = 0;
    virtual void OnConnectionLost(const std::string& reason) = 0;
@@ -99,7 +99,7 @@ public:
 /// connection each. Not to be destroyed while a lock is held that the listener's handlers take.
 class HypervisorConnection {
 public:
-   virtual ~HypervisorConnection() = default;
+   virtual ~HypervisorConnection();
 
    /// All virtual machines, running or not.
    virtual std::vector<VmDescription> ListVms() = 0;
@@ -112,7 +112,7 @@ public:
 
 class Hypervisor {
 public:
-   virtual ~Hypervisor() = default;
+   virtual ~Hypervisor();
    /// `listener`, unless null, outlives the connection. HostCtlException where there is none to be
    /// had.
    virtual std::unique_ptr<HypervisorConnection> Connect(HypervisorListener* listener) = 0;

@@ -3,6 +3,7 @@
 namespace Plexa {
 
 ManagedObject::~ManagedObject() = default;
+MoRef::~MoRef() = default;
 
 bool ManagedType::IsA(const ManagedType& other) const
 {

@@ -29,6 +29,9 @@ public:
 private:
    const ManagedType& _type;
    const std::string _id;
+
+protected:
+   ~MoRef() override;
 };
 
 } // namespace Plexa

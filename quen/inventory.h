@@ -52,6 +52,8 @@ namespace Host {
 
 /// A node of the host's tree of system resource groups.
 struct SystemResourceInfo : Corvax::ObjectImpl {
+   ~SystemResourceInfo() override;
+
    const std::string& GetKey() const { return key; }
    Plexa::DataArray<SystemResourceInfo>* GetChild() const { return child.Get(); }
 
@@ -70,6 +72,8 @@ enum class PowerState : int32_t {
 };
 
 struct RuntimeInfo : Corvax::ObjectImpl {
+   ~RuntimeInfo() override;
+
    PowerState GetPowerState() const { return powerState; }
 
    PowerState powerState = PowerState::POWERED_OFF;
@@ -78,15 +82,21 @@ struct RuntimeInfo : Corvax::ObjectImpl {
 namespace Device {
 
 struct ConnectInfo : Corvax::ObjectImpl {
+   ~ConnectInfo() override;
+
    bool IsConnected() const { return connected; }
 
    bool connected = false;
 };
 
 /// What a device is connected to.
-struct BackingInfo : Corvax::ObjectImpl {};
+struct BackingInfo : Corvax::ObjectImpl {
+   ~BackingInfo() override;
+};
 
 struct VirtualDevice : Corvax::ObjectImpl {
+   ~VirtualDevice() override;
+
    int32_t GetKey() const { return key; }
    BackingInfo* GetBacking() const { return backing.Get(); }
    ConnectInfo* GetConnectable() const { return connectable.Get(); }
@@ -97,8 +107,12 @@ struct VirtualDevice : Corvax::ObjectImpl {
 };
 
 struct VirtualEthernetCard : VirtualDevice {
+   ~VirtualEthernetCard() override;
+
    /// The card is on a network of the host, and so has a port there.
    struct NetworkBackingInfo : BackingInfo {
+      ~NetworkBackingInfo() override;
+
       std::string deviceName;
    };
 };
@@ -114,6 +128,8 @@ struct VirtualHardware {
 };
 
 struct ConfigInfo : Corvax::ObjectImpl {
+   ~ConfigInfo() override;
+
    const VirtualHardware& GetHardware() const { return hardware; }
 
    std::string name;

@@ -13,6 +13,8 @@ namespace Quen {
 
 /// A key with its texts.
 struct ElementDescription : Corvax::ObjectImpl {
+   ~ElementDescription() override;
+
    std::string label;
    std::string summary;
    std::string key;
@@ -20,6 +22,8 @@ struct ElementDescription : Corvax::ObjectImpl {
 
 /// A resolution in which history is kept. Periods and lengths in seconds.
 struct HistoricalInterval : Corvax::ObjectImpl {
+   ~HistoricalInterval() override;
+
    int32_t key = 0;
    int32_t samplingPeriod = 0;
    std::string name;
@@ -28,6 +32,8 @@ struct HistoricalInterval : Corvax::ObjectImpl {
 
 /// The texts of counter types and statistics types.
 struct PerformanceDescription : Corvax::ObjectImpl {
+   ~PerformanceDescription() override;
+
    Corvax::Ref<Plexa::DataArray<ElementDescription>> counterType;
    Corvax::Ref<Plexa::DataArray<ElementDescription>> statsType;
 };
@@ -38,6 +44,8 @@ class PerformanceManager : public virtual Plexa::ManagedObject {
 public:
    /// What a counter counts.
    struct CounterInfo : Corvax::ObjectImpl {
+      ~CounterInfo() override;
+
       enum RollupType : int32_t {
          average = 0,
          maximum = 1,
@@ -64,6 +72,8 @@ public:
 
    /// A counter of one instance; the empty instance is the entity as a whole, "*" all of them.
    struct MetricId : Corvax::ObjectImpl {
+      ~MetricId() override;
+
       MetricId(int32_t counter, std::string instanceName)
          : counterId(counter), instance(std::move(instanceName))
       {
@@ -73,39 +83,55 @@ public:
    };
 
    struct SampleInfo : Corvax::ObjectImpl {
+      ~SampleInfo() override;
+
       Corvax::DateTime timestamp;
       int32_t interval = 0; ///< seconds
    };
 
    struct MetricSeries : Corvax::ObjectImpl {
+      ~MetricSeries() override;
+
       Corvax::Ref<MetricId> id;
    };
 
    /// One value a time stamp, -1 where there is none.
    struct IntSeries : MetricSeries {
+      ~IntSeries() override;
+
       std::vector<int64_t> value;
    };
 
    struct MetricSeriesCSV : MetricSeries {
+      ~MetricSeriesCSV() override;
+
       std::string value;
    };
 
    struct EntityMetricBase : Corvax::ObjectImpl {
+      ~EntityMetricBase() override;
+
       Corvax::Ref<Plexa::MoRef> entity;
    };
 
    struct EntityMetric : EntityMetricBase {
+      ~EntityMetric() override;
+
       Corvax::Ref<Plexa::DataArray<SampleInfo>> sampleInfo;
       Corvax::Ref<Plexa::DataArray<MetricSeries>> value;
    };
 
    struct EntityMetricCSV : EntityMetricBase {
+      ~EntityMetricCSV() override;
+
       std::string sampleInfoCSV;
       Corvax::Ref<Plexa::DataArray<MetricSeriesCSV>> value;
    };
 
    /// What is asked of one entity.
    struct QuerySpec : Corvax::ObjectImpl {
+      ~QuerySpec() override;
+
       Corvax::Ref<Plexa::MoRef> entity;
       std::optional<Corvax::DateTime> startTime; ///< exclusive
       std::optional<Corvax::DateTime> endTime;   ///< inclusive
@@ -117,6 +143,8 @@ public:
 
    /// What an entity's statistics offer.
    struct ProviderSummary : Corvax::ObjectImpl {
+      ~ProviderSummary() override;
+
       Corvax::Ref<Plexa::MoRef> entity;
       bool currentSupported = false;
       bool summarySupported = false;
@@ -125,6 +153,8 @@ public:
 
    /// Series of several entities, one beside the other.
    struct CompositeEntityMetric : Corvax::ObjectImpl {
+      ~CompositeEntityMetric() override;
+
       Corvax::Ref<EntityMetricBase> entity;
       Corvax::Ref<Plexa::DataArray<EntityMetricBase>> childEntity;
    };

@@ -18,6 +18,29 @@ ManagedEntity::~ManagedEntity() = default;
 VirtualMachine::~VirtualMachine() = default;
 HostSystem::~HostSystem() = default;
 ResourcePool::~ResourcePool() = default;
+ElementDescription::~ElementDescription() = default;
+HistoricalInterval::~HistoricalInterval() = default;
+PerformanceDescription::~PerformanceDescription() = default;
+PerformanceManager::CounterInfo::~CounterInfo() = default;
+PerformanceManager::MetricId::~MetricId() = default;
+PerformanceManager::SampleInfo::~SampleInfo() = default;
+PerformanceManager::MetricSeries::~MetricSeries() = default;
+PerformanceManager::IntSeries::~IntSeries() = default;
+PerformanceManager::MetricSeriesCSV::~MetricSeriesCSV() = default;
+PerformanceManager::EntityMetricBase::~EntityMetricBase() = default;
+PerformanceManager::EntityMetric::~EntityMetric() = default;
+PerformanceManager::EntityMetricCSV::~EntityMetricCSV() = default;
+PerformanceManager::QuerySpec::~QuerySpec() = default;
+PerformanceManager::ProviderSummary::~ProviderSummary() = default;
+PerformanceManager::CompositeEntityMetric::~CompositeEntityMetric() = default;
+Host::SystemResourceInfo::~SystemResourceInfo() = default;
+Vm::RuntimeInfo::~RuntimeInfo() = default;
+Vm::ConfigInfo::~ConfigInfo() = default;
+Vm::Device::ConnectInfo::~ConnectInfo() = default;
+Vm::Device::BackingInfo::~BackingInfo() = default;
+Vm::Device::VirtualDevice::~VirtualDevice() = default;
+Vm::Device::VirtualEthernetCard::~VirtualEthernetCard() = default;
+Vm::Device::VirtualEthernetCard::NetworkBackingInfo::~NetworkBackingInfo() = default;
 
 const Plexa::ManagedType& PerformanceManager::GetManagedType()
 {

@@ -107,7 +107,7 @@ stops)
          sleep 0.1
       done
       ! "$agentd" --listen none --state-dir "$dir" --runs 1 2>"$dir/second" || fail "a second agent started"
-      grep -q "is locked: process $agent is at work there" "$dir/second" || fail "$(cat "$dir/second")"
+      grep -q "is locked: process $agent is using the directory" "$dir/second" || fail "$(cat "$dir/second")"
       kill -$signal $agent
       wait $agent || fail "exit status $? after SIG$signal"
       agent=
@@ -156,8 +156,15 @@ plugin)
    exported=$(nm -D --defined-only "$library" | awk '{print $3}' | grep -v '^__\(asan\|odr_asan\|ubsan\|tsan\)' | sort | tr '\n' ' ')
    [ "$exported" = "CorvaxPluginEntry GetQshPluginEntry " ] || fail "exports: $exported"
    needed=$(readelf -d "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
-      grep -vE '^lib(corvax|plexa|quen|agentdCommon|hykctl|qshFramework|stdc\+\+|gcc_s|c|m|asan|ubsan|tsan)\.so' || true)
+      grep -vE '^lib(corvax|plexa|quen|agentdCommon|hostsvc|guestsvc|hykctl|qshFramework|stdc\+\+|gcc_s|c|m|asan|ubsan|tsan)\.so' || true)
    [ -z "$needed" ] || fail "needs $needed"
+   # A type used on both sides of dlopen has one typeinfo, in its shared library: a module that has
+   # its own makes catch and dynamic_cast depend on comparing names.
+   for module in "$library" "$build/lib/libhykvirt.so"; do
+      copies=$(nm -C --defined-only "$module" | grep ' typeinfo for ' | grep -v '[<(]' |
+         grep -E ' for (Corvax|Plexa|Quen|HostCtl|AgentdCommon|Hostsvc|Guestsvc|QshFramework|LinuxHost)::' || true)
+      [ -z "$copies" ] || fail "$module has copies of shared types: $copies"
+   done
    ;;
 
 *) fail "unknown case $2" ;;

@@ -7,6 +7,7 @@
 #include "corvax/system.h"
 #include "corvax/xmlConfig.h"
 #include "tests/fakes/captureLogger.h"
+#include "tests/fakes/manualTime.h"
 #include "tests/fakes/messageOf.h"
 #include "tests/fakes/scratch.h"
 
@@ -209,6 +210,22 @@ TEST(ChannelTest, DeliversInOrderByPathUntilClosed)
    EXPECT_EQ(logger->Count("3 A message handler failed: the handler's own"), 1);
    EXPECT_EQ(below->seen.size(), 3u);
    EXPECT_EQ(exact->seen.size(), 1u);
+}
+
+TEST(TimerThreadTest, AnItemRunsAfterItsDelayThoughTheWallClockWasSetBack)
+{
+   ManualClock clock;
+   clock.SetSeconds(1000);
+   std::promise<TimerRun> ran;
+   const auto notes = MakeRef<Notebook>();
+   const auto timer = NewTimerThread("test", [&](const TimerRun& run) { ran.set_value(run); });
+   timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 20 * kMicrosecondsPerSecond);
+   clock.SetSeconds(400);
+   clock.monotonicUs = 22 * kMicrosecondsPerSecond;
+   const TimerRun run = ran.get_future().get();
+   EXPECT_EQ(run.dueUs, 1020 * kMicrosecondsPerSecond);
+   EXPECT_EQ(run.startUs, 400 * kMicrosecondsPerSecond);
+   timer->Stop();
 }
 
 TEST(TimerThreadTest, CallsEachFunctorOnceAndGoesOnAfterAFailure)

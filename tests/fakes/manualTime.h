@@ -13,6 +13,7 @@ public:
    ~ManualClock() override { Corvax::System::SetClock(nullptr); }
 
    int64_t GetTime() override { return nowUs; }
+   int64_t GetMonotonicTime() override { return monotonicUs; }
    void GetCpuTime(int64_t& userUs, int64_t& systemUs) override
    {
       userUs = cpuUs;
@@ -21,6 +22,7 @@ public:
    void SetSeconds(int64_t seconds) { nowUs = seconds * 1000000; }
 
    std::atomic<int64_t> nowUs{0}; // a server's threads read it, too
+   std::atomic<int64_t> monotonicUs{0};
    int64_t cpuUs = 0;
 };
 

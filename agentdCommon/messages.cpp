@@ -1,0 +1,7 @@
+#include "agentdCommon/messages.h"
+
+namespace AgentdCommon {
+
+ResourcePoolDestroyedMsg::~ResourcePoolDestroyedMsg() = default;
+
+} // namespace AgentdCommon

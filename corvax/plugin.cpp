@@ -1,0 +1,7 @@
+#include "corvax/plugin.h"
+
+namespace Corvax {
+
+Plugin::~Plugin() = default;
+
+} // namespace Corvax

@@ -1,0 +1,19 @@
+#include "corvax/program.h"
+
+#include "corvax/exception.h"
+
+#include <filesystem>
+
+namespace Corvax {
+
+std::string GetInstallPrefix()
+{
+   std::error_code error;
+   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+   if (error) {
+      throw PlatformException("find the running program by /proc/self/exe", error.value());
+   }
+   return program.parent_path().parent_path().string();
+}
+
+} // namespace Corvax

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace Corvax {
+
+/// The directory above the running program's own, without a slash at the end: "/usr" for
+/// /usr/bin/agentd. Libraries are in its folder lib. PlatformException where /proc is not mounted.
+std::string GetInstallPrefix();
+
+} // namespace Corvax

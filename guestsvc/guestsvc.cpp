@@ -1,0 +1,10 @@
+#include "guestsvc/guestsvc.h"
+
+namespace Guestsvc {
+
+HaVirtualMachine::~HaVirtualMachine() = default;
+Guestsvc::~Guestsvc() = default;
+VmPowerOpMsg::~VmPowerOpMsg() = default;
+VmUnregisterMsg::~VmUnregisterMsg() = default;
+
+} // namespace Guestsvc

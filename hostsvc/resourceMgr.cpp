@@ -1,0 +1,7 @@
+#include "hostsvc/resourceMgr.h"
+
+namespace Hostsvc {
+
+ResourceMgr::~ResourceMgr() = default;
+
+} // namespace Hostsvc

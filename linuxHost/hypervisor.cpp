@@ -1,0 +1,9 @@
+#include "linuxHost/hypervisor.h"
+
+namespace LinuxHost {
+
+HypervisorListener::~HypervisorListener() = default;
+HypervisorConnection::~HypervisorConnection() = default;
+Hypervisor::~Hypervisor() = default;
+
+} // namespace LinuxHost
