@@ -1,4 +1,5 @@
-# Reads every include line of the tree and fails on one that the table in layers.cmake does not allow.
+# Reads every include line of the tree and fails on any that the table in layers.cmake does not
+# allow.
 # Run as a script: cmake -D SOURCE_DIR=... -P checkLayers.cmake
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/layers.cmake)

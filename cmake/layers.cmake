@@ -2,12 +2,11 @@
 #
 #    room(NAME SEES ROOM... TAKES GROUP...)
 #
-# A room is a directory, or within metrix/ a family of files: its path without ".h" and ".cpp". A file
-# belongs to the room with the longest name that fits. It includes its own room and the rooms it sees,
-# nothing else; `x/*` is x with all rooms below it. Headers of the C++ standard library are free except
-# those in a group, every other header in <> belongs to a group and needs it in TAKES.
-# docs/architecture.md explains the table. It is checked when CMake configures, by `scripts/lint` and
-# by the test `layers`.
+# A room is a directory, or within metrix/ a family of files: its path without ".h" and ".cpp". A
+# file belongs to the room with the longest matching name. It may include its own room and the rooms
+# that it sees; `x/*` is x with all rooms below it. Headers of the C++ standard library are free
+# except those in a group; every other header in <> must be in a group that the room takes.
+# docs/architecture.md explains the table. It is checked when CMake configures and by `scripts/lint`.
 
 macro(room name)
    cmake_parse_arguments(ARG "" "" "SEES;TAKES" ${ARGN})
