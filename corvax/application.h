@@ -9,7 +9,7 @@
 
 namespace Corvax {
 
-/// The agent as its parts see it.
+/// The services that the agent offers to its parts and plug-ins.
 class Application : public virtual Object {
 public:
    virtual LogManager* GetLogManager() = 0;
@@ -35,7 +35,7 @@ namespace Service {
 /// The process's application object; AssertionException when there is none.
 Application* GetApp();
 
-/// Sets it, null for none; not while other threads use it.
+/// Replaces it, null for none. Not while other threads use it.
 void SetApp(Ref<Application> application);
 
 } // namespace Service

@@ -23,7 +23,7 @@ public:
 
    void Close() override
    {
-      Ref<ChannelHandler> dropped; // released after the lock: it may hold the subscriber
+      Ref<ChannelHandler> dropped; // released after the lock, because it may own the subscriber
       const std::lock_guard guard(_mutex);
       dropped = std::exchange(_handler, nullptr);
    }
@@ -134,7 +134,7 @@ private:
    }
 
    const Ref<Logger> _logger;
-   std::mutex _mutex; // nothing is called under it but the readers' own short operations
+   std::mutex _mutex; // under it only the readers' short operations are called
    std::condition_variable _changed;
    RefVector<ChannelReaderImpl> _readers;
    std::deque<Delivery> _queue;

@@ -7,11 +7,11 @@
 
 namespace Corvax {
 
-/// A part of the agent's configuration; keys are relative to it.
+/// A section of the agent's configuration; keys are relative to it.
 class ConfigSection : public virtual Object {
 public:
-   /// Each returns false, with `value` unchanged, when the key is absent; throws
-   /// InvalidArgumentException, naming file, line and key, when its value is of another type.
+   /// False, with `value` unchanged, when the key is absent. InvalidArgumentException, naming file,
+   /// line and key, when its value is of another type.
    virtual bool Get(const std::string& key, std::string& value) const = 0;
    virtual bool Get(const std::string& key, int32_t& value) const = 0;
    virtual bool Get(const std::string& key, bool& value) const = 0;
@@ -20,10 +20,10 @@ protected:
    ~ConfigSection() override;
 };
 
-/// The agent's configuration, read-only for those that it configures.
+/// The agent's configuration, read-only.
 class ConfigStore : public ConfigSection {
 public:
-   /// A section that is absent has no keys.
+   /// An absent section has no keys.
    virtual Ref<ConfigSection> GetSection(const std::string& path) const = 0;
 
 protected:

@@ -11,7 +11,7 @@ namespace {
 
 namespace Chrono = std::chrono;
 
-/// Takes exactly `digits` decimal digits from the front.
+/// Consumes exactly `digits` decimal digits.
 bool TakeNumber(std::string_view& text, size_t digits, int& value)
 {
    if (text.size() < digits) {
@@ -37,7 +37,7 @@ bool TakeChar(std::string_view& text, char c)
    return true;
 }
 
-/// Decimals of a second beyond the sixth are cut.
+/// Digits beyond the sixth are dropped.
 bool TakeFraction(std::string_view& text, int64_t& fractionUs)
 {
    fractionUs = 0;
@@ -79,7 +79,7 @@ DateTime DateTime::Now()
 
 namespace {
 
-/// Writes a number of so many digits over zeroes.
+/// Overwrites `count` digits.
 void PutDigits(std::string& text, size_t pos, size_t count, int number)
 {
    for (size_t i = pos + count; i > pos; number /= 10) {
@@ -95,7 +95,7 @@ std::string DateTime::ToString() const
    const auto day = Chrono::floor<Chrono::days>(instant);
    const Chrono::year_month_day date(day);
    const int year = static_cast<int>(date.year());
-   // The calendar's year has 16 bits; instants far outside it would show a wrapped one.
+   // The calendar's year has 16 bits and would wrap for distant instants.
    constexpr int64_t kYear0Us = -62167219200 * kMicrosecondsPerSecond;
    constexpr int64_t kYear10000Us = 253402300800 * kMicrosecondsPerSecond;
    if (_utcUs < kYear0Us || _utcUs >= kYear10000Us) {

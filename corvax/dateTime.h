@@ -22,11 +22,11 @@ public:
 
    constexpr int64_t GetUtcMicroseconds() const { return _utcUs; }
 
-   /// ISO 8601 in UTC: "2026-11-21T09:05:00Z", with six decimals of the second where there are any.
-   /// Years outside 0000 to 9999 come as the microseconds in decimal.
+   /// ISO 8601 in UTC: "2026-11-21T09:05:00Z", with six decimals for a fraction of a second.
+   /// Instants outside the years 0000 to 9999 are printed as microseconds.
    std::string ToString() const;
 
-   /// Reads what ToString writes and any offset: "2026-11-21T10:05:00.5+01:00". False, with
+   /// Parses what ToString writes, and other offsets: "2026-11-21T10:05:00.5+01:00". False, with
    /// `result` unchanged, for any other text and for dates that do not exist.
    static bool Parse(std::string_view text, DateTime& result);
 

@@ -21,14 +21,14 @@ private:
    std::string _message;
 };
 
-/// A caller's argument is not acceptable. The text is "Invalid argument" unless another is given.
+/// A caller's argument is refused. The text is "Invalid argument" unless another is given.
 class InvalidArgumentException : public Exception {
 public:
    explicit InvalidArgumentException(std::string message = "Invalid argument");
    ~InvalidArgumentException() override;
 };
 
-/// A file does not have the form it must have. The text is "File Format Exception: " + detail.
+/// A file is damaged or of another format. The text is "File Format Exception: " + detail.
 class FileFormatException : public Exception {
 public:
    explicit FileFormatException(const std::string& detail);
@@ -38,7 +38,7 @@ public:
 /// The operating system refused an operation.
 class PlatformException : public Exception {
 public:
-   /// `action` says what was tried on what ("open FILE for reading"); `errorNumber` is an errno.
+   /// `action` completes "Cannot ...": "open FILE for reading". `errorNumber` is an errno.
    PlatformException(const std::string& action, int errorNumber);
    ~PlatformException() override;
 
@@ -55,8 +55,8 @@ public:
    ~NotFoundException() override;
 };
 
-/// No memory. Member of the runtime's family and of the standard's allocation failures at once, so
-/// that it may leave operator new; catch it as one of the two, not as std::exception.
+/// Out of memory. Derives from std::bad_alloc as well, so that operator new may throw it. Catch it
+/// as one of its two bases: std::exception is ambiguous.
 class OutOfMemoryException : public Exception, public std::bad_alloc {
 public:
    OutOfMemoryException();
@@ -74,7 +74,7 @@ public:
    ~AssertionException() override;
 };
 
-/// Control came to a place that cannot be reached.
+/// Control reached a place that it must not reach.
 class NotReachedException : public AssertionException {
 public:
    explicit NotReachedException(std::string message);
@@ -83,7 +83,8 @@ public:
 
 [[noreturn]] void FailAssertion(const char* what, const std::source_location& where);
 
-/// Throws AssertionException, naming `what` must hold and the caller's place, unless `condition`.
+/// Throws AssertionException with the text of `what` (the condition that must hold) and the
+/// caller's file and line unless `condition` is true.
 inline void Assert(bool condition, const char* what,
                    const std::source_location& where = std::source_location::current())
 {

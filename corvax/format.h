@@ -34,8 +34,8 @@ std::string ToText(T value)
    }
 }
 
-/// Puts the arguments in the places %1 to %9 of the pattern, in one pass: a "%1" inside an argument
-/// stays as it is, and so does a place that has no argument.
+/// Replaces %1 to %9 in the pattern by the arguments. A "%1" inside an argument is left as it is,
+/// and so is a placeholder without an argument.
 std::string FormatArguments(std::string_view pattern, std::initializer_list<std::string> arguments);
 
 template <class... Args>

@@ -4,7 +4,7 @@
 
 namespace Corvax {
 
-/// Something to be called later, with arguments of the given types.
+/// A function to be called later, with arguments of the given types.
 template <class... Args>
 class Functor : public virtual Object {
 public:

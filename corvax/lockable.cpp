@@ -31,7 +31,7 @@ public:
       }
    }
 
-   // Relaxed is enough: only the calling thread itself ever stores its own id.
+   // Relaxed is enough: only the calling thread ever stores its own id.
    bool IsLocked() const override
    {
       return _holder.load(std::memory_order_relaxed) == std::this_thread::get_id();

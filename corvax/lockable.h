@@ -8,8 +8,7 @@
 
 namespace Corvax {
 
-/// A mutex that knows its holder. The holder may take it again; it is free when as many Unlocks as
-/// Locks have been made.
+/// A recursive mutex that knows its holder: each Lock needs its Unlock.
 class Mutex {
 public:
    virtual ~Mutex();
@@ -22,7 +21,7 @@ public:
 
 std::unique_ptr<Mutex> NewMutex();
 
-/// An object that its users lock around a call or a group of calls.
+/// An object that callers lock around a call or a group of calls.
 class LockableObject : public virtual Object {
 public:
    virtual void Lock() = 0;
@@ -49,7 +48,7 @@ private:
    const std::unique_ptr<Mutex> _mutex;
 };
 
-/// Holds a LockableObject locked, and referenced, for the length of a scope.
+/// Locks a LockableObject, and holds a reference on it, for a scope.
 class Locker {
 public:
    explicit Locker(LockableObject* object) : _object(object) { _object->Lock(); }
@@ -61,7 +60,7 @@ private:
    Ref<LockableObject> _object;
 };
 
-/// Many readers or one writer; taken through ReadGuard and WriteGuard.
+/// Any number of readers or one writer; locked by ReadGuard and WriteGuard.
 using ReaderWriterLock = std::shared_mutex;
 using ReadGuard = std::shared_lock<ReaderWriterLock>;
 using WriteGuard = std::unique_lock<ReaderWriterLock>;

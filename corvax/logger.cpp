@@ -25,7 +25,7 @@ constexpr LevelName kLevelNames[] = {
    {"debug", 7},     {"trace", 7}, {"trivia", 7},
 };
 
-/// A line feed in a name that came from outside must not forge a second log line.
+/// A line feed in a name from outside must not forge a second log line.
 std::string Escape(const std::string& text)
 {
    static constexpr char kHex[] = "0123456789abcdef";
@@ -79,7 +79,7 @@ private:
 
    const std::string _name;
    const std::shared_ptr<spdlog::logger> _backEnd;
-   const std::shared_ptr<const std::atomic<int>> _defaultLevel; // its manager may be gone
+   const std::shared_ptr<const std::atomic<int>> _defaultLevel; // a logger may outlive its manager
    std::atomic<int> _level{kFollowsDefault};
 };
 

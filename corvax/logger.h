@@ -8,8 +8,8 @@
 
 namespace Corvax {
 
-/// Log levels are syslog severities: the smaller the number, the graver. A logger prints the levels
-/// up to and including its own.
+/// Log levels are syslog severities: a smaller number is more severe. A logger prints the levels up
+/// to and including its own.
 constexpr int kLogEmergency = 0;
 constexpr int kLogError = 3;
 constexpr int kLogWarning = 4;
@@ -17,9 +17,9 @@ constexpr int kLogNotice = 5;
 constexpr int kLogInfo = 6;
 constexpr int kLogDebug = 7;
 
-/// Takes "error", "warning", "notice", "info", "debug" and the other syslog severities, the
-/// spellings "err", "warn", "verbose" (info) and "trivia"/"trace" (debug), or a number 0 to 7.
-/// False, with `level` unchanged, for any other text.
+/// Accepts "error", "warning", "notice", "info", "debug" and the other syslog severities, the
+/// aliases "err", "warn", "verbose" (info) and "trivia"/"trace" (debug), and the numbers 0 to 7.
+/// Returns false, with `level` unchanged, for any other text.
 bool ParseLogLevel(std::string_view name, int& level);
 
 /// A named source of log lines. Locking: none needed; any thread may log.
@@ -27,10 +27,10 @@ class Logger : public virtual Object {
 public:
    virtual bool IsEnabled(int level) const = 0;
 
-   /// Throws InvalidArgumentException, naming the accepted levels, when the name is none of them.
+   /// InvalidArgumentException, listing the accepted levels, for an unknown name.
    virtual void SetLevel(const std::string& levelName) = 0;
 
-   /// Prints one line. The text may be anything; control characters come out escaped.
+   /// Prints one line, with control characters escaped.
    virtual void Write(int level, const std::string& text) = 0;
 
    /// Formats %1, %2, ... only when the level is enabled.
@@ -46,13 +46,13 @@ protected:
    ~Logger() override;
 };
 
-/// Keeps the process's loggers by name.
+/// The process's loggers by name.
 class LogManager : public virtual Object {
 public:
-   /// The logger of that name, created at the default level when there is none yet.
+   /// The logger of that name; created, at the default level, by the first call.
    virtual Ref<Logger> GetLogger(const std::string& name) = 0;
 
-   /// Level of loggers created from now on and of those whose level was never set.
+   /// Sets the level of all loggers whose own level was never set, future ones included.
    virtual void SetDefaultLevel(const std::string& levelName) = 0;
 
 protected:

@@ -7,7 +7,7 @@
 
 namespace Corvax {
 
-/// Base of everything that is shared between parts of the agent.
+/// Base of every object that parts of the agent share.
 ///
 /// Ownership: counted references, held through Ref<T>. An object starts with a count of zero and
 /// is destroyed when the last reference is released.
@@ -85,14 +85,14 @@ private:
 template <class T>
 using RefVector = std::vector<Ref<T>>;
 
-/// Makes a T and takes the first reference on it.
+/// Creates a T and takes the first reference on it.
 template <class T, class... Args>
 Ref<T> MakeRef(Args&&... args)
 {
    return Ref<T>(new T(std::forward<Args>(args)...));
 }
 
-/// The object seen as a T, null when it is none (or null).
+/// The object as a T; null when it is not a T, or null.
 template <class T, class U>
 Ref<T> RefCast(const Ref<U>& object)
 {

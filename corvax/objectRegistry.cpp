@@ -14,14 +14,14 @@ public:
    {
       const WriteGuard guard(_lock);
       if (id.empty() || !_objects.try_emplace(id, std::move(object)).second) {
-         throw InvalidArgumentException("An object cannot be registered as '" + id +
-                                        "': the id is empty or taken");
+         throw InvalidArgumentException("Cannot register an object as '" + id +
+                                        "': the id is empty or in use");
       }
    }
 
    bool Unregister(const std::string& id) override
    {
-      Ref<Object> last; // released after the lock: its destructor may call the registry
+      Ref<Object> last; // released after the lock, because its destructor may call the registry
       const WriteGuard guard(_lock);
       const auto found = _objects.find(id);
       if (found == _objects.end()) {

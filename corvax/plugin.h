@@ -6,15 +6,15 @@
 
 namespace Corvax {
 
-/// What the agent drives of a plug-in: Init, Start, WaitStop, each once and in this order, then the
-/// plug-in is released. An exception out of Init means that the plug-in is not started.
+/// A plug-in as the agent drives it: Init, Start and WaitStop, once each and in this order, then
+/// the agent releases it. If Init throws, the plug-in is not started.
 class Plugin : public virtual Object {
 public:
    virtual const char* GetName() const = 0;
    virtual int GetVerMajor() const = 0;
    virtual int GetVerMinor() const = 0;
    virtual void Init() = 0;
-   /// Called on a thread with a timer facility, which the plug-in may use for its own schedule.
+   /// Called on a thread with timers (System::GetThisThread), which the plug-in may use.
    virtual void Start() = 0;
    /// True when the plug-in has stopped.
    virtual bool WaitStop(int64_t timeoutUs) = 0;
@@ -23,9 +23,9 @@ protected:
    ~Plugin() override;
 };
 
-/// The entry that a plug-in's library exports under kPluginEntryName: puts a plug-in, with one
-/// reference taken for the caller, into `*plugin`. The agent passes the version of this interface
-/// as the two integers, major and minor.
+/// The function that a plug-in's library exports as kPluginEntryName. It stores a new plug-in, with
+/// one reference for the caller, in `*plugin`. The two integers are the major and minor version of
+/// this interface.
 using PluginEntry = void (*)(int, int, Plugin** plugin);
 
 constexpr char kPluginEntryName[] = "CorvaxPluginEntry";

@@ -18,9 +18,9 @@ namespace {
 
 class ScheduledItemImpl;
 
-/// The waiting items of one timer thread, shared with the items themselves.
+/// The pending items of one timer thread, shared with the items.
 struct TimerQueue {
-   std::mutex mutex; // guards everything here and the items' state; nothing is called under it
+   std::mutex mutex; // guards this struct and the items' state; nothing is called under it
    std::condition_variable wake;
    std::multimap<int64_t, Ref<ScheduledItemImpl>> items; // by due wall-clock time
    bool stopping = false;
@@ -36,7 +36,8 @@ public:
 
    bool Cancel() override
    {
-      Ref<Functor<>> dropped; // released after the lock: it may hold the last reference on an owner
+      Ref<Functor<>>
+         dropped; // released after the lock, because it may hold the last reference on an owner
       const std::lock_guard guard(_queue->mutex);
       if (!_functor) {
          return false;
@@ -54,14 +55,14 @@ public:
       return static_cast<bool>(_functor);
    }
 
-   /// With the queue locked: the functor, which the item gives up.
+   /// Moves the functor out of the item. Called with the queue locked.
    Ref<Functor<>> Take() { return std::exchange(_functor, nullptr); }
 
    int64_t GetLatestUs() const { return _latestUs; }
 
 private:
    const std::shared_ptr<TimerQueue> _queue;
-   Ref<Functor<>> _functor; // null once the item no longer waits
+   Ref<Functor<>> _functor; // null once the item is no longer pending
    const int64_t _dueUs;
    const int64_t _latestUs; // monotonic time at which the delay has passed
 };

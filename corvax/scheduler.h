@@ -9,57 +9,57 @@
 
 namespace Corvax {
 
-/// A functor waiting for its time.
+/// A scheduled call of a functor.
 class ScheduledItem : public virtual Object {
 public:
-   /// True when the functor was still waiting and will now never be called.
+   /// True if the functor was still pending; it will not be called.
    virtual bool Cancel() = 0;
-   /// True until the functor is taken for its call or cancelled.
+   /// True until the call begins or is cancelled.
    virtual bool IsPending() const = 0;
 
 protected:
    ~ScheduledItem() override;
 };
 
-/// The timer facility of a thread: calls functors once, when their time has come.
+/// The timers of a thread: each calls a functor once, when it is due.
 class Scheduler : public virtual Object {
 public:
    /// Calls the functor when the wall clock has advanced by `delayUs` microseconds, never sooner.
-   /// When the wall clock is set back, an item waits no longer than its delay in real time (to
-   /// about a second).
+   /// If the wall clock is set back, the call is made when the delay has passed on the monotonic
+   /// clock (about a second late).
    virtual Ref<ScheduledItem> ScheduleOnce(Ref<Functor<>> functor, int64_t delayUs) = 0;
 
 protected:
    ~Scheduler() override;
 };
 
-/// One call of a functor as its timer thread saw it. Times are wall clock, microseconds.
+/// One call of a functor, measured by its timer thread. Wall-clock times in microseconds.
 struct TimerRun {
    int64_t dueUs;
    int64_t startUs;
    int64_t endUs;
-   /// What the functor threw; empty when it returned.
+   /// Text of the exception that the functor threw; empty if it returned.
    std::string error;
-   /// Whether the thread holds further items, those scheduled by this call included.
+   /// Whether further items are scheduled, by this call or earlier.
    bool morePending;
 };
 
-/// A thread of its own with a timer facility: functors run on it one after the other, earliest
-/// first, and while one runs System::GetThisThread() is this scheduler.
+/// A thread with timers: it calls one functor at a time, earliest first. During a call
+/// System::GetThisThread() is this scheduler.
 ///
-/// Errors: an exception out of a functor ends that call only; it is told to the observer.
+/// Errors: an exception of a functor ends that call only; the observer receives its text.
 class TimerThread : public Scheduler {
 public:
-   /// Ends the thread: waits for a functor under way and drops those still waiting. Called on the
-   /// thread itself it only asks for the end. Later ScheduleOnce calls throw.
+   /// Drops all pending items and waits for a call in progress. Called on the thread itself, it
+   /// does not wait. Later calls of ScheduleOnce throw AssertionException.
    virtual void Stop() = 0;
 
 protected:
    ~TimerThread() override;
 };
 
-/// `name` is the thread's name (at most 15 characters); `observer`, when set, is called on the
-/// thread after each functor.
+/// `name` is the thread's name (at most 15 characters). `observer`, unless empty, is called on the
+/// thread after each call of a functor.
 Ref<TimerThread> NewTimerThread(const std::string& name,
                                 std::function<void(const TimerRun&)> observer);
 

@@ -19,13 +19,13 @@ public:
 
    static SystemFactory& GetFactory();
 
-   /// The timer facility of the calling thread; AssertionException on a thread without one.
+   /// The timers of the calling thread; AssertionException on a thread without any.
    static Scheduler& GetThisThread();
 
-   /// Gives the calling thread its timer facility, null for none; no reference is taken.
+   /// Sets the timers of the calling thread, null for none; takes no reference.
    static void SetThisThread(Scheduler* scheduler);
 
-   /// Replaces clock or files process-wide, null for the real ones; not while other threads run.
+   /// Replaces clock or files for the process, null for the real ones. Not while other threads run.
    static void SetClock(Clock* clock);
    static void SetFactory(SystemFactory* factory);
 

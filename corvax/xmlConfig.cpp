@@ -15,7 +15,7 @@ namespace {
 
 constexpr char kRoot[] = "config";
 
-// No configuration comes near it; a damaged or foreign file of any size is turned away unread.
+// Far above any real configuration: a damaged or foreign file is refused unread.
 constexpr uint64_t kMaxFileSizeBytes = 16U << 20;
 
 class XmlConfigImpl : public XmlConfig, public ObjectImpl {
@@ -46,7 +46,7 @@ private:
    std::string _text; // the file as it was read, for line numbers
 };
 
-/// Splits "interval[3]" into name and index; an index that is no number names nothing.
+/// Splits "interval[3]" into name and index; false for an index that is not a number.
 bool SplitStep(std::string_view step, std::string& name, int& index)
 {
    index = 0;
@@ -91,7 +91,7 @@ std::string ReadFile(const std::string& fileName)
    const uint64_t size = file->GetSize();
    if (size > kMaxFileSizeBytes) {
       throw FileFormatException(
-         Format("%1 is no configuration file: it has %2 bytes", fileName, size));
+         Format("%1 is not a configuration file: it has %2 bytes", fileName, size));
    }
    std::string text(static_cast<size_t>(size), '\0');
    text.resize(file->Read(text.data(), text.size()));
@@ -230,7 +230,7 @@ bool XmlConfigImpl::GetChildren(const std::string& path, const std::string& name
    return !elements.empty();
 }
 
-/// The walker goes without recursion: a file of any depth is listed safely.
+/// pugixml's walker does not recurse, so a file of any depth is listed safely.
 struct KeyLister : pugi::xml_tree_walker {
    std::vector<std::pair<std::string, pugi::xml_node>> keys;
    std::vector<std::string> steps;

@@ -11,21 +11,21 @@ namespace Corvax {
 /// A tree of keys with text values, kept in an XML file below the root element "config".
 ///
 /// A key path is element names joined by "/": "plugins/metrix/depotDir". Where a parent has several
-/// children of one name, "interval[1]" is the second of them; without an index the first is meant.
+/// children of one name, "interval[1]" is the second; a name without an index is the first.
 ///
 /// Errors: PlatformException where the file cannot be read or written, FileFormatException (file
-/// and line named) where it is no XML of this form, InvalidArgumentException (likewise) where a
-/// value is not of the type asked for. Locking: none; reading from several threads is allowed once
-/// nothing is changed any more.
+/// and line named) where it is not XML of this form, InvalidArgumentException (likewise) where a
+/// value is not of the requested type. Locking: none; once the tree no longer changes, any number
+/// of threads may read it.
 class XmlConfig : public virtual Object {
 public:
    struct Key {
       std::string path; ///< without indices
       std::string value;
-      int line; ///< 0 where the key was set since the file was read
+      int line; ///< 0 for a key set since the file was read
    };
 
-   /// Replaces the tree by the file's; after a failure it is as it was.
+   /// Replaces the tree by the file's. After a failure it is unchanged.
    virtual void Read() = 0;
    /// Writes the whole tree; a reader sees either the old file or the new one.
    virtual void Save() = 0;
@@ -49,17 +49,17 @@ public:
    virtual bool GetChildren(const std::string& path, const std::string& name,
                             std::vector<std::string>& elements) const = 0;
 
-   /// All keys that hold a value or nothing, in file order; containers are left out.
+   /// All keys in file order, without containers (elements that have child elements).
    virtual std::vector<Key> GetKeys() const = 0;
 
-   /// "FILE:LINE" of a key, "FILE" where the line is not known.
+   /// "FILE:LINE" of a key, "FILE" if the line is unknown.
    virtual std::string Where(const std::string& path) const = 0;
 
 protected:
    ~XmlConfig() override;
 };
 
-/// Nothing is read: the tree is empty until Read.
+/// Reads nothing: the tree is empty until Read.
 void GetXmlConfig(const std::string& fileName, Ref<XmlConfig>& config);
 
 } // namespace Corvax
