@@ -201,7 +201,7 @@ void PerformanceManagerImpl::QueryCounter(const std::vector<int32_t>& counterIds
    for (const int32_t counterId : counterIds) {
       CounterInfo* const info = _statsMetadata->GetCounterInfo(counterId);
       if (info == nullptr) {
-         throw InvalidArgument();
+         throw InvalidArgument("counterId", Corvax::Format("there is no counter %1", counterId));
       }
       found->Append(info);
    }
@@ -282,7 +282,7 @@ void PerformanceManagerImpl::GetVmCpuMemUsage(Plexa::MoRef* vm, Long& cpuUsageMh
                                               Long& memConsumedKB, Long& memActiveKB)
 {
    if (vm == nullptr) {
-      throw InvalidArgument();
+      throw InvalidArgument("vm", "is missing");
    }
    const Corvax::Locker lock(_statsDepot.Get());
    const std::string& entity = vm->GetId();

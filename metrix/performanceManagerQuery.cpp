@@ -12,6 +12,7 @@ namespace Metrix {
 namespace {
 
 using Corvax::DateTime;
+using Corvax::Format;
 using Corvax::kLogDebug;
 using Corvax::kLogInfo;
 using Corvax::kLogNotice;
@@ -57,10 +58,15 @@ void PerformanceManagerImpl::Metrics::Append(const std::string& statName, Ref<Me
 
 void PerformanceManagerImpl::ValidateEntityType(Plexa::MoRef* entity)
 {
-   if (entity == nullptr || (!entity->IsA(Quen::VirtualMachine::GetManagedType()) &&
-                             !entity->IsA(Quen::HostSystem::GetManagedType()) &&
-                             !entity->IsA(Quen::ResourcePool::GetManagedType()))) {
-      throw InvalidArgument();
+   if (entity == nullptr) {
+      throw InvalidArgument("entity", "is missing");
+   }
+   if (!entity->IsA(Quen::VirtualMachine::GetManagedType()) &&
+       !entity->IsA(Quen::HostSystem::GetManagedType()) &&
+       !entity->IsA(Quen::ResourcePool::GetManagedType())) {
+      throw InvalidArgument("entity",
+                            Format("'%1' is a %2, not a virtual machine, host or resource pool",
+                                   entity->GetId(), entity->GetType().name));
    }
 }
 
@@ -77,7 +83,7 @@ std::string PerformanceManagerImpl::GetStatName(const MetricId& metricId) const
 {
    std::string statName;
    if (!_statsMetadata->GetStatName(metricId.counterId, metricId.instance, statName)) {
-      throw InvalidArgument();
+      throw InvalidArgument("metricId", Format("there is no counter %1", metricId.counterId));
    }
    return statName;
 }
@@ -137,7 +143,7 @@ PerformanceManagerImpl::GetMetricIdInfo(const MetricIds& metricIds) const
       const std::string statName = GetStatName(*metricId);
       const auto* const data = _statsMetadata->GetStatsDepotData(statName);
       if (data == nullptr) {
-         throw InvalidArgument();
+         throw InvalidArgument("metricId", Format("counter %1 is not stored", metricId->counterId));
       }
       StatsDepot::RollupType rollup{};
       if (_statsMetadata->IsCompositeCounter(metricId->counterId)) {
@@ -212,7 +218,7 @@ void PerformanceManagerImpl::QueryAvailableMetric(Plexa::MoRef* entity,
    const Window window = GetWindow(beginTime, endTime);
    if (beginTime && window.start > window.end) {
       if (endTime) {
-         throw InvalidArgument();
+         throw InvalidArgument("beginTime", "is not before endTime");
       }
       return; // nothing can be there yet, which is no fault
    }
@@ -234,18 +240,19 @@ void PerformanceManagerImpl::QueryStats(Plexa::DataArray<QuerySpec>* querySpecs,
    }
    for (const Ref<QuerySpec>& spec : *querySpecs) {
       if (!spec) {
-         throw InvalidArgument();
+         throw InvalidArgument("querySpec", "is missing");
       }
       const Window window = GetWindow(spec->startTime, spec->endTime);
       if (spec->startTime && window.start > window.end) {
          if (spec->endTime) {
-            throw InvalidArgument();
+            throw InvalidArgument("startTime", "is not before endTime");
          }
          return; // from the future on: this one and those behind it give nothing
       }
       const std::string format = spec->format.value_or(FORMAT_NORMAL);
       if (format != FORMAT_CSV && format != FORMAT_NORMAL) {
-         throw InvalidArgument();
+         throw InvalidArgument(
+            "format", Format("'%1' is neither %2 nor %3", format, FORMAT_NORMAL, FORMAT_CSV));
       }
       const Ref<EntityMetric> entityMetric = QueryOne(spec.Get(), window);
       if (entityMetric && format == FORMAT_CSV) {
@@ -263,7 +270,7 @@ Ref<PerformanceManagerImpl::EntityMetric> PerformanceManagerImpl::QueryOne(Query
    const int32_t maxSample = spec->maxSample.value_or(kNoLimit);
    if (spec->maxSample && maxSample < 1) {
       _logger->Log(kLogInfo, "QueryStats: Invalid maxSample value %1", maxSample);
-      throw InvalidArgument();
+      throw InvalidArgument("maxSample", Format("%1 is below 1", maxSample));
    }
    const int32_t intervalId = spec->intervalId.value_or(kDefaultInterval);
    Ref<EntityMetric> entityMetric;
@@ -342,7 +349,7 @@ void PerformanceManagerImpl::QueryRawStats(Plexa::MoRef* entity, MetricIds* metr
    entityMetric = nullptr;
    ValidateEntityType(entity);
    if (metricIds == nullptr || metricIds->IsEmpty()) {
-      throw InvalidArgument();
+      throw InvalidArgument("metricId", "is empty; the latest values need named metrics");
    }
    const Ref<MetricIds> expanded = ExpandMetricIdWildCards(entity->GetId(), metricIds);
    const std::vector<std::string> statNames = GetStatNames(*expanded);
@@ -386,7 +393,10 @@ void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const
 {
    std::string intervalName;
    if (!GetIntervalName(intervalId, intervalName)) {
-      throw InvalidArgument();
+      throw InvalidArgument(
+         "intervalId",
+         Format("%1 is not an interval; use %2 (real time), %3 (historical) or %4 (latest values)",
+                intervalId, _collectionInterval, kDefaultInterval, kLatestValues));
    }
    std::vector<StatVal> values;
    std::vector<TimeStamp> timeStamps;

@@ -17,14 +17,17 @@ public:
 struct InvalidArgument {
    class Exception : public FaultException {
    public:
-      /// `invalidProperty` names the property at fault; empty when it is not told.
-      explicit Exception(std::string invalidProperty = {});
+      /// `invalidProperty` names the property of the request at fault, `reason` says what is wrong
+      /// with it ("is not before endTime"). Either may be empty. The message holds both.
+      explicit Exception(std::string invalidProperty = {}, std::string reason = {});
       ~Exception() override;
 
       const std::string& GetInvalidProperty() const { return _invalidProperty; }
+      const std::string& GetReason() const { return _reason; }
 
    private:
       std::string _invalidProperty;
+      std::string _reason;
    };
 };
 
