@@ -69,16 +69,20 @@ room(metrix/statsDepotImpl SEES ${depotParts} corvax)
 room(metrix/statsDepotRegistry SEES metrix/statsDepotImpl metrix/rowWindow ${depotParts} corvax)
 room(metrix/statsDepotRollup SEES metrix/statsDepotImpl ${depotParts} corvax)
 room(metrix/statsMetadata SEES metrix/statsDepot quen plexa corvax)
-room(metrix/counterTable SEES metrix/statsMetadata metrix/statsDepot quen plexa corvax)
+room(metrix/counterIds)
+room(metrix/counterTable
+   SEES metrix/counterIds metrix/statsMetadata metrix/statsDepot quen plexa corvax)
 room(metrix/baseStatsCollector
    SEES metrix/statsMetadata metrix/statsDepot metrix/statTypes agentdCommon quen plexa corvax)
-room(metrix/mockupStatsCollector SEES metrix/baseStatsCollector agentdCommon quen plexa corvax)
+room(metrix/mockupStatsCollector
+   SEES metrix/baseStatsCollector metrix/counterIds agentdCommon quen plexa corvax)
 room(metrix/ptrObj SEES corvax)
-set(hykCollector metrix/baseStatsCollector metrix/ptrObj ${services} ${interfaces})
+set(hykCollector metrix/baseStatsCollector metrix/counterIds metrix/ptrObj ${services}
+   ${interfaces})
 room(metrix/hykStatsCollector SEES ${hykCollector})
 room(metrix/hykStatsCollectorVm SEES metrix/hykStatsCollector ${hykCollector})
 set(manager metrix/hykStatsCollector metrix/mockupStatsCollector metrix/baseStatsCollector
-   metrix/statsMetadata metrix/statsDepot agentdCommon quen plexa corvax)
+   metrix/statsMetadata metrix/counterIds metrix/statsDepot agentdCommon quen plexa corvax)
 room(metrix/performanceManagerImpl SEES ${manager})
 room(metrix/performanceManagerQuery SEES metrix/performanceManagerImpl ${manager})
 room(metrix/qshCommands SEES metrix/statsDepot qsh/framework corvax)

@@ -4,6 +4,7 @@
 #include "agentdCommon/wellKnown.h"
 #include "corvax/application.h"
 #include "corvax/exception.h"
+#include "metrix/counterIds.h"
 #include "metrix/ptrObj.h"
 
 #include <algorithm>
@@ -138,25 +139,26 @@ void HykStatsCollector::CollectHostCpuStats(HostCtl::Resource::ResourceInfo* res
    int index = 0;
    for (const HostCtl::Resource::HostCpuStats& cpu : resourceInfo->GetCpuStats()) {
       const std::string instance = Format("%1", index++);
-      AddSample(moid_hostsystem, 0x0, ts, cpu.usedUs / 100, instance, kFullPercent); // cpu.usage
-      Add(moid_hostsystem, 0xE, ts, cpu.usedUs / 1000, instance);                    // cpu.used
-      Add(moid_hostsystem, 0xF, ts, cpu.idleUs / 1000, instance);                    // cpu.idle
+      AddSample(moid_hostsystem, kCpuUsage, ts, cpu.usedUs / 100, instance, kFullPercent);
+      Add(moid_hostsystem, kCpuUsed, ts, cpu.usedUs / 1000, instance);
+      Add(moid_hostsystem, kCpuIdle, ts, cpu.idleUs / 1000, instance);
       usedTotalUs += cpu.usedUs;
    }
    AssertCpuCache();
    const uint64_t usage = usedTotalUs / (static_cast<uint64_t>(_numCpuCores) * 100);
-   AddSample(moid_hostsystem, 0x0, ts, usage, StatsMetadata::AggregateInstanceId, kFullPercent);
-   Add(moid_hostsystem, 0x4, ts, ToMhz(usedTotalUs)); // cpu.usagemhz
+   AddSample(moid_hostsystem, kCpuUsage, ts, usage, StatsMetadata::AggregateInstanceId,
+             kFullPercent);
+   Add(moid_hostsystem, kCpuUsageMhz, ts, ToMhz(usedTotalUs));
    const PtrObj<HostCtl::Resource::ResourceGroup> rootGroup(resourceInfo->GetRootGroup());
    CollectCpuLoadStats(rootGroup, moid_hostsystem, ts);
-   Add(moid_hostsystem, 0x40000, ts, resourceInfo->GetUptimeUs() / 1000000); // sys.uptime
+   Add(moid_hostsystem, kSysUptime, ts, resourceInfo->GetUptimeUs() / 1000000);
 }
 
 void HykStatsCollector::CollectHostCapacityStats(const HostCtl::Resource::HostCapacity& capacity,
                                                  TimeStamp ts)
 {
-   Add(moid_hostsystem, 0x8, ts, capacity.reservedCpuMhz);       // cpu.reservedCapacity
-   Add(moid_hostsystem, 0x10035, ts, capacity.reservedMemoryMb); // mem.reservedCapacity
+   Add(moid_hostsystem, kCpuReservedCapacity, ts, capacity.reservedCpuMhz);
+   Add(moid_hostsystem, kMemReservedCapacity, ts, capacity.reservedMemoryMb);
 }
 
 void HykStatsCollector::CollectHostMemStats(HostCtl::Resource::ResourceInfo* resourceInfo,
@@ -167,24 +169,24 @@ void HykStatsCollector::CollectHostMemStats(HostCtl::Resource::ResourceInfo* res
    // Memory added since the start can be free beyond what the cache knows of.
    const uint64_t consumedKb = physicalKb - std::min(memory.freeKb, physicalKb);
    if (physicalKb > 0) {
-      Add(moid_hostsystem, 0x10000, ts, consumedKb * kFullPercent / physicalKb); // mem.usage
+      Add(moid_hostsystem, kMemUsage, ts, consumedKb * kFullPercent / physicalKb);
    }
-   Add(moid_hostsystem, 0x1004A, ts, consumedKb);            // mem.consumed
-   Add(moid_hostsystem, 0x10004, ts, memory.grantedKb);      // mem.granted
-   Add(moid_hostsystem, 0x10008, ts, memory.activeKb);       // mem.active
-   Add(moid_hostsystem, 0x1000C, ts, memory.sharedKb);       // mem.shared
-   Add(moid_hostsystem, 0x10014, ts, memory.unreservedKb);   // mem.unreserved
-   Add(moid_hostsystem, 0x10018, ts, memory.swapUsedKb);     // mem.swapused
-   Add(moid_hostsystem, 0x10020, ts, memory.sharedCommonKb); // mem.sharedcommon
-   Add(moid_hostsystem, 0x10024, ts, memory.heapKb);         // mem.heap
-   Add(moid_hostsystem, 0x10028, ts, memory.heapFreeKb);     // mem.heapfree
-   Add(moid_hostsystem, 0x1002C, ts, memory.state);          // mem.state
-   Add(moid_hostsystem, 0x1002D, ts, memory.balloonKb);      // mem.vmmemctl
-   Add(moid_hostsystem, 0x10031, ts, memory.overheadKb);     // mem.overhead
-   Add(moid_hostsystem, 0x10010, ts, memory.zeroKb);         // mem.zero
-   Add(moid_hostsystem, 0x1003E, ts, memory.swapInKb);       // mem.swapin
-   Add(moid_hostsystem, 0x10042, ts, memory.swapOutKb);      // mem.swapout
-   Add(moid_hostsystem, 0x1004E, ts, memory.sysUsageKb);     // mem.sysUsage
+   Add(moid_hostsystem, kMemConsumed, ts, consumedKb);
+   Add(moid_hostsystem, kMemGranted, ts, memory.grantedKb);
+   Add(moid_hostsystem, kMemActive, ts, memory.activeKb);
+   Add(moid_hostsystem, kMemShared, ts, memory.sharedKb);
+   Add(moid_hostsystem, kMemUnreserved, ts, memory.unreservedKb);
+   Add(moid_hostsystem, kMemSwapUsed, ts, memory.swapUsedKb);
+   Add(moid_hostsystem, kMemSharedCommon, ts, memory.sharedCommonKb);
+   Add(moid_hostsystem, kMemHeap, ts, memory.heapKb);
+   Add(moid_hostsystem, kMemHeapFree, ts, memory.heapFreeKb);
+   Add(moid_hostsystem, kMemState, ts, memory.state);
+   Add(moid_hostsystem, kMemVmmemctl, ts, memory.balloonKb);
+   Add(moid_hostsystem, kMemOverhead, ts, memory.overheadKb);
+   Add(moid_hostsystem, kMemZero, ts, memory.zeroKb);
+   Add(moid_hostsystem, kMemSwapIn, ts, memory.swapInKb);
+   Add(moid_hostsystem, kMemSwapOut, ts, memory.swapOutKb);
+   Add(moid_hostsystem, kMemSysUsage, ts, memory.sysUsageKb);
 }
 
 uint64_t HykStatsCollector::AddDiskStats(const std::string& entity, const std::string& instance,
@@ -193,13 +195,13 @@ uint64_t HykStatsCollector::AddDiskStats(const std::string& entity, const std::s
 {
    const uint64_t readKb = (statistics.blocksRead * blockSizeBytes) >> 10;
    const uint64_t writtenKb = (statistics.blocksWritten * blockSizeBytes) >> 10;
-   Add(entity, 0x20006, ts, readKb, instance);                     // disk.read
-   Add(entity, 0x20007, ts, writtenKb, instance);                  // disk.write
-   Add(entity, 0x20004, ts, statistics.readOperations, instance);  // disk.numberRead
-   Add(entity, 0x20005, ts, statistics.writeOperations, instance); // disk.numberWrite
-   Add(entity, 0x20008, ts, statistics.commands, instance);        // disk.commands
-   Add(entity, 0x20009, ts, statistics.abortedCommands, instance); // disk.commandsAborted
-   Add(entity, 0x2000A, ts, statistics.busResets, instance);       // disk.busResets
+   Add(entity, kDiskRead, ts, readKb, instance);
+   Add(entity, kDiskWrite, ts, writtenKb, instance);
+   Add(entity, kDiskNumberRead, ts, statistics.readOperations, instance);
+   Add(entity, kDiskNumberWrite, ts, statistics.writeOperations, instance);
+   Add(entity, kDiskCommands, ts, statistics.commands, instance);
+   Add(entity, kDiskCommandsAborted, ts, statistics.abortedCommands, instance);
+   Add(entity, kDiskBusResets, ts, statistics.busResets, instance);
    return readKb + writtenKb;
 }
 
@@ -211,7 +213,7 @@ void HykStatsCollector::CollectHostDiskStats(const LunVector& luns, TimeStamp ts
                               lun->GetBlockSizeBytes(), ts);
    }
    if (!luns.empty()) {
-      Add(moid_hostsystem, 0x20000, ts, totalKb); // disk.usage
+      Add(moid_hostsystem, kDiskUsage, ts, totalKb);
    }
 }
 
@@ -222,10 +224,10 @@ uint64_t HykStatsCollector::AddPortStats(const std::string& entity, const std::s
    const HostCtl::Network::PortStatistics statistics = port->GetStatistics();
    const uint32_t receivedKb = statistics.bytesReceived >> 10;
    const uint32_t sentKb = statistics.bytesSent >> 10;
-   Add(entity, 0x30006, ts, receivedKb, instance);                 // net.received
-   Add(entity, 0x30007, ts, sentKb, instance);                     // net.transmitted
-   Add(entity, 0x30004, ts, statistics.packetsReceived, instance); // net.packetsRx
-   Add(entity, 0x30005, ts, statistics.packetsSent, instance);     // net.packetsTx
+   Add(entity, kNetReceived, ts, receivedKb, instance);
+   Add(entity, kNetTransmitted, ts, sentKb, instance);
+   Add(entity, kNetPacketsRx, ts, statistics.packetsReceived, instance);
+   Add(entity, kNetPacketsTx, ts, statistics.packetsSent, instance);
    return uint64_t{receivedKb} + sentKb;
 }
 
@@ -244,7 +246,7 @@ void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp t
       }
    }
    if (!nics.empty()) {
-      Add(moid_hostsystem, 0x30000, ts, totalKb); // net.usage
+      Add(moid_hostsystem, kNetUsage, ts, totalKb);
    }
 }
 

@@ -3,6 +3,7 @@
 #include "agentdCommon/wellKnown.h"
 #include "corvax/application.h"
 #include "corvax/exception.h"
+#include "metrix/counterIds.h"
 #include "metrix/ptrObj.h"
 
 #include <algorithm>
@@ -71,7 +72,7 @@ bool HykStatsCollector::CollectVmStats(ResourceMgr* resourceMgr, Vm* vm, TimeSta
 void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, TimeStamp ts)
 {
    const std::string& entity = vm->GetMoRef()->GetId();
-   Add(entity, 0x40001, ts, vm->GetHeartbeatCount()); // sys.heartbeat
+   Add(entity, kSysHeartbeat, ts, vm->GetHeartbeatCount());
    const PtrObj<CpuStats> total(resourceMgr->GetVmCpuStats(vm->GetMoRef()));
    const std::vector<CpuTimes> vcpus = resourceMgr->GetVmCpuTimes(vm->GetMoRef());
    if (total == nullptr || vcpus.empty()) {
@@ -81,20 +82,20 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
    for (size_t i = 0; i < vcpus.size(); ++i) {
       const CpuTimes& vcpu = vcpus[i];
       const std::string instance = Format("%1", i);
-      Add(entity, 0x4, ts, ToMhz(vcpu.usedUs), instance);   // cpu.usagemhz
-      Add(entity, 0x9, ts, vcpu.systemUs / 1000, instance); // cpu.system
-      Add(entity, 0xA, ts, vcpu.waitUs / 1000, instance);   // cpu.wait
-      Add(entity, 0xB, ts, vcpu.readyUs / 1000, instance);  // cpu.ready
-      Add(entity, 0xC, ts, vcpu.extraUs / 1000, instance);  // cpu.extra
-      Add(entity, 0xD, ts, vcpu.guaranteedMs, instance);    // cpu.guaranteed
-      Add(entity, 0xE, ts, vcpu.usedUs / 1000, instance);   // cpu.used
+      Add(entity, kCpuUsageMhz, ts, ToMhz(vcpu.usedUs), instance);
+      Add(entity, kCpuSystem, ts, vcpu.systemUs / 1000, instance);
+      Add(entity, kCpuWait, ts, vcpu.waitUs / 1000, instance);
+      Add(entity, kCpuReady, ts, vcpu.readyUs / 1000, instance);
+      Add(entity, kCpuExtra, ts, vcpu.extraUs / 1000, instance);
+      Add(entity, kCpuGuaranteed, ts, vcpu.guaranteedMs, instance);
+      Add(entity, kCpuUsed, ts, vcpu.usedUs / 1000, instance);
       if (i == 0) {
-         Add(entity, 0x40000, ts, vcpu.uptimeUs / 1000000); // sys.uptime
+         Add(entity, kSysUptime, ts, vcpu.uptimeUs / 1000000);
       }
    }
-   AddSample(entity, 0x0, ts, total->usedUs / (vcpus.size() * 100),
-             StatsMetadata::AggregateInstanceId, kFullPercent); // cpu.usage
-   Add(entity, 0x4, ts, ToMhz(total->usedUs));                  // cpu.usagemhz
+   AddSample(entity, kCpuUsage, ts, total->usedUs / (vcpus.size() * 100),
+             StatsMetadata::AggregateInstanceId, kFullPercent);
+   Add(entity, kCpuUsageMhz, ts, ToMhz(total->usedUs));
    CollectVmCpuLoadStats(resourceMgr, vm, ts);
 }
 
@@ -111,22 +112,22 @@ void HykStatsCollector::CollectVmMemStats(ResourceMgr* resourceMgr, Vm* vm, int6
    }
    if (memoryMb > 0) {
       const uint64_t configuredKb = static_cast<uint64_t>(memoryMb) * 1024;
-      Add(entity, 0x10000, ts, client->activeKb * kFullPercent / configuredKb); // mem.usage
+      Add(entity, kMemUsage, ts, client->activeKb * kFullPercent / configuredKb);
    }
    const uint64_t consumedKb =
       client->grantedKb - std::min(client->savedBySharingKb, client->grantedKb);
-   Add(entity, 0x1004A, ts, consumedKb);              // mem.consumed
-   Add(entity, 0x10004, ts, client->grantedKb);       // mem.granted
-   Add(entity, 0x10008, ts, client->activeKb);        // mem.active
-   Add(entity, 0x1000C, ts, memory->sharedKb);        // mem.shared
-   Add(entity, 0x10010, ts, memory->zeroKb);          // mem.zero
-   Add(entity, 0x10036, ts, memory->swappedKb);       // mem.swapped
-   Add(entity, 0x1003A, ts, swap->targetKb);          // mem.swaptarget
-   Add(entity, 0x1003E, ts, swap->inKb);              // mem.swapin
-   Add(entity, 0x10042, ts, swap->outKb);             // mem.swapout
-   Add(entity, 0x1002D, ts, memory->balloonKb);       // mem.vmmemctl
-   Add(entity, 0x10046, ts, client->balloonTargetKb); // mem.vmmemctltarget
-   Add(entity, 0x10031, ts, memory->overheadKb);      // mem.overhead
+   Add(entity, kMemConsumed, ts, consumedKb);
+   Add(entity, kMemGranted, ts, client->grantedKb);
+   Add(entity, kMemActive, ts, client->activeKb);
+   Add(entity, kMemShared, ts, memory->sharedKb);
+   Add(entity, kMemZero, ts, memory->zeroKb);
+   Add(entity, kMemSwapped, ts, memory->swappedKb);
+   Add(entity, kMemSwapTarget, ts, swap->targetKb);
+   Add(entity, kMemSwapIn, ts, swap->inKb);
+   Add(entity, kMemSwapOut, ts, swap->outKb);
+   Add(entity, kMemVmmemctl, ts, memory->balloonKb);
+   Add(entity, kMemVmmemctlTarget, ts, client->balloonTargetKb);
+   Add(entity, kMemOverhead, ts, memory->overheadKb);
 }
 
 void HykStatsCollector::CollectVmNetworkStats(Vm* vm, Quen::Vm::ConfigInfo* config, TimeStamp ts)
@@ -163,7 +164,7 @@ void HykStatsCollector::CollectVmCards(Vm* vm, const Corvax::RefVector<EthernetC
       }
    }
    if (connected > 0) {
-      Add(entity, 0x30000, ts, totalKb); // net.usage
+      Add(entity, kNetUsage, ts, totalKb);
    }
 }
 
@@ -194,8 +195,7 @@ void HykStatsCollector::CollectAllVmDiskStats(const Corvax::RefVector<Vm>& vms,
    }
    for (size_t k = 0; k < vms.size(); ++k) {
       if (totalsKb[k] != kNoData) {
-         Add(vms[k]->GetMoRef()->GetId(), 0x20000, ts,
-             static_cast<uint64_t>(totalsKb[k])); // disk.usage
+         Add(vms[k]->GetMoRef()->GetId(), kDiskUsage, ts, static_cast<uint64_t>(totalsKb[k]));
       }
    }
 }
@@ -231,16 +231,16 @@ void HykStatsCollector::AddResourcePoolStats(const std::string& poolId, CpuStats
 {
    AssertCpuCache();
    if (cpu) {
-      Add(poolId, 0x4, ts, ToMhz(cpu->usedUs)); // cpu.usagemhz
+      Add(poolId, kCpuUsageMhz, ts, ToMhz(cpu->usedUs));
    }
    if (mem) {
-      Add(poolId, 0x10004, ts, mem->grantedKb);  // mem.granted
-      Add(poolId, 0x10008, ts, mem->activeKb);   // mem.active
-      Add(poolId, 0x1000C, ts, mem->sharedKb);   // mem.shared
-      Add(poolId, 0x10010, ts, mem->zeroKb);     // mem.zero
-      Add(poolId, 0x10036, ts, mem->swappedKb);  // mem.swapped
-      Add(poolId, 0x1002D, ts, mem->balloonKb);  // mem.vmmemctl
-      Add(poolId, 0x10031, ts, mem->overheadKb); // mem.overhead
+      Add(poolId, kMemGranted, ts, mem->grantedKb);
+      Add(poolId, kMemActive, ts, mem->activeKb);
+      Add(poolId, kMemShared, ts, mem->sharedKb);
+      Add(poolId, kMemZero, ts, mem->zeroKb);
+      Add(poolId, kMemSwapped, ts, mem->swappedKb);
+      Add(poolId, kMemVmmemctl, ts, mem->balloonKb);
+      Add(poolId, kMemOverhead, ts, mem->overheadKb);
    }
 }
 
@@ -280,7 +280,7 @@ void HykStatsCollector::CollectSystemResGroupStats(ResourceMgr* resourceMgr, Tim
    for (const std::string& key : _systemResGroupList) {
       const PtrObj<CpuStats> cpu(resourceMgr->GetSystemGroupCpuStats(key));
       if (cpu != nullptr) {
-         Add(moid_hostsystem, 0x40002, ts, ToMhz(cpu->usedUs), key); // sys.resourceCpuUsage
+         Add(moid_hostsystem, kSysResourceCpuUsage, ts, ToMhz(cpu->usedUs), key);
       }
    }
 }
@@ -311,9 +311,12 @@ void HykStatsCollector::AddCpuLoadStats(const std::string& entity, TimeStamp ts,
       int counterIds[5];
    };
    const Period periods[] = {
-      {history.oneMinute, {0x50000, 0x50001, 0x50002, 0x50009, 0x5000A}},
-      {history.fiveMinutes, {0x50003, 0x50004, 0x50005, 0x5000B, 0x5000C}},
-      {history.fifteenMinutes, {0x50006, 0x50007, 0x50008, 0x5000D, 0x5000E}},
+      {history.oneMinute,
+       {kRescpuActav1, kRescpuActpk1, kRescpuRunav1, kRescpuRunpk1, kRescpuMaxLimited1}},
+      {history.fiveMinutes,
+       {kRescpuActav5, kRescpuActpk5, kRescpuRunav5, kRescpuRunpk5, kRescpuMaxLimited5}},
+      {history.fifteenMinutes,
+       {kRescpuActav15, kRescpuActpk15, kRescpuRunav15, kRescpuRunpk15, kRescpuMaxLimited15}},
    };
    for (const auto& [load, counterIds] : periods) {
       const uint32_t percents[] = {load.activeAverage, load.activePeak, load.runAverage,
@@ -322,8 +325,8 @@ void HykStatsCollector::AddCpuLoadStats(const std::string& entity, TimeStamp ts,
          Add(entity, counterIds[i], ts, percents[i] * 100U); // hundredths, a 32-bit product
       }
    }
-   Add(entity, 0x5000F, ts, history.sampleCount);    // rescpu.sampleCount
-   Add(entity, 0x50010, ts, history.samplePeriodMs); // rescpu.samplePeriod
+   Add(entity, kRescpuSampleCount, ts, history.sampleCount);
+   Add(entity, kRescpuSamplePeriod, ts, history.samplePeriodMs);
 }
 
 } // namespace Metrix

@@ -1,6 +1,7 @@
 #include "metrix/mockupStatsCollector.h"
 
 #include "agentdCommon/wellKnown.h"
+#include "metrix/counterIds.h"
 
 namespace Metrix {
 
@@ -14,7 +15,6 @@ void MockupStatsCollector::CollectStats(int64_t timeStamp)
 
 void MockupStatsCollector::CollectHostCpuStats(int64_t timeStamp)
 {
-   constexpr int kCpuUsage = 0x00000;
    const auto ts = static_cast<TimeStamp>(timeStamp);
    AddSample(moid_hostsystem, kCpuUsage, ts, 0, "0", 0);
    AddSample(moid_hostsystem, kCpuUsage, ts, 0, StatsMetadata::AggregateInstanceId, 0);
@@ -23,10 +23,9 @@ void MockupStatsCollector::CollectHostCpuStats(int64_t timeStamp)
 
 void MockupStatsCollector::CollectCpuLoadStats(const std::string& entityId, int64_t timeStamp)
 {
-   // Averages and active peaks of the three periods; run peaks and the rest are not made.
-   constexpr int kFirstLoadCounter = 0x50000;
-   constexpr int kLastLoadCounter = 0x50008;
-   for (int counterId = kFirstLoadCounter; counterId <= kLastLoadCounter; ++counterId) {
+   // Only the averages and active peaks of the three periods: run peaks, limits and the history's
+   // size are not mocked.
+   for (int counterId = kRescpuActav1; counterId <= kRescpuRunav15; ++counterId) {
       AddSample(entityId, counterId, static_cast<TimeStamp>(timeStamp), 0,
                 StatsMetadata::AggregateInstanceId, 0);
    }
@@ -35,19 +34,9 @@ void MockupStatsCollector::CollectCpuLoadStats(const std::string& entityId, int6
 void MockupStatsCollector::CollectHostMemStats(int64_t timeStamp)
 {
    constexpr int kMemCounters[] = {
-      0x10000, // usage
-      0x10004, // granted
-      0x10008, // active
-      0x1000C, // shared
-      0x10014, // unreserved
-      0x10018, // swapused
-      0x10020, // sharedcommon
-      0x10024, // heap
-      0x10028, // heapfree
-      0x1002C, // state
-      0x1002D, // vmmemctl
-      0x10031, // overhead
-      0x10010, // zero
+      kMemUsage,    kMemGranted,      kMemActive, kMemShared,   kMemUnreserved,
+      kMemSwapUsed, kMemSharedCommon, kMemHeap,   kMemHeapFree, kMemState,
+      kMemVmmemctl, kMemOverhead,     kMemZero,
    };
    for (const int counterId : kMemCounters) {
       AddSample(moid_hostsystem, counterId, static_cast<TimeStamp>(timeStamp), 0,

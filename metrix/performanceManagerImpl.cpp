@@ -4,6 +4,7 @@
 #include "corvax/application.h"
 #include "corvax/dateTime.h"
 #include "corvax/exception.h"
+#include "metrix/counterIds.h"
 #include "metrix/hykStatsCollector.h"
 #include "metrix/mockupStatsCollector.h"
 #include "plexa/fault.h"
@@ -260,15 +261,6 @@ PerformanceManagerImpl::Long PerformanceManagerImpl::GetLatestSample(
    return static_cast<Long>(
       _statsDepot->GetSample(entityId, statName, ts, "", StatsDepot::ROLLUP_NONE));
 }
-
-namespace {
-
-constexpr StatsMetadata::CounterId kCpuUsageMhz = 0x00004;
-constexpr StatsMetadata::CounterId kMemActive = 0x10008;
-constexpr StatsMetadata::CounterId kMemOverhead = 0x10031;
-constexpr StatsMetadata::CounterId kMemConsumed = 0x1004A;
-
-} // namespace
 
 void PerformanceManagerImpl::GetHostCpuMemUsage(Long& cpuUsageMhz, Long& memConsumedKB)
 {
