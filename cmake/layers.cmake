@@ -80,6 +80,7 @@ room(metrix/ptrObj SEES corvax)
 set(hykCollector metrix/baseStatsCollector metrix/counterIds metrix/ptrObj ${services}
    ${interfaces})
 room(metrix/hykStatsCollector SEES ${hykCollector})
+room(metrix/hykStatsCollectorGroups SEES metrix/hykStatsCollector ${hykCollector})
 room(metrix/hykStatsCollectorVm SEES metrix/hykStatsCollector ${hykCollector})
 set(manager metrix/hykStatsCollector metrix/mockupStatsCollector metrix/baseStatsCollector
    metrix/statsMetadata metrix/counterIds metrix/statsDepot agentdCommon quen plexa corvax)
