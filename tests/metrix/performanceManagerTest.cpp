@@ -10,9 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <random>
-#include <set>
 
 namespace {
 
@@ -22,78 +20,6 @@ using Corvax::Ref;
 using Quen::PerformanceManager;
 using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
 using NotImplemented = Plexa::Fault::NotImplemented::Exception;
-
-TEST(StatsMetadataTest, ExpandsItsTableIntoCountersAndStats)
-{
-   StatsMetadata metadata;
-   Ref<Plexa::DataArray<PerformanceManager::CounterInfo>> counters;
-   metadata.GetAllCounters(counters);
-   std::set<std::string> statNames;
-   std::map<int32_t, std::string> lines;
-   int composites = 0;
-   for (const auto& counter : *counters) {
-      lines[counter->key] = Corvax::Format(
-         "%1 %2 %3 %4 %5 %6\n", counter->key, counter->groupInfo->key, counter->nameInfo->key,
-         counter->unitInfo->key, counter->statsType, counter->rollupType);
-      composites += metadata.IsCompositeCounter(counter->key) ? 1 : 0;
-      std::string statName;
-      ASSERT_TRUE(metadata.GetStatName(counter->key, statName));
-      statNames.insert(statName);
-      // The way from a counter to its rollup and back ends where it began, and the two numberings
-      // name the same thing.
-      const StatsMetadata::StatsDepotData* const data = metadata.GetStatsDepotData(statName + "#x");
-      ASSERT_NE(data, nullptr);
-      StatsDepot::RollupType rollup{};
-      ASSERT_TRUE(data->GetRollup(counter->key, rollup));
-      StatsMetadata::CounterId back = -1;
-      ASSERT_TRUE(data->GetCounterId(rollup, back));
-      EXPECT_EQ(back, counter->key);
-      const std::map<int, StatsDepot::RollupType> inDepot = {
-         {PerformanceManager::CounterInfo::average, StatsDepot::ROLLUP_AVERAGE},
-         {PerformanceManager::CounterInfo::maximum, StatsDepot::ROLLUP_MAX},
-         {PerformanceManager::CounterInfo::minimum, StatsDepot::ROLLUP_MIN},
-         {PerformanceManager::CounterInfo::latest, StatsDepot::ROLLUP_LAST},
-         {PerformanceManager::CounterInfo::summation, StatsDepot::ROLLUP_SUM},
-         {PerformanceManager::CounterInfo::none, StatsDepot::ROLLUP_NONE}};
-      EXPECT_EQ(inDepot.at(counter->rollupType), rollup);
-      EXPECT_EQ(static_cast<int>(counter->statsType), static_cast<int>(data->GetStatType()));
-   }
-   EXPECT_EQ(lines.size(), 136u);
-   EXPECT_EQ(statNames.size(), 64u);
-   EXPECT_EQ(composites, 24);
-   // Clients and stored files know counters by these very ids, names and units: an FNV-1a hash over
-   // the published list, a line a counter in the order of ids.
-   uint64_t hash = 0xcbf29ce484222325;
-   for (const auto& [id, line] : lines) {
-      for (const char c : line) {
-         hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-      }
-   }
-   EXPECT_EQ(hash, 0x7f4756c47c531d89U);
-   EXPECT_EQ(*metadata.GetCounterInfo(0)->associatedCounterId, (std::vector<int32_t>{1, 3, 2}));
-   EXPECT_FALSE(metadata.GetCounterInfo(2)->associatedCounterId.has_value());
-}
-
-TEST(StatsMetadataTest, NamesStatsByGroupNameAndInstance)
-{
-   StatsMetadata metadata;
-   const std::tuple<int, std::string, std::string> cases[] = {
-      {0x00001, "", "cpu-usage"},
-      {0x20004, "sd#a", "disk-numberRead#sd#a"},
-      {0x40003, "host/x", "sys-resourceCpuUsage#host/x"},
-   };
-   for (const auto& [counterId, instance, expected] : cases) {
-      std::string statName;
-      EXPECT_TRUE(metadata.GetStatName(counterId, instance, statName));
-      EXPECT_EQ(statName, expected);
-      EXPECT_EQ(StatsMetadata::GetInstanceId(statName), instance);
-   }
-   std::string untouched = "untouched";
-   EXPECT_FALSE(metadata.GetStatName(0x1001C, untouched));
-   EXPECT_EQ(untouched, "untouched");
-   EXPECT_EQ(metadata.GetStatsDepotData("cpu-nothing"), nullptr);
-   EXPECT_THROW(metadata.IsCompositeCounter(0x7FFF), InvalidArgument);
-}
 
 TEST(FindIntervalBoundaryTest, GivesTheNextInstantOfTheGrid)
 {
