@@ -1,7 +1,7 @@
 #include "bench/filledDepot.h"
 
 #include "corvax/exception.h"
-#include "metrix/littleEndian.h"
+#include "metrix/storeFormat.h"
 
 #include <fstream>
 
@@ -9,7 +9,7 @@ namespace Bench {
 
 namespace {
 
-using Metrix::Encode;
+namespace Format = Metrix::StoreFormat;
 using Metrix::TimeStamp;
 
 /// Whether each row of a store is in use, by row.
@@ -18,7 +18,7 @@ using RowsInUse = std::vector<bool>;
 class StoreWriter {
 public:
    StoreWriter(const std::string& directory, int periodSec, unsigned samples, TimeStamp newest)
-      : _period(static_cast<uint64_t>(periodSec)), _samples(samples),
+      : _period(static_cast<uint32_t>(periodSec)), _samples(samples),
         _newest(newest - newest % _period),
         _file(directory + kDepotName + "-" + std::to_string(periodSec) + ".stats",
               std::ios::binary | std::ios::trunc)
@@ -27,18 +27,22 @@ public:
 
    void Write(const RowsInUse& rows)
    {
-      Put(static_cast<uint32_t>(_samples));
-      Put(static_cast<uint32_t>(_period));
-      for (uint64_t column = 0; column < _samples; ++column) {
-         Put(_newest - (_samples - 1 - column) * _period);
+      std::vector<std::byte> header = Format::EncodeEmptyStore(_samples, _period);
+      for (uint32_t column = 0; column < _samples; ++column) {
+         const TimeStamp stamp = _newest - uint64_t{_samples - 1 - column} * _period;
+         Metrix::Encode(stamp, &header[Format::TimeStampPos(column)]);
       }
+      Append(header);
+      const std::vector<std::byte> freeRow(Format::RowSize(_samples));
+      std::vector<std::byte> usedRow(freeRow.size());
       for (size_t row = 0; row < rows.size(); ++row) {
-         const bool isUsed = rows[row];
-         Put(uint32_t{isUsed});
-         Put(isUsed ? _newest : uint64_t{0});
-         for (uint64_t column = 0; column < _samples; ++column) {
-            Put(isUsed ? row % 1000 + column : uint64_t{0});
+         Format::StatVector view(usedRow.data());
+         view.Clear(_samples);
+         view.SetTimeStamp(_newest);
+         for (size_t column = 0; column < _samples; ++column) {
+            view.SetSample(column, row % 1000 + column);
          }
+         Append(rows[row] ? usedRow : freeRow);
       }
       _file.close();
       if (!_file) {
@@ -47,16 +51,14 @@ public:
    }
 
 private:
-   template <class T>
-   void Put(T value)
+   void Append(const std::vector<std::byte>& bytes)
    {
-      std::byte bytes[sizeof(T)];
-      Encode(value, bytes);
-      _file.write(reinterpret_cast<const char*>(bytes), sizeof bytes);
+      _file.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
    }
 
-   const uint64_t _period;
-   const uint64_t _samples;
+   const uint32_t _period;
+   const uint32_t _samples;
    const TimeStamp _newest;
    std::ofstream _file;
 };

@@ -2,6 +2,7 @@
 
 #include "bench/workload.h"
 #include "corvax/exception.h"
+#include "metrix/storeFormat.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -14,9 +15,9 @@ namespace Bench {
 
 namespace {
 
-// A row: a 4-byte flag, an 8-byte stamp and an 8-byte number a column (docs/formats/store.md).
-constexpr size_t kStampOffset = 4;
-constexpr size_t kRowBytes = 12 + 8 * kFineSamples;
+namespace Format = Metrix::StoreFormat;
+
+constexpr size_t kRowBytes = Format::RowSize(kFineSamples);
 constexpr size_t kRowsPerBlock = 64;
 
 void Check(bool isDone, const char* operation)
@@ -31,9 +32,9 @@ void PutSample(std::byte* row, uint64_t value)
 {
    const uint32_t used = 1;
    const size_t column = value % kFineSamples;
-   std::memcpy(row, &used, sizeof used);
-   std::memcpy(row + kStampOffset, &value, sizeof value);
-   std::memcpy(row + 12 + 8 * column, &value, sizeof value);
+   std::memcpy(row + Format::kRowUsedPos, &used, sizeof used);
+   std::memcpy(row + Format::kRowTimeStampPos, &value, sizeof value);
+   std::memcpy(row + Format::SamplePos(column), &value, sizeof value);
 }
 
 } // namespace

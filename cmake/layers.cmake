@@ -59,9 +59,12 @@ room(qsh/framework SEES corvax)
 # Within metrix arrows point down, too. It takes no library and no system header.
 room(metrix/statTypes)
 room(metrix/littleEndian)
+room(metrix/storeFormat SEES metrix/littleEndian metrix/statTypes)
+room(metrix/columnRing SEES metrix/statTypes)
 room(metrix/slotUsageMap SEES corvax)
 room(metrix/rowWindow SEES metrix/littleEndian corvax)
-room(metrix/statsStore SEES metrix/rowWindow metrix/littleEndian metrix/statTypes corvax)
+room(metrix/statsStore
+   SEES metrix/rowWindow metrix/columnRing metrix/storeFormat metrix/statTypes corvax)
 room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
 set(depotParts metrix/statsStore metrix/slotUsageMap metrix/statsDepot metrix/littleEndian
    metrix/statTypes)

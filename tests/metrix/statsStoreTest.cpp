@@ -1,6 +1,5 @@
 #include "metrix/statsStore.h"
 
-#include "metrix/slotUsageMap.h"
 #include "tests/fakes/captureLogger.h"
 #include "tests/fakes/messageOf.h"
 #include "tests/fakes/scratch.h"
@@ -10,34 +9,6 @@
 namespace {
 
 using namespace Metrix;
-
-TEST(SlotUsageMapTest, AllocatesTheLowestFreeSlotAndSearchesTheLastUsedFromItsHint)
-{
-   SlotUsageMap map(3);
-   for (int slot = 0; slot < 5; ++slot) {
-      ASSERT_EQ(map.FindFirstFreeSlot(), slot);
-      map.MarkSlotUsed(slot);
-   }
-   EXPECT_EQ(map.GetSize(), 5);
-   map.MarkSlotFree(3);
-   map.MarkSlotFree(1);
-   EXPECT_EQ(map.FindFirstFreeSlot(), 1);
-   EXPECT_EQ(map.FindLastUsedSlot(), 4);
-   EXPECT_FALSE(map.IsSlotUsed(5));
-   EXPECT_THROW(map.IsSlotUsed(6), Corvax::AssertionException);
-   EXPECT_THROW(map.MarkSlotUsed(6), Corvax::AssertionException);
-   map.Resize(1);
-   EXPECT_EQ(map.FindLastUsedSlot(), 0);
-   map.Resize(4);
-   EXPECT_FALSE(map.IsSlotUsed(3));
-
-   SlotUsageMap empty(10);
-   EXPECT_EQ(empty.FindLastUsedSlot(), -1);
-   empty.MarkSlotUsed(5); // a hint of 0 stays
-   EXPECT_EQ(empty.FindLastUsedSlot(), -1);
-   empty.MarkSlotUsed(0);
-   EXPECT_EQ(empty.FindLastUsedSlot(), 0);
-}
 
 class StatsStoreTest : public testing::Test {
 protected:

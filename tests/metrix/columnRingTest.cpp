@@ -1,0 +1,114 @@
+#include "metrix/columnRing.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+namespace {
+
+using namespace Metrix;
+
+using Stamps = std::vector<TimeStamp>;
+
+Stamps InOrder(const ColumnRing& ring, TimeStamp begin = kUnset, TimeStamp end = kUnset)
+{
+   Stamps stamps{1, 2, 3}; // replaced
+   ring.GetTimeStamps(ring.FindRange(begin, end), stamps);
+   return stamps;
+}
+
+TEST(ColumnRingTest, FindsTheEarliestAndTheLatestColumnOfAFile)
+{
+   struct Case {
+      std::string name;
+      Stamps file;
+      int32_t earliest;
+      int32_t latest;
+      Stamps inOrder;
+   };
+   const Case cases[] = {
+      {"no columns", {}, -1, -1, {}},
+      {"none in use", {kUnset, kUnset}, -1, -1, {}},
+      {"one column", {10}, 0, 0, {10}},
+      {"one of three in use", {10, kUnset, kUnset}, 0, 0, {10}},
+      {"full", {10, 20, 30}, 0, 2, {10, 20, 30}},
+      {"wrapped", {40, 20, 30}, 1, 0, {20, 30, 40}},
+      {"greatest valid stamp", {kUnset - 1, 20}, 1, 0, {20, kUnset - 1}},
+      {"equal stamps", {10, 20, 20}, 0, 1, {10, 20}},
+      {"all stamps equal", {20, 20}, 0, 0, {20}},
+   };
+   for (const Case& c : cases) {
+      const ColumnRing ring(c.file);
+      EXPECT_EQ(ring.GetEarliest(), c.earliest) << c.name;
+      EXPECT_EQ(ring.GetLatest(), c.latest) << c.name;
+      EXPECT_EQ(ring.GetEarliestTimeStamp(), c.inOrder.empty() ? kUnset : c.inOrder.front());
+      EXPECT_EQ(ring.GetLatestTimeStamp(), c.inOrder.empty() ? kUnset : c.inOrder.back());
+      EXPECT_EQ(InOrder(ring), c.inOrder) << c.name;
+   }
+}
+
+TEST(ColumnRingTest, AddingReplacesTheOldestColumnOnceAllAreInUse)
+{
+   for (const size_t size : {1u, 2u, 3u}) {
+      ColumnRing ring(Stamps(size, kUnset));
+      Stamps wanted;
+      for (TimeStamp ts = 10; ts <= 80; ts += 10) {
+         const int32_t column = ring.GetColumnToAdd();
+         EXPECT_EQ(column, static_cast<int32_t>((ts / 10 - 1) % size));
+         ring.AddColumn(ts);
+         EXPECT_EQ(ring.GetTimeStamp(column), ts);
+         wanted.push_back(ts);
+         if (wanted.size() > size) {
+            wanted.erase(wanted.begin());
+         }
+         EXPECT_EQ(InOrder(ring), wanted) << size << " columns, after " << ts;
+      }
+   }
+}
+
+/// Rings of five columns, of which one to five are in use, from each column on.
+TEST(ColumnRingTest, SearchesAgreeWithALookAtEveryStampWhereverTheRingStarts)
+{
+   for (int start = 0; start < 5; ++start) {
+      for (TimeStamp used = 1; used <= 5; ++used) {
+         SCOPED_TRACE(testing::Message() << used << " columns from " << start);
+         Stamps file(5, kUnset);
+         Stamps all;
+         for (TimeStamp i = 0; i < used; ++i) {
+            all.push_back(10 * (i + 1));
+            file[(static_cast<size_t>(start) + i) % 5] = all.back();
+         }
+         const ColumnRing ring(file);
+         for (TimeStamp ts = 5; ts <= 60; ts += 5) {
+            const auto closest = std::ranges::lower_bound(all, ts);
+            const int32_t column = closest == all.end()
+                                      ? -1
+                                      : (start + static_cast<int32_t>(closest - all.begin())) % 5;
+            EXPECT_EQ(ring.FindClosestColumn(ts), column) << ts;
+            EXPECT_EQ(ring.FindColumn(ts), ts % 10 == 0 ? column : -1) << ts;
+            for (TimeStamp end = 5; end <= 60; end += 5) {
+               Stamps wanted;
+               std::ranges::copy_if(all, std::back_inserter(wanted),
+                                    [&](TimeStamp stamp) { return ts <= stamp && stamp <= end; });
+               EXPECT_EQ(InOrder(ring, ts, end), wanted) << ts << " to " << end;
+            }
+         }
+      }
+   }
+}
+
+TEST(ColumnRingTest, StampsThatDoNotAscendAreSearchedOneByOne)
+{
+   const ColumnRing ring(Stamps{10, 40, 20, 30, 50});
+   EXPECT_EQ(ring.FindColumn(20), 2);
+   EXPECT_EQ(ring.FindColumn(30), 3);
+   EXPECT_EQ(ring.FindColumn(35), -1);
+   EXPECT_EQ(ring.FindClosestColumn(15), 1);
+   EXPECT_EQ(ring.FindClosestColumn(40), 1);
+   EXPECT_EQ(ring.FindClosestColumn(45), 4);
+   EXPECT_EQ(InOrder(ring, 20, 60), (Stamps{40, 20, 30, 50}));
+   EXPECT_EQ(InOrder(ring, kUnset, 30), (Stamps{10}));
+}
+
+} // namespace
