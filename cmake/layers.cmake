@@ -60,17 +60,20 @@ room(qsh/framework SEES corvax)
 room(metrix/statTypes)
 room(metrix/littleEndian)
 room(metrix/storeFormat SEES metrix/littleEndian metrix/statTypes)
+room(metrix/idMapFormat SEES metrix/littleEndian)
 room(metrix/columnRing SEES metrix/statTypes)
+room(metrix/rollupFunctions SEES metrix/statTypes)
 room(metrix/slotUsageMap SEES corvax)
 room(metrix/rowWindow SEES metrix/littleEndian corvax)
 room(metrix/statsStore
    SEES metrix/rowWindow metrix/columnRing metrix/storeFormat metrix/statTypes corvax)
+room(metrix/idMapFile SEES metrix/rowWindow metrix/idMapFormat metrix/statTypes corvax)
+room(metrix/intervalTable SEES metrix/statsStore corvax)
 room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
-set(depotParts metrix/statsStore metrix/slotUsageMap metrix/statsDepot metrix/littleEndian
-   metrix/statTypes)
-room(metrix/statsDepotImpl SEES ${depotParts} corvax)
-room(metrix/statsDepotRegistry SEES metrix/statsDepotImpl metrix/rowWindow ${depotParts} corvax)
-room(metrix/statsDepotRollup SEES metrix/statsDepotImpl ${depotParts} corvax)
+foreach(part IN ITEMS Impl Registry Deletion Propagation)
+   room(metrix/statsDepot${part} SEES metrix/statsDepotImpl metrix/statsDepot metrix/intervalTable
+      metrix/idMapFile metrix/slotUsageMap metrix/rollupFunctions corvax)
+endforeach()
 room(metrix/statsMetadata SEES metrix/statsDepot quen plexa corvax)
 room(metrix/counterIds)
 room(metrix/counterTable

@@ -10,104 +10,13 @@ namespace Metrix {
 namespace {
 
 using Corvax::Assert;
-using Corvax::FileCreation;
 using Corvax::kLogError;
-using Corvax::kLogWarning;
 
 constexpr int kInitialSlots = 200;
-
-/// Far above any sensible history; a damaged description must not cost gigabytes of memory.
-constexpr uint32_t kMaxNumSamples = 1U << 20;
 
 constexpr char kNoIntervals[] = "Couldnot find any interval infromation in depot file";
 
 } // namespace
-
-StatsStore& StatsDepotImpl::Interval::GetStore() const
-{
-   Assert(static_cast<bool>(_statsStore), "the interval has its store");
-   return *_statsStore;
-}
-
-void StatsDepotImpl::IntervalTable::AddInterval(const std::string& name,
-                                                const std::string& storeName, int samplingPeriod,
-                                                uint32_t numSamples)
-{
-   if (name.empty() || FindInterval(name) != nullptr || samplingPeriod < 1 || numSamples < 1 ||
-       numSamples > kMaxNumSamples) {
-      throw Corvax::InvalidArgumentException();
-   }
-   // `pos` counts the interval at which the walk stops, too. So `prev` is the first interval of a
-   // greater period wherever there is one, and intervals can only be added finest first; on
-   // purpose.
-   const int count = GetNumIntervals();
-   int pos = 0;
-   while (pos < count && GetIntervalAt(pos++)->_samplingPeriod <= samplingPeriod) {
-   }
-   if (pos >= 1) {
-      const int prevPeriod = GetIntervalAt(pos - 1)->_samplingPeriod;
-      if (samplingPeriod % prevPeriod != 0) {
-         Refuse("AddInterval failed : sampling period %1 is not a multiple of existing interval %2",
-                samplingPeriod, prevPeriod);
-      }
-      if (samplingPeriod == prevPeriod) {
-         Refuse("AddInterval failed : Sampling period %1 already exists", samplingPeriod, 0);
-      }
-   }
-   if (pos < count) {
-      const int nextPeriod = GetIntervalAt(pos)->_samplingPeriod;
-      if (nextPeriod % samplingPeriod != 0) {
-         Refuse("AddInterval failed : Existing sampling period %1 is not a multiple of interval %2",
-                nextPeriod, samplingPeriod);
-      }
-   }
-   _intervalList.insert(_intervalList.begin() + pos,
-                        Corvax::MakeRef<Interval>(name, storeName, samplingPeriod, numSamples));
-}
-
-void StatsDepotImpl::IntervalTable::Refuse(const char* pattern, int period, int otherPeriod) const
-{
-   _logger->Log(kLogError, pattern, period, otherPeriod);
-   throw Corvax::InvalidArgumentException();
-}
-
-void StatsDepotImpl::IntervalTable::LoadInterval(const std::string& name)
-{
-   Interval* const interval = FindInterval(name);
-   Assert(interval != nullptr, "the interval to load exists");
-   Corvax::Ref<StatsStore> store;
-   GetStatsStore(interval->_storeName, _logger.Get(), store);
-   store->Load();
-   if (store->GetNumSamples() != interval->_numSamples) {
-      _logger->Log(kLogError, "Number of samples %1 in StatsStore doesnt match expectedValue %2",
-                   store->GetNumSamples(), interval->_numSamples);
-      throw Corvax::Exception("Number of samples in store doesnt match expected value");
-   }
-   interval->_statsStore = store;
-}
-
-void StatsDepotImpl::IntervalTable::InitInterval(const std::string& name)
-{
-   Interval* const interval = FindInterval(name);
-   Assert(interval != nullptr, "the interval to initialise exists");
-   Corvax::Ref<StatsStore> store;
-   GetStatsStore(interval->_storeName, _logger.Get(), store);
-   store->Create(interval->_samplingPeriod, static_cast<int>(interval->_numSamples));
-   interval->_statsStore = store;
-}
-
-StatsDepotImpl::Interval* StatsDepotImpl::IntervalTable::FindInterval(const std::string& name) const
-{
-   const auto found = std::ranges::find_if(
-      _intervalList, [&name](const auto& interval) { return interval->_intervalName == name; });
-   return found == _intervalList.end() ? nullptr : found->Get();
-}
-
-StatsDepotImpl::Interval* StatsDepotImpl::IntervalTable::GetIntervalAt(int index) const
-{
-   Assert(index >= 0 && index < GetNumIntervals(), "the interval exists");
-   return _intervalList[static_cast<size_t>(index)].Get();
-}
 
 StatsDepotImpl::StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
                                int maxStatsPurged)
@@ -134,8 +43,7 @@ void StatsDepotImpl::Create()
       factory.CreateDirectory(_depotDir);
    }
    Corvax::GetXmlConfig(GetDepotFileName(), _statsDepotConfig);
-   _idMapFileHandle = factory.NewFileHandle();
-   _idMapFileHandle->Open(GetIdMapFileName(), Corvax::FILE_READ_WRITE, FileCreation::CREATE_ALWAYS);
+   _idMapFile.Create(GetIdMapFileName());
    _statsDepotConfig->Save();
    _nextUpdateTime = kUnset;
    _slotUsageMap = Corvax::MakeRef<SlotUsageMap>(kInitialSlots);
@@ -160,8 +68,7 @@ void StatsDepotImpl::AddInterval(const std::string& name, int samplingPeriod,
 
 void StatsDepotImpl::Load()
 {
-   _idMapFileHandle = Corvax::System::GetFactory().NewFileHandle();
-   _idMapFileHandle->Open(GetIdMapFileName(), Corvax::FILE_READ_WRITE, FileCreation::OPEN_EXISTING);
+   _idMapFile.Open(GetIdMapFileName());
    Corvax::GetXmlConfig(GetDepotFileName(), _statsDepotConfig);
    _statsDepotConfig->Read();
    std::vector<std::string> elements;
@@ -204,26 +111,6 @@ void StatsDepotImpl::LoadInterval(const std::string& element)
          throw Corvax::FileFormatException(invalid);
       }
       _intervalTable->InitInterval(name);
-   }
-}
-
-/// An id-map file that was cut at a record's end looks whole; rows of stats that it no longer names
-/// give it away.
-void StatsDepotImpl::FindLostRecords()
-{
-   constexpr int kIdsLookedAt = 8;
-   const int records = _slotUsageMap->GetSize();
-   for (const auto& interval : *_intervalTable) {
-      for (int id = records; id < records + kIdsLookedAt; ++id) {
-         if (interval->GetStore().GetLastUpdateTime(static_cast<StatId>(id)) != kUnset) {
-            _logger->Log(kLogWarning,
-                         "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 "
-                         "has samples of stat %4. What it no longer names is given up",
-                         GetIdMapFileName(), records, interval->_intervalName, id);
-            DropStatOfLastRecord();
-            return;
-         }
-      }
    }
 }
 
@@ -327,6 +214,61 @@ StatsDepotImpl::Interval* StatsDepotImpl::SelectInterval(const std::string& inte
    return interval;
 }
 
+bool StatsDepotImpl::AddSample(const std::string& entityId, const std::string& statName,
+                               TimeStamp ts, StatVal value, StatVal maxVal)
+{
+   AssertOpen();
+   if (ts == kUnset) {
+      throw Corvax::InvalidArgumentException();
+   }
+   Corvax::Ref<StatInfo> info; // holds the stat, which may be among the purged
+   if (!GetStatInfo(entityId, statName, info)) {
+      return false;
+   }
+   RecordSample(*info, ts, value, maxVal);
+   info->_lastTimeStamp = ts;
+   info->_lastVal = value;
+   if (_intervalTable->GetNumIntervals() > 1) {
+      UpdateRollups(ts);
+   }
+   return true;
+}
+
+void StatsDepotImpl::RecordSample(StatInfo& info, TimeStamp ts, StatVal value, StatVal maxVal)
+{
+   const StatId rawId = info.GetStatId(ROLLUP_NONE);
+   Assert(rawId != kUnset, "a stat has a raw series");
+   const Interval& fine = *_intervalTable->GetIntervalAt(0);
+   const uint64_t period = fine.GetPeriod();
+   StatVal stored = value;
+   if (info._type != STATTYPE_ABSOLUTE) {
+      const TimeStamp last = info._lastTimeStamp;
+      if (last == kUnset || ts <= last || ts - last >= 2 * period || value < info._lastVal) {
+         return;
+      }
+      stored = static_cast<uint64_t>(int64_t{info._scalingFactor}) * (value - info._lastVal);
+      if (info._type == STATTYPE_RATE) {
+         stored /= ts - last;
+      }
+   }
+   if (maxVal != 0) {
+      stored = std::min(stored, maxVal);
+   }
+   fine.GetStore().AddSample(rawId, ts - ts % period, stored);
+}
+
+void StatsDepotImpl::UpdateRollups(TimeStamp ts)
+{
+   if (_nextUpdateTime != kUnset) {
+      if (ts < _nextUpdateTime) {
+         return;
+      }
+      PropagateStats(ts);
+      PurgeUnusedStats();
+   }
+   _nextUpdateTime = ts + _intervalTable->GetIntervalAt(1)->GetPeriod();
+}
+
 StatVal StatsDepotImpl::GetSample(const std::string& entityId, const std::string& statName,
                                   TimeStamp ts, const std::string& intervalName, RollupType rollup)
 {
@@ -371,20 +313,6 @@ StatVal StatsDepotImpl::GetRawSample(const std::string& entityId, const std::str
    }
    ts = info->_lastTimeStamp;
    return info->_lastVal;
-}
-
-void StatsDepotImpl::GetAvailableStatNames(const std::string& entityId, TimeStamp /*begin*/,
-                                           TimeStamp /*end*/, std::vector<std::string>& statNames)
-{
-   AssertOpen();
-   statNames.clear();
-   const auto entity = _entityMap.find(entityId);
-   if (entity == _entityMap.end()) {
-      return;
-   }
-   for (const auto& [statName, info] : *entity->second) {
-      statNames.push_back(statName);
-   }
 }
 
 TimeStamp StatsDepotImpl::GetLatestTimeStamp()

@@ -1,10 +1,11 @@
 #pragma once
 
-#include "corvax/file.h"
 #include "corvax/xmlConfig.h"
+#include "metrix/idMapFile.h"
+#include "metrix/intervalTable.h"
+#include "metrix/rollupFunctions.h"
 #include "metrix/slotUsageMap.h"
 #include "metrix/statsDepot.h"
-#include "metrix/statsStore.h"
 
 #include <array>
 #include <memory>
@@ -14,9 +15,9 @@
 
 namespace Metrix {
 
-/// The depot. Its sources: statsDepot.cpp has creation, loading, intervals and reading;
-/// statsDepotRegistry.cpp the stats and the id-map file, with deletion and purging;
-/// statsDepotRollup.cpp recording and rollups.
+/// The depot. Its sources: statsDepotImpl.cpp has creation, loading, intervals, recording and
+/// reading; statsDepotRegistry.cpp the stats and their ids; statsDepotDeletion.cpp deletion and
+/// purging; statsDepotPropagation.cpp the rollups.
 class StatsDepotImpl : public Corvax::LockableObjectImpl, public StatsDepot {
 public:
    StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
@@ -68,74 +69,19 @@ public:
       const int32_t _scalingFactor;
    };
 
-   /// One resolution with its store.
-   struct Interval : Corvax::ObjectImpl {
-      Interval(std::string name, std::string storeName, int samplingPeriod, uint32_t numSamples)
-         : _intervalName(std::move(name)), _storeName(std::move(storeName)),
-           _samplingPeriod(samplingPeriod), _numSamples(numSamples)
-      {
-      }
+   using Interval = Metrix::Interval;
+   using IntervalTable = Metrix::IntervalTable;
 
-      /// Assertion while the store is neither created nor loaded.
-      StatsStore& GetStore() const;
-      uint64_t GetPeriod() const { return static_cast<uint64_t>(_samplingPeriod); }
-
-      const std::string _intervalName;
-      const std::string _storeName; ///< the store file's path
-      const int _samplingPeriod;    ///< seconds
-      const uint32_t _numSamples;
-      Corvax::Ref<StatsStore> _statsStore;
+   /// By rollup type.
+   static constexpr std::array<RollupFunction, 6> _rollupFunctions = {
+      CalculateNop, CalculateAverage, CalculateMax, CalculateMin, CalculateLast, CalculateSum,
    };
-
-   /// The intervals, finest first.
-   class IntervalTable : public Corvax::ObjectImpl {
-   public:
-      explicit IntervalTable(Corvax::Logger* logger) : _logger(logger) {}
-
-      void AddInterval(const std::string& name, const std::string& storeName, int samplingPeriod,
-                       uint32_t numSamples);
-      void LoadInterval(const std::string& name);
-      void InitInterval(const std::string& name);
-      /// Null when there is none.
-      Interval* FindInterval(const std::string& name) const;
-      Interval* GetIntervalAt(int index) const;
-      int GetNumIntervals() const { return static_cast<int>(_intervalList.size()); }
-      auto begin() const { return _intervalList.begin(); }
-      auto end() const { return _intervalList.end(); }
-
-   private:
-      [[noreturn]] void Refuse(const char* pattern, int period, int otherPeriod) const;
-
-      Corvax::RefVector<Interval> _intervalList;
-      const Corvax::Ref<Corvax::Logger> _logger;
-   };
-
-   using RollupFunction = StatVal (*)(const std::vector<StatVal>& run);
-
-   /// What a run of fine samples (oldest first, unset ones included) comes to. Sums wrap.
-   static StatVal CalculateNop(const std::vector<StatVal>& run);
-   static StatVal CalculateAverage(const std::vector<StatVal>& run);
-   static StatVal CalculateMax(const std::vector<StatVal>& run);
-   static StatVal CalculateMin(const std::vector<StatVal>& run);
-   static StatVal CalculateLast(const std::vector<StatVal>& run);
-   static StatVal CalculateSum(const std::vector<StatVal>& run);
-   static const std::array<RollupFunction, 6> _rollupFunctions; ///< by rollup type
 
 private:
    using StatMap = std::unordered_map<std::string, Corvax::Ref<StatInfo>>;
 
    struct StatIdHash {
       size_t operator()(StatId id) const { return static_cast<uint32_t>(id); }
-   };
-
-   /// What the id map keeps of an id. The names are the caller's.
-   struct IdRecord {
-      const std::string* entityId;
-      const std::string* statName;
-      RollupType rollup;
-      StatType type;
-      int scalingFactor;
-      StatId id;
    };
 
    struct StatName {
@@ -187,18 +133,19 @@ private:
    StatId GetStatId(const std::string& entityId, const std::string& statName,
                     RollupType rollup) const;
    StatId AllocStatId();
-   void AddNewIdMapping(const IdRecord& record);
+   void TakeBackStat(const std::string& entityId, const std::string& statName);
    void LoadIdMapping();
-   bool LoadIdRecord(const std::byte* record, StatId id);
+   bool LoadIdRecord(const IdMapFormat::Record& record, StatId id);
    void DropStatsWithoutRawId();
    void DropStatOfLastRecord();
    bool AddIdMapping(const std::string& entityId, const std::string& statName, StatType type,
                      int scalingFactor, RollupType rollup, StatId id);
-   void PersistIdMappingAddition(const std::vector<IdRecord>& records);
-   static void EncodeRecord(const IdRecord& record, std::byte* out);
-   void PersistIdMappingRemoval(const std::vector<StatId>& ids);
-   void SyncIdMap();
-   void TryPersistRemoval(const StatInfo& info);
+   void PersistIdMappingAddition(const std::vector<IdMapFile::Entry>& entries)
+   {
+      _idMapFile.WriteRecords(entries);
+   }
+   void PersistIdMappingRemoval(const std::vector<StatId>& ids) { _idMapFile.ClearRecords(ids); }
+   void SyncIdMap() { _idMapFile.Sync(); }
    void ForgetStat(const std::string& entityId, const std::string& statName, const StatInfo& info);
    void DeleteStatInt(const std::string& entityId, const std::string& statName);
    void DeleteStats(const std::vector<StatName>& stats);
@@ -220,7 +167,7 @@ private:
    const std::string _depotName;
    const int _maxStatsPurged;
    Corvax::Ref<Corvax::XmlConfig> _statsDepotConfig; ///< the description file
-   Corvax::Ref<Corvax::FileHandle> _idMapFileHandle;
+   IdMapFile _idMapFile;
    const Corvax::Ref<IntervalTable> _intervalTable;
    std::unordered_map<std::string, std::unique_ptr<StatMap>> _entityMap;
    std::unordered_map<StatId, Corvax::Ref<StatInfo>, StatIdHash> _statInfoMap;
@@ -229,7 +176,7 @@ private:
    TimeStamp _nextUpdateTime = kUnset;
    const Corvax::Ref<Corvax::Logger> _logger;
    int _lockDepth = 0;
-   std::vector<StatVal> _run; ///< PropagateStat's buffer, kept for its capacity
+   std::vector<StatVal> _samples; ///< PropagateStat's buffer, kept for its capacity
 };
 
 } // namespace Metrix

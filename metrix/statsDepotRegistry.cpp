@@ -1,11 +1,8 @@
 #include "metrix/statsDepotImpl.h"
 
 #include "corvax/exception.h"
-#include "metrix/littleEndian.h"
-#include "metrix/rowWindow.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
 namespace Metrix {
@@ -14,43 +11,8 @@ namespace {
 
 using Corvax::Assert;
 using Corvax::kLogDebug;
-using Corvax::kLogInfo;
 using Corvax::kLogNotice;
 using Corvax::kLogWarning;
-
-// A record of the id-map file: two text fields, ended by a zero byte or the field's end, then three
-// numbers. A first byte of zero marks a free record.
-constexpr size_t kTextFieldSize = 256;
-constexpr size_t kEntityPos = 0;
-constexpr size_t kStatNamePos = 256;
-constexpr size_t kRollupPos = 512;
-constexpr size_t kStatTypePos = 516;
-constexpr size_t kScalingFactorPos = 520;
-constexpr size_t kRecordSize = 524;
-
-// The file is read in pieces of this many records.
-constexpr size_t kRecordsAtOnce = 1024;
-
-std::string DecodeText(const std::byte* field)
-{
-   const char* const text = reinterpret_cast<const char*>(field);
-   return std::string(text, ::strnlen(text, kTextFieldSize));
-}
-
-void EncodeText(const std::string& text, std::byte* field)
-{
-   std::memcpy(field, text.data(), text.size());
-}
-
-int32_t DecodeNumber(const std::byte* field)
-{
-   return static_cast<int32_t>(Decode<uint32_t>(field));
-}
-
-void EncodeNumber(int32_t value, std::byte* field)
-{
-   Encode(static_cast<uint32_t>(value), field);
-}
 
 bool IsStatType(int32_t type)
 {
@@ -127,6 +89,20 @@ StatId StatsDepotImpl::GetStatId(const std::string& entityId, const std::string&
    return GetStatInfo(entityId, statName, info) ? info->GetStatId(rollup) : kUnset;
 }
 
+void StatsDepotImpl::GetAvailableStatNames(const std::string& entityId, TimeStamp /*begin*/,
+                                           TimeStamp /*end*/, std::vector<std::string>& statNames)
+{
+   AssertOpen();
+   statNames.clear();
+   const auto entity = _entityMap.find(entityId);
+   if (entity == _entityMap.end()) {
+      return;
+   }
+   for (const auto& [statName, info] : *entity->second) {
+      statNames.push_back(statName);
+   }
+}
+
 void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& statName,
                                 StatType type, int scalingFactor,
                                 const std::vector<RollupType>& rollups)
@@ -136,40 +112,50 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
        !std::ranges::all_of(rollups, IsRollupType)) {
       throw Corvax::InvalidArgumentException();
    }
+   const auto makeEntry = [&](RollupType rollup, StatId id) -> IdMapFile::Entry {
+      return {id, {entityId, statName, rollup, type, scalingFactor}};
+   };
    Corvax::Ref<StatInfo> info;
-   const bool existed = GetStatInfo(entityId, statName, info);
+   if (GetStatInfo(entityId, statName, info)) {
+      // The record is written all the same, on purpose: its slot stays free, so the next stat
+      // overwrites it.
+      PersistIdMappingAddition({makeEntry(ROLLUP_NONE, AllocStatId())});
+      Corvax::NotReached("a stat is created once");
+   }
+   const auto addSeries = [&](RollupType rollup) {
+      const StatId id = AllocStatId();
+      Assert(AddIdMapping(entityId, statName, type, scalingFactor, rollup, id),
+             "a stat has each rollup once");
+      return makeEntry(rollup, id);
+   };
    try {
-      // The raw id is the first, but its record is written last: a stat whose creation was cut off
-      // by the process's end has no raw series, and is given up when the depot is loaded.
-      const StatId rawId = AllocStatId();
-      const IdRecord raw = {&entityId, &statName, ROLLUP_NONE, type, scalingFactor, rawId};
-      if (existed) {
-         PersistIdMappingAddition({raw});
-      }
-      AddNewIdMapping(raw);
-      std::vector<IdRecord> records;
+      // The raw series has the first id, but its record is written last: loading a depot gives up
+      // stats without a raw series, and with them one whose creation was cut short.
+      const IdMapFile::Entry raw = addSeries(ROLLUP_NONE);
+      std::vector<IdMapFile::Entry> entries;
       for (const RollupType rollup : rollups) {
-         records.push_back({&entityId, &statName, rollup, type, scalingFactor, AllocStatId()});
-         AddNewIdMapping(records.back());
+         entries.push_back(addSeries(rollup));
       }
-      PersistIdMappingAddition(records);
+      PersistIdMappingAddition(entries);
       PersistIdMappingAddition({raw});
-   } catch (const Corvax::Exception&) {
-      // A stat with a part of its rollups would never get the rest, for it exists.
-      if (!existed && GetStatInfo(entityId, statName, info)) {
-         ForgetStat(entityId, statName, *info);
-         TryPersistRemoval(*info);
-      }
+   } catch (...) {
+      // A stat with only some of its rollups would never get the others, because it exists.
+      TakeBackStat(entityId, statName);
       throw;
    }
 }
 
-/// Clears the records of a stat that is no longer registered. Where that fails, they are written
-/// over when their ids are allocated next.
-void StatsDepotImpl::TryPersistRemoval(const StatInfo& info)
+/// Forgets a stat that was not wholly created and clears its records. If that fails, they stay
+/// until their ids are allocated again; a depot that is loaded before finds them.
+void StatsDepotImpl::TakeBackStat(const std::string& entityId, const std::string& statName)
 {
+   Corvax::Ref<StatInfo> info;
+   if (!GetStatInfo(entityId, statName, info)) {
+      return;
+   }
+   ForgetStat(entityId, statName, *info);
    try {
-      std::vector<StatId> ids = info._statIds;
+      std::vector<StatId> ids = info->_statIds;
       std::ranges::sort(ids);
       PersistIdMappingRemoval(ids);
    } catch (const Corvax::Exception& e) {
@@ -195,24 +181,20 @@ StatId StatsDepotImpl::AllocStatId()
    return id;
 }
 
-void StatsDepotImpl::AddNewIdMapping(const IdRecord& record)
-{
-   Assert(AddIdMapping(*record.entityId, *record.statName, record.type, record.scalingFactor,
-                       record.rollup, record.id),
-          "a stat has each rollup once");
-}
-
 bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string& statName,
                                   StatType type, int scalingFactor, RollupType rollup, StatId id)
 {
-   std::unique_ptr<StatMap>& stats = _entityMap[entityId];
-   if (!stats) {
-      stats = std::make_unique<StatMap>();
+   // Each node is inserted complete, so that running out of memory leaves no null behind.
+   auto entity = _entityMap.find(entityId);
+   if (entity == _entityMap.end()) {
+      entity = _entityMap.emplace(entityId, std::make_unique<StatMap>()).first;
    }
-   Corvax::Ref<StatInfo>& info = (*stats)[statName];
-   if (!info) {
-      info = Corvax::MakeRef<StatInfo>(type, scalingFactor);
+   auto stat = entity->second->find(statName);
+   if (stat == entity->second->end()) {
+      auto created = Corvax::MakeRef<StatInfo>(type, scalingFactor);
+      stat = entity->second->emplace(statName, std::move(created)).first;
    }
+   const Corvax::Ref<StatInfo>& info = stat->second;
    if (!info->AddStatId(id, rollup)) {
       return false;
    }
@@ -222,59 +204,14 @@ bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string
    return true;
 }
 
-/// Writes neighbouring records at once. Records between the file's end and the first of them come
-/// into being as zero bytes, which is free.
-void StatsDepotImpl::PersistIdMappingAddition(const std::vector<IdRecord>& records)
-{
-   std::vector<std::byte> bytes;
-   for (size_t i = 0; i < records.size(); ++i) {
-      const IdRecord& record = records[i];
-      Assert(record.entityId->size() < kTextFieldSize, "an entity id has at most 255 characters");
-      Assert(record.statName->size() < kTextFieldSize, "a stat name has at most 255 characters");
-      bytes.resize(bytes.size() + kRecordSize);
-      EncodeRecord(record, &bytes[bytes.size() - kRecordSize]);
-      if (i + 1 == records.size() || records[i + 1].id != record.id + 1) {
-         _idMapFileHandle->Seek((record.id + 1) * kRecordSize - bytes.size());
-         _idMapFileHandle->WriteAll(bytes.data(), bytes.size());
-         bytes.clear();
-      }
-   }
-}
-
-void StatsDepotImpl::EncodeRecord(const IdRecord& record, std::byte* out)
-{
-   EncodeText(*record.entityId, out + kEntityPos);
-   EncodeText(*record.statName, out + kStatNamePos);
-   EncodeNumber(record.rollup, out + kRollupPos);
-   EncodeNumber(record.type, out + kStatTypePos);
-   EncodeNumber(record.scalingFactor, out + kScalingFactorPos);
-}
-
-/// Clears the entity fields alone, which frees the records. The ids ascend.
-void StatsDepotImpl::PersistIdMappingRemoval(const std::vector<StatId>& ids)
-{
-   RowWindow records(_idMapFileHandle, 0, kRecordSize);
-   records.BeginBatch();
-   for (const StatId id : ids) {
-      std::memset(records.Get(id) + kEntityPos, 0, kTextFieldSize);
-      records.Put(id);
-   }
-   records.EndBatch();
-}
-
-void StatsDepotImpl::SyncIdMap()
-{
-   _idMapFileHandle->Flush();
-}
-
 void StatsDepotImpl::LoadIdMapping()
 {
-   const uint64_t size = _idMapFileHandle->GetSize();
-   if (size % kRecordSize != 0) {
+   const uint64_t size = _idMapFile.GetSizeBytes();
+   if (size % IdMapFormat::kRecordSize != 0) {
       _logger->Log(kLogWarning, "StatsDepot idmap file might be corrupted.File size is not a "
                                 "multiple of the record size");
    }
-   const uint64_t records = size / kRecordSize;
+   const uint64_t records = size / IdMapFormat::kRecordSize;
    if (records > static_cast<uint64_t>(std::numeric_limits<int>::max())) {
       throw Corvax::FileFormatException("Too many records in " + GetIdMapFileName());
    }
@@ -282,19 +219,11 @@ void StatsDepotImpl::LoadIdMapping()
 
    constexpr uint64_t kBadRecordsNamed = 10;
    uint64_t badRecords = 0;
-   std::vector<std::byte> piece(kRecordsAtOnce * kRecordSize);
-   _idMapFileHandle->Seek(0);
-   for (StatId first = 0; first < records; first += kRecordsAtOnce) {
-      const size_t wanted = std::min<uint64_t>(kRecordsAtOnce, records - first);
-      const size_t count = _idMapFileHandle->Read(piece.data(), wanted * kRecordSize) / kRecordSize;
-      for (size_t i = 0; i < count; ++i) {
-         if (!LoadIdRecord(&piece[i * kRecordSize], first + i) &&
-             ++badRecords <= kBadRecordsNamed) {
-            _logger->Log(kLogWarning, "StatsDepot idmap file has a damaged record at %1, skipped",
-                         first + i);
-         }
+   _idMapFile.ReadRecords(records, [&](StatId id, const IdMapFormat::Record& record) {
+      if (!LoadIdRecord(record, id) && ++badRecords <= kBadRecordsNamed) {
+         _logger->Log(kLogWarning, "StatsDepot idmap file has a damaged record at %1, skipped", id);
       }
-   }
+   });
    if (badRecords > kBadRecordsNamed) {
       _logger->Log(kLogWarning, "StatsDepot idmap file has %1 damaged records in all, skipped",
                    badRecords);
@@ -303,21 +232,18 @@ void StatsDepotImpl::LoadIdMapping()
 }
 
 /// False for a record that cannot have been written by a depot.
-bool StatsDepotImpl::LoadIdRecord(const std::byte* record, StatId id)
+bool StatsDepotImpl::LoadIdRecord(const IdMapFormat::Record& record, StatId id)
 {
-   if (record[kEntityPos] == std::byte{0}) {
+   if (record.entityId.empty()) {
       return true;
    }
-   const std::string entityId = DecodeText(&record[kEntityPos]);
-   const std::string statName = DecodeText(&record[kStatNamePos]);
-   const int32_t rollup = DecodeNumber(&record[kRollupPos]);
-   const int32_t type = DecodeNumber(&record[kStatTypePos]);
-   const int32_t scalingFactor = DecodeNumber(&record[kScalingFactorPos]);
-   if (statName.empty() || !IsRollupType(rollup) || !IsStatType(type)) {
+   if (record.statName.empty() || !IsRollupType(record.rollup) || !IsStatType(record.statType)) {
       return false;
    }
-   if (!AddIdMapping(entityId, statName, static_cast<StatType>(type), scalingFactor,
-                     static_cast<RollupType>(rollup), id)) {
+   const std::string entityId(record.entityId);
+   const std::string statName(record.statName);
+   if (!AddIdMapping(entityId, statName, static_cast<StatType>(record.statType),
+                     record.scalingFactor, static_cast<RollupType>(record.rollup), id)) {
       _logger->Log(kLogNotice, "StatId %1 for %2-%3 is a duplicate", id, entityId, statName);
    }
    return true;
@@ -342,6 +268,26 @@ void StatsDepotImpl::DropStatsWithoutRawId()
    }
 }
 
+/// An id-map file that was cut at a record's end looks whole; rows of stats that it no longer names
+/// give it away.
+void StatsDepotImpl::FindLostRecords()
+{
+   constexpr int kIdsLookedAt = 8;
+   const int records = _slotUsageMap->GetSize();
+   for (const auto& interval : *_intervalTable) {
+      for (int id = records; id < records + kIdsLookedAt; ++id) {
+         if (interval->GetStore().GetLastUpdateTime(static_cast<StatId>(id)) != kUnset) {
+            _logger->Log(kLogWarning,
+                         "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 "
+                         "has samples of stat %4. What it no longer names is given up",
+                         GetIdMapFileName(), records, interval->_intervalName, id);
+            DropStatOfLastRecord();
+            return;
+         }
+      }
+   }
+}
+
 /// Where the file lost its end, the stat of the last record may have lost some of its rollups with
 /// it, and would never get them back. It is given up, too, and created again whole.
 void StatsDepotImpl::DropStatOfLastRecord()
@@ -357,143 +303,6 @@ void StatsDepotImpl::DropStatOfLastRecord()
          }
       }
    }
-}
-
-/// The part of a deletion that happens in memory.
-void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& statName,
-                                const StatInfo& info)
-{
-   for (const StatId id : info._statIds) {
-      _statInfoMap.erase(id);
-      _slotUsageMap->MarkSlotFree(static_cast<int>(id));
-   }
-   const auto entity = _entityMap.find(entityId);
-   entity->second->erase(statName);
-   if (entity->second->empty()) {
-      _entityMap.erase(entity);
-   }
-}
-
-void StatsDepotImpl::DeleteStatInt(const std::string& entityId, const std::string& statName)
-{
-   Corvax::Ref<StatInfo> info;
-   if (GetStatInfo(entityId, statName, info)) {
-      DeleteStats({{entityId, statName, info}});
-   }
-}
-
-/// Walks files in the order of ids, so that neighbouring records and rows go at once.
-void StatsDepotImpl::DeleteStats(const std::vector<StatName>& stats)
-{
-   std::vector<StatId> rawIds;
-   std::vector<StatId> rollupIds;
-   for (const StatName& stat : stats) {
-      for (size_t i = 0; i < stat.info->_statIds.size(); ++i) {
-         const bool isRaw = stat.info->_rollupTypes[i] == ROLLUP_NONE;
-         (isRaw ? rawIds : rollupIds).push_back(stat.info->_statIds[i]);
-      }
-   }
-   std::ranges::sort(rawIds);
-   std::ranges::sort(rollupIds);
-   // A stat that is left without its raw record is given up when the depot is loaded; one without
-   // its rollups' records would live on without them.
-   PersistIdMappingRemoval(rawIds);
-   PersistIdMappingRemoval(rollupIds);
-   for (const StatName& stat : stats) {
-      ForgetStat(stat.entityId, stat.statName, *stat.info);
-   }
-   rawIds.insert(rawIds.end(), rollupIds.begin(), rollupIds.end());
-   std::ranges::sort(rawIds);
-   Batch batch(*this);
-   for (const auto& interval : *_intervalTable) {
-      for (const StatId id : rawIds) {
-         interval->GetStore().DeleteStat(id);
-      }
-   }
-   batch.End();
-}
-
-void StatsDepotImpl::DeleteStat(const std::string& entityId, const std::string& statName)
-{
-   AssertOpen();
-   DeleteStatInt(entityId, statName);
-   SyncIdMap();
-}
-
-void StatsDepotImpl::DeleteEntityStats(const std::string& entityId)
-{
-   AssertOpen();
-   const auto entity = _entityMap.find(entityId);
-   if (entity == _entityMap.end()) {
-      return;
-   }
-   std::vector<StatName> stats;
-   for (const auto& [statName, info] : *entity->second) {
-      stats.push_back({entityId, statName, info});
-   }
-   DeleteStats(stats);
-   SyncIdMap();
-}
-
-TimeStamp StatsDepotImpl::GetEarliestTimeStamp() const
-{
-   // Unset is the largest number, so stores without columns do not count.
-   TimeStamp earliest = kUnset;
-   for (const auto& interval : *_intervalTable) {
-      earliest = std::min(earliest, interval->GetStore().GetEarliestTimeStamp());
-   }
-   return earliest;
-}
-
-void StatsDepotImpl::PurgeUnusedStats()
-{
-   const TimeStamp earliest = GetEarliestTimeStamp();
-   _logger->Log(kLogDebug, "EarliestTs %1", earliest);
-   if (earliest == kUnset) {
-      return;
-   }
-   std::vector<StatName> selected;
-   const auto limit = static_cast<size_t>(std::max(_maxStatsPurged, 0));
-   for (const auto& [entityId, stats] : _entityMap) {
-      for (const auto& [statName, info] : *stats) {
-         if (selected.size() < limit && GetLatestTimeStamp(info.Get()) < earliest) {
-            selected.push_back({entityId, statName, info});
-         }
-      }
-   }
-   if (selected.empty()) {
-      return;
-   }
-   _logger->Log(kLogInfo, "Purging %1 stats", selected.size());
-   DeleteStats(selected);
-   SyncIdMap();
-   _logger->Log(kLogInfo, "Purge done");
-}
-
-/// Time of the stat's newest data, 0 when it has none anywhere.
-TimeStamp StatsDepotImpl::GetLatestTimeStamp(StatInfo* info) const
-{
-   if (info == nullptr) {
-      return kUnset;
-   }
-   if (info->_lastTimeStamp != kUnset) {
-      return info->_lastTimeStamp;
-   }
-   StatId id = info->GetStatId(ROLLUP_NONE);
-   StatId lastRollupId = id;
-   for (size_t i = 0; i < info->_statIds.size(); ++i) {
-      lastRollupId = info->_rollupTypes[i] == ROLLUP_NONE ? lastRollupId : info->_statIds[i];
-   }
-   TimeStamp latest = kUnset;
-   for (const auto& interval : *_intervalTable) {
-      latest = interval->GetStore().GetLastUpdateTime(id);
-      if (latest != kUnset) {
-         break;
-      }
-      id = lastRollupId;
-   }
-   info->_lastTimeStamp = latest == kUnset ? 0 : latest;
-   return info->_lastTimeStamp;
 }
 
 } // namespace Metrix

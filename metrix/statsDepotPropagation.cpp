@@ -8,120 +8,11 @@ namespace Metrix {
 
 namespace {
 
-using Corvax::Assert;
 using Corvax::kLogError;
 using Corvax::kLogInfo;
 using Corvax::kLogNotice;
 
 } // namespace
-
-const std::array<StatsDepotImpl::RollupFunction, 6> StatsDepotImpl::_rollupFunctions = {
-   CalculateNop, CalculateAverage, CalculateMax, CalculateMin, CalculateLast, CalculateSum,
-};
-
-StatVal StatsDepotImpl::CalculateNop(const std::vector<StatVal>& /*run*/)
-{
-   return kUnset;
-}
-
-StatVal StatsDepotImpl::CalculateAverage(const std::vector<StatVal>& run)
-{
-   const auto valid = static_cast<uint64_t>(
-      std::ranges::count_if(run, [](StatVal value) { return value != kUnset; }));
-   return valid > 0 ? CalculateSum(run) / valid : kUnset;
-}
-
-StatVal StatsDepotImpl::CalculateMax(const std::vector<StatVal>& run)
-{
-   StatVal result = kUnset;
-   for (const StatVal value : run) {
-      if (value != kUnset && (result == kUnset || value > result)) {
-         result = value;
-      }
-   }
-   return result;
-}
-
-StatVal StatsDepotImpl::CalculateMin(const std::vector<StatVal>& run)
-{
-   // Unset is the largest number.
-   return run.empty() ? kUnset : std::ranges::min(run);
-}
-
-StatVal StatsDepotImpl::CalculateLast(const std::vector<StatVal>& run)
-{
-   const auto found =
-      std::find_if(run.rbegin(), run.rend(), [](StatVal value) { return value != kUnset; });
-   return found == run.rend() ? kUnset : *found;
-}
-
-StatVal StatsDepotImpl::CalculateSum(const std::vector<StatVal>& run)
-{
-   StatVal sum = 0;
-   bool anyValid = false;
-   for (const StatVal value : run) {
-      if (value != kUnset) {
-         sum += value;
-         anyValid = true;
-      }
-   }
-   return anyValid ? sum : kUnset;
-}
-
-bool StatsDepotImpl::AddSample(const std::string& entityId, const std::string& statName,
-                               TimeStamp ts, StatVal value, StatVal maxVal)
-{
-   AssertOpen();
-   if (ts == kUnset) {
-      throw Corvax::InvalidArgumentException();
-   }
-   Corvax::Ref<StatInfo> info; // holds the stat, which may be among the purged
-   if (!GetStatInfo(entityId, statName, info)) {
-      return false;
-   }
-   RecordSample(*info, ts, value, maxVal);
-   info->_lastTimeStamp = ts;
-   info->_lastVal = value;
-   if (_intervalTable->GetNumIntervals() > 1) {
-      UpdateRollups(ts);
-   }
-   return true;
-}
-
-void StatsDepotImpl::RecordSample(StatInfo& info, TimeStamp ts, StatVal value, StatVal maxVal)
-{
-   const StatId rawId = info.GetStatId(ROLLUP_NONE);
-   Assert(rawId != kUnset, "a stat has a raw series");
-   const Interval& fine = *_intervalTable->GetIntervalAt(0);
-   const uint64_t period = fine.GetPeriod();
-   StatVal stored = value;
-   if (info._type != STATTYPE_ABSOLUTE) {
-      const TimeStamp last = info._lastTimeStamp;
-      if (last == kUnset || ts <= last || ts - last >= 2 * period || value < info._lastVal) {
-         return;
-      }
-      stored = static_cast<uint64_t>(int64_t{info._scalingFactor}) * (value - info._lastVal);
-      if (info._type == STATTYPE_RATE) {
-         stored /= ts - last;
-      }
-   }
-   if (maxVal != 0) {
-      stored = std::min(stored, maxVal);
-   }
-   fine.GetStore().AddSample(rawId, ts - ts % period, stored);
-}
-
-void StatsDepotImpl::UpdateRollups(TimeStamp ts)
-{
-   if (_nextUpdateTime != kUnset) {
-      if (ts < _nextUpdateTime) {
-         return;
-      }
-      PropagateStats(ts);
-      PurgeUnusedStats();
-   }
-   _nextUpdateTime = ts + _intervalTable->GetIntervalAt(1)->GetPeriod();
-}
 
 void StatsDepotImpl::PropagateStats(TimeStamp ts)
 {
@@ -194,7 +85,7 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
    for (uint64_t i = 0; i < periods.count; ++i) {
       const TimeStamp begin = periods.begin + i * periods.step;
       const TimeStamp end = periods.end + i * periods.step;
-      const int validCount = fine.GetStore().GetSamples(id, begin, end, _run, nullptr);
+      const int validCount = fine.GetStore().GetSamples(id, begin, end, _samples, nullptr);
       if (validCount < 1) {
          // Stat 0 stands in for all: the coarse store gets its column even when nothing has data.
          if (id == 0) {
@@ -210,14 +101,15 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
       const RollupType rollup = info->GetRollupType(id);
       if (rollup != ROLLUP_NONE || !finestSource) {
          AddCoarseSample(store, periods, id, end,
-                         _rollupFunctions[static_cast<size_t>(rollup)](_run));
+                         _rollupFunctions[static_cast<size_t>(rollup)](_samples));
          continue;
       }
       // The raw series feeds every rollup series of the stat.
       for (size_t k = 0; k < info->_statIds.size(); ++k) {
          const auto target = static_cast<size_t>(info->_rollupTypes[k]);
          if (info->_rollupTypes[k] != ROLLUP_NONE) {
-            AddCoarseSample(store, periods, info->_statIds[k], end, _rollupFunctions[target](_run));
+            AddCoarseSample(store, periods, info->_statIds[k], end,
+                            _rollupFunctions[target](_samples));
          }
       }
    }
