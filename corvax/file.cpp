@@ -34,35 +34,35 @@ public:
       return *queue;
    }
 
-   /// Pieces from the first on that were written whole, at most kLength. What is missing is for the
-   /// caller to write by other means, which also tells what is wrong.
-   size_t Write(int descriptor, std::span<const FilePiece> pieces)
+   /// Returns the number of leading extents that were written whole, at most kLength. The caller
+   /// writes the rest by other means, which also reports the error.
+   size_t Write(int descriptor, std::span<const FileExtent> extents)
    {
       if (!_isOpen) {
          return 0;
       }
       const std::lock_guard guard(_mutex);
-      const size_t count = std::min(pieces.size(), kLength);
+      const size_t count = std::min(extents.size(), kLength);
       for (size_t i = 0; i < count; ++i) {
          iocb& request = _requests[i];
          request = {};
          request.aio_data = i;
          request.aio_lio_opcode = IOCB_CMD_PWRITE;
          request.aio_fildes = static_cast<uint32_t>(descriptor);
-         request.aio_buf = reinterpret_cast<uintptr_t>(pieces[i].bytes);
-         request.aio_nbytes = pieces[i].sizeBytes;
-         request.aio_offset = static_cast<int64_t>(pieces[i].offset);
+         request.aio_buf = reinterpret_cast<uintptr_t>(extents[i].bytes);
+         request.aio_nbytes = extents[i].sizeBytes;
+         request.aio_offset = static_cast<int64_t>(extents[i].offset);
          _pointers[i] = &request;
       }
       const long submitted = ::syscall(SYS_io_submit, _context, count, _pointers.data());
-      return submitted > 0 ? CountWritten(pieces, static_cast<size_t>(submitted)) : 0;
+      return submitted > 0 ? CountWritten(extents, static_cast<size_t>(submitted)) : 0;
    }
 
 private:
    WriteQueue() { _isOpen = ::syscall(SYS_io_setup, kLength, &_context) == 0; }
 
    /// The requests are in the kernel's hands until their events have been taken.
-   size_t CountWritten(std::span<const FilePiece> pieces, size_t submitted)
+   size_t CountWritten(std::span<const FileExtent> extents, size_t submitted)
    {
       size_t written = submitted;
       for (size_t done = 0; done < submitted;) {
@@ -75,9 +75,9 @@ private:
             return 0;
          }
          for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
-            const size_t piece = _events[i].data;
-            if (_events[i].res != static_cast<int64_t>(pieces[piece].sizeBytes)) {
-               written = std::min(written, piece);
+            const size_t index = _events[i].data;
+            if (_events[i].res != static_cast<int64_t>(extents[index].sizeBytes)) {
+               written = std::min(written, index);
             }
          }
          done += static_cast<size_t>(count);
@@ -173,15 +173,15 @@ public:
       return done;
    }
 
-   void WritePieces(std::span<const FilePiece> pieces) override
+   void WriteExtents(std::span<const FileExtent> extents) override
    {
-      while (!pieces.empty()) {
-         size_t written = WriteQueue::Get().Write(_descriptor, pieces);
+      while (!extents.empty()) {
+         size_t written = WriteQueue::Get().Write(_descriptor, extents);
          if (written == 0) {
-            FileHandle::WritePieces(pieces.first(1));
+            FileHandle::WriteExtents(extents.first(1));
             written = 1;
          }
-         pieces = pieces.subspan(written);
+         extents = extents.subspan(written);
       }
    }
 
@@ -282,11 +282,11 @@ void FileHandle::WriteAll(const void* buffer, size_t sizeBytes)
    }
 }
 
-void FileHandle::WritePieces(std::span<const FilePiece> pieces)
+void FileHandle::WriteExtents(std::span<const FileExtent> extents)
 {
-   for (const FilePiece& piece : pieces) {
-      Seek(piece.offset);
-      WriteAll(piece.bytes, piece.sizeBytes);
+   for (const FileExtent& extent : extents) {
+      Seek(extent.offset);
+      WriteAll(extent.bytes, extent.sizeBytes);
    }
 }
 

@@ -23,8 +23,8 @@ enum class FileCreation {
    CREATE_ALWAYS, ///< the file is created, or emptied when it exists
 };
 
-/// Bytes with the place in a file where they go.
-struct FilePiece {
+/// Bytes and the offset in a file at which to write them.
+struct FileExtent {
    uint64_t offset = 0;
    const void* bytes = nullptr;
    size_t sizeBytes = 0;
@@ -56,10 +56,10 @@ public:
    /// it took nothing at all, that is an exception.
    virtual size_t Write(const void* buffer, size_t sizeBytes) = 0;
 
-   /// Writes all pieces, in their order, and leaves the position anywhere; many of them cost one
-   /// system call where the platform can do that. When one cannot be written whole, that is an
-   /// exception, and whether those behind it are written is open.
-   virtual void WritePieces(std::span<const FilePiece> pieces);
+   /// Writes the extents in order, many with one system call where the platform supports that. The
+   /// position is undefined afterwards. PlatformException when one cannot be written whole; those
+   /// after it may or may not have been written.
+   virtual void WriteExtents(std::span<const FileExtent> extents);
 
    /// Brings everything written to the disk.
    virtual void Flush() = 0;

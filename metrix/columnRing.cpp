@@ -68,10 +68,23 @@ int32_t ColumnRing::FindClosestColumn(TimeStamp ts) const
    return GetColumnAt(low);
 }
 
-ColumnRing::Range ColumnRing::FindRange(TimeStamp begin, TimeStamp end) const
+ColumnRing::Range ColumnRing::GetRange(int32_t first, TimeStamp end) const
 {
-   const int32_t first = begin == kUnset ? _earliestTsCol : FindClosestColumn(begin);
-   return {first, first < 0 ? 0 : CountUpTo(first, end)};
+   Range range{first, 0};
+   if (first < 0) {
+      return range;
+   }
+   if (_stampsAscend && end >= GetTimeStamp(_latestTsCol)) {
+      range.count = static_cast<size_t>(GetDistance(first, _latestTsCol)) + 1;
+      return range;
+   }
+   for (int32_t column = first; GetTimeStamp(column) <= end; column = GetNext(column)) {
+      ++range.count;
+      if (column == _latestTsCol) {
+         break;
+      }
+   }
+   return range;
 }
 
 size_t ColumnRing::CountBeforeWrap(const Range& range) const
@@ -115,22 +128,6 @@ int32_t ColumnRing::GetColumnAt(int32_t distance) const
 int32_t ColumnRing::GetDistance(int32_t from, int32_t to) const
 {
    return to >= from ? to - from : to - from + GetSize();
-}
-
-/// Columns from `first` to the latest, or to the last one before a stamp greater than `end`.
-size_t ColumnRing::CountUpTo(int32_t first, TimeStamp end) const
-{
-   if (_stampsAscend && end >= GetTimeStamp(_latestTsCol)) {
-      return static_cast<size_t>(GetDistance(first, _latestTsCol)) + 1;
-   }
-   size_t count = 0;
-   for (int32_t column = first; GetTimeStamp(column) <= end; column = GetNext(column)) {
-      ++count;
-      if (column == _latestTsCol) {
-         break;
-      }
-   }
-   return count;
 }
 
 /// The first column from the earliest to the latest whose stamp satisfies `matches`; -1 if there is

@@ -15,13 +15,13 @@ namespace Metrix {
 /// break that; searches then check column by column instead of bisecting.
 class ColumnRing {
 public:
-   /// Consecutive columns, oldest first; they may wrap.
+   /// Consecutive columns, which may wrap.
    struct Range {
       int32_t first = -1;
       size_t count = 0;
    };
 
-   /// No columns: for a store that is not loaded.
+   /// A ring without columns, to which none can be added.
    ColumnRing() = default;
 
    /// One stamp per column, unset where the column is not in use. The greatest stamp is the latest
@@ -43,8 +43,9 @@ public:
    /// The oldest column in use whose stamp is at least `ts`; -1 if there is none.
    int32_t FindClosestColumn(TimeStamp ts) const;
 
-   /// The columns in use with begin <= stamp <= end; an unset `begin` means from the earliest.
-   Range FindRange(TimeStamp begin, TimeStamp end) const;
+   /// The columns from `first` to the latest, or to the last one before a stamp greater than `end`.
+   /// Empty if `first` is -1.
+   Range GetRange(int32_t first, TimeStamp end) const;
    /// Number of columns of the range that come before the ring wraps to column 0.
    size_t CountBeforeWrap(const Range& range) const;
    /// Replaces `timeStamps` by those of the range.
@@ -59,7 +60,6 @@ private:
    int32_t GetSize() const { return static_cast<int32_t>(_timeStamps.size()); }
    int32_t GetColumnAt(int32_t distance) const;
    int32_t GetDistance(int32_t from, int32_t to) const;
-   size_t CountUpTo(int32_t first, TimeStamp end) const;
    template <class Matches>
    int32_t FindFirst(Matches matches) const;
 

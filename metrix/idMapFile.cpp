@@ -73,7 +73,7 @@ void IdMapFile::ClearRecords(const std::vector<StatId>& ids)
    records.BeginBatch();
    for (const StatId id : ids) {
       IdMapFormat::FreeRecord(records.Get(id));
-      records.Put(id);
+      records.MarkDirty(id);
    }
    records.EndBatch();
 }

@@ -14,28 +14,31 @@ namespace {
 
 using Corvax::Assert;
 
-/// Long runs, because what the kernel does for one write grows with the pieces in which it keeps
-/// the file in memory, not with the bytes that are written.
-constexpr size_t kLongestRunBytes = 1024 * 1024;
+/// Large, because the kernel's cost of a read or write is mostly per call and per page-cache folio,
+/// hardly per byte.
+constexpr size_t kMaxRangeBytes = 1024 * 1024;
 
-/// Beyond this size copying the rows in between costs more than calls of their own.
-constexpr size_t kLargestRowInRunBytes = 4096;
+/// Longer rows are handled one by one: copying the rows between two that are used would cost more
+/// than the system calls that it saves.
+constexpr size_t kMaxRowBytesInRange = 4096;
 
-/// Rows that a walk may leave out and still count as one: a stat's rollup series lie behind its raw
-/// series.
-constexpr uint64_t kLongestStep = 16;
+/// A step over fewer rows than this continues a walk: the rollup series of a stat lie between its
+/// raw series and the next stat's.
+constexpr uint64_t kStepLimit = 16;
 
+/// The range grows by this factor while a walk continues: a lone access reads one row, a long walk
+/// soon reads full ranges, and one that ends has read less than four times the rows it passed.
 constexpr uint64_t kGrowth = 4;
 
-constexpr size_t kMostPieces = 512;
+constexpr size_t kMaxExtents = 512;
 
 } // namespace
 
 RowWindow::RowWindow(Corvax::Ref<Corvax::FileHandle> file, uint64_t firstRowPos,
                      size_t rowSizeBytes)
    : _file(std::move(file)), _firstRowPos(firstRowPos), _rowSize(rowSizeBytes),
-     _longestRun(rowSizeBytes > kLargestRowInRunBytes ? 1 : kLongestRunBytes / rowSizeBytes),
-     _bytes(new(std::nothrow) std::byte[_longestRun * _rowSize])
+     _maxRows(rowSizeBytes > kMaxRowBytesInRange ? 1 : kMaxRangeBytes / rowSizeBytes),
+     _bytes(new(std::nothrow) std::byte[_maxRows * _rowSize])
 {
    Assert(_bytes != nullptr, "a row buffer can be allocated");
 }
@@ -44,7 +47,7 @@ void RowWindow::EndBatch()
 {
    _isBatch = false;
    WriteBack();
-   _count = 0;
+   _rowCount = 0;
 }
 
 std::byte* RowWindow::Get(uint64_t row)
@@ -55,88 +58,91 @@ std::byte* RowWindow::Get(uint64_t row)
    return At(row);
 }
 
-void RowWindow::Put(uint64_t row)
+void RowWindow::MarkDirty(uint64_t row)
 {
-   Assert(Holds(row), "the row that is put down was got");
-   const bool isFirst = _putFirst == _putEnd;
-   _putFirst = isFirst ? row : std::min(_putFirst, row);
-   _putEnd = isFirst ? row + 1 : std::max(_putEnd, row + 1);
+   Assert(Holds(row), "a row is read before it is marked dirty");
+   const bool isFirst = _dirtyFirst == _dirtyEnd;
+   _dirtyFirst = isFirst ? row : std::min(_dirtyFirst, row);
+   _dirtyEnd = isFirst ? row + 1 : std::max(_dirtyEnd, row + 1);
    if (!_isBatch) {
       WriteBack();
    }
 }
 
-void RowWindow::SetPiece(uint64_t row, size_t pos, uint64_t value)
+void RowWindow::QueueExtent(uint64_t row, size_t pos, uint64_t value)
 {
    if (Holds(row)) {
       WriteBack();
-      _count = 0; // it is not what the file will have
+      _rowCount = 0; // the window's copy becomes stale
    }
-   Piece& piece = _pieces.emplace_back();
-   piece.offset = _firstRowPos + row * _rowSize + pos;
-   Encode(value, piece.bytes.data());
-   if (_pieces.size() >= kMostPieces) {
-      WritePieces();
+   Extent& extent = _extents.emplace_back();
+   extent.offset = _firstRowPos + row * _rowSize + pos;
+   Encode(value, extent.bytes.data());
+   if (_extents.size() >= kMaxExtents) {
+      WriteExtents();
    }
 }
 
-void RowWindow::WritePieces()
+void RowWindow::WriteExtents()
 {
-   if (_pieces.empty()) {
+   if (_extents.empty()) {
       return;
    }
-   const std::vector<Piece> pieces = std::exchange(_pieces, {});
-   std::vector<Corvax::FilePiece> writes;
-   writes.reserve(pieces.size());
-   for (const Piece& piece : pieces) {
-      writes.push_back({piece.offset, piece.bytes.data(), piece.bytes.size()});
+   // Taken out first: after a failure it is open which of them the file has, so none is retried.
+   const std::vector<Extent> extents = std::exchange(_extents, {});
+   std::vector<Corvax::FileExtent> writes;
+   writes.reserve(extents.size());
+   for (const Extent& extent : extents) {
+      writes.push_back({extent.offset, extent.bytes.data(), extent.bytes.size()});
    }
    try {
-      _file->WritePieces(writes);
+      _file->WriteExtents(writes);
    } catch (...) {
-      ++_losses;
+      ++_failedWrites;
       throw;
    }
-   _pieces.reserve(kMostPieces);
+   _extents.reserve(kMaxExtents);
 }
 
 void RowWindow::MoveTo(uint64_t row)
 {
-   WriteBack();
-   const uint64_t count = ChooseRunLength(row);
-   _count = 0; // nothing, should reading fail
+   WriteBack(); // the rows read below may have pending extents
+   const uint64_t count = ChooseRangeLength(row);
+   _rowCount = 0; // holds nothing if reading fails
    _file->Seek(_firstRowPos + row * _rowSize);
    const size_t readBytes = _file->Read(_bytes.get(), count * _rowSize);
    const size_t wholeRowBytes = readBytes - readBytes % _rowSize;
    std::memset(&_bytes[wholeRowBytes], 0, count * _rowSize - wholeRowBytes);
-   _first = row;
-   _count = count;
+   _firstRow = row;
+   _rowCount = count;
 }
 
-uint64_t RowWindow::ChooseRunLength(uint64_t row) const
+/// A walk is going on if the row lies at or shortly after the end of the range read last. Only then
+/// are the rows after it likely to be used next, and worth reading with it.
+uint64_t RowWindow::ChooseRangeLength(uint64_t row) const
 {
-   const uint64_t end = _first + _count;
-   const bool isWalk = _isBatch && _count > 0 && row >= end && row - end < kLongestStep;
-   return isWalk ? std::min(_count * kGrowth, _longestRun) : 1;
+   const uint64_t end = _firstRow + _rowCount;
+   const bool isWalk = _isBatch && _rowCount > 0 && row >= end && row - end < kStepLimit;
+   return isWalk ? std::min(_rowCount * kGrowth, _maxRows) : 1;
 }
 
 void RowWindow::WriteBack()
 {
-   WritePieces();
-   if (_putFirst == _putEnd) {
+   WriteExtents();
+   if (_dirtyFirst == _dirtyEnd) {
       return;
    }
-   const size_t sizeBytes = (_putEnd - _putFirst) * _rowSize;
-   const std::byte* const bytes = At(_putFirst);
-   const uint64_t pos = _firstRowPos + _putFirst * _rowSize;
-   _putFirst = 0;
-   _putEnd = 0;
+   const size_t sizeBytes = (_dirtyEnd - _dirtyFirst) * _rowSize;
+   const std::byte* const bytes = At(_dirtyFirst);
+   const uint64_t pos = _firstRowPos + _dirtyFirst * _rowSize;
+   _dirtyFirst = 0;
+   _dirtyEnd = 0;
    try {
       _file->Seek(pos);
       Assert(_file->Write(bytes, sizeBytes) == sizeBytes, "rows are written whole");
    } catch (...) {
-      ++_losses;
-      _count = 0;
+      ++_failedWrites;
+      _rowCount = 0; // the file may have old rows or new ones
       throw;
    }
 }

@@ -10,70 +10,71 @@
 
 namespace Metrix {
 
-/// Rows of one size, one behind the other in a file, read and written through a window on
-/// neighbouring rows.
+/// A buffer for a range of consecutive rows of a file, all of one size, through which the rows are
+/// read and written.
 ///
-/// Alone, every row is read and written by itself and straight through. Within a batch, walking
-/// forward through the rows reads ever longer runs of them at once, and rows put down stay in the
-/// window until it moves on or the batch ends: two system calls a run instead of two a row. Rows
-/// between those that were put down are written as they were read.
+/// Outside a batch each row is read and written alone and at once. In a batch, walking forward
+/// through the rows reads longer and longer ranges, and dirty rows stay in the window until it
+/// moves or the batch ends: two system calls per range instead of two per row. Clean rows between
+/// dirty ones are written back as they were read.
 ///
-/// Long rows are not worth copying for the few bytes that a sample is: within a batch such bytes
-/// can be put down by themselves, and go out many at a time.
+/// For long rows, writing only the changed bytes is cheaper than copying whole rows. In a batch
+/// such extents can be queued; many of them are written with one system call.
 ///
-/// A row that the file does not have, or not whole, reads as zero bytes.
-/// Errors: PlatformException where the file system fails, AssertionException when it took only a
-/// part; what the window held back is then lost, and later reads show what the file has.
+/// A row that the file does not hold whole reads as zero bytes.
+/// Errors: PlatformException if the file system fails, AssertionException if it writes rows only in
+/// part. The changes of the failed write are lost, and later reads return what the file has; other
+/// changes stay pending.
 /// Locking: none; one thread at a time.
 class RowWindow {
 public:
-   /// The file is open for as long as the window is used; row 0 begins at `firstRowPos`.
+   /// The file stays open while the window is used. Row 0 begins at `firstRowPos`.
    RowWindow(Corvax::Ref<Corvax::FileHandle> file, uint64_t firstRowPos, size_t rowSizeBytes);
 
    void BeginBatch() { _isBatch = true; }
-   /// Writes what was held back, and forgets what was read.
+   /// Writes everything pending and empties the window.
    void EndBatch();
 
-   /// The row's bytes, to be looked at or changed until the next call.
+   /// The row's bytes, valid until the next call. After changing them, call MarkDirty.
    std::byte* Get(uint64_t row);
 
-   /// Puts down the row that Get gave last, as it is now.
-   void Put(uint64_t row);
+   /// Has the row, which Get returned last, written: in a batch later, otherwise now.
+   void MarkDirty(uint64_t row);
 
-   /// How often something that was held back could not be written.
-   uint64_t GetLosses() const { return _losses; }
+   /// Whether QueueExtent may be used, and is cheaper than Get and MarkDirty.
+   bool PrefersExtents() const { return _isBatch && _maxRows == 1; }
 
-   /// Whether rows are long and this is a batch, so that SetPiece saves copying them.
-   bool TakesPieces() const { return _isBatch && _longestRun == 1; }
+   /// In a batch: queues the eight bytes at `pos` within a row that the file has.
+   void QueueExtent(uint64_t row, size_t pos, uint64_t value);
 
-   /// Puts down eight bytes of a row that the file has, at their place within the row. In a batch.
-   void SetPiece(uint64_t row, size_t pos, uint64_t value);
+   /// Number of failed writes of pending changes.
+   uint64_t GetFailedWrites() const { return _failedWrites; }
 
 private:
-   struct Piece {
+   struct Extent {
       uint64_t offset;
       std::array<std::byte, 8> bytes;
    };
 
-   bool Holds(uint64_t row) const { return row >= _first && row - _first < _count; }
+   bool Holds(uint64_t row) const { return row >= _firstRow && row - _firstRow < _rowCount; }
    void MoveTo(uint64_t row);
-   uint64_t ChooseRunLength(uint64_t row) const;
+   uint64_t ChooseRangeLength(uint64_t row) const;
    void WriteBack();
-   void WritePieces();
-   std::byte* At(uint64_t row) { return &_bytes[(row - _first) * _rowSize]; }
+   void WriteExtents();
+   std::byte* At(uint64_t row) { return &_bytes[(row - _firstRow) * _rowSize]; }
 
    const Corvax::Ref<Corvax::FileHandle> _file;
    const uint64_t _firstRowPos;
    const size_t _rowSize;
-   const uint64_t _longestRun; // rows
+   const uint64_t _maxRows; ///< most rows that the window holds
    std::unique_ptr<std::byte[]> _bytes;
    bool _isBatch = false;
-   uint64_t _first = 0; // of the rows in the window
-   uint64_t _count = 0;
-   uint64_t _putFirst = 0; // of the rows held back
-   uint64_t _putEnd = 0;   // behind the last; the same as the first when none are
-   uint64_t _losses = 0;
-   std::vector<Piece> _pieces; // held back, in the order in which they were put down
+   uint64_t _firstRow = 0;
+   uint64_t _rowCount = 0;
+   uint64_t _dirtyFirst = 0; ///< the dirty rows, with the clean ones between them
+   uint64_t _dirtyEnd = 0;   ///< after the last; equal to _dirtyFirst if no row is dirty
+   uint64_t _failedWrites = 0;
+   std::vector<Extent> _extents; ///< pending, in the order in which they were queued
 };
 
 } // namespace Metrix

@@ -44,7 +44,7 @@ public:
    void EndBatch() override;
 
 private:
-   void AssertOpen() const { Assert(_storeHandle && _storeHandle->IsOpen(), "the store is open"); }
+   void AssertOpen() const { Assert(_rows != nullptr, "the store is created or loaded"); }
    [[noreturn]] void ThrowDamaged(const std::string& message);
    uint32_t ReadUInt32(uint64_t pos);
    void ReadTimeStamps();
@@ -53,9 +53,9 @@ private:
    std::optional<StatVector> GetStatVector(StatId statId);
    StatVector AllocStatVector(StatId statId);
    void WriteStatVector(StatId statId);
-   bool PutSampleAlone(StatId statId, int32_t column, TimeStamp ts, StatVal value);
-   void RememberStamp(StatId statId, TimeStamp ts);
-   void ForgetStampsAfterLoss();
+   bool QueueSample(StatId statId, int32_t column, TimeStamp ts, StatVal value);
+   void CacheRowStamp(StatId statId, TimeStamp ts);
+   void DropStaleRowStamps();
 
    int32_t FindColumn(TimeStamp ts) const { return _columns.FindColumn(ts); }
    int32_t FindClosestColumn(TimeStamp ts) const { return _columns.FindClosestColumn(ts); }
@@ -66,15 +66,15 @@ private:
 
    const std::string _fileName;
    Corvax::Ref<Corvax::FileHandle> _storeHandle;
-   uint32_t _numStats = 0; ///< rows known
+   uint32_t _numStats = 0; ///< rows in the file, with new ones that are still pending
    uint32_t _numSamples = 0;
    uint32_t _samplingPeriod = 0;
    ColumnRing _columns;
    uint64_t _statVectorPos = 0; ///< file offset of row 0
    size_t _rowSize = 0;
    std::unique_ptr<RowWindow> _rows;
-   uint64_t _lossesSeen = 0;
-   std::vector<TimeStamp> _rowStamps; ///< of rows in the file, by id; unset: not known, or free
+   std::vector<TimeStamp> _rowStamps; ///< by id; unset: not cached, or the row is free
+   uint64_t _failedWritesSeen = 0;    ///< those after which _rowStamps was last dropped
    const Corvax::Ref<Corvax::Logger> _logger;
 };
 
@@ -117,8 +117,8 @@ void StatsStoreImpl::Load()
    const uint64_t rows = (size - _statVectorPos) / _rowSize;
    _numStats = static_cast<uint32_t>(std::min<uint64_t>(rows, UINT32_MAX));
    if ((size - _statVectorPos) % _rowSize != 0) {
-      _logger->Log(Corvax::kLogWarning, "StatsStore %1 ends with a part of a row, which is ignored",
-                   _fileName);
+      _logger->Log(Corvax::kLogWarning,
+                   "StatsStore %1 ends with an incomplete row, which is ignored", _fileName);
    }
    ReadTimeStamps();
    _rows = std::make_unique<RowWindow>(_storeHandle, _statVectorPos, _rowSize);
@@ -164,13 +164,13 @@ void StatsStoreImpl::Flush()
    _storeHandle->Flush();
 }
 
-/// The row of a stat is its id; -1 when the file has no such row.
+/// The row of a stat is its id; -1 if there is no such row.
 int64_t StatsStoreImpl::FindRow(StatId statId) const
 {
    return statId < _numStats ? static_cast<int64_t>(statId) : -1;
 }
 
-/// Nothing when there is no row, or a free one. Valid until the next row is got.
+/// Nothing if there is no row, or a free one. Valid until another row is read.
 std::optional<StatVector> StatsStoreImpl::GetStatVector(StatId statId)
 {
    const int64_t index = FindRow(statId);
@@ -181,7 +181,7 @@ std::optional<StatVector> StatsStoreImpl::GetStatVector(StatId statId)
    return row.IsUsed() ? std::optional(row) : std::nullopt;
 }
 
-/// A new row for the stat, not yet in the file.
+/// An empty row for the stat, in memory until WriteStatVector.
 StatVector StatsStoreImpl::AllocStatVector(StatId statId)
 {
    StatVector row(_rows->Get(statId));
@@ -192,10 +192,11 @@ StatVector StatsStoreImpl::AllocStatVector(StatId statId)
 
 void StatsStoreImpl::WriteStatVector(StatId statId)
 {
-   _rows->Put(statId);
+   _rows->MarkDirty(statId);
 }
 
-/// A sample goes into a column of its own stamp or into a new, newest one; never between.
+/// The column for a sample: the one with its stamp, or a new latest one. A column cannot be
+/// inserted between others.
 int32_t StatsStoreImpl::ChooseColumn(TimeStamp ts)
 {
    if (_columns.GetLatest() < 0 || ts > _columns.GetLatestTimeStamp()) {
@@ -209,12 +210,12 @@ int32_t StatsStoreImpl::ChooseColumn(TimeStamp ts)
    return column;
 }
 
-/// The rows keep what they held in the column; InvalidateGap and the read rules tell it from new
-/// samples.
+/// The rows keep their old samples in the column. They stay hidden, because reading compares the
+/// column's stamp with the row's and InvalidateGap unsets what would become visible.
 int32_t StatsStoreImpl::AddColumn(TimeStamp ts)
 {
    const int32_t column = _columns.GetColumnToAdd();
-   WriteTimeStamp(column, ts); // first: when it fails, nothing has changed
+   WriteTimeStamp(column, ts); // first: if it fails, nothing has changed
    _columns.AddColumn(ts);
    return column;
 }
@@ -227,9 +228,9 @@ void StatsStoreImpl::WriteTimeStamp(int32_t column, TimeStamp ts)
    _storeHandle->WriteAll(bytes, sizeof bytes);
 }
 
-/// Wipes what the row still holds, from an earlier round of the circle, in the columns for which
-/// the stat got no sample since its last one. A sample for a column that is not newer than the
-/// stat's last wipes all from the one after the last, round the circle, up to it; kept on purpose.
+/// Unsets the row's samples in the columns after its last sample and before `chosen`: they are left
+/// from before the ring wrapped, and would become visible with the row's new stamp. If `chosen` is
+/// not newer than the last sample, the walk to it goes around the ring; on purpose.
 void StatsStoreImpl::InvalidateGap(StatVector& row, int32_t chosen) const
 {
    const TimeStamp previous = _columns.GetTimeStamp(_columns.GetPrevious(chosen));
@@ -250,7 +251,7 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
       throw Corvax::InvalidArgumentException();
    }
    const int32_t column = ChooseColumn(ts);
-   if (PutSampleAlone(statId, column, ts, value)) {
+   if (QueueSample(statId, column, ts, value)) {
       return;
    }
    std::optional<StatVector> known = GetStatVector(statId);
@@ -259,38 +260,40 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
    row.SetSample(static_cast<size_t>(column), value);
    row.SetTimeStamp(ts);
    WriteStatVector(statId);
-   RememberStamp(statId, ts);
+   CacheRowStamp(statId, ts);
 }
 
-/// A long row whose stamp is known and which has nothing to wipe need not be read for a sample. The
-/// sample goes first: without the stamp it is not seen, while a stamp alone would show what the
-/// column held a round ago.
-bool StatsStoreImpl::PutSampleAlone(StatId statId, int32_t column, TimeStamp ts, StatVal value)
+/// Stores a sample of a long row without reading the row. False, with nothing done, unless that is
+/// cheaper and the row's stamp is cached and shows that there is no gap to invalidate.
+///
+/// The sample is written before the row's stamp: without the stamp it is hidden, whereas the stamp
+/// alone would show what the column held before the ring wrapped.
+bool StatsStoreImpl::QueueSample(StatId statId, int32_t column, TimeStamp ts, StatVal value)
 {
-   ForgetStampsAfterLoss();
-   if (!_rows->TakesPieces() || statId >= _rowStamps.size()) {
+   DropStaleRowStamps();
+   if (!_rows->PrefersExtents() || statId >= _rowStamps.size()) {
       return false;
    }
    const TimeStamp previous = _columns.GetTimeStamp(_columns.GetPrevious(column));
    if (_rowStamps[statId] == kUnset || _rowStamps[statId] != previous) {
       return false;
    }
-   _rows->SetPiece(statId, StoreFormat::SamplePos(static_cast<size_t>(column)), value);
-   _rows->SetPiece(statId, StoreFormat::kRowTimeStampPos, ts);
+   _rows->QueueExtent(statId, StoreFormat::SamplePos(static_cast<size_t>(column)), value);
+   _rows->QueueExtent(statId, StoreFormat::kRowTimeStampPos, ts);
    _rowStamps[statId] = ts;
    return true;
 }
 
-/// What could not be written is not in the file, so nothing is known of any row any more.
-void StatsStoreImpl::ForgetStampsAfterLoss()
+/// After a failed write the file may have older stamps than those cached.
+void StatsStoreImpl::DropStaleRowStamps()
 {
-   if (_rows->GetLosses() != _lossesSeen) {
-      _lossesSeen = _rows->GetLosses();
+   if (_rows->GetFailedWrites() != _failedWritesSeen) {
+      _failedWritesSeen = _rows->GetFailedWrites();
       _rowStamps.clear();
    }
 }
 
-void StatsStoreImpl::RememberStamp(StatId statId, TimeStamp ts)
+void StatsStoreImpl::CacheRowStamp(StatId statId, TimeStamp ts)
 {
    if (statId >= _rowStamps.size()) {
       _rowStamps.resize(_numStats, kUnset);
@@ -306,7 +309,7 @@ StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
       return kUnset;
    }
    const std::optional<StatVector> row = GetStatVector(statId);
-   // Columns newer than the row's last sample hold values of an earlier round.
+   // Columns newer than the row's last sample hold values from before the ring wrapped.
    return row && row->GetTimeStamp() >= ts ? row->GetSample(static_cast<size_t>(column)) : kUnset;
 }
 
@@ -314,7 +317,8 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
                                std::vector<StatVal>& values, std::vector<TimeStamp>* timeStamps)
 {
    AssertOpen();
-   const ColumnRing::Range range = _columns.FindRange(begin, end);
+   const int32_t first = begin == kUnset ? _columns.GetEarliest() : FindClosestColumn(begin);
+   const ColumnRing::Range range = _columns.GetRange(first, end);
    std::vector<TimeStamp> ownStamps;
    std::vector<TimeStamp>& stamps = timeStamps ? *timeStamps : ownStamps;
    _columns.GetTimeStamps(range, stamps);
@@ -328,9 +332,9 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
       return 0;
    }
    const size_t beforeWrap = _columns.CountBeforeWrap(range);
-   row->GetSamples(static_cast<size_t>(range.first), {values.data(), beforeWrap});
+   row->GetSamples(static_cast<size_t>(first), {values.data(), beforeWrap});
    row->GetSamples(0, {values.data() + beforeWrap, range.count - beforeWrap});
-   // Columns newer than the row's last sample hold values of an earlier round.
+   // Columns newer than the row's last sample hold values from before the ring wrapped.
    const TimeStamp newest = row->GetTimeStamp();
    int count = 0;
    for (size_t i = 0; i < range.count; ++i) {
@@ -356,7 +360,7 @@ bool StatsStoreImpl::DeleteStat(StatId statId)
    if (std::optional<StatVector> row = GetStatVector(statId)) {
       row->SetFree();
       WriteStatVector(statId);
-      RememberStamp(statId, kUnset);
+      CacheRowStamp(statId, kUnset);
    }
    return true;
 }
@@ -376,7 +380,7 @@ TimeStamp StatsStoreImpl::GetEarliestTimeStamp()
 void StatsStoreImpl::GetTimeStamps(std::vector<TimeStamp>& timeStamps)
 {
    AssertOpen();
-   _columns.GetTimeStamps(_columns.FindRange(kUnset, kUnset), timeStamps);
+   _columns.GetTimeStamps(_columns.GetRange(_columns.GetEarliest(), kUnset), timeStamps);
 }
 
 void StatsStoreImpl::BeginBatch()

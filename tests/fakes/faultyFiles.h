@@ -103,16 +103,16 @@ private:
          const bool cut = _files.cutWrites && sizeBytes > 8 && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
       }
-      void WritePieces(std::span<const Corvax::FilePiece> pieces) override
+      void WriteExtents(std::span<const Corvax::FileExtent> extents) override
       {
          if (_files.failAt > 0 || _files._failing) {
-            return FileHandle::WritePieces(pieces); // each of them may fail
+            return FileHandle::WriteExtents(extents); // each of them may fail
          }
-         for (const Corvax::FilePiece& piece : pieces) {
-            _files.bytes += piece.sizeBytes;
+         for (const Corvax::FileExtent& extent : extents) {
+            _files.bytes += extent.sizeBytes;
          }
          ++_files.calls;
-         _real->WritePieces(pieces);
+         _real->WriteExtents(extents);
       }
       void Flush() override
       {

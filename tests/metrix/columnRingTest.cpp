@@ -14,7 +14,8 @@ using Stamps = std::vector<TimeStamp>;
 Stamps InOrder(const ColumnRing& ring, TimeStamp begin = kUnset, TimeStamp end = kUnset)
 {
    Stamps stamps{1, 2, 3}; // replaced
-   ring.GetTimeStamps(ring.FindRange(begin, end), stamps);
+   const int32_t first = begin == kUnset ? ring.GetEarliest() : ring.FindClosestColumn(begin);
+   ring.GetTimeStamps(ring.GetRange(first, end), stamps);
    return stamps;
 }
 
