@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # The agent from outside: `agentdTest.sh BUILD_DIR CASE` runs one case against the built programs.
+# Waits are for conditions, so that a busy machine makes a case slow and never red.
 set -euo pipefail
 build=$1
 agentd=$build/bin/agentd
 dir=$(mktemp -d)
 agent=
-trap '[ -z "$agent" ] || kill -9 "$agent" 2>/dev/null || true; rm -rf "$dir"' EXIT
+spinner=
+trap '{ kill -9 $agent $spinner; wait; } 2>/dev/null || true; rm -rf "$dir"' EXIT
 
 fail() {
    echo "FAILED: $*" >&2
@@ -13,18 +15,46 @@ fail() {
    exit 1
 }
 
+waitFor() { # COMMAND...: until it succeeds; the bound is for what never comes
+   local end=$(($(date +%s) + 120))
+   until "$@"; do
+      [ "$(date +%s)" -lt $end ] || fail "waited in vain for: $*"
+      sleep 0.1
+   done
+}
+
+config() { printf '<config>\n  %s\n</config>\n' "$1" >"$dir/c.xml"; }
+
+start() { # ARGUMENTS...: the agent in the background, its report in out
+   : >"$dir/out"
+   "$agentd" --listen none --state-dir "$dir" --report "$@" >>"$dir/out" 2>"$dir/log" &
+   agent=$!
+}
+
+stop() { # SIGNAL
+   kill -"$1" "$agent"
+   wait "$agent" || fail "exit status $? after SIG$1"
+   agent=
+}
+
+lines() { wc -l <"$dir/out"; }
+hasLines() {
+   [ "$(lines)" -ge "$1" ] && return
+   kill -0 "$agent" 2>/dev/null || fail "the agent has ended"
+   return 1
+}
+
 # Unsigned integers of a file: numbers FILE OFFSET COUNT SIZE
 numbers() { od -An -v -t "u$4" -j "$2" -N $(($3 * $4)) -w$(($3 * $4)) "$1"; }
 
 store() { echo "$dir/stats/hostAgentStats-$1.stats"; }
 
-newestColumn() {
-   local columns
-   columns=$(numbers "$1" 0 1 4)
-   numbers "$1" 8 $((columns)) 8 | tr -s ' ' '\n' | grep -vx 18446744073709551615 | sort -n | tail -n 1
+columns() { # STORE: the stamps of its columns in use
+   numbers "$1" 8 $(($(numbers "$1" 0 1 4))) 8 | tr -s ' ' '\n' | grep -E '^[0-9]+$' |
+      grep -vx 18446744073709551615
 }
 
-checkDepot() { # with N columns in the finest and M in the coarse store
+checkDepot() { # PERIOD of the finest store
    local size columns
    size=$(stat -c %s "$dir/stats/hostAgentStats.idMap")
    [ $((size % 524)) -eq 0 ] && [ "$size" -gt 0 ] || fail "id map of $size bytes"
@@ -35,35 +65,56 @@ checkDepot() { # with N columns in the finest and M in the coarse store
    done
 }
 
+usedMs() { # CPU time that all CPUs have used, in the fields that the agent counts
+   awk -v hz="$(getconf CLK_TCK)" \
+      '/^cpu[0-9]/ {t += $2 + $3 + $4 + $7 + $8} END {printf "%.0f", t * 1000 / hz}' /proc/stat
+}
+
+usedKb() { awk '/^MemTotal/ {t = $2} /^MemFree/ {f = $2} END {print t - f}' /proc/meminfo; }
+
+# Holds a span of report lines against /proc. A reading is known to follow a reading of /proc only in
+# the second line that is printed after it: the run before that may have been under way. Fails the
+# case if the CPU figures are wrong. Returns 1, to be tried again, if a late run left one out, or if
+# the memory in use is not between that before and after: it may have gone up and down meanwhile.
+figuresAgree() {
+   local first last outerStart innerStart innerEnd outerEnd before after memory slack sum
+   before=$(usedKb)
+   outerStart=$(usedMs)
+   first=$(($(lines) + 2))
+   waitFor hasLines $first
+   innerStart=$(usedMs)
+   after=$(usedKb)
+   waitFor hasLines $((first + 5))
+   innerEnd=$(usedMs)
+   last=$(($(lines) + 2))
+   waitFor hasLines $last
+   outerEnd=$(usedMs)
+
+   # Of an agent with CPUs of 1000 MHz, MHz in a second are milliseconds of CPU time.
+   sum=$(sed -n "$((first + 1)),${last}p" "$dir/out" |
+      awk '$3 == "-" {gap = 1} {sum += $3} END {if (gap) exit 1; print sum}') || return 1
+   [ "$sum" -ge $((innerEnd - innerStart - 1)) ] && [ "$sum" -le $((outerEnd - outerStart + 1)) ] ||
+      fail "$sum ms of CPU time, not from $((innerEnd - innerStart)) to $((outerEnd - outerStart))"
+   memory=$(sed -n "${first}p" "$dir/out" | cut -d ' ' -f 6)
+   slack=$(awk '/^MemTotal/ {print int($2 / 50)}' /proc/meminfo)
+   [ "$memory" -ge $(((before < after ? before : after) - slack)) ] &&
+      [ "$memory" -le $(((before > after ? before : after) + slack)) ]
+}
+
 case $2 in
 report)
-   cpus=$(nproc)
-   busy=()
-   for ((i = 0; i < cpus; ++i)); do
-      (while :; do :; done) &
-      busy+=($!)
-   done
-   # What the machine has in use meanwhile; others may come and go.
-   (while :; do
-      awk '/^MemTotal/ {t = $2} /^MemFree/ {f = $2} END {print t - f}' /proc/meminfo
-      sleep 0.1
-   done) >"$dir/used" &
-   busy+=($!)
-   "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 4 --report >"$dir/out" 2>"$dir/log" ||
-      fail "exit status $?"
-   kill "${busy[@]}"
-   least=$(sort -n "$dir/used" | head -n 1)
-   most=$(sort -n "$dir/used" | tail -n 1)
-   total=$(awk '/^MemTotal/ {print $2}' /proc/meminfo)
-   [ "$(wc -l <"$dir/out")" -eq 4 ] || fail "not four lines: $(cat "$dir/out")"
-   expected=
-   while read -r time _ mhz _ _ memory _; do
-      second=$(date -d "$time" +%s)
-      [ -z "$expected" ] || [ "$second" -eq $((expected + 1)) ] || fail "$time is not a second later"
-      [ -z "$expected" ] || [ "$mhz" -gt 0 ] || fail "no CPU use at $time"
-      [ $((memory + total / 50)) -ge "$least" ] && [ "$memory" -le $((most + total / 50)) ] ||
-         fail "memory of $memory KB, not between $least and $most"
-      expected=$second
+   config '<agentd><cpuMhz>1000</cpuMhz></agentd>'
+   (while :; do :; done) &
+   spinner=$!
+   start --interval 1 --config "$dir/c.xml"
+   waitFor figuresAgree
+   stop TERM
+   last=0
+   while read -r line; do
+      grep -qxE '[0-9T:-]+Z cpu (-|[0-9]+) MHz memory [0-9]+ KB' <<<"$line" || fail "report: $line"
+      time=$(date -d "${line%% *}" +%s)
+      [ "$time" -gt $last ] || fail "not after the line before: $line"
+      last=$time
    done <"$dir/out"
    checkDepot 1
    ;;
@@ -76,43 +127,32 @@ continues)
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log1" || fail "no new depot"
    ! grep -q "Reverting" "$dir/log2" || fail "the second run gave up the depot"
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log3" || fail "kept at 2 s"
-   ! grep -q "No collection\|failed" "$dir"/log* || fail "trouble in the log"
-   [ "$(numbers "$(store 1)" 8 5 8 | tr -s ' ' '\n' | grep -c '^1[0-9]*$')" -ge 4 ] ||
-      fail "the second run did not go on from the first's columns"
+   ! grep -q "failed" "$dir"/log* || fail "errors in the log"
+   [ "$(columns "$(store 1)" | wc -l)" -ge 4 ] || fail "the second run did not add to the first's columns"
    ;;
 
 killed)
-   "$agentd" --listen none --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log1" &
-   agent=$!
-   for ((i = 0; i < 100; ++i)); do
-      [ "$(wc -l <"$dir/out")" -lt 3 ] || break
-      sleep 0.1
-   done
-   kill -9 $agent
-   wait $agent || true
+   start --interval 1
+   waitFor hasLines 3
+   kill -9 "$agent"
+   wait "$agent" 2>/dev/null || true
    agent=
    last=$(date -d "$(tail -n 1 "$dir/out" | cut -d ' ' -f 1)" +%s)
-   [ "$(newestColumn "$(store 1)")" -ge "$last" ] || fail "the last finished run is not in the store"
-   "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 1 2>"$dir/log2" || fail "exit status $?"
-   ! grep -qE "Reverting|Unable to load|Error in loading|lost" "$dir/log2" || fail "something was lost"
-   numbers "$(store 1)" 8 8 8 | tr -s ' ' '\n' | grep -x "$last" >/dev/null || fail "the column is gone"
+   newest=$(columns "$(store 1)" | sort -n | tail -n 1)
+   [ "$newest" -ge "$last" ] || fail "the last finished run is not in the store"
+   "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 1 2>"$dir/log" || fail "exit status $?"
+   ! grep -qE "Reverting|Unable to load|Error in loading|lost" "$dir/log" || fail "something was lost"
+   columns "$(store 1)" | grep -x "$newest" >/dev/null || fail "the column is gone"
    ;;
 
 stops)
    for signal in TERM INT; do
-      "$agentd" --listen none --state-dir "$dir" --interval 1 --report >"$dir/out" 2>"$dir/log" &
-      agent=$!
-      for ((i = 0; i < 100; ++i)); do
-         [ ! -s "$dir/out" ] || break
-         sleep 0.1
-      done
+      start --interval 1
+      waitFor hasLines 1
       ! "$agentd" --listen none --state-dir "$dir" --runs 1 2>"$dir/second" || fail "a second agent started"
       grep -q "is locked: process $agent is using the directory" "$dir/second" || fail "$(cat "$dir/second")"
-      kill -$signal $agent
-      wait $agent || fail "exit status $? after SIG$signal"
-      agent=
+      stop $signal
       grep -q "<5>agentd: agentd has stopped" "$dir/log" || fail "no clean stop"
-      rm "$dir/out"
    done
    ;;
 
@@ -125,7 +165,6 @@ refusals)
       grep -qF -- "$text" "$dir/out" "$dir/err" || fail "$* says: $(cat "$dir/err")"
       [ "$wanted" -eq 0 ] || [ "$(grep -c . "$dir/err")" -le 4 ] || fail "$* says too much"
    }
-   config() { printf '<config>\n  %s\n</config>\n' "$1" >"$dir/c.xml"; }
    expect 2 "agentd: The following argument was not expected: --nonsense" --nonsense
    expect 2 "agentd: --interval: '7' is no divisor of 300 seconds" --interval 7
    expect 2 "agentd: --runs" --runs 0
