@@ -109,8 +109,7 @@ room(http SEES corvax TAKES sockets polling locks threads files httplib)
 room(managementApi SEES http ${services} quen plexa corvax TAKES json)
 room(agentd SEES managementApi http linuxHost simHost inventory ${services} ${interfaces}
    TAKES files polling threads processes modules commandLine)
-room(qsh SEES qsh/framework hostctl corvax
-   TAKES files modules processes terminal lineEditing commandLine)
+room(qsh SEES qsh/framework corvax TAKES processes terminal lineEditing commandLine)
 room(agentctl SEES corvax TAKES polling threads processes terminal json httplib commandLine)
 
 # Tests and measurements see what they exercise; they may take any system header.

@@ -38,7 +38,7 @@ void LoadPlugins(const Options& options, TessQshInternalState& shell)
 {
    std::vector<std::string> fileNames = options.pluginFiles;
    if (fileNames.empty()) {
-      fileNames.push_back(InstalledPluginFile());
+      fileNames.push_back(GetInstalledPluginFile());
    }
    for (const std::string& fileName : fileNames) {
       const QshFramework::PluginDesc& plugin = LoadPlugin(fileName);

@@ -2,44 +2,27 @@
 
 #include "corvax/exception.h"
 #include "corvax/format.h"
+#include "corvax/program.h"
+#include "corvax/sharedLibrary.h"
 
-#include <dlfcn.h>
-
-#include <filesystem>
+#include <type_traits>
 
 namespace Qsh {
 
-namespace {
-
-using Corvax::Format;
-using QshFramework::kPluginEntryName;
-
-constexpr char kPluginFileName[] = "libmetrix.so";
-
-} // namespace
-
-std::string InstalledPluginFile()
+std::string GetInstalledPluginFile()
 {
-   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
-   return (program.parent_path().parent_path() / "lib" / kPluginFileName).string();
+   return Corvax::GetInstallPrefix() + "/lib/libmetrix.so";
 }
 
 const QshFramework::PluginDesc& LoadPlugin(const std::string& fileName)
 {
-   // A name without a slash would be searched for among the system's libraries.
-   const std::string path = fileName.find('/') == std::string::npos ? "./" + fileName : fileName;
-   void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-   if (library == nullptr) {
-      throw Corvax::Exception(Format("Cannot load plug-in %1: %2", fileName, ::dlerror()));
-   }
-   void* const entry = ::dlsym(library, kPluginEntryName);
-   if (entry == nullptr) {
-      throw Corvax::Exception(Format("%1 is no plug-in of the shell: it does not export %2",
-                                     fileName, kPluginEntryName));
-   }
-   const auto* const plugin = reinterpret_cast<QshFramework::PluginEntry>(entry)();
+   const Corvax::SharedLibrary library(fileName);
+   const auto entry = library.GetFunction<std::remove_pointer_t<QshFramework::PluginEntry>>(
+      QshFramework::kPluginEntryName);
+   const QshFramework::PluginDesc* const plugin = entry();
    if (plugin == nullptr) {
-      throw Corvax::Exception(Format("%1 gave no plug-in", fileName));
+      throw Corvax::Exception(
+         Corvax::Format("%1 of %2 returned no plug-in", QshFramework::kPluginEntryName, fileName));
    }
    return *plugin;
 }

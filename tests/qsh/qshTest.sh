@@ -77,8 +77,8 @@ statuses)
    expect 2 '' 'qsh: .*--nonsense.*' --nonsense
    expect 2 '' 'qsh: .*' a-word
    expect 0 'qsh 1\..*' '' --version
-   expect 1 '' 'qsh: Cannot load plug-in .*/none\.so: .*' --plugin "$dir/none.so"
-   expect 1 '' 'qsh: .*libcorvax\.so is no plug-in of the shell: .*GetQshPluginEntry' \
+   expect 1 '' 'qsh: Cannot load .*/none\.so: .*' --plugin "$dir/none.so"
+   expect 1 '' 'qsh: .*libcorvax\.so does not export GetQshPluginEntry' \
       --plugin "$build/lib/libcorvax.so" -c help
    expect 1 '' 'qsh: .*libmetrix\.so: .*there already: .*' --plugin "$build/lib/libmetrix.so" --plugin "$build/lib/libmetrix.so"
    printf '# comment\n\n  help a\nhelp "b\nhelp %s/load' $depot |
