@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <cstring>
 
-/// Integers as the depot's files hold them: little-endian, unaligned.
+/// Integers in the depot's files: little-endian and unaligned.
 namespace Metrix {
 
-/// The integer with its bytes in the files' order, whichever the machine's is.
+/// Converts between the byte order of this machine and that of the files.
 template <class T>
 T ToLittleEndian(T value)
 {

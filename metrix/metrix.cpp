@@ -30,7 +30,7 @@ void MetrixPlugin::Start()
 
 bool MetrixPlugin::WaitStop(int64_t /*timeoutUs*/)
 {
-   // The misspelt name stands on purpose: people search their logs for it.
+   // Misspelt on purpose: people search their logs for it.
    _logger->Log(Corvax::kLogNotice, "Stopping metix plugin");
    _performanceManager->StopStatsCollection();
    return true;

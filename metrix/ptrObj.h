@@ -4,8 +4,8 @@
 
 namespace Metrix {
 
-/// Owner of one object that the kernel library handed out as a raw pointer: deletes it when it is
-/// itself destroyed, on the stack or with its last reference, or is given another.
+/// Owns an object that the kernel library returned as a raw pointer: deletes it in the destructor,
+/// or when another pointer is assigned.
 template <class T>
 class PtrObj : public Corvax::ObjectImpl {
 public:

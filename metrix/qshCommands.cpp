@@ -24,7 +24,7 @@ using QshFramework::TessQshState;
 constexpr int kMaxStatsPurged = 10000;
 constexpr int64_t kUsPerMs = 1000;
 
-/// The depot that all commands work on; null until one has been loaded.
+/// The depot that all commands use; null until one is loaded.
 Ref<StatsDepot> _statsDepot;
 
 StatsDepot* GetLoadedDepot()
@@ -45,7 +45,7 @@ void Load(TessQshState& /*state*/, const CmdArgProcessor& arguments)
       const Corvax::Locker locker(depot.Get());
       depot->Load();
    }
-   _statsDepot = depot; // only now: a depot that cannot be loaded replaces none
+   _statsDepot = depot; // last: if loading fails, the commands keep the previous one
 }
 
 void GetStatNames(TessQshState& state, const CmdArgProcessor& arguments)
@@ -107,8 +107,8 @@ constexpr Argument kCreateDummyStatsArguments[] = {
    {"numStats", "int", "number of stats to add", true},
 };
 
-/// Makes an operation a handler: checks its arguments, turns its exceptions into the command's
-/// error.
+/// A command's handler: checks the arguments, runs the operation and reports its exceptions as the
+/// command's error.
 template <const auto& description, auto operation>
 int Handle(TessQshState* state, const char* /*name*/, int argc, const char* const* argv)
 {

@@ -4,9 +4,9 @@
 
 namespace Metrix {
 
-/// The depot's commands for the diagnostic shell. They share one depot, the last that was loaded.
+/// The depot's commands for the diagnostic shell. They all use the depot that was loaded last.
 ///
-/// Locking: the shell runs one command at a time; the depot's lock is held around its calls.
+/// Locking: the shell runs one command at a time. The commands lock the depot.
 const QshFramework::PluginDesc* GetQshPlugin();
 
 } // namespace Metrix

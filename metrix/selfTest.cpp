@@ -37,7 +37,7 @@ public:
       try {
          System::GetFactory().Remove(_path);
       } catch (const Corvax::Exception&) {
-         // What is left lies in the machine's directory for passing data.
+         // What is left is in the directory for temporary files.
       }
    }
    ScratchDirectory(const ScratchDirectory&) = delete;
@@ -58,9 +58,9 @@ void Record(StatsDepot& depot)
 {
    for (uint64_t run = 0; run < kRuns; ++run) {
       const TimeStamp ts = RunTime(run);
-      Assert(depot.AddSample(kEntity, kLevel, ts, run, 0), "a known stat takes its sample");
+      Assert(depot.AddSample(kEntity, kLevel, ts, run, 0), "a registered stat takes a sample");
       Assert(depot.AddSample(kEntity, kTraffic, ts, kGrowthPerSec * kPeriod * run, 0),
-             "a known stat takes its sample");
+             "a registered stat takes a sample");
    }
 }
 
@@ -72,11 +72,11 @@ void CheckFine(StatsDepot& depot)
    Assert(times.size() == kFineSamples && times.back() == RunTime(kRuns - 1),
           "the finest interval holds the newest hour");
    for (size_t i = 0; i < values.size(); ++i) {
-      Assert(RunTime(values[i]) == times[i], "a sample stands at its time");
+      Assert(RunTime(values[i]) == times[i], "a sample has its time");
    }
    const StatVal rate =
       depot.GetSample(kEntity, kTraffic, times.back(), "", StatsDepot::ROLLUP_NONE);
-   Assert(rate == kGrowthPerSec, "a rate is the growth a second");
+   Assert(rate == kGrowthPerSec, "a rate is the growth per second");
 }
 
 void CheckCoarse(StatsDepot& depot)

@@ -4,9 +4,9 @@
 
 namespace Metrix {
 
-/// Records an hour and a half of synthetic samples in a depot of its own, reads it back, rolled up
-/// and after loading it again, deletes it and removes its files. A runtime exception says what does
-/// not hold.
+/// Records an hour and a half of synthetic samples in a scratch depot and checks the samples and
+/// rollups, also after loading the depot again, and their deletion. Removes the files at the end.
+/// Throws AssertionException for the first failed check, and what the depot throws.
 void TestScratchDepot(Corvax::Logger* logger);
 
 } // namespace Metrix

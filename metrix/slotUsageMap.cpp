@@ -40,7 +40,7 @@ void SlotUsageMap::MarkSlotUsed(int ix)
    } else {
       _usageVector[static_cast<size_t>(ix)] = true;
    }
-   // A hint of -1 needs no raising; one of 0 is left alone on purpose.
+   // With a hint of -1 the search starts at the top anyway. One of 0 stays, on purpose.
    if (_lastUsedSearchIx >= 1 && ix > _lastUsedSearchIx) {
       _lastUsedSearchIx = ix;
    }

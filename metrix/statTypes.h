@@ -10,7 +10,7 @@ using StatId = uint64_t;
 using TimeStamp = uint64_t;
 using StatVal = uint64_t;
 
-/// No value: an empty column, a row never written, an absent sample.
+/// No value: an unused column, a row that has no sample, a missing sample.
 constexpr uint64_t kUnset = ~uint64_t{0};
 
 } // namespace Metrix

@@ -11,7 +11,7 @@ using Corvax::kLogInfo;
 
 } // namespace
 
-/// The part of a deletion that happens in memory.
+/// Removes a stat from memory.
 void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& statName,
                                 const StatInfo& info)
 {
@@ -34,7 +34,7 @@ void StatsDepotImpl::DeleteStatInt(const std::string& entityId, const std::strin
    }
 }
 
-/// Walks files in the order of ids, so that neighbouring records and rows go at once.
+/// Visits records and rows in the order of ids, so that consecutive ones are written together.
 void StatsDepotImpl::DeleteStats(const std::vector<StatName>& stats)
 {
    std::vector<StatId> rawIds;
@@ -47,8 +47,8 @@ void StatsDepotImpl::DeleteStats(const std::vector<StatName>& stats)
    }
    std::ranges::sort(rawIds);
    std::ranges::sort(rollupIds);
-   // A stat that is left without its raw record is given up when the depot is loaded; one without
-   // its rollups' records would live on without them.
+   // Raw series first, in case this is cut short: Load drops a stat without its raw series, whereas
+   // one without its rollups would live on without them.
    PersistIdMappingRemoval(rawIds);
    PersistIdMappingRemoval(rollupIds);
    for (const StatName& stat : stats) {
@@ -89,7 +89,7 @@ void StatsDepotImpl::DeleteEntityStats(const std::string& entityId)
 
 TimeStamp StatsDepotImpl::GetEarliestTimeStamp() const
 {
-   // Unset is the largest number, so stores without columns do not count.
+   // Unset is the largest number, so stores without columns are ignored.
    TimeStamp earliest = kUnset;
    for (const auto& interval : *_intervalTable) {
       earliest = std::min(earliest, interval->GetStore().GetEarliestTimeStamp());
@@ -122,7 +122,8 @@ void StatsDepotImpl::PurgeUnusedStats()
    _logger->Log(kLogInfo, "Purge done");
 }
 
-/// Time of the stat's newest data, 0 when it has none anywhere.
+/// Time of the stat's newest data; 0 if it has none. Kept as the time of its last reading, so that
+/// the stores are searched once.
 TimeStamp StatsDepotImpl::GetLatestTimeStamp(StatInfo* info) const
 {
    if (info == nullptr) {

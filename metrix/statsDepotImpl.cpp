@@ -105,7 +105,7 @@ void StatsDepotImpl::LoadInterval(const std::string& element)
       _intervalTable->LoadInterval(name);
    } catch (const Corvax::Exception& e) {
       _logger->Log(kLogError, "Error in loading interval %1: %2", name, e.GetMessage());
-      // Only a store of this depot is made afresh: another path may be anybody's file.
+      // Only a store of this depot is recreated: any other path may be someone else's file.
       if (storeName != GetStoreName(samplingPeriod)) {
          _logger->Log(kLogError, "%1", invalid);
          throw Corvax::FileFormatException(invalid);
@@ -122,8 +122,8 @@ void StatsDepotImpl::Lock()
    }
 }
 
-/// Nothing may be held back once others can look at the files. Who recorded samples has called
-/// Flush and knows what failed; whoever has not finds it in the log.
+/// Writes the pending rows before others can access the files. A failure is only logged: a caller
+/// who wants to know calls Flush first.
 void StatsDepotImpl::Unlock()
 {
    if (IsLocked() && --_lockDepth == 0) {
@@ -166,7 +166,7 @@ void StatsDepotImpl::BeginBatch()
    }
 }
 
-/// All stores get their turn, the first failure is told.
+/// Ends the batch in every store, then rethrows the first failure.
 void StatsDepotImpl::EndBatch()
 {
    std::exception_ptr failure;
@@ -221,7 +221,7 @@ bool StatsDepotImpl::AddSample(const std::string& entityId, const std::string& s
    if (ts == kUnset) {
       throw Corvax::InvalidArgumentException();
    }
-   Corvax::Ref<StatInfo> info; // holds the stat, which may be among the purged
+   Corvax::Ref<StatInfo> info; // a reference of its own: UpdateRollups may purge the stat
    if (!GetStatInfo(entityId, statName, info)) {
       return false;
    }
@@ -244,8 +244,9 @@ void StatsDepotImpl::RecordSample(StatInfo& info, TimeStamp ts, StatVal value, S
    if (info._type != STATTYPE_ABSOLUTE) {
       const TimeStamp last = info._lastTimeStamp;
       if (last == kUnset || ts <= last || ts - last >= 2 * period || value < info._lastVal) {
-         return;
+         return; // the growth since the last reading is unknown
       }
+      // The factor is sign-extended, and the product may wrap.
       stored = static_cast<uint64_t>(int64_t{info._scalingFactor}) * (value - info._lastVal);
       if (info._type == STATTYPE_RATE) {
          stored /= ts - last;

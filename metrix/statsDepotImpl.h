@@ -15,9 +15,9 @@
 
 namespace Metrix {
 
-/// The depot. Its sources: statsDepotImpl.cpp has creation, loading, intervals, recording and
-/// reading; statsDepotRegistry.cpp the stats and their ids; statsDepotDeletion.cpp deletion and
-/// purging; statsDepotPropagation.cpp the rollups.
+/// The depot. statsDepotImpl.cpp: creating, loading, recording, reading. statsDepotRegistry.cpp:
+/// stats and their ids. statsDepotDeletion.cpp: deleting and purging. statsDepotPropagation.cpp:
+/// filling the coarse intervals.
 class StatsDepotImpl : public Corvax::LockableObjectImpl, public StatsDepot {
 public:
    StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
@@ -48,24 +48,24 @@ public:
    void DeleteEntityStats(const std::string& entityId) override;
    void DeleteStat(const std::string& entityId, const std::string& statName) override;
 
-   /// One registered stat: its ids, one a rollup, and what recording needs to remember of it.
+   /// A registered stat: its ids, one per rollup, and its last reading.
    class StatInfo : public Corvax::ObjectImpl {
    public:
       StatInfo(StatType type, int scalingFactor) : _type(type), _scalingFactor(scalingFactor) {}
 
-      /// False, with nothing changed, when the rollup has an id or the id is present.
+      /// False, with nothing changed, if the rollup has an id or the id is present.
       bool AddStatId(StatId id, RollupType rollup);
-      /// Unset when the rollup has no id.
+      /// Unset if the rollup has no id.
       StatId GetStatId(RollupType rollup) const;
-      /// Asking for an id of another stat is a programming error.
+      /// NotReachedException if the id is not one of the stat's.
       RollupType GetRollupType(StatId id) const;
       bool HasStatId(StatId id) const;
 
       std::vector<StatId> _statIds;
       std::vector<RollupType> _rollupTypes; ///< parallel to _statIds
       const StatType _type;
-      TimeStamp _lastTimeStamp = kUnset; ///< of the last raw reading
-      StatVal _lastVal = kUnset;         ///< the last raw reading
+      TimeStamp _lastTimeStamp = kUnset; ///< of the last reading
+      StatVal _lastVal = kUnset;         ///< the last reading
       const int32_t _scalingFactor;
    };
 
@@ -90,8 +90,9 @@ private:
       Corvax::Ref<StatInfo> info;
    };
 
-   /// The stores' rows are held back for the length of a scope, and beyond it while the depot is
-   /// locked. End writes them and says what failed.
+   /// A batch in every store for the length of a scope. End writes the pending rows and throws if
+   /// that fails; without End a failure is only logged. If the depot is locked, the scope ends with
+   /// a new batch, which lasts until Unlock.
    class Batch {
    public:
       explicit Batch(StatsDepotImpl& depot) : _depot(depot) { _depot.BeginBatch(); }
@@ -105,8 +106,8 @@ private:
       bool _hasEnded = false;
    };
 
-   /// A run of coarse periods to be computed; each summarises the fine samples begin .. end and is
-   /// stamped end.
+   /// Consecutive coarse periods to fill. The first summarises the fine samples begin .. end, both
+   /// inclusive, into a sample stamped end; each of the others is one step later.
    struct Periods {
       TimeStamp begin;
       TimeStamp end;
@@ -123,7 +124,7 @@ private:
    std::string GetStoreName(int samplingPeriod) const;
    void LoadInterval(const std::string& element);
    void FindLostRecords();
-   /// The finest interval for an empty name, null when there is none; "Invalid argument" for an
+   /// The finest interval for an empty name, or null if there is none; "Invalid argument" for an
    /// unknown name.
    Interval* SelectInterval(const std::string& intervalName) const;
 
@@ -172,11 +173,11 @@ private:
    std::unordered_map<std::string, std::unique_ptr<StatMap>> _entityMap;
    std::unordered_map<StatId, Corvax::Ref<StatInfo>, StatIdHash> _statInfoMap;
    Corvax::Ref<SlotUsageMap> _slotUsageMap;
-   /// When rollups are due next; unset until the first sample after Create or Load.
+   /// When the next propagation is due; unset until the first sample after Create or Load.
    TimeStamp _nextUpdateTime = kUnset;
    const Corvax::Ref<Corvax::Logger> _logger;
    int _lockDepth = 0;
-   std::vector<StatVal> _samples; ///< PropagateStat's buffer, kept for its capacity
+   std::vector<StatVal> _samples; ///< PropagateStat's buffer, reused to save allocations
 };
 
 } // namespace Metrix

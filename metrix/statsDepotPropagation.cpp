@@ -16,10 +16,11 @@ using Corvax::kLogNotice;
 
 void StatsDepotImpl::PropagateStats(TimeStamp ts)
 {
+   // Finest first, so that each interval is filled before it feeds the next.
    for (int i = 1; i < _intervalTable->GetNumIntervals(); ++i) {
       Interval* const coarse = _intervalTable->GetIntervalAt(i);
       const TimeStamp latest = coarse->GetStore().GetLatestTimeStamp();
-      // No sum of the two: a damaged stamp may be close to the largest number.
+      // A difference, because latest + period wraps if a damaged file has a huge stamp.
       if (latest == kUnset || (latest < ts && ts - latest > coarse->GetPeriod())) {
          PropagateStats(coarse, _intervalTable->GetIntervalAt(i - 1), ts);
       }
@@ -31,9 +32,11 @@ void StatsDepotImpl::PropagateStats(Interval* coarse, Interval* fine, TimeStamp 
    _logger->Log(kLogInfo, "Propagating stats from interval %1 to %2", fine->_samplingPeriod,
                 coarse->_samplingPeriod);
    const Periods periods = FindDuePeriods(*coarse, *fine, ts);
-   // A search that found nothing says nothing about the slots above its hint.
+   // A search that finds no used slot may have started below some: then visit all slots.
    const int lastUsed = _slotUsageMap->FindLastUsedSlot();
    const int last = lastUsed < 0 ? _slotUsageMap->GetSize() - 1 : lastUsed;
+   // Stat by stat, not period by period: the stores read and write rows in ranges only for a walk
+   // in the order of ids.
    for (int id = 0; id <= last; ++id) {
       if (_slotUsageMap->IsSlotUsed(id)) {
          PropagateStat(static_cast<StatId>(id), *coarse, *fine, periods);
@@ -41,6 +44,7 @@ void StatsDepotImpl::PropagateStats(Interval* coarse, Interval* fine, TimeStamp 
    }
 }
 
+/// The periods that ended before `ts` and that the coarse store does not have yet.
 StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse, const Interval& fine,
                                                        TimeStamp ts)
 {
@@ -49,6 +53,8 @@ StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse, c
    Periods due{0, 0, coarsePeriod, 0};
    const TimeStamp latest = coarse.GetStore().GetLatestTimeStamp();
    if (latest == kUnset) {
+      // The first period holds the oldest fine sample and ends at a multiple of the coarse period,
+      // as all later ones do; so it may be short.
       const TimeStamp oldest = fine.GetStore().GetEarliestTimeStamp();
       due.begin = oldest == kUnset ? 0 : oldest;
       due.end = due.begin + coarsePeriod - finePeriod;
@@ -57,7 +63,8 @@ StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse, c
       due.begin = latest + finePeriod;
       due.end = latest + coarsePeriod;
    }
-   // After a pause of more than the coarse interval holds, only its last part is worth filling.
+   // After a pause longer than the coarse interval's history, older periods would be overwritten
+   // at once. Skipping whole periods keeps the ends where they belong.
    const uint64_t passed = (ts - due.begin) / coarsePeriod;
    if (passed > coarse._numSamples) {
       const uint64_t correction = coarsePeriod * (passed - coarse._numSamples);
@@ -65,10 +72,11 @@ StatsDepotImpl::Periods StatsDepotImpl::FindDuePeriods(const Interval& coarse, c
       due.begin += correction;
       due.end += correction;
    }
+   // A period that ends at `ts` is not due: its last column may still get samples of other stats.
    due.count = due.end < ts ? (ts - 1 - due.end) / coarsePeriod + 1 : 0;
    if (due.count > coarse._numSamples) {
-      // One period more than there are columns may remain; its column would be gone again before
-      // the second stat comes to it.
+      // One period more than there are columns can remain, because `passed` counts from the first
+      // one's begin. The first stat would take its column away again before the second gets there.
       const uint64_t excess = due.count - coarse._numSamples;
       due.begin += excess * coarsePeriod;
       due.end += excess * coarsePeriod;
@@ -87,7 +95,8 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
       const TimeStamp end = periods.end + i * periods.step;
       const int validCount = fine.GetStore().GetSamples(id, begin, end, _samples, nullptr);
       if (validCount < 1) {
-         // Stat 0 stands in for all: the coarse store gets its column even when nothing has data.
+         // For stat 0 alone, so that the coarse store gets its column even if no stat has data:
+         // otherwise this period would be due again and again.
          if (id == 0) {
             AddCoarseSample(store, periods, id, end, kUnset);
          }
@@ -100,11 +109,12 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
       }
       const RollupType rollup = info->GetRollupType(id);
       if (rollup != ROLLUP_NONE || !finestSource) {
+         // Only raw series are in the finest store, so this source is a coarse one, in which each
+         // rollup series feeds itself.
          AddCoarseSample(store, periods, id, end,
                          _rollupFunctions[static_cast<size_t>(rollup)](_samples));
          continue;
       }
-      // The raw series feeds every rollup series of the stat.
       for (size_t k = 0; k < info->_statIds.size(); ++k) {
          const auto target = static_cast<size_t>(info->_rollupTypes[k]);
          if (info->_rollupTypes[k] != ROLLUP_NONE) {
@@ -115,8 +125,9 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
    }
 }
 
-/// Adds a sample to a due period. Due periods before it that no stat has touched get their columns
-/// first, for later stats may have data there and a column cannot be added behind a newer one.
+/// Adds a sample to the due period that ends at `end`. Earlier due periods that no stat has filled
+/// get their columns first: a later stat may have samples there, and a column cannot be inserted
+/// before another.
 void StatsDepotImpl::AddCoarseSample(StatsStore& store, const Periods& periods, StatId id,
                                      TimeStamp end, StatVal value)
 {

@@ -117,7 +117,7 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
    };
    Corvax::Ref<StatInfo> info;
    if (GetStatInfo(entityId, statName, info)) {
-      // The record is written all the same, on purpose: its slot stays free, so the next stat
+      // The record is written all the same, on purpose. Its slot stays free, so the next stat
       // overwrites it.
       PersistIdMappingAddition({makeEntry(ROLLUP_NONE, AllocStatId())});
       Corvax::NotReached("a stat is created once");
@@ -129,8 +129,8 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
       return makeEntry(rollup, id);
    };
    try {
-      // The raw series has the first id, but its record is written last: loading a depot gives up
-      // stats without a raw series, and with them one whose creation was cut short.
+      // The raw series has the first id, but its record is written last: a stat whose creation is
+      // cut short has no raw series in the file, and Load drops such stats.
       const IdMapFile::Entry raw = addSeries(ROLLUP_NONE);
       std::vector<IdMapFile::Entry> entries;
       for (const RollupType rollup : rollups) {
@@ -145,8 +145,8 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
    }
 }
 
-/// Forgets a stat that was not wholly created and clears its records. If that fails, they stay
-/// until their ids are allocated again; a depot that is loaded before finds them.
+/// Removes a stat that could not be created. Records that cannot be cleared stay until their ids
+/// are allocated again; Load may find some of them before.
 void StatsDepotImpl::TakeBackStat(const std::string& entityId, const std::string& statName)
 {
    Corvax::Ref<StatInfo> info;
@@ -159,17 +159,18 @@ void StatsDepotImpl::TakeBackStat(const std::string& entityId, const std::string
       std::ranges::sort(ids);
       PersistIdMappingRemoval(ids);
    } catch (const Corvax::Exception& e) {
-      _logger->Log(kLogWarning, "Records of a stat that could not be created stay: %1",
-                   e.GetMessage());
+      _logger->Log(kLogWarning,
+                   "Cannot clear the records of stat %1 of %2, which could not be created: %3",
+                   statName, entityId, e.GetMessage());
    }
 }
 
-/// The lowest free slot, with no row of it in use anywhere; it is marked used by AddIdMapping.
+/// The lowest free slot, with its row freed in every store. AddIdMapping marks it used.
 StatId StatsDepotImpl::AllocStatId()
 {
    const auto id = static_cast<StatId>(_slotUsageMap->FindFirstFreeSlot());
-   // A row that a crash left behind must not show its samples under the new name: it is freed in
-   // the file before the id map has that name.
+   // A row left by a crash must not show its samples under the new name, so it is freed in the
+   // file before the id map gets that name.
    for (const auto& interval : *_intervalTable) {
       StatsStore& store = interval->GetStore();
       const bool isInUse = store.GetLastUpdateTime(id) != kUnset;
@@ -184,7 +185,7 @@ StatId StatsDepotImpl::AllocStatId()
 bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string& statName,
                                   StatType type, int scalingFactor, RollupType rollup, StatId id)
 {
-   // Each node is inserted complete, so that running out of memory leaves no null behind.
+   // Entries are inserted complete, so that running out of memory leaves no null pointer.
    auto entity = _entityMap.find(entityId);
    if (entity == _entityMap.end()) {
       entity = _entityMap.emplace(entityId, std::make_unique<StatMap>()).first;
@@ -231,7 +232,7 @@ void StatsDepotImpl::LoadIdMapping()
    DropStatsWithoutRawId();
 }
 
-/// False for a record that cannot have been written by a depot.
+/// False for a damaged record.
 bool StatsDepotImpl::LoadIdRecord(const IdMapFormat::Record& record, StatId id)
 {
    if (record.entityId.empty()) {
@@ -249,8 +250,8 @@ bool StatsDepotImpl::LoadIdRecord(const IdMapFormat::Record& record, StatId id)
    return true;
 }
 
-/// A stat whose raw series has lost its record could take no sample, and would fail every
-/// collection. It is given up, and created again when it is sampled next.
+/// A stat without a raw series could take no sample and would fail every collection. Once dropped,
+/// it is created again with its next sample.
 void StatsDepotImpl::DropStatsWithoutRawId()
 {
    std::vector<std::pair<std::string, std::string>> damaged;
@@ -262,24 +263,24 @@ void StatsDepotImpl::DropStatsWithoutRawId()
       }
    }
    for (const auto& [entityId, statName] : damaged) {
-      _logger->Log(kLogWarning, "Stat %1 of %2 has lost its raw series and is given up", statName,
+      _logger->Log(kLogWarning, "Stat %1 of %2 has lost its raw series and is dropped", statName,
                    entityId);
       DeleteStatInt(entityId, statName);
    }
 }
 
-/// An id-map file that was cut at a record's end looks whole; rows of stats that it no longer names
-/// give it away.
+/// Detects an id-map file that was truncated at a record's end: the stores then have rows in use
+/// beyond its last record.
 void StatsDepotImpl::FindLostRecords()
 {
-   constexpr int kIdsLookedAt = 8;
+   constexpr int kIdsToCheck = 8;
    const int records = _slotUsageMap->GetSize();
    for (const auto& interval : *_intervalTable) {
-      for (int id = records; id < records + kIdsLookedAt; ++id) {
+      for (int id = records; id < records + kIdsToCheck; ++id) {
          if (interval->GetStore().GetLastUpdateTime(static_cast<StatId>(id)) != kUnset) {
             _logger->Log(kLogWarning,
-                         "StatsDepot idmap file %1 has lost records: it has %2, but interval %3 "
-                         "has samples of stat %4. What it no longer names is given up",
+                         "StatsDepot idmap file %1 was truncated: it has %2 records, but interval "
+                         "%3 has samples of stat id %4. The stats after the last record are lost",
                          GetIdMapFileName(), records, interval->_intervalName, id);
             DropStatOfLastRecord();
             return;
@@ -288,15 +289,15 @@ void StatsDepotImpl::FindLostRecords()
    }
 }
 
-/// Where the file lost its end, the stat of the last record may have lost some of its rollups with
-/// it, and would never get them back. It is given up, too, and created again whole.
+/// The stat of the last record may have lost rollups with the end of the file, and would never get
+/// them back. Once dropped, it is created again with all of them.
 void StatsDepotImpl::DropStatOfLastRecord()
 {
    const StatId lastId = static_cast<StatId>(_slotUsageMap->GetSize()) - 1;
    for (const auto& [entityId, stats] : _entityMap) {
       for (const auto& [statName, info] : *stats) {
          if (info->HasStatId(lastId)) {
-            _logger->Log(kLogWarning, "Stat %1 of %2 may have lost rollups and is given up",
+            _logger->Log(kLogWarning, "Stat %1 of %2 may have lost rollups and is dropped",
                          statName, entityId);
             DeleteStatInt(std::string(entityId), std::string(statName));
             return;
