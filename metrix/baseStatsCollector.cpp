@@ -10,9 +10,8 @@ namespace {
 
 using Corvax::kLogDebug;
 using Corvax::kLogError;
+using Corvax::kMicrosecondsPerSecond;
 using Corvax::System;
-
-constexpr int64_t kMicroseconds = 1000000;
 
 int64_t GetProcessTimeUs()
 {
@@ -68,14 +67,14 @@ void BaseStatsCollector::SetCollectionInterval(int seconds)
 
 int64_t BaseStatsCollector::GetDelayToNextRun(int64_t nowUs, int intervalSec)
 {
-   // To the boundary itself, not to somewhere within its second: what a run takes would add up from
-   // run to run otherwise, until a whole second is lost.
-   const int64_t delaySec = intervalSec - nowUs / kMicroseconds % intervalSec;
-   return delaySec * kMicroseconds - nowUs % kMicroseconds;
+   // To the boundary itself, not to somewhere within its second: otherwise each run would start
+   // later by the duration of the one before.
+   const int64_t delaySec = intervalSec - nowUs / kMicrosecondsPerSecond % intervalSec;
+   return delaySec * kMicrosecondsPerSecond - nowUs % kMicrosecondsPerSecond;
 }
 
-/// A run that waited for the lock while the collector was stopped and started again finds the new
-/// start's run pending, and leaves it alone.
+/// Keeps a pending run: if a run waits for the lock while the collector is stopped and started
+/// again, the new start has scheduled its successor already.
 void BaseStatsCollector::ScheduleNextRun()
 {
    if (_scheduledStatsCollection && _scheduledStatsCollection->IsPending()) {
@@ -90,7 +89,7 @@ void BaseStatsCollector::CollectStatsWorker()
 {
    const Corvax::Locker lock(this);
    const int64_t startUs = System::GetTime();
-   const int64_t ts = startUs / kMicroseconds;
+   const int64_t ts = startUs / kMicrosecondsPerSecond;
    _logger->Log(kLogDebug, "Collection Time %1", ts);
    const int64_t processStartUs = GetProcessTimeUs();
 
@@ -124,7 +123,7 @@ void BaseStatsCollector::FlushStats()
 {
    const Corvax::Locker depotLock(_statsDepot.Get());
    std::vector<SampleRecord> samples;
-   samples.swap(_collectedSamples); // the buffer is empty afterwards, whatever happens
+   samples.swap(_collectedSamples); // empties the buffer even if an exception leaves
    try {
       for (const SampleRecord& record : samples) {
          WriteSample(record);
@@ -134,7 +133,7 @@ void BaseStatsCollector::FlushStats()
       _logger->Log(kLogError, "Failed to add sample to statsDepot : %1", e.GetMessage());
    }
    samples.clear();
-   samples.swap(_collectedSamples); // back comes the capacity
+   samples.swap(_collectedSamples); // keeps the capacity for the next run
 }
 
 void BaseStatsCollector::WriteSample(const SampleRecord& record)

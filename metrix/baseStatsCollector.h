@@ -11,7 +11,7 @@
 
 namespace Metrix {
 
-/// What the performance manager drives of a collector.
+/// A collector as the performance manager drives it.
 class StatsCollector : public virtual Corvax::Object {
 public:
    virtual void Start() = 0;
@@ -28,59 +28,61 @@ struct SampleRecord {
    StatVal maxVal; ///< upper bound, 0 for none
 };
 
-/// The part common to all collectors: runs on wall-clock multiples of the interval, buffers the
-/// samples of a run and writes them into the depot at its end, creating stats on first sight.
+/// Base of all collectors: schedules runs at wall-clock multiples of the interval, buffers the
+/// samples of a run and writes them to the depot at its end. A stat is created with its first
+/// sample.
 ///
-/// Runs never overlap: the next one is scheduled when one has ended, for the next boundary ahead,
-/// and boundaries that have passed meanwhile are skipped.
-/// Locking: every operation and every run holds the collector's lock for its whole duration. Lock
-/// order: the collector's, then the depot's.
+/// Runs never overlap: a run schedules its successor when it ends, for the next boundary.
+/// Boundaries that it overran are skipped.
+///
+/// Locking: Start, Stop, SetCollectionInterval and every run hold the collector's lock throughout.
+/// Lock order: the collector's, then the depot's.
 class BaseStatsCollector : public StatsCollector, public virtual Corvax::LockableObjectImpl {
 public:
-   /// `collectionInterval` in seconds. Nothing is scheduled.
+   /// `collectionInterval` is in seconds. Schedules nothing.
    BaseStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata, StatsDepot* depot,
                       int collectionInterval);
 
-   /// Schedules the first run on the calling thread's timer facility. A collector that is started
-   /// already only restarts its source.
+   /// Calls StartInt and schedules the first run on the calling thread's timer facility. If a run
+   /// is pending already, it is kept.
    void Start() override;
-   /// A run under way ends; no further one is scheduled.
+   /// Cancels the pending run and calls StopInt. A run in progress schedules no successor.
    void Stop() override;
-   /// Takes effect when the next run is scheduled. "Invalid argument" below 1.
+   /// Takes effect when the next run is scheduled. InvalidArgumentException for less than 1.
    void SetCollectionInterval(int seconds) override;
 
-   /// One collection run; what the schedule calls.
+   /// One collection run, called when it is due.
    void CollectStatsWorker();
 
-   /// Adds a run's CPU time to the process's account, both in microseconds, and returns the share
-   /// of one CPU, in percent, that all runs have taken since the first start; 0 while no time has
-   /// passed. Called under the collector's lock.
+   /// Adds the CPU time of a run that ended at `nowUs` to the total of all collectors. Returns the
+   /// share of one CPU, in percent, that runs have used since the first Start; 0 if no time has
+   /// passed. The caller holds the collector's lock.
    static double UpdateCpuTime(int64_t processTimeUs, int64_t nowUs);
 
-   /// Microseconds from `nowUs` to the next wall-clock multiple of the interval: more than none, so
-   /// a full interval from one that is just now.
+   /// Microseconds from `nowUs` to the next boundary. Always positive: a full interval if `nowUs`
+   /// is on a boundary.
    static int64_t GetDelayToNextRun(int64_t nowUs, int intervalSec);
 
 protected:
    ~BaseStatsCollector() override;
 
-   /// Takes the samples of one run by AddSample; the time stamp is in seconds.
+   /// Passes the samples of one run to AddSample; `timeStamp` is in seconds.
    virtual void CollectStats(int64_t timeStamp) = 0;
-   /// Attach and detach what the source needs; called under the collector's lock.
+   /// Attach and detach the listeners and handles of the source. Called with the lock held.
    virtual void StartInt() = 0;
    virtual void StopInt() = 0;
 
-   /// Buffers one sample. An unknown counter gives an empty stat name, which fails the flush.
+   /// Buffers one sample. An unknown counter leaves the stat name empty, and the flush fails there.
    void AddSample(const std::string& entityId, int counterId, TimeStamp ts, StatVal sample,
                   const std::string& instance, StatVal maxVal);
 
-   /// Writes the buffered samples, under one hold of the depot's lock. A runtime exception ends it
-   /// at that sample and is logged; the rest is dropped.
+   /// Writes the buffered samples under the depot's lock and empties the buffer. A runtime
+   /// exception is logged; the sample that caused it and all later ones are dropped.
    void FlushStats();
 
    const Corvax::Ref<Corvax::Logger> _logger;
    const Corvax::Ref<StatsDepot> _statsDepot;
-   Corvax::Ref<Corvax::ScheduledItem> _scheduledStatsCollection; ///< null when none is pending
+   Corvax::Ref<Corvax::ScheduledItem> _scheduledStatsCollection; ///< null while stopped
    bool _stopCollection = false;
    int32_t _collectionInterval; ///< seconds
    const Corvax::Ref<StatsMetadata> _statsMetadata;
@@ -90,10 +92,10 @@ private:
    void ScheduleNextRun();
    void WriteSample(const SampleRecord& record);
 
-   // The account of the process's collection runs, kept across stops and starts.
-   static TimeStamp _startTime; ///< microseconds
+   // Shared by all collectors and kept across Stop and Start; in microseconds.
+   static TimeStamp _startTime;
    static TimeStamp _endTime;
-   static int64_t _processTime;
+   static int64_t _processTime; ///< CPU time of all runs
 };
 
 } // namespace Metrix

@@ -4,7 +4,7 @@
 
 namespace Metrix {
 
-// The strings stand before the table, which is built from them when the library is loaded.
+// The strings come before the table, which is initialized from them when the library is loaded.
 const std::string StatsMetadata::CLASS_CPU = "cpu";
 const std::string StatsMetadata::CLASS_MEM = "mem";
 const std::string StatsMetadata::CLASS_DISK = "disk";
@@ -27,6 +27,7 @@ using CounterId = StatsMetadata::CounterId;
 using CounterInfo = StatsMetadata::CounterInfo;
 using Row = StatsMetadata::StatsInfo;
 
+// NOLINTBEGIN(readability-identifier-naming): fixed names
 const std::vector<CounterInfo::RollupType> AllCounterTypes = {
    CounterInfo::average, CounterInfo::minimum, CounterInfo::maximum};
 const std::vector<StatsDepot::RollupType> AllRollups = {
@@ -34,6 +35,7 @@ const std::vector<StatsDepot::RollupType> AllRollups = {
 const std::vector<StatsDepot::RollupType> AverageRollup = {StatsDepot::ROLLUP_AVERAGE};
 const std::vector<StatsDepot::RollupType> SummationRollup = {StatsDepot::ROLLUP_SUM};
 const std::vector<StatsDepot::RollupType> LatestRollup = {StatsDepot::ROLLUP_LAST};
+// NOLINTEND(readability-identifier-naming)
 
 StatsDepot::StatType InDepot(CounterInfo::StatsType type)
 {
@@ -48,7 +50,7 @@ StatsDepot::StatType InDepot(CounterInfo::StatsType type)
    Corvax::NotReached("every statistics type has its depot type");
 }
 
-/// Raw values, with the three derived counters behind them.
+/// The stored values, and three derived counters whose ids follow.
 Row Composite(CounterId id, const std::string& group, const char* name, const std::string& unit,
               CounterInfo::StatsType type)
 {

@@ -20,11 +20,13 @@ using Corvax::kLogDebug;
 using Corvax::kLogError;
 using Corvax::kLogInfo;
 using Corvax::kLogWarning;
+using Corvax::kMicrosecondsPerSecond;
 using Corvax::MakeFunctor;
 using Corvax::Ref;
 using HostCtl::Lib::HostCtlException;
 
 constexpr StatVal kFullPercent = 10000; // hundredths
+constexpr uint64_t kHzPerMhz = 1000000;
 
 constexpr size_t kSamplesPerVm = 50;
 constexpr size_t kSamplesOfHost = 100;
@@ -36,7 +38,7 @@ Corvax::ObjectRegistry& Registry()
 
 } // namespace
 
-/// The disks of one run.
+/// Owns the disks of one run; there are none if the kernel library cannot list them.
 class HykStatsCollector::DiskLuns {
 public:
    DiskLuns(HostCtl::Storage::StorageInfo* storageInfo, Corvax::Logger& logger)
@@ -123,11 +125,11 @@ void HykStatsCollector::AssertCpuCache() const
    Assert(_totalCpuMHz != 0, "the CPU capacity is known");
 }
 
-/// used x MHz / (cores x 1000000), with quotient and remainder taken apart so that the product
-/// cannot overflow.
+/// used x MHz / (cores x 1000000). Quotient and remainder are multiplied separately, so that the
+/// product does not overflow.
 uint64_t HykStatsCollector::ToMhz(uint64_t usedUs) const
 {
-   const auto divisor = static_cast<uint64_t>(_numCpuCores) * 1000000;
+   const auto divisor = static_cast<uint64_t>(_numCpuCores) * kMicrosecondsPerSecond;
    const auto mhz = static_cast<uint64_t>(_totalCpuMHz);
    return usedUs / divisor * mhz + usedUs % divisor * mhz / divisor;
 }
@@ -151,7 +153,7 @@ void HykStatsCollector::CollectHostCpuStats(HostCtl::Resource::ResourceInfo* res
    Add(moid_hostsystem, kCpuUsageMhz, ts, ToMhz(usedTotalUs));
    const PtrObj<HostCtl::Resource::ResourceGroup> rootGroup(resourceInfo->GetRootGroup());
    CollectCpuLoadStats(rootGroup, moid_hostsystem, ts);
-   Add(moid_hostsystem, kSysUptime, ts, resourceInfo->GetUptimeUs() / 1000000);
+   Add(moid_hostsystem, kSysUptime, ts, resourceInfo->GetUptimeUs() / kMicrosecondsPerSecond);
 }
 
 void HykStatsCollector::CollectHostCapacityStats(const HostCtl::Resource::HostCapacity& capacity,
@@ -166,7 +168,7 @@ void HykStatsCollector::CollectHostMemStats(HostCtl::Resource::ResourceInfo* res
 {
    const HostCtl::Resource::HostMemoryStats memory = resourceInfo->GetMemoryStats();
    const auto physicalKb = static_cast<uint64_t>(_hostPhysicalMemoryKB);
-   // Memory added since the start can be free beyond what the cache knows of.
+   // With memory added since the start, more can be free than the cached total.
    const uint64_t consumedKb = physicalKb - std::min(memory.freeKb, physicalKb);
    if (physicalKb > 0) {
       Add(moid_hostsystem, kMemUsage, ts, consumedKb * kFullPercent / physicalKb);
@@ -220,7 +222,7 @@ void HykStatsCollector::CollectHostDiskStats(const LunVector& luns, TimeStamp ts
 uint64_t HykStatsCollector::AddPortStats(const std::string& entity, const std::string& instance,
                                          HostCtl::Network::Port* port, TimeStamp ts)
 {
-   // The byte counters stay 32-bit figures on purpose: past 4 GiB they wrap first.
+   // 32-bit figures on purpose: past 4 GiB the byte counters wrap before the shift.
    const HostCtl::Network::PortStatistics statistics = port->GetStatistics();
    const uint32_t receivedKb = statistics.bytesReceived >> 10;
    const uint32_t sentKb = statistics.bytesSent >> 10;
@@ -252,7 +254,7 @@ void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp t
 
 void HykStatsCollector::StartInt()
 {
-   StopInt(); // a second start takes the place of the first
+   StopInt(); // closes the readers of an earlier start
    Corvax::Application* const app = Corvax::Service::GetApp();
    _vmPowerStateListener = app->Subscribe(
       Guestsvc::MQ_VMEVENT_POWEROP, MakeFunctor(this, &HykStatsCollector::VmPowerStateListener));
@@ -286,13 +288,14 @@ void HykStatsCollector::InitCache(HostCtl::Host* host)
       cpus.emplace_back(cpu);
    }
    if (cpus.empty()) {
-      _logger->Log(kLogError, "The host reports no CPU; asking again in the next collection");
+      _logger->Log(kLogError,
+                   "The kernel library reports no CPU of this host; the next run tries again");
       return;
    }
-   // An 8-bit figure on purpose: a host reports at most 255 cores.
+   // 8 bits on purpose: a host reports at most 255 cores.
    _numCpuCores = static_cast<uint8_t>(cpuInfo->GetCoreCount());
    _totalCpuMHz = static_cast<int64_t>(cpus.front()->GetSpeedHz() *
-                                       static_cast<uint64_t>(_numCpuCores) / 1000000);
+                                       static_cast<uint64_t>(_numCpuCores) / kHzPerMhz);
    _hostPhysicalMemoryKB = static_cast<int64_t>(memoryInfo->GetPhysicalBytes() >> 10);
    PopulateSystemResGroupList();
    PopulatePoweredOnVmList();
@@ -348,8 +351,8 @@ void HykStatsCollector::VmPowerStateListener(Corvax::ChannelReader* reader, Corv
    }
 }
 
-/// The id of an unregistered virtual machine stays in the set until a power notification or the
-/// next start, on purpose: a run skips it because its lookup fails.
+/// Keeps the id of an unregistered virtual machine in _poweredOnVms until a power notification or
+/// the next start, on purpose: runs skip it because its lookup fails.
 void HykStatsCollector::EntityRemovedHandler(Corvax::ChannelReader* reader, Corvax::Object* object)
 {
    const Corvax::Locker lock(this);

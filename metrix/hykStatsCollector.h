@@ -12,13 +12,15 @@
 
 namespace Metrix {
 
-/// The production collector: samples the host, its powered-on virtual machines, its resource pools
-/// and system groups through the kernel control library and the agent's services, and follows the
-/// inventory through the agent's channels.
+/// The production collector: samples the host, its powered-on virtual machines, resource pools and
+/// system groups through the kernel library and the agent's services. Messages on the agent's
+/// channels report power operations and removed entities.
 ///
-/// Locking: channel handlers run under the collector's lock, as runs do. A virtual machine is
-/// locked while its own steps run, the depot inside the collector's lock. Errors: a run logs what
-/// fails and keeps the samples taken until then.
+/// Sources: hykStatsCollector.cpp has set-up, listeners and the host, hykStatsCollectorVm.cpp
+/// virtual machines, hykStatsCollectorGroups.cpp resource pools, system groups and CPU load.
+/// Locking: channel handlers and runs hold the collector's lock. Inside it, a virtual machine is
+/// locked for its own steps, the resource manager to list its groups and the depot to write.
+/// Errors: a failure that ends a run is logged, and the samples taken before it are kept.
 class HykStatsCollector : public BaseStatsCollector {
 public:
    HykStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata, StatsDepot* depot,
@@ -46,7 +48,7 @@ private:
    void CollectHostDiskStats(const LunVector& luns, TimeStamp ts);
    void CollectHostNetworkStats(HostCtl::Host* host, TimeStamp ts);
 
-   /// Samples the virtual machine under its lock; false when it is in no state to be sampled.
+   /// Samples a virtual machine under its lock. False if its state does not permit sampling.
    bool CollectVmStats(ResourceMgr* resourceMgr, Vm* vm, TimeStamp ts);
    void CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, TimeStamp ts);
    void CollectVmMemStats(ResourceMgr* resourceMgr, Vm* vm, int64_t memoryMb, TimeStamp ts);
@@ -76,20 +78,20 @@ private:
    void VmPowerStateListener(Corvax::ChannelReader* reader, Corvax::Object* object);
    void EntityRemovedHandler(Corvax::ChannelReader* reader, Corvax::Object* object);
 
-   /// A value without upper bound.
+   /// Adds a sample without an upper bound.
    void Add(const std::string& entity, int counterId, TimeStamp ts, StatVal value,
             const std::string& instance = StatsMetadata::AggregateInstanceId)
    {
       AddSample(entity, counterId, ts, value, instance, 0);
    }
-   /// The seven figures of a disk; returns the KB read and written.
+   /// Adds the seven samples of a disk. Returns the sum of KB read and KB written.
    uint64_t AddDiskStats(const std::string& entity, const std::string& instance,
                          const HostCtl::Storage::StorageStatistics& statistics,
                          uint64_t blockSizeBytes, TimeStamp ts);
-   /// The four figures of a port; returns the KB received and sent.
+   /// Adds the four samples of a port. Returns the sum of KB received and KB sent.
    uint64_t AddPortStats(const std::string& entity, const std::string& instance,
                          HostCtl::Network::Port* port, TimeStamp ts);
-   /// CPU time used, in MHz x seconds of the host's whole capacity.
+   /// CPU time in MHz x seconds: its growth per second is the use in MHz.
    uint64_t ToMhz(uint64_t usedUs) const;
    void AssertCpuCache() const;
 
@@ -98,7 +100,7 @@ private:
    int32_t _numCpuCores = 0;
    int64_t _totalCpuMHz = 0;
    int64_t _hostPhysicalMemoryKB = 0;
-   bool _isCacheInitialized = false; ///< the three figures above have been read
+   bool _isCacheInitialized = false; ///< the members above have been filled since Start
    Corvax::Ref<Corvax::ChannelReader> _vmPowerStateListener;
    Corvax::Ref<Corvax::ChannelReader> _vmUnregisterListener;
    Corvax::Ref<Corvax::ChannelReader> _resourcePoolDestroyedListener;

@@ -67,8 +67,7 @@ void HykStatsCollector::AddResourcePoolStats(const std::string& poolId, CpuStats
    }
 }
 
-/// Called when the cache is filled: groups created later are not sampled until the next start, on
-/// purpose.
+/// Called once per start: groups created later are not sampled until the next one, on purpose.
 void HykStatsCollector::PopulateSystemResGroupList()
 {
    const Ref<ResourceMgr> resourceMgr =
@@ -119,10 +118,9 @@ void HykStatsCollector::CollectCpuLoadStats(HostCtl::Resource::ResourceGroup* gr
 void HykStatsCollector::AddCpuLoadStats(const std::string& entity, TimeStamp ts,
                                         const CpuLoadHistory& history)
 {
-   // rescpu: active average and peak, run average and peak, time limited, for each period.
    struct Period {
       const CpuLoad& load;
-      int counterIds[5];
+      int counterIds[5]; // in the order of `percents`
    };
    const Period periods[] = {
       {history.oneMinute,
@@ -136,7 +134,8 @@ void HykStatsCollector::AddCpuLoadStats(const std::string& entity, TimeStamp ts,
       const uint32_t percents[] = {load.activeAverage, load.activePeak, load.runAverage,
                                    load.runPeak, load.maxLimited};
       for (size_t i = 0; i < std::size(percents); ++i) {
-         Add(entity, counterIds[i], ts, percents[i] * 100U); // hundredths, a 32-bit product
+         const uint32_t hundredths = percents[i] * 100; // 32 bits, before it is widened
+         Add(entity, counterIds[i], ts, hundredths);
       }
    }
    Add(entity, kRescpuSampleCount, ts, history.sampleCount);

@@ -39,7 +39,7 @@ void GetVirtualEthernetCards(Guestsvc::HaVirtualMachine* /*vm*/, Quen::Vm::Confi
    }
 }
 
-/// Whether the card is attached to a network of the host and plugged in.
+/// Whether the NIC is on a network of the host and connected.
 bool IsConnected(const VirtualEthernetCard& card)
 {
    const auto* const backing =
@@ -83,7 +83,7 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
       Add(entity, kCpuGuaranteed, ts, vcpu.guaranteedMs, instance);
       Add(entity, kCpuUsed, ts, vcpu.usedUs / 1000, instance);
       if (i == 0) {
-         Add(entity, kSysUptime, ts, vcpu.uptimeUs / 1000000);
+         Add(entity, kSysUptime, ts, vcpu.uptimeUs / Corvax::kMicrosecondsPerSecond);
       }
    }
    AddSample(entity, kCpuUsage, ts, total->usedUs / (vcpus.size() * 100),

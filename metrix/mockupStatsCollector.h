@@ -4,7 +4,7 @@
 
 namespace Metrix {
 
-/// A collector without a kernel to read from: a fixed set of host counters, all zero.
+/// A collector for use without a kernel to read from: samples a fixed set of host counters, all 0.
 class MockupStatsCollector : public BaseStatsCollector {
 public:
    using BaseStatsCollector::BaseStatsCollector;

@@ -28,13 +28,13 @@ constexpr int32_t kDefaultMaxStatsPurged = 1000;
 
 constexpr int32_t kDefaultCollectionInterval = 20;
 constexpr char kRealTimeName[] = "RealTime";
-constexpr int32_t kRealTimeSpan = 3600;
+constexpr int32_t kRealTimeSpanSec = 3600;
 
 constexpr char kHistoricalName[] = "5min";
 constexpr int32_t kHistoricalPeriod = 300;
 constexpr int32_t kHistoricalSamples = 432;
 
-constexpr TimeStamp kToleratedLead = 60;
+constexpr TimeStamp kToleratedLeadSec = 60;
 
 Ref<Corvax::ConfigSection> GetConfig()
 {
@@ -93,12 +93,13 @@ void PerformanceManagerImpl::LoadStatsDepot()
    GetStatsDepot(directory, name, _logger.Get(), maxStatsPurged, _statsDepot);
    _statsDepot->Create();
    _statsDepot->AddInterval(kRealTimeName, _collectionInterval,
-                            static_cast<unsigned>(kRealTimeSpan / _collectionInterval));
+                            static_cast<unsigned>(kRealTimeSpanSec / _collectionInterval));
    AddMissingInterval();
 }
 
-/// Adds the historical interval to a depot without one: a new one, or one whose making was cut off
-/// by the process's end. Where samples come every 300 seconds, the finest interval is it already.
+/// Adds the historical interval to a depot that lacks it: a new one, or one left unfinished when
+/// the process died. With a collection interval of 300 seconds the finest interval has its period
+/// already.
 void PerformanceManagerImpl::AddMissingInterval()
 {
    Corvax::RefVector<StatsDepotInterval> intervals;
@@ -108,7 +109,7 @@ void PerformanceManagerImpl::AddMissingInterval()
    }
 }
 
-/// False when what is there cannot be used.
+/// False if there is no depot or it cannot be used.
 bool PerformanceManagerImpl::LoadExistingDepot(const std::string& directory,
                                                const std::string& name, int maxStatsPurged)
 {
@@ -130,9 +131,10 @@ bool PerformanceManagerImpl::LoadExistingDepot(const std::string& directory,
 
 bool PerformanceManagerImpl::HasFutureTimeStamps() const
 {
-   const auto now = static_cast<TimeStamp>(Corvax::DateTime::Now().GetUtcMicroseconds() / 1000000);
+   const auto now = static_cast<TimeStamp>(Corvax::DateTime::Now().GetUtcMicroseconds() /
+                                           Corvax::kMicrosecondsPerSecond);
    const TimeStamp latest = _statsDepot->GetLatestTimeStamp();
-   return latest != kUnset && latest > now && latest - now > kToleratedLead;
+   return latest != kUnset && latest > now && latest - now > kToleratedLeadSec;
 }
 
 bool PerformanceManagerImpl::HasConfiguredInterval() const
@@ -157,7 +159,8 @@ void PerformanceManagerImpl::StopStatsCollection()
    }
 }
 
-/// Real time comes first on purpose: where it is sampled every 300 seconds, that name stands.
+/// Real time is tested first on purpose: with a collection interval of 300 seconds, 300 is real
+/// time.
 bool PerformanceManagerImpl::GetIntervalName(int32_t intervalId, std::string& name) const
 {
    if (intervalId == _collectionInterval) {
@@ -220,7 +223,7 @@ void PerformanceManagerImpl::QueryProviderSummary(Plexa::MoRef* entity,
    summary->refreshRate = _collectionInterval;
 }
 
-// Intervals are fixed.
+// The intervals are fixed.
 
 void PerformanceManagerImpl::CreateHistoricalInterval(Quen::HistoricalInterval* /*interval*/)
 {
@@ -248,7 +251,7 @@ void PerformanceManagerImpl::SummarizeStats()
    throw Plexa::Fault::NotImplemented::Exception();
 }
 
-/// The sample in the newest column of the finest interval, which is the same for all stats; -1 when
+/// The sample in the newest column of the finest interval, which is the same for all stats; -1 if
 /// the stat has none there. The caller holds the depot's lock.
 PerformanceManagerImpl::Long PerformanceManagerImpl::GetLatestSample(
    const std::string& entityId, StatsMetadata::CounterId counterId, const std::string& instance)
@@ -282,7 +285,7 @@ void PerformanceManagerImpl::GetVmCpuMemUsage(Plexa::MoRef* vm, Long& cpuUsageMh
    cpuUsageMhz = GetLatestSample(entity, kCpuUsageMhz, instance);
    const Long consumedKb = GetLatestSample(entity, kMemConsumed, instance);
    const Long overheadKb = GetLatestSample(entity, kMemOverhead, instance);
-   // Half of the figure is no figure.
+   // Report nothing unless both parts are known.
    memConsumedKB = -1;
    if (consumedKb > 0 && overheadKb > 0) {
       const bool fits = consumedKb <= INT64_MAX - overheadKb;

@@ -11,24 +11,26 @@
 
 namespace Metrix {
 
-/// The first instant at or after `time` on the grid of step `interval` through `reference`. All in
-/// seconds, positive; `interval` is not 0.
+/// The first instant at or after `time` on the grid of step `interval` that contains `reference`.
+/// All in seconds and not negative; `interval` is not 0.
 int64_t FindIntervalBoundary(int64_t reference, int64_t time, int64_t interval);
 
 /// The performance manager: owns catalogue, depot and collector, and answers the management API.
-/// Its sources: performanceManagerImpl.cpp has set-up, descriptions and usage figures;
-/// performanceManagerQuery.cpp metric identification and series.
 ///
-/// Locking: operations that read the depot, and QueryCounter, hold the depot's lock for their whole
-/// duration; the others tell what was fixed at construction and take none.
+/// Sources: performanceManagerImpl.cpp has set-up, descriptions and usage figures,
+/// performanceManagerQuery.cpp metric identification and series.
+/// Locking: QueryAvailableMetric, QueryCounter, GetHostCpuMemUsage and GetVmCpuMemUsage hold the
+/// depot's lock throughout. QueryStats holds it to read the series of one query spec at a time, not
+/// between query specs and not while it converts a result to CSV. The other operations of the API
+/// read only data that is fixed at construction, without a lock.
 class PerformanceManagerImpl : public virtual AgentdCommon::HaPerformanceManager,
                                public AgentdCommon::AuthEntityBaseImpl {
 public:
    using Long = AgentdCommon::Long;
 
-   /// Reads the configuration section "plugins/metrix", opens the depot or makes it afresh, and
-   /// creates the configured collector; nothing is collected yet. Exceptions of the runtime where
-   /// the configuration is malformed or the depot cannot be made.
+   /// Reads the configuration section "plugins/metrix", loads the depot, or recreates it if it
+   /// cannot be used, and creates the configured collector, which StartStatsCollection starts.
+   /// Runtime exceptions if the configuration is malformed or the depot cannot be created.
    PerformanceManagerImpl(const std::string& id, Corvax::Logger* logger);
 
    void StartStatsCollection();
@@ -57,21 +59,15 @@ public:
                             Corvax::Ref<CompositeEntityMetric>& result) override;
    void SummarizeStats() override;
 
-   /// The depot's name of the interval with that sampling period in seconds. False, with `name`
-   /// unchanged, when there is none.
+   /// The depot's name of the interval with the sampling period `intervalId`, in seconds. False,
+   /// with `name` unchanged, if there is none.
    bool GetIntervalName(int32_t intervalId, std::string& name) const;
 
 private:
-   void LoadStatsDepot();
-   bool LoadExistingDepot(const std::string& directory, const std::string& name,
-                          int maxStatsPurged);
-   void AddMissingInterval();
-   bool HasFutureTimeStamps() const;
-   bool HasConfiguredInterval() const;
    using MetricIds = Plexa::DataArray<MetricId>;
 
-   /// Series to be read, as parallel lists: each stat name is read with its rollup and labelled
-   /// with its metric id.
+   /// Series to read, as parallel lists: each stat name is read with its rollup and labelled with
+   /// its metric id.
    struct Metrics {
       std::vector<std::string> statNames;
       Corvax::RefVector<MetricId> metricIds;
@@ -81,50 +77,58 @@ private:
                   StatsDepot::RollupType rollup);
    };
 
-   /// A span of time in seconds, both ends inclusive; an unset start is open.
-   struct Window {
+   /// In seconds, both ends inclusive; an unset start is open.
+   struct TimeRange {
       TimeStamp start;
       TimeStamp end;
    };
 
-   // All of these throw the fault InvalidArgument for what they refuse, and are called, where they
-   // read the depot, with its lock held.
+   void LoadStatsDepot();
+   bool LoadExistingDepot(const std::string& directory, const std::string& name,
+                          int maxStatsPurged);
+   void AddMissingInterval();
+   bool HasFutureTimeStamps() const;
+   bool HasConfiguredInterval() const;
+
+   // What these refuse is the fault InvalidArgument. QueryCurrent, QuerySummary and QueryRawStats
+   // take the depot's lock; the others that read the depot are called with it held.
    static void ValidateEntityType(Plexa::MoRef* entity);
-   static Window GetWindow(const std::optional<Corvax::DateTime>& start,
-                           const std::optional<Corvax::DateTime>& end);
+   static TimeRange GetTimeRange(const std::optional<Corvax::DateTime>& start,
+                                 const std::optional<Corvax::DateTime>& end);
    std::string GetStatName(const MetricId& metricId) const;
    std::vector<std::string> GetStatNames(const MetricIds& metricIds) const;
-   /// Replaces `metricIds` by the primary counters of the stats; stats that the catalogue does not
-   /// know are taken out of `statNames`.
+   /// Sets `metricIds` to the primary counters of the stats and removes stats that the catalogue
+   /// does not know from `statNames`.
    void GetMetricIds(std::vector<std::string>& statNames,
                      Corvax::RefVector<MetricId>& metricIds) const;
-   /// The counters of depot stats: all that each keeps, or its first alone.
+   /// The counters of the stats: all that each stat keeps, or only its first.
    Metrics GetMetricIdInfoFromStatNames(const std::vector<std::string>& statNames,
                                         bool allRollups) const;
-   /// The counters of requested metrics; a composite one stands for all counters of its stat.
+   /// The counters of requested metrics; a composite stands for all counters of its stat.
    Metrics GetMetricIdInfo(const MetricIds& metricIds) const;
-   /// The metrics with "*" replaced by the instances that the entity has: the explicit ones first.
+   /// Replaces metrics with the instance "*" by one metric for each instance that the entity has;
+   /// they follow the metrics with an explicit instance.
    Corvax::Ref<MetricIds> ExpandMetricIdWildCards(const std::string& entityId,
                                                   MetricIds* metricIds);
-   std::vector<std::string> GetAvailableStatNames(const std::string& entityId, Window window);
+   std::vector<std::string> GetAvailableStatNames(const std::string& entityId, TimeRange timeRange);
 
-   Corvax::Ref<EntityMetric> QueryOne(QuerySpec* spec, Window window);
-   /// Newest real-time series; `maxSample` 0 or less is no limit.
-   void QueryCurrent(const Corvax::RefVector<Plexa::MoRef>& entities, Window window,
+   Corvax::Ref<EntityMetric> QueryOne(QuerySpec* spec, TimeRange timeRange);
+   /// Real-time series, of the newest `maxSample` periods at most; 0 or less is no limit.
+   void QueryCurrent(const Corvax::RefVector<Plexa::MoRef>& entities, TimeRange timeRange,
                      int32_t maxSample, MetricIds* metricIds,
                      Plexa::DataArray<EntityMetric>& entityMetrics);
    /// Series of a historical interval.
-   void QuerySummary(const Corvax::RefVector<Plexa::MoRef>& entities, Window window,
+   void QuerySummary(const Corvax::RefVector<Plexa::MoRef>& entities, TimeRange timeRange,
                      MetricIds* metricIds, int32_t intervalId,
                      Plexa::DataArray<EntityMetric>& entityMetrics);
-   /// The newest raw values; unset when there are none.
+   /// The newest readings; null if the depot is empty.
    void QueryRawStats(Plexa::MoRef* entity, MetricIds* metricIds,
                       Corvax::Ref<EntityMetric>& entityMetric);
    void GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
-                        const std::vector<int32_t>& intervalIds, Window window,
+                        const std::vector<int32_t>& intervalIds, TimeRange timeRange,
                         Corvax::Ref<EntityMetric>& entityMetric);
    void AppendSampleInfo(const std::string& entityId, const Metrics& metrics, int32_t intervalId,
-                         Window window, Plexa::DataArray<SampleInfo>& sampleInfo);
+                         TimeRange timeRange, Plexa::DataArray<SampleInfo>& sampleInfo);
    StatsDepot::RollupType GetRollup(const Metrics& metrics, size_t index, int32_t intervalId) const;
    static Corvax::Ref<EntityMetricCSV> ConvertToCSVFormat(const EntityMetric& entityMetric);
    Long GetLatestSample(const std::string& entityId, StatsMetadata::CounterId counterId,

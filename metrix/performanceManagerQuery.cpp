@@ -16,6 +16,7 @@ using Corvax::Format;
 using Corvax::kLogDebug;
 using Corvax::kLogInfo;
 using Corvax::kLogNotice;
+using Corvax::kMicrosecondsPerSecond;
 using Corvax::MakeRef;
 using Corvax::Ref;
 using Quen::PerformanceManager;
@@ -23,20 +24,21 @@ using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
 using MetricId = PerformanceManager::MetricId;
 
 constexpr char kWildCard[] = "*";
-constexpr int32_t kLatestValues = 0; // as interval
+constexpr int32_t kLatestValues = 0; // as an intervalId
 constexpr int32_t kDefaultInterval = 300;
 constexpr int32_t kNoLimit = -1;
 
 /// Instants before the epoch count as the epoch.
 TimeStamp ToSeconds(const DateTime& time)
 {
-   return static_cast<TimeStamp>(std::max<int64_t>(time.GetUtcMicroseconds() / 1000000, 0));
+   return static_cast<TimeStamp>(
+      std::max<int64_t>(time.GetUtcMicroseconds() / kMicrosecondsPerSecond, 0));
 }
 
-/// Seconds that a date-time cannot hold give the latest instant.
+/// The latest instant for seconds beyond the range of a date-time.
 DateTime ToDateTime(TimeStamp seconds)
 {
-   constexpr TimeStamp kLatest = INT64_MAX / 1000000;
+   constexpr TimeStamp kLatest = INT64_MAX / kMicrosecondsPerSecond;
    return seconds > kLatest ? DateTime(INT64_MAX)
                             : DateTime::FromSeconds(static_cast<int64_t>(seconds));
 }
@@ -70,11 +72,11 @@ void PerformanceManagerImpl::ValidateEntityType(Plexa::MoRef* entity)
    }
 }
 
-/// The start is exclusive by one second, on purpose: who asks on from the last time stamp that it
-/// got does not get it again.
-PerformanceManagerImpl::Window
-PerformanceManagerImpl::GetWindow(const std::optional<DateTime>& start,
-                                  const std::optional<DateTime>& end)
+/// The start is exclusive by one second, on purpose: a client that continues from its last time
+/// stamp does not receive that sample twice.
+PerformanceManagerImpl::TimeRange
+PerformanceManagerImpl::GetTimeRange(const std::optional<DateTime>& start,
+                                     const std::optional<DateTime>& end)
 {
    return {start ? ToSeconds(*start) + 1 : kUnset, ToSeconds(end.value_or(DateTime::Now()))};
 }
@@ -162,14 +164,14 @@ PerformanceManagerImpl::GetMetricIdInfo(const MetricIds& metricIds) const
 }
 
 std::vector<std::string> PerformanceManagerImpl::GetAvailableStatNames(const std::string& entityId,
-                                                                       Window window)
+                                                                       TimeRange timeRange)
 {
    std::vector<std::string> statNames;
-   _statsDepot->GetAvailableStatNames(entityId, window.start, window.end, statNames);
+   _statsDepot->GetAvailableStatNames(entityId, timeRange.start, timeRange.end, statNames);
    return statNames;
 }
 
-/// A counter that is asked for both by name and by wildcard comes twice, on purpose.
+/// A counter requested both explicitly and by wildcard appears twice, on purpose.
 Ref<PerformanceManagerImpl::MetricIds>
 PerformanceManagerImpl::ExpandMetricIdWildCards(const std::string& entityId, MetricIds* metricIds)
 {
@@ -215,16 +217,16 @@ void PerformanceManagerImpl::QueryAvailableMetric(Plexa::MoRef* entity,
    const Corvax::Locker lock(_statsDepot.Get());
    _logger->Log(kLogDebug, "PerfMgr: QueryAvailableMetric called");
    ValidateEntityType(entity);
-   const Window window = GetWindow(beginTime, endTime);
-   if (beginTime && window.start > window.end) {
+   const TimeRange timeRange = GetTimeRange(beginTime, endTime);
+   if (beginTime && timeRange.start > timeRange.end) {
       if (endTime) {
          throw InvalidArgument("beginTime", "is not before endTime");
       }
-      return; // nothing can be there yet, which is no fault
+      return; // in the future: no metrics yet, which is not a fault
    }
    const bool allRollups = intervalId != _collectionInterval;
    const Metrics metrics =
-      GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), window), allRollups);
+      GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), timeRange), allRollups);
    metricIds = MakeRef<MetricIds>();
    for (const Ref<MetricId>& metricId : metrics.metricIds) {
       metricIds->Append(metricId);
@@ -242,19 +244,19 @@ void PerformanceManagerImpl::QueryStats(Plexa::DataArray<QuerySpec>* querySpecs,
       if (!spec) {
          throw InvalidArgument("querySpec", "is missing");
       }
-      const Window window = GetWindow(spec->startTime, spec->endTime);
-      if (spec->startTime && window.start > window.end) {
+      const TimeRange timeRange = GetTimeRange(spec->startTime, spec->endTime);
+      if (spec->startTime && timeRange.start > timeRange.end) {
          if (spec->endTime) {
             throw InvalidArgument("startTime", "is not before endTime");
          }
-         return; // from the future on: this one and those behind it give nothing
+         return; // in the future: ends the query without a fault, whatever follows
       }
       const std::string format = spec->format.value_or(FORMAT_NORMAL);
       if (format != FORMAT_CSV && format != FORMAT_NORMAL) {
          throw InvalidArgument(
             "format", Format("'%1' is neither %2 nor %3", format, FORMAT_NORMAL, FORMAT_CSV));
       }
-      const Ref<EntityMetric> entityMetric = QueryOne(spec.Get(), window);
+      const Ref<EntityMetric> entityMetric = QueryOne(spec.Get(), timeRange);
       if (entityMetric && format == FORMAT_CSV) {
          results->Append(ConvertToCSVFormat(*entityMetric));
       } else if (entityMetric) {
@@ -263,9 +265,9 @@ void PerformanceManagerImpl::QueryStats(Plexa::DataArray<QuerySpec>* querySpecs,
    }
 }
 
-/// Null when there are no data.
+/// Null if there is no data.
 Ref<PerformanceManagerImpl::EntityMetric> PerformanceManagerImpl::QueryOne(QuerySpec* spec,
-                                                                           Window window)
+                                                                           TimeRange timeRange)
 {
    const int32_t maxSample = spec->maxSample.value_or(kNoLimit);
    if (spec->maxSample && maxSample < 1) {
@@ -280,23 +282,25 @@ Ref<PerformanceManagerImpl::EntityMetric> PerformanceManagerImpl::QueryOne(Query
    }
    Plexa::DataArray<EntityMetric> found;
    if (intervalId == _collectionInterval) {
-      QueryCurrent({spec->entity}, window, maxSample, spec->metricId.Get(), found);
+      QueryCurrent({spec->entity}, timeRange, maxSample, spec->metricId.Get(), found);
    } else {
-      QuerySummary({spec->entity}, window, spec->metricId.Get(), intervalId, found);
+      QuerySummary({spec->entity}, timeRange, spec->metricId.Get(), intervalId, found);
    }
    return found.IsEmpty() ? nullptr : Ref<EntityMetric>(found[0]);
 }
 
 void PerformanceManagerImpl::QueryCurrent(const Corvax::RefVector<Plexa::MoRef>& entities,
-                                          Window window, int32_t maxSample, MetricIds* metricIds,
+                                          TimeRange timeRange, int32_t maxSample,
+                                          MetricIds* metricIds,
                                           Plexa::DataArray<EntityMetric>& entityMetrics)
 {
    const Corvax::Locker lock(_statsDepot.Get());
    _logger->Log(kLogDebug, "PerfMgr: QueryCurrent called");
    if (maxSample > 0) {
       const auto span = static_cast<TimeStamp>(int64_t{maxSample} * _collectionInterval);
-      if ((window.start == kUnset && window.end > span) || window.end - window.start > span) {
-         window.start = window.end - span;
+      if ((timeRange.start == kUnset && timeRange.end > span) ||
+          timeRange.end - timeRange.start > span) {
+         timeRange.start = timeRange.end - span;
       }
    }
    for (const Ref<Plexa::MoRef>& entity : entities) {
@@ -308,11 +312,11 @@ void PerformanceManagerImpl::QueryCurrent(const Corvax::RefVector<Plexa::MoRef>&
          metrics.statNames = GetStatNames(*expanded);
          metrics.metricIds.assign(expanded->begin(), expanded->end());
       } else {
-         metrics.statNames = GetAvailableStatNames(entity->GetId(), window);
+         metrics.statNames = GetAvailableStatNames(entity->GetId(), timeRange);
          GetMetricIds(metrics.statNames, metrics.metricIds);
       }
       Ref<EntityMetric> entityMetric;
-      GetEntityMetric(entity.Get(), metrics, {_collectionInterval}, window, entityMetric);
+      GetEntityMetric(entity.Get(), metrics, {_collectionInterval}, timeRange, entityMetric);
       if (entityMetric) {
          entityMetrics.Append(entityMetric);
       }
@@ -320,7 +324,8 @@ void PerformanceManagerImpl::QueryCurrent(const Corvax::RefVector<Plexa::MoRef>&
 }
 
 void PerformanceManagerImpl::QuerySummary(const Corvax::RefVector<Plexa::MoRef>& entities,
-                                          Window window, MetricIds* metricIds, int32_t intervalId,
+                                          TimeRange timeRange, MetricIds* metricIds,
+                                          int32_t intervalId,
                                           Plexa::DataArray<EntityMetric>& entityMetrics)
 {
    const Corvax::Locker lock(_statsDepot.Get());
@@ -331,16 +336,17 @@ void PerformanceManagerImpl::QuerySummary(const Corvax::RefVector<Plexa::MoRef>&
       const Metrics metrics =
          areNamed
             ? GetMetricIdInfo(*ExpandMetricIdWildCards(entity->GetId(), metricIds))
-            : GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), window), true);
+            : GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), timeRange), true);
       Ref<EntityMetric> entityMetric;
-      GetEntityMetric(entity.Get(), metrics, {intervalId}, window, entityMetric);
+      GetEntityMetric(entity.Get(), metrics, {intervalId}, timeRange, entityMetric);
       if (entityMetric) {
          entityMetrics.Append(entityMetric);
       }
    }
 }
 
-/// Readings older than the newest collection are left out, on purpose: the answer shows one moment.
+/// Leaves out readings that are not from the newest run, on purpose: the result is a snapshot of
+/// it.
 void PerformanceManagerImpl::QueryRawStats(Plexa::MoRef* entity, MetricIds* metricIds,
                                            Ref<EntityMetric>& entityMetric)
 {
@@ -378,17 +384,17 @@ void PerformanceManagerImpl::QueryRawStats(Plexa::MoRef* entity, MetricIds* metr
    }
 }
 
-/// Real-time series are the stored values themselves; `metrics` then has no rollup a metric.
+/// Real-time series are read without a rollup; `metrics` then does not list one for each metric.
 StatsDepot::RollupType PerformanceManagerImpl::GetRollup(const Metrics& metrics, size_t index,
                                                          int32_t intervalId) const
 {
    return intervalId == _collectionInterval ? StatsDepot::ROLLUP_NONE : metrics.rollups[index];
 }
 
-/// The time stamps of all are those of the first metric that has any: the stats of an entity are
-/// sampled together.
+/// Appends the time stamps of the first metric that has any. They hold for all metrics, because the
+/// stats of an entity are sampled together.
 void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const Metrics& metrics,
-                                              int32_t intervalId, Window window,
+                                              int32_t intervalId, TimeRange timeRange,
                                               Plexa::DataArray<SampleInfo>& sampleInfo)
 {
    std::string intervalName;
@@ -401,8 +407,8 @@ void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const
    std::vector<StatVal> values;
    std::vector<TimeStamp> timeStamps;
    for (size_t i = 0; i < metrics.statNames.size() && timeStamps.empty(); ++i) {
-      _statsDepot->GetSamples(entityId, metrics.statNames[i], window.start, window.end, values,
-                              &timeStamps, intervalName, GetRollup(metrics, i, intervalId));
+      _statsDepot->GetSamples(entityId, metrics.statNames[i], timeRange.start, timeRange.end,
+                              values, &timeStamps, intervalName, GetRollup(metrics, i, intervalId));
    }
    for (const TimeStamp ts : timeStamps) {
       auto info = MakeRef<SampleInfo>();
@@ -413,12 +419,12 @@ void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const
 }
 
 void PerformanceManagerImpl::GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
-                                             const std::vector<int32_t>& intervalIds, Window window,
-                                             Ref<EntityMetric>& entityMetric)
+                                             const std::vector<int32_t>& intervalIds,
+                                             TimeRange timeRange, Ref<EntityMetric>& entityMetric)
 {
    auto sampleInfo = MakeRef<Plexa::DataArray<SampleInfo>>();
    for (const int32_t intervalId : intervalIds) {
-      AppendSampleInfo(entity->GetId(), metrics, intervalId, window, *sampleInfo);
+      AppendSampleInfo(entity->GetId(), metrics, intervalId, timeRange, *sampleInfo);
    }
    auto allSeries = MakeRef<Plexa::DataArray<MetricSeries>>();
    for (size_t i = 0; i < metrics.statNames.size(); ++i) {
@@ -427,9 +433,9 @@ void PerformanceManagerImpl::GetEntityMetric(Plexa::MoRef* entity, const Metrics
       for (const int32_t intervalId : intervalIds) {
          std::string intervalName;
          GetIntervalName(intervalId, intervalName);
-         std::vector<StatVal> values; // an unknown stat leaves it as it is: empty
-         count += _statsDepot->GetSamples(entity->GetId(), metrics.statNames[i], window.start,
-                                          window.end, values, nullptr, intervalName,
+         std::vector<StatVal> values; // stays empty for an unknown stat
+         count += _statsDepot->GetSamples(entity->GetId(), metrics.statNames[i], timeRange.start,
+                                          timeRange.end, values, nullptr, intervalName,
                                           GetRollup(metrics, i, intervalId));
          std::ranges::transform(values, std::back_inserter(series->value),
                                 [](StatVal value) { return static_cast<int64_t>(value); });

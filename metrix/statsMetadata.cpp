@@ -93,7 +93,7 @@ void StatsMetadata::AddCounterInfo(CounterId id, const std::string& group, const
       info->associatedCounterId = *associated;
    }
    const bool isNew = _perfCounterInfoList.try_emplace(id, info).second;
-   Corvax::Assert(isNew, "a counter id stands in the table once");
+   Corvax::Assert(isNew, "a counter id is in the table once");
 }
 
 void StatsMetadata::AddStatsDepotData(CounterId id, StatsDepot::StatType type,
@@ -111,7 +111,7 @@ void StatsMetadata::AddStatsDepotData(CounterId id, StatsDepot::StatType type,
       data->AddRollup(id, rollups->front());
    }
    const bool isNew = _statsDepotDataList.try_emplace(statName, std::move(data)).second;
-   Corvax::Assert(isNew, "a stat name stands in the table once");
+   Corvax::Assert(isNew, "a stat name is in the table once");
 }
 
 bool StatsMetadata::GetStatName(CounterId counterId, std::string& statName) const

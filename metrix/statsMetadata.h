@@ -13,19 +13,20 @@
 
 namespace Metrix {
 
-/// The counter catalogue: which counters exist and what the API says of each, and under which stat
-/// name, type and rollups the depot keeps them.
+/// The counter catalogue: the API's description of every counter, and the stat name, type and
+/// rollups under which the depot keeps it.
 ///
 /// A stat name is group key, "-", name key, and for an instance "#" and the instance: "cpu-usage",
-/// "cpu-usage#0". A composite counter stands for the raw values of its stat; its derived counters
+/// "cpu-usage#0". A composite counter reads the raw series of its stat; its derived counters
 /// (composite + 1 average, + 2 maximum, + 3 minimum) share the stat and read its rollups.
 ///
-/// Locking: none needed; filled by the constructor and read-only from then on.
+/// Locking: none. The constructor fills the catalogue; it is read-only afterwards.
 class StatsMetadata : public Corvax::ObjectImpl {
 public:
    using CounterId = int32_t;
    using CounterInfo = Quen::PerformanceManager::CounterInfo;
 
+   // NOLINTBEGIN(readability-identifier-naming): fixed names
    static const std::string AggregateInstanceId; ///< the entity as a whole: the empty string
 
    static const std::string CLASS_CPU;
@@ -43,6 +44,7 @@ public:
    static const std::string UNIT_PERCENT; ///< hundredths of a percent
    static const std::string UNIT_MHZ;
    static const std::string UNIT_MB;
+   // NOLINTEND(readability-identifier-naming)
 
    /// A row of the counter table.
    struct StatsInfo {
@@ -53,19 +55,21 @@ public:
       std::string description;
       CounterInfo::StatsType statsType;
       CounterInfo::RollupType counterType;
-      /// A composite's derived counters, average, minimum, maximum; null for a simple counter.
+      /// Derived counters of a composite: average, minimum, maximum. Null for a simple counter.
       std::shared_ptr<const std::vector<CounterId>> associatedCounters;
       /// The rollup type of each, parallel to associatedCounters.
       const std::vector<CounterInfo::RollupType>* associatedCounterTypes;
       StatsDepot::StatType statsTypeInDepot;
-      /// Parallel to associatedCounters where there are any, else one element.
+      /// Parallel to associatedCounters; a single element for a simple counter.
       const std::vector<StatsDepot::RollupType>* rollupTypes;
    };
 
+   // NOLINTBEGIN(readability-identifier-naming): fixed names
    static const StatsInfo agentdStatsInfoList[];
    static const int numAgentdStatsInfo;
+   // NOLINTEND(readability-identifier-naming)
 
-   /// How the depot keeps the counters of one stat.
+   /// The counters of one stat and the rollups that they read.
    class StatsDepotData {
    public:
       StatsDepotData(CounterId id, StatsDepot::StatType type) : _id(id), _type(type) {}
@@ -76,10 +80,10 @@ public:
       const std::vector<StatsDepot::RollupType>& GetRollups() const { return _rollups; }
 
       void AddRollup(CounterId counterId, StatsDepot::RollupType rollup);
-      /// The counter that reads a rollup; the stat's own for ROLLUP_NONE. False when there is none.
+      /// The counter that reads a rollup; the stat's own for ROLLUP_NONE. False if there is none.
       bool GetCounterId(StatsDepot::RollupType rollup, CounterId& counterId) const;
-      /// The rollup that a counter reads; ROLLUP_NONE for a composite. False when the stat does not
-      /// keep the counter.
+      /// The rollup that a counter reads; ROLLUP_NONE for a composite. False if the counter does
+      /// not belong to this stat.
       bool GetRollup(CounterId counterId, StatsDepot::RollupType& rollup) const;
 
    private:
@@ -91,24 +95,24 @@ public:
 
    StatsMetadata();
 
-   /// False, with `statName` unchanged, when there is no such counter.
+   /// False, with `statName` unchanged, if there is no such counter.
    bool GetStatName(CounterId counterId, std::string& statName) const;
    bool GetStatName(CounterId counterId, const std::string& instance, std::string& statName) const;
 
-   /// What is kept under a stat name, with or without instance; null when it is unknown. Owned by
-   /// the catalogue.
+   /// The data of a stat, found by its name with or without instance; null for an unknown name. The
+   /// catalogue keeps ownership.
    const StatsDepotData* GetStatsDepotData(const std::string& statName) const;
 
    /// The instance part of a stat name.
    static std::string GetInstanceId(const std::string& statName);
 
-   /// Null when there is no such counter; the catalogue keeps the reference.
+   /// Null if there is no such counter. The catalogue keeps ownership.
    CounterInfo* GetCounterInfo(CounterId counterId) const;
 
-   /// Plexa::Fault::InvalidArgument when there is no such counter.
+   /// Throws Plexa::Fault::InvalidArgument if there is no such counter.
    bool IsCompositeCounter(CounterId counterId) const;
 
-   /// Replaces `result` by all counters, in no particular order.
+   /// Sets `result` to all counters, in no particular order.
    void GetAllCounters(Corvax::Ref<Plexa::DataArray<CounterInfo>>& result) const;
 
 private:

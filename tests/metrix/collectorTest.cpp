@@ -218,7 +218,7 @@ TEST_F(KernelCollectorTest, FailuresOfTheKernelEndThePassAndKeepWhatWasTaken)
    _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}};
    const auto cpus = std::exchange(_host.cpus, {});
    Run();
-   EXPECT_EQ(_agent.logger->Count("3 The host reports no CPU"), 1);
+   EXPECT_EQ(_agent.logger->Count("3 The kernel library reports no CPU of this host"), 1);
    _host.cpus = cpus;
    const std::tuple<std::string, std::function<void()>, const char*, bool, bool> cases[] = {
       {"GetDiskLuns", [] { throw HostCtl::Lib::HostCtlException("no luns"); },
