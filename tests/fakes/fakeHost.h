@@ -64,7 +64,7 @@ private:
       uint64_t speedHz;
    };
 
-   /// All of the library's interfaces on one fake.
+   /// All interfaces of the library, on one FakeHost.
    struct View : HostCtl::Host,
                  HostCtl::Resource::ResourceInfo,
                  HostCtl::Storage::StorageInfo,
@@ -78,7 +78,7 @@ private:
          host.before(operation);
          return new View(host);
       }
-      /// One object of the library for each of those that the test has set.
+      /// One object of the library for each element of `all`.
       template <class Made, class Interface, class Set>
       std::vector<Interface*> Make(const char* operation, const std::vector<Set>& all)
       {

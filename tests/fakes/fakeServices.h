@@ -7,7 +7,7 @@
 
 #include <map>
 
-/// One virtual machine as the test wants it.
+/// A virtual machine whose state the test sets.
 struct FakeVm : Guestsvc::HaVirtualMachine, Corvax::LockableObjectImpl {
    explicit FakeVm(const std::string& id)
       : moRef(Corvax::MakeRef<Plexa::MoRef>(Quen::VirtualMachine::GetManagedType(), id))

@@ -1,5 +1,6 @@
 #include "agentdCommon/messages.h"
 #include "corvax/exception.h"
+#include "metrix/counterIds.h"
 #include "metrix/hykStatsCollector.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeHost.h"
@@ -47,7 +48,7 @@ protected:
    const Ref<StatsMetadata> _metadata = MakeRef<StatsMetadata>();
 };
 
-/// A collector that does what the test puts into `collect`.
+/// A collector whose runs call `collect`.
 class ScriptedCollector : public BaseStatsCollector {
 public:
    using BaseStatsCollector::AddSample;
@@ -69,7 +70,7 @@ protected:
       MakeRef<ScriptedCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20);
 };
 
-TEST_F(ScheduleTest, RunsFallOnWallClockMultiplesAndSkipWhatTheyOverrun)
+TEST_F(ScheduleTest, RunsStartOnBoundariesAndSkipThoseTheyOverran)
 {
    std::vector<int64_t> runs;
    int64_t runTakesUs = 30000;
@@ -77,17 +78,17 @@ TEST_F(ScheduleTest, RunsFallOnWallClockMultiplesAndSkipWhatTheyOverrun)
       runs.push_back(ts);
       _clock.nowUs += runTakesUs;
    };
-   _clock.nowUs = 1000007600000; // within a second: the boundary itself is meant
+   _clock.nowUs = 1000007600000; // within a second
    _collector->Start();
    _scheduler.RunNext();
    EXPECT_EQ(_scheduler.GetDueUs(), 1000040000000);
    runTakesUs = 25000000;
-   _scheduler.RunNext(); // ends at :65
+   _scheduler.RunNext(); // ends at 1000065
    runTakesUs = 20000000;
-   _scheduler.RunNext(); // starts at :80 and ends exactly at 100
+   _scheduler.RunNext(); // ends at 1000100, on a boundary
    _scheduler.RunNext();
    EXPECT_EQ(runs, (std::vector<int64_t>{1000020, 1000040, 1000080, 1000120}));
-   _collector->SetCollectionInterval(50); // the run that is scheduled keeps its time
+   _collector->SetCollectionInterval(50); // the pending run keeps its time
    EXPECT_EQ(_scheduler.GetDueUs(), 1000160000000);
    _scheduler.RunNext();
    EXPECT_EQ(_scheduler.GetDueUs(), 1000200000000);
@@ -95,7 +96,7 @@ TEST_F(ScheduleTest, RunsFallOnWallClockMultiplesAndSkipWhatTheyOverrun)
    _collector->Stop();
 }
 
-TEST_F(ScheduleTest, StartAndStopLeaveNoRunOrOneRunPending)
+TEST_F(ScheduleTest, OneRunIsPendingAfterStartAndNoneAfterStop)
 {
    _collector->Start();
    _collector->Start();
@@ -105,13 +106,13 @@ TEST_F(ScheduleTest, StartAndStopLeaveNoRunOrOneRunPending)
    EXPECT_EQ(_scheduler.GetWaiting(), 0u);
    _collector->Stop();
 
-   // Stopped during a run: the run ends and schedules nothing.
+   // Stopped by its own run.
    _collector->collect = [this](int64_t) { _collector->Stop(); };
    _collector->Start();
    _scheduler.RunNext();
    EXPECT_EQ(_scheduler.GetWaiting(), 0u);
 
-   // A run that was on its way while the collector was stopped and started again.
+   // Stopped and started again before a run that was due got the lock.
    _collector->collect = [](int64_t) {};
    _collector->Start();
    const auto late = _scheduler.TakeNext();
@@ -122,15 +123,15 @@ TEST_F(ScheduleTest, StartAndStopLeaveNoRunOrOneRunPending)
    _collector->Stop();
 }
 
-TEST_F(ScheduleTest, FailedFlushKeepsWhatWasWrittenAndTheNextRunStartsEmpty)
+TEST_F(ScheduleTest, FailedFlushKeepsEarlierSamplesAndTheNextRunStartsEmpty)
 {
    _collector->collect = [this](int64_t ts) {
       const auto time = static_cast<TimeStamp>(ts);
-      _collector->AddSample("e", 0x10008, time, 5, "", 0);
-      _collector->AddSample("e", 0x10008, time, 6, "x", 0);
+      _collector->AddSample("e", kMemActive, time, 5, "", 0);
+      _collector->AddSample("e", kMemActive, time, 6, "x", 0);
       if (time == 1000020) {
          _collector->AddSample("e", 0x7FFF, time, 7, "", 0);
-         _collector->AddSample("e", 0x1000C, time, 8, "", 0);
+         _collector->AddSample("e", kMemShared, time, 8, "", 0);
       }
    };
    _collector->Start();
@@ -141,12 +142,17 @@ TEST_F(ScheduleTest, FailedFlushKeepsWhatWasWrittenAndTheNextRunStartsEmpty)
    EXPECT_FALSE(_depot->IsLocked());
    _scheduler.RunNext();
    EXPECT_EQ(_agent.logger->CountLevel(3), 1);
+   _collector->Stop();
+}
 
+TEST_F(ScheduleTest, ExceptionOutOfARunEndsTheScheduleUntilTheNextStart)
+{
    _collector->collect = [](int64_t) { throw std::runtime_error("of another family"); };
+   _collector->Start();
    EXPECT_THROW(_scheduler.RunNext(), std::runtime_error);
    EXPECT_FALSE(_collector->IsLocked());
-   EXPECT_EQ(_scheduler.GetWaiting(), 0u); // a failed run is not scheduled again ...
-   _collector->Start();                    // ... until the next start
+   EXPECT_EQ(_scheduler.GetWaiting(), 0u);
+   _collector->Start();
    EXPECT_EQ(_scheduler.GetWaiting(), 1u);
    _collector->Stop();
 }
@@ -195,14 +201,14 @@ TEST_F(KernelCollectorTest, CapacityFiguresDoNotOverflow)
    _host.speedHz = 4000000000;
    const uint64_t tenYearsUs = 315360000000000;
    _host.cpus.assign(255, {tenYearsUs, 0});
-   _host.memory.freeKb = 99999; // more than the cache knows of
+   _host.memory.freeKb = 99999; // more than the cached total
    Run();
    EXPECT_EQ(Raw("ha-host", "cpu-usagemhz"), tenYearsUs / 1000000 * 1020000);
    EXPECT_EQ(Raw("ha-host", "cpu-usage"), tenYearsUs / 100);
    EXPECT_EQ(Raw("ha-host", "mem-consumed"), 0u);
 }
 
-TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
+TEST_F(KernelCollectorTest, AbsentDisksAndNicsHaveNoSamples)
 {
    Run();
    for (const std::string& name : Names("ha-host")) {
@@ -213,7 +219,7 @@ TEST_F(KernelCollectorTest, AbsentDisksAndCardsGiveNoSamples)
    EXPECT_EQ(Raw("ha-host", "net-usage"), 0u);
 }
 
-TEST_F(KernelCollectorTest, FailuresOfTheKernelEndThePassAndKeepWhatWasTaken)
+TEST_F(KernelCollectorTest, KernelFailureEndsTheRunAndKeepsEarlierSamples)
 {
    _host.disks = {{"sda", {8, 4, 1, 2, 3, 5, 6}, {}}};
    const auto cpus = std::exchange(_host.cpus, {});
@@ -245,7 +251,7 @@ TEST_F(KernelCollectorTest, FailuresOfTheKernelEndThePassAndKeepWhatWasTaken)
    EXPECT_TRUE(Names("ha-host").contains("disk-usage"));
 }
 
-TEST_F(KernelCollectorTest, OnlyWhatIsConnectedAndKnownIsSampled)
+TEST_F(KernelCollectorTest, SkipsUnavailableVmsDisconnectedNicsAndForeignWorlds)
 {
    const auto vm = AddVm("vm1");
    AddVm("stuck")->available = false;
@@ -269,7 +275,7 @@ TEST_F(KernelCollectorTest, OnlyWhatIsConnectedAndKnownIsSampled)
    EXPECT_EQ(_agent.logger->CountLevel(3), 0);
 }
 
-TEST_F(KernelCollectorTest, MissingFiguresOfAVirtualMachineCostOnlyThemselves)
+TEST_F(KernelCollectorTest, MissingFiguresOfAVmLeaveItsOtherSamplesAlone)
 {
    const auto vm = AddVm("vm1");
    _resourceMgr->swap.clear();
@@ -290,7 +296,7 @@ TEST_F(KernelCollectorTest, MissingFiguresOfAVirtualMachineCostOnlyThemselves)
    EXPECT_FALSE(Names("vm2").contains("mem-usage"));
 }
 
-TEST_F(KernelCollectorTest, APoolThatIsGoneHidesThoseBelowIt)
+TEST_F(KernelCollectorTest, PoolThatCannotBeFoundHidesItsSubtree)
 {
    const auto root = MakeRef<FakePool>("root");
    const auto lost = MakeRef<FakePool>("lost");
@@ -306,25 +312,25 @@ TEST_F(KernelCollectorTest, APoolThatIsGoneHidesThoseBelowIt)
    EXPECT_TRUE(Names("below lost").empty());
 }
 
-TEST_F(KernelCollectorTest, TakesOnlyTheMessagesMeantForItAndOnlyWhileItRuns)
+TEST_F(KernelCollectorTest, HandlesOnlyItsOwnMessagesAndOnlyWhileStarted)
 {
    Run();
    const auto vm = AddVm("vm1");
-   const auto tellPower = [&] {
+   const auto publishPower = [&] {
       _agent.Publish("/vm/runtime/powerop/vm1", MakeRef<Guestsvc::VmPowerOpMsg>(vm->moRef, 1, 2));
    };
-   tellPower();
+   publishPower();
    Run();
    _agent.Publish("/vm/unregister/vm1", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>("vm1"));
    EXPECT_FALSE(Names("vm1").empty()); // the wrong kind of message
    _agent.Publish("/resourcePool/destroyed", MakeRef<AgentdCommon::ResourcePoolDestroyedMsg>(""));
    EXPECT_EQ(_agent.logger->Count("6 EntityRemovedListener: Deleting stats for entity"), 0);
    _collector->Stop();
-   tellPower();
+   publishPower();
    EXPECT_EQ(_agent.logger->Count("7 Received notification 1 2"), 1);
 }
 
-TEST_F(KernelCollectorTest, GoesOnWithoutTheVirtualMachineService)
+TEST_F(KernelCollectorTest, CollectsWithoutTheVmService)
 {
    _agent.Unregister(AgentdCommon::moid_guestsvc);
    Run();

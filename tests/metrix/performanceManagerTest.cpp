@@ -21,7 +21,7 @@ using Quen::PerformanceManager;
 using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
 using NotImplemented = Plexa::Fault::NotImplemented::Exception;
 
-TEST(FindIntervalBoundaryTest, GivesTheNextInstantOfTheGrid)
+TEST(FindIntervalBoundaryTest, ReturnsTheNextInstantOfTheGrid)
 {
    const std::array<int64_t, 4> cases[] = {{0, 1000, 300, 1200},
                                            {0, 1200, 300, 1200},
@@ -44,7 +44,7 @@ protected:
       _agent.config->Set("plugins/metrix/enableMockup", "true");
    }
 
-   /// As at a start of the agent.
+   /// Creates the manager as the agent does when it starts.
    void Start(const std::string& interval = "")
    {
       _manager = nullptr;
@@ -58,7 +58,7 @@ protected:
    {
       return _agent.logger->Count("4 Reverting to default stats configuration") == 1;
    }
-   /// The depot that the manager has open, seen through its files.
+   /// The manager's depot, opened a second time from its files.
    Ref<StatsDepot> Depot()
    {
       Ref<StatsDepot> depot;
@@ -79,6 +79,33 @@ protected:
       Start();
    }
 
+   void Collect(int runs)
+   {
+      _manager->StartStatsCollection();
+      for (; runs > 0; --runs) {
+         _scheduler.RunNext();
+      }
+      _manager->StopStatsCollection();
+   }
+   void Damage(const std::string& file, const std::string& damage)
+   {
+      std::string bytes = _scratch.Read(file);
+      ASSERT_GT(bytes.size(), 8u);
+      if (damage == "removed") {
+         Corvax::System::GetFactory().Remove(_scratch.Path() + file);
+         return;
+      }
+      if (damage == "random") {
+         std::ranges::generate(bytes, [this] { return static_cast<char>(_random()); });
+      } else {
+         bytes.resize(damage == "emptied"       ? 0
+                      : damage == "cut in half" ? bytes.size() / 2
+                                                : bytes.size() - 1);
+      }
+      _scratch.Write(file, bytes);
+   }
+
+   std::mt19937_64 _random{20261121};
    const Scratch _scratch;
    FakeAgent _agent;
    ManualClock _clock;
@@ -86,7 +113,7 @@ protected:
    Ref<PerformanceManagerImpl> _manager;
 };
 
-TEST_F(PerformanceManagerTest, AcceptsDivisorsOfTheHistoricalPeriodAsInterval)
+TEST_F(PerformanceManagerTest, CollectionIntervalMustDivideTheHistoricalPeriod)
 {
    for (const std::string bad : {"0", "-20", "7", "301"}) {
       Start(bad);
@@ -108,11 +135,11 @@ TEST_F(PerformanceManagerTest, AcceptsDivisorsOfTheHistoricalPeriodAsInterval)
    EXPECT_THROW(Start("twenty"), Corvax::InvalidArgumentException);
 }
 
-TEST_F(PerformanceManagerTest, KeepsAGoodDepotAndRevertsFromAnyOther)
+TEST_F(PerformanceManagerTest, KeepsAUsableDepotAndReplacesAnyOther)
 {
    Start();
    EXPECT_TRUE(HasReverted());
-   Start(); // no column yet: that is no newest time stamp from the future
+   Start(); // no column yet, so no time stamp in the future
    EXPECT_FALSE(HasReverted());
    for (const auto& [lead, reverts] : {std::pair{60, false}, {80, true}}) {
       Record(kNow + static_cast<TimeStamp>(lead), {{"mem-active", 1}});
@@ -124,17 +151,9 @@ TEST_F(PerformanceManagerTest, KeepsAGoodDepotAndRevertsFromAnyOther)
    EXPECT_FALSE(HasReverted());
 }
 
-TEST_F(PerformanceManagerTest, StartsAndCollectsWhateverHappenedToTheFiles)
+TEST_F(PerformanceManagerTest, StartsAndCollectsAfterAnyDamageToTheFiles)
 {
    const std::string description = "hostAgentStats.xml";
-   std::mt19937_64 random(20261121);
-   const auto collect = [this](int runs) {
-      _manager->StartStatsCollection();
-      for (; runs > 0; --runs) {
-         _scheduler.RunNext();
-      }
-      _manager->StopStatsCollection();
-   };
    for (const std::string& file :
         {description, std::string("hostAgentStats.idMap"), std::string("hostAgentStats-20.stats"),
          std::string("hostAgentStats-300.stats")}) {
@@ -143,26 +162,14 @@ TEST_F(PerformanceManagerTest, StartsAndCollectsWhateverHappenedToTheFiles)
          SCOPED_TRACE(file + " " + damage);
          Corvax::System::GetFactory().Remove(_scratch.Path() + description);
          Start();
-         collect(20);
-         std::string bytes = _scratch.Read(file);
-         ASSERT_GT(bytes.size(), 8u);
-         if (damage == "random") {
-            std::ranges::generate(bytes, [&random] { return static_cast<char>(random()); });
-         } else {
-            bytes.resize(damage == "emptied"       ? 0
-                         : damage == "cut in half" ? bytes.size() / 2
-                                                   : bytes.size() - 1);
-         }
-         _scratch.Write(file, bytes);
-         if (damage == "removed") {
-            Corvax::System::GetFactory().Remove(_scratch.Path() + file);
-         }
+         Collect(20);
+         Damage(file, damage);
          Start();
-         if (!(file == description && damage == "cut by a byte")) { // a line feed after all is said
+         if (!(file == description && damage == "cut by a byte")) { // only its last line feed
             EXPECT_GT(_agent.logger->CountLevel(3) + _agent.logger->CountLevel(4), 0);
          }
          _agent.logger->Clear();
-         collect(2);
+         Collect(2);
          EXPECT_EQ(_agent.logger->CountLevel(3), 0);
          const auto depot = Depot();
          std::vector<std::string> names;
@@ -178,7 +185,7 @@ TEST_F(PerformanceManagerTest, StartsAndCollectsWhateverHappenedToTheFiles)
    }
 }
 
-TEST_F(PerformanceManagerTest, TellsWhatItOffers)
+TEST_F(PerformanceManagerTest, QueryCounterReturnsAllCountersOrNone)
 {
    Start();
    Ref<Plexa::DataArray<PerformanceManager::CounterInfo>> counters;
@@ -187,7 +194,11 @@ TEST_F(PerformanceManagerTest, TellsWhatItOffers)
    EXPECT_EQ((*counters)[2]->key, 4);
    EXPECT_THROW(_manager->QueryCounter({4, 0x7FFF, 1}, counters), InvalidArgument);
    EXPECT_EQ(counters->GetSize(), 3u); // no partial result
+}
 
+TEST_F(PerformanceManagerTest, ProviderSummaryIsForTypesWithStatistics)
+{
+   Start();
    Ref<PerformanceManager::ProviderSummary> summary;
    const Plexa::ManagedType derived{"SpecialMachine", &Quen::VirtualMachine::GetManagedType()};
    const auto vm = MakeRef<Plexa::MoRef>(derived, "vm");
@@ -198,14 +209,18 @@ TEST_F(PerformanceManagerTest, TellsWhatItOffers)
    EXPECT_THROW(
       _manager->QueryProviderSummary(MakeRef<Plexa::MoRef>(datastore, "d").Get(), summary),
       InvalidArgument);
+}
 
+TEST_F(PerformanceManagerTest, RefusesToChangeIntervalsAndToSummarize)
+{
+   Start();
    EXPECT_THROW(_manager->CreateHistoricalInterval(nullptr), NotImplemented);
    EXPECT_THROW(_manager->RemoveHistoricalInterval(300), NotImplemented);
    EXPECT_THROW(_manager->UpdateHistoricalInterval(nullptr), NotImplemented);
    EXPECT_THROW(_manager->SummarizeStats(), NotImplemented);
 }
 
-TEST_F(PerformanceManagerTest, UsageComesFromTheNewestColumnAlone)
+TEST_F(PerformanceManagerTest, UsageComesOnlyFromTheNewestColumn)
 {
    Start();
    PerformanceManagerImpl::Long cpu = 0;
@@ -235,7 +250,7 @@ TEST_F(PerformanceManagerTest, UsageComesFromTheNewestColumnAlone)
    }
 }
 
-TEST_F(PerformanceManagerTest, PluginLivesThroughItsCalls)
+TEST_F(PerformanceManagerTest, PluginStartsAndStopsCollection)
 {
    auto plugin = MakeRef<MetrixPlugin>();
    plugin->Init();

@@ -1,6 +1,7 @@
 #include "metrix/performanceManagerImpl.h"
 
 #include "corvax/exception.h"
+#include "metrix/counterIds.h"
 #include "plexa/fault.h"
 #include "quen/inventory.h"
 #include "tests/fakes/fakeAgent.h"
@@ -22,8 +23,8 @@ using Quen::PerformanceManager;
 using InvalidArgument = Plexa::Fault::InvalidArgument::Exception;
 using MetricIds = Plexa::DataArray<PerformanceManager::MetricId>;
 
-/// A manager with an hour of collections of one host, every 20 s up to kNow: cpu-usage is the run's
-/// number, cpu-usage#0 half of it; mem-active and its odd one mem-active#late start in the middle.
+/// A manager, and with Collect 50 minutes of samples of the host, every 20 s up to kNow: cpu-usage
+/// is the number of the run, cpu-usage#0 half of it, and mem-active starts in the middle.
 class PerformanceQueryTest : public testing::Test {
 protected:
    using Pairs = std::vector<std::pair<int, std::string>>; ///< counter and instance
@@ -38,7 +39,7 @@ protected:
       _manager = MakeRef<PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
    }
 
-   /// Fills the files and opens them anew.
+   /// Writes the samples into the manager's files and loads them.
    void Collect()
    {
       Ref<StatsDepot> depot;
@@ -90,7 +91,7 @@ protected:
       _manager->QueryStats(&array, _results);
       return _results;
    }
-   /// The one result of one query spec.
+   /// The only result of a query spec.
    const PerformanceManager::EntityMetric& One(const Ref<PerformanceManager::QuerySpec>& spec)
    {
       return dynamic_cast<PerformanceManager::EntityMetric&>(*(*Query({spec}))[0]);
@@ -121,7 +122,7 @@ protected:
 TEST_F(PerformanceQueryTest, RealTimeSeriesAreTheStoredValues)
 {
    Collect();
-   auto spec = Spec(20, {{0, ""}, {0x10008, ""}});
+   auto spec = Spec(20, {{kCpuUsage, ""}, {kMemActive, ""}});
    spec->startTime = DateTime::FromSeconds(kNow - 60);
    const auto& result = One(spec);
    ASSERT_EQ(result.sampleInfo->GetSize(), 3u); // the start is exclusive
@@ -129,18 +130,25 @@ TEST_F(PerformanceQueryTest, RealTimeSeriesAreTheStoredValues)
    EXPECT_EQ((*result.sampleInfo)[0]->interval, 20);
    EXPECT_EQ(Values(result, 0), (std::vector<int64_t>{148, 149, 150}));
    EXPECT_EQ(Values(result, 1), (std::vector<int64_t>{148, 149, 150}));
+}
 
-   spec->startTime.reset();
+TEST_F(PerformanceQueryTest, MaxSampleMovesTheStartTowardsTheEnd)
+{
+   Collect();
+   auto spec = Spec(20, {{kCpuUsage, ""}});
    spec->endTime = DateTime::FromSeconds(kNow - 20);
    spec->maxSample = 2;
    EXPECT_EQ(Values(One(spec), 0), (std::vector<int64_t>{147, 148, 149})); // 40 s before the end
    spec->maxSample = INT32_MAX;
    EXPECT_EQ(Values(One(spec), 0).size(), 150u);
+}
 
-   // A series that began later is unset before.
+TEST_F(PerformanceQueryTest, SeriesIsUnsetBeforeItsFirstSample)
+{
+   Collect();
+   auto spec = Spec(20, {{kCpuUsage, ""}, {kMemActive, ""}});
    spec->startTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2 + 2));
    spec->endTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2));
-   spec->maxSample.reset();
    EXPECT_EQ(Values(One(spec), 1), (std::vector<int64_t>{-1, 75}));
 }
 
@@ -148,10 +156,10 @@ TEST_F(PerformanceQueryTest, HistoricalSeriesAreRollups)
 {
    Collect();
    const int64_t end = kNow - kNow % 300 - 300;
-   auto spec = Spec(std::nullopt, {{0, ""}}); // 300 where none is named; a composite means all
+   auto spec = Spec(std::nullopt, {{kCpuUsage, ""}}); // interval 300 by default
    spec->startTime = DateTime::FromSeconds(end - 1);
    spec->endTime = DateTime::FromSeconds(end);
-   const auto& all = One(spec);
+   const auto& all = One(spec); // a composite stands for all counters of its stat
    const auto last = (end - (kNow - 20 * kRuns)) / 20;
    EXPECT_EQ(Ids(all), (Pairs{{1, ""}, {2, ""}, {3, ""}}));
    EXPECT_EQ(Values(all, 0), (std::vector<int64_t>{last - 7}));  // average of last-14 .. last
@@ -160,37 +168,38 @@ TEST_F(PerformanceQueryTest, HistoricalSeriesAreRollups)
    spec->metricId = Spec(300, {{2, "0"}})->metricId;
    EXPECT_EQ(Values(One(spec), 0), (std::vector<int64_t>{last / 2}));
    spec->metricId = nullptr;
-   EXPECT_EQ(Ids(One(spec)).size(), 9u); // each counter of three stats; the dummy one is unknown
+   EXPECT_EQ(Ids(One(spec)).size(), 9u); // of three stats: the catalogue lacks dummy-stat
 }
 
-TEST_F(PerformanceQueryTest, WildcardsNameWhatTheEntityHas)
+TEST_F(PerformanceQueryTest, WildcardsExpandToTheInstancesOfTheEntity)
 {
    Collect();
-   EXPECT_EQ(Ids(One(Spec(20, {{0, "*"}}))), (Pairs{{0, ""}, {0, "0"}}));
-   EXPECT_EQ(Ids(One(Spec(20, {{0, "0"}, {0, "*"}}))), (Pairs{{0, ""}, {0, "0"}, {0, "0"}}));
+   EXPECT_EQ(Ids(One(Spec(20, {{kCpuUsage, "*"}}))), (Pairs{{kCpuUsage, ""}, {kCpuUsage, "0"}}));
+   EXPECT_EQ(Ids(One(Spec(20, {{kCpuUsage, "0"}, {kCpuUsage, "*"}}))),
+             (Pairs{{kCpuUsage, ""}, {kCpuUsage, "0"}, {kCpuUsage, "0"}}));
    EXPECT_EQ(Ids(One(Spec(300, {{2, "*"}}))), (Pairs{{2, ""}, {2, "0"}}));
-   EXPECT_TRUE(Query({Spec(20, {{0x20000, "*"}})})->IsEmpty());
-   EXPECT_EQ(Ids(One(Spec(20, {}))), (Pairs{{0, ""}, {0, "0"}, {0x10008, ""}}));
-   EXPECT_TRUE(Query({Spec(20, {{0, "nowhere"}})})->IsEmpty());
+   EXPECT_TRUE(Query({Spec(20, {{kDiskUsage, "*"}})})->IsEmpty());
+   EXPECT_EQ(Ids(One(Spec(20, {}))), (Pairs{{kCpuUsage, ""}, {kCpuUsage, "0"}, {kMemActive, ""}}));
+   EXPECT_TRUE(Query({Spec(20, {{kCpuUsage, "nowhere"}})})->IsEmpty());
 }
 
-TEST_F(PerformanceQueryTest, LatestValuesAreOfTheNewestCollection)
+TEST_F(PerformanceQueryTest, LatestValuesAreThoseOfTheNewestRun)
 {
-   EXPECT_TRUE(Query({Spec(0, {{0, ""}})})->IsEmpty()); // an empty depot
+   EXPECT_TRUE(Query({Spec(0, {{kCpuUsage, ""}})})->IsEmpty()); // an empty depot
    _clock.SetSeconds(kNow);
    _manager->StartStatsCollection();
    _scheduler.RunNext();
    _manager->StopStatsCollection();
-   const auto& result = One(Spec(0, {{0x10008, ""}, {0x2000A, ""}, {0, "0"}}));
+   const auto& result = One(Spec(0, {{kMemActive, ""}, {kDiskBusResets, ""}, {kCpuUsage, "0"}}));
    EXPECT_EQ((*result.sampleInfo)[0]->interval, 0);
    EXPECT_EQ((*result.sampleInfo)[0]->timestamp, DateTime::FromSeconds(kNow + 20));
-   EXPECT_EQ(Ids(result), (Pairs{{0, "0"}, {0x10008, ""}}));
+   EXPECT_EQ(Ids(result), (Pairs{{kCpuUsage, "0"}, {kMemActive, ""}}));
 }
 
-TEST_F(PerformanceQueryTest, CsvIsTheSameInOneLine)
+TEST_F(PerformanceQueryTest, CsvHoldsTheSameValues)
 {
    Collect();
-   auto spec = Spec(20, {{0, ""}, {0x10008, ""}});
+   auto spec = Spec(20, {{kCpuUsage, ""}, {kMemActive, ""}});
    spec->startTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2 + 2));
    spec->endTime = DateTime::FromSeconds(kNow - 20 * (kRuns / 2));
    spec->format = "csv";
@@ -198,7 +207,7 @@ TEST_F(PerformanceQueryTest, CsvIsTheSameInOneLine)
    EXPECT_EQ(csv.sampleInfoCSV, "20,2001-09-09T01:24:40Z,20,2001-09-09T01:25:00Z");
    EXPECT_EQ((*csv.value)[0]->value, "74,75");
    EXPECT_EQ((*csv.value)[1]->value, "-1,75");
-   EXPECT_EQ((*csv.value)[1]->id->counterId, 0x10008);
+   EXPECT_EQ((*csv.value)[1]->id->counterId, kMemActive);
 }
 
 TEST_F(PerformanceQueryTest, RefusalNamesThePropertyAndKeepsEarlierResults)
@@ -224,10 +233,10 @@ TEST_F(PerformanceQueryTest, RefusalNamesThePropertyAndKeepsEarlierResults)
    };
    for (const auto& [change, property, reason] : cases) {
       SCOPED_TRACE(reason);
-      auto spec = Spec(20, {{0, ""}});
+      auto spec = Spec(20, {{kCpuUsage, ""}});
       change(*spec);
       try {
-         Query({Spec(20, {{0, ""}}), spec, Spec(20, {{0, ""}})});
+         Query({Spec(20, {{kCpuUsage, ""}}), spec, Spec(20, {{kCpuUsage, ""}})});
          ADD_FAILURE() << "accepted";
       } catch (const InvalidArgument& e) {
          EXPECT_EQ(e.GetInvalidProperty(), property);
@@ -241,15 +250,16 @@ TEST_F(PerformanceQueryTest, RefusalNamesThePropertyAndKeepsEarlierResults)
 TEST_F(PerformanceQueryTest, StartTimeInTheFutureWithoutEndEndsTheQueryQuietly)
 {
    Collect();
-   auto future = Spec(20, {{0, ""}});
+   auto future = Spec(20, {{kCpuUsage, ""}});
    future->startTime = DateTime::FromSeconds(kNow + 100);
-   EXPECT_EQ(Query({Spec(20, {{0, ""}}), future, Spec(20, {{0, ""}})})->GetSize(), 1u);
+   EXPECT_EQ(Query({Spec(20, {{kCpuUsage, ""}}), future, Spec(20, {{kCpuUsage, ""}})})->GetSize(),
+             1u);
 }
 
 TEST_F(PerformanceQueryTest, StartTimeBeforeTheEpochCountsAsTheEpoch)
 {
    Collect();
-   auto ancient = Spec(20, {{0, ""}});
+   auto ancient = Spec(20, {{kCpuUsage, ""}});
    ancient->startTime = DateTime(-2000000);
    EXPECT_EQ(Query({ancient})->GetSize(), 1u);
 }
@@ -262,7 +272,7 @@ TEST_F(PerformanceQueryTest, AvailableMetricsDependOnTheInterval)
    const auto later = DateTime::FromSeconds(kNow + 100);
    Ref<MetricIds> metrics;
    _manager->QueryAvailableMetric(host.Get(), {}, {}, 20, metrics);
-   EXPECT_EQ(metrics->GetSize(), 3u); // the first counter of each
+   EXPECT_EQ(metrics->GetSize(), 3u); // the first counter of each stat
    for (const std::optional<int32_t> interval : {std::optional<int32_t>{}, {300}}) {
       _manager->QueryAvailableMetric(host.Get(), {}, now, interval, metrics);
       EXPECT_EQ(metrics->GetSize(), 9u);
