@@ -14,8 +14,8 @@
 namespace Http {
 
 /// What bounds a request besides Limits.
-constexpr size_t kMaxTargetBytes = 8 * 1024;
-constexpr size_t kMaxHeaderBytes = 16 * 1024;
+constexpr size_t kMaxTargetBytes = size_t{8} << 10;
+constexpr size_t kMaxHeaderBytes = size_t{16} << 10;
 constexpr size_t kMaxHeaders = 100;
 
 struct Limits {

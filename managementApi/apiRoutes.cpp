@@ -1,12 +1,14 @@
 #include "managementApi/apiRoutes.h"
 
-#include "agentdCommon/haPerformanceManager.h"
 #include "agentdCommon/wellKnown.h"
 #include "corvax/application.h"
+#include "corvax/clock.h"
 #include "guestsvc/guestsvc.h"
+#include "managementApi/agentObjects.h"
+#include "managementApi/apiJson.h"
 #include "managementApi/csvTable.h"
 #include "managementApi/openApi.h"
-#include "managementApi/requestError.h"
+#include "managementApi/urlParameters.h"
 #include "plexa/fault.h"
 #include "quen/inventory.h"
 
@@ -16,162 +18,27 @@ namespace ManagementApi {
 
 namespace {
 
-using AgentdCommon::HaPerformanceManager;
 using AgentdCommon::Long;
 using Corvax::DateTime;
 using Corvax::Format;
 using Corvax::MakeRef;
 using Corvax::Ref;
+using Http::Refusal;
 using Quen::PerformanceManager;
+using QueryResults = Plexa::DataArray<PerformanceManager::EntityMetricBase>;
 
-constexpr int32_t kLatestValues = 0; // as interval
-
-Corvax::ObjectRegistry& Registry()
-{
-   return *Corvax::Service::GetApp()->GetObjectRegistry();
-}
-
-Ref<HaPerformanceManager> GetPerformanceManager()
-{
-   return Registry().LookupObject<HaPerformanceManager>(AgentdCommon::moid_perfmgr);
-}
-
-Ref<Counters> GetAllCounters()
-{
-   Ref<Counters> counters;
-   GetPerformanceManager()->GetPerfCounter(counters);
-   return counters;
-}
-
-Ref<Plexa::MoRef> FindEntityById(const std::string& id)
-{
-   Ref<Quen::ManagedEntity> entity;
-   if (!Registry().TryLookupObject(id, entity)) {
-      throw NotFound(Format("There is no entity '%1'", id));
-   }
-   return entity->GetMoRef();
-}
-
-Ref<Plexa::MoRef> HostReference()
-{
-   return FindEntityById(AgentdCommon::moid_hostsystem);
-}
-
-int32_t GetRealTimeInterval(Plexa::MoRef* entity)
-{
-   Ref<PerformanceManager::ProviderSummary> summary;
-   GetPerformanceManager()->QueryProviderSummary(entity, summary);
-   return summary->refreshRate.value_or(0);
-}
-
-/// The query parameters of a request: each of the allowed ones, and no other.
-class Parameters {
-public:
-   Parameters(const Http::Request& request, std::initializer_list<std::string_view> allowed)
-      : _query(request.query)
-   {
-      for (const auto& [name, value] : _query) {
-         if (std::ranges::find(allowed, name) == allowed.end()) {
-            throw BadArgument(name, "is no parameter of this route");
-         }
-      }
-   }
-
-   std::vector<std::string> GetAll(std::string_view name) const
-   {
-      std::vector<std::string> values;
-      for (const auto& [present, value] : _query) {
-         if (present == name) {
-            values.push_back(value);
-         }
-      }
-      return values;
-   }
-
-   std::optional<std::string> Get(const std::string& name) const
-   {
-      const std::vector<std::string> values = GetAll(name);
-      if (values.size() > 1) {
-         throw BadArgument(name, "stands more than once");
-      }
-      return values.empty() ? std::nullopt : std::optional(values.front());
-   }
-
-   std::string GetRequired(const std::string& name) const
-   {
-      const std::optional<std::string> value = Get(name);
-      if (!value) {
-         throw BadArgument(name, "is missing");
-      }
-      return *value;
-   }
-
-   std::optional<DateTime> GetTime(const std::string& name, DateTime now) const
-   {
-      const std::optional<std::string> value = Get(name);
-      return value ? std::optional(ParseTime(name, *value, now)) : std::nullopt;
-   }
-
-   std::optional<int32_t> GetInt(const std::string& name) const
-   {
-      const std::optional<std::string> value = Get(name);
-      return value ? std::optional(ParseInt(name, *value)) : std::nullopt;
-   }
-
-private:
-   const std::vector<std::pair<std::string, std::string>>& _query;
-};
+constexpr int32_t kLatestValues = 0; // intervalId 0 asks for the latest values
 
 void Answer(Http::Response& response, Json data)
 {
    response.body = Print({{"status", "success"}, {"data", std::move(data)}});
 }
 
-void CheckInterval(int32_t intervalId, Plexa::MoRef* entity)
+Refusal ToRefusal(const Plexa::Fault::InvalidArgument::Exception& fault)
 {
-   Ref<Plexa::DataArray<Quen::HistoricalInterval>> historical;
-   GetPerformanceManager()->GetHistoricalInterval(historical);
-   const int32_t realTime = GetRealTimeInterval(entity);
-   const bool isHistorical = std::ranges::any_of(*historical, [intervalId](const auto& interval) {
-      return interval->samplingPeriod == intervalId;
-   });
-   if (intervalId != kLatestValues && intervalId != realTime && !isHistorical) {
-      throw BadArgument("intervalId",
-                        Format("%1 is no interval; use %2 (real time), a historical one "
-                               "(see /api/v1/intervals) or 0 (latest values)",
-                               intervalId, realTime));
-   }
-}
-
-/// Tells what the fault of the operation itself would not: which argument, and why.
-void CheckQuerySpec(const QuerySpec& spec, const Counters& counters)
-{
-   if (spec.startTime && spec.endTime && *spec.startTime >= *spec.endTime) {
-      throw BadArgument("startTime", "is not before endTime");
-   }
-   if (spec.maxSample && *spec.maxSample < 1) {
-      throw BadArgument("maxSample", Format("%1 is below 1", *spec.maxSample));
-   }
-   if (spec.format && *spec.format != PerformanceManager::FORMAT_NORMAL &&
-       *spec.format != PerformanceManager::FORMAT_CSV) {
-      throw BadArgument("format", Format("'%1' is neither normal nor csv", *spec.format));
-   }
-   if (spec.intervalId) {
-      CheckInterval(*spec.intervalId, spec.entity.Get());
-   }
-   if (spec.intervalId == kLatestValues && (!spec.metricId || spec.metricId->IsEmpty())) {
-      throw BadArgument("metricId", "latest values are given of named metrics only");
-   }
-   if (!spec.metricId) {
-      return;
-   }
-   for (const Ref<MetricId>& metric : *spec.metricId) {
-      const bool known = std::ranges::any_of(
-         counters, [&metric](const auto& counter) { return counter->key == metric->counterId; });
-      if (!known) {
-         throw BadArgument("metricId", Format("there is no counter %1", metric->counterId));
-      }
-   }
+   const std::string& property = fault.GetInvalidProperty();
+   return property.empty() ? Refusal(400, fault.GetMessage())
+                           : BadArgument(property, fault.GetReason());
 }
 
 const char* ErrorType(int status)
@@ -279,22 +146,22 @@ void ApiRoutes::Serve(Handler handler, const Http::Request& request, Http::Respo
 {
    try {
       (this->*handler)(request, response);
-   } catch (const RequestError& e) {
-      FormatError(e.GetStatus(), e.GetMessage(), response);
-   } catch (const Plexa::Fault::InvalidArgument::Exception&) {
-      FormatError(400, "An argument is not acceptable to the operation", response);
+   } catch (const Refusal&) {
+      throw;
+   } catch (const Plexa::Fault::InvalidArgument::Exception& e) {
+      throw ToRefusal(e);
    } catch (const Plexa::Fault::NotImplemented::Exception& e) {
-      FormatError(501, e.GetMessage(), response);
+      throw Refusal(501, e.GetMessage());
    } catch (const Corvax::Exception& e) {
       _logger->Log(Corvax::kLogError, "%1 %2 failed: %3", request.method, request.path,
                    e.GetMessage());
-      FormatError(500, e.GetMessage(), response);
+      throw Refusal(500, e.GetMessage());
    }
 }
 
 void ApiRoutes::GetCounters(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {"id"});
+   const UrlParameters parameters(request, {"id"});
    const std::vector<std::string> ids = parameters.GetAll("id");
    const Ref<Counters> all = GetAllCounters();
    Json data = Json::array();
@@ -308,6 +175,7 @@ void ApiRoutes::GetCounters(const Http::Request& request, Http::Response& respon
       return;
    }
    std::vector<int32_t> counterIds;
+   counterIds.reserve(ids.size());
    for (const std::string& id : ids) {
       counterIds.push_back(ParseMetric("id", id, *all)->counterId);
    }
@@ -321,7 +189,7 @@ void ApiRoutes::GetCounters(const Http::Request& request, Http::Response& respon
 
 void ApiRoutes::GetIntervals(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {});
+   const UrlParameters noParameters(request, {});
    Ref<Plexa::DataArray<Quen::HistoricalInterval>> intervals;
    GetPerformanceManager()->GetHistoricalInterval(intervals);
    Json data = Json::array();
@@ -333,9 +201,9 @@ void ApiRoutes::GetIntervals(const Http::Request& request, Http::Response& respo
 
 void ApiRoutes::GetEntities(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {});
+   const UrlParameters noParameters(request, {});
    Json data = Json::array();
-   for (const auto& [id, object] : Registry().GetAll()) {
+   for (const auto& [id, object] : Corvax::Service::GetApp()->GetObjectRegistry()->GetAll()) {
       if (const auto entity = Corvax::RefCast<Quen::ManagedEntity>(object)) {
          data.push_back(EntityToJson(*entity));
       }
@@ -345,8 +213,8 @@ void ApiRoutes::GetEntities(const Http::Request& request, Http::Response& respon
 
 void ApiRoutes::GetProvider(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {});
-   const Ref<Plexa::MoRef> entity = FindEntityById(request.pathParameters.at(0));
+   const UrlParameters noParameters(request, {});
+   const Ref<Plexa::MoRef> entity = FindEntity(request.pathParameters.at(0));
    Ref<PerformanceManager::ProviderSummary> summary;
    GetPerformanceManager()->QueryProviderSummary(entity.Get(), summary);
    Answer(response, ToJson(*summary));
@@ -354,14 +222,14 @@ void ApiRoutes::GetProvider(const Http::Request& request, Http::Response& respon
 
 void ApiRoutes::GetMetrics(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {"entity", "begin", "end", "interval"});
+   const UrlParameters parameters(request, {"entity", "begin", "end", "interval"});
    const DateTime now = DateTime::Now();
-   const Ref<Plexa::MoRef> entity = FindEntityById(parameters.GetRequired("entity"));
+   const Ref<Plexa::MoRef> entity = FindEntity(parameters.GetRequired("entity"));
    const std::optional<DateTime> begin = parameters.GetTime("begin", now);
    const std::optional<DateTime> end = parameters.GetTime("end", now);
    const std::optional<int32_t> interval = parameters.GetInt("interval");
    if (begin && end && *begin >= *end) {
-      throw BadArgument("begin", "is not before end");
+      throw BadArgument("begin", "is not before end"); // the operation has other names for them
    }
    Ref<Plexa::DataArray<MetricId>> metrics;
    GetPerformanceManager()->QueryAvailableMetric(entity.Get(), begin, end, interval, metrics);
@@ -377,50 +245,33 @@ void ApiRoutes::GetMetrics(const Http::Request& request, Http::Response& respons
 
 void ApiRoutes::GetQuery(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(
-      request, {"entity", "metric", "startTime", "endTime", "maxSample", "intervalId", "format"});
-   const DateTime now = DateTime::Now();
-   auto spec = MakeRef<QuerySpec>();
-   spec->entity = FindEntityById(parameters.GetRequired("entity"));
-   spec->startTime = parameters.GetTime("startTime", now);
-   spec->endTime = parameters.GetTime("endTime", now);
-   spec->maxSample = parameters.GetInt("maxSample");
-   spec->intervalId = parameters.GetInt("intervalId");
-   spec->format = parameters.Get("format");
-   spec->metricId = MakeRef<Plexa::DataArray<MetricId>>();
    const Ref<Counters> counters = GetAllCounters();
-   for (const std::string& metric : parameters.GetAll("metric")) {
-      spec->metricId->Append(ParseMetric("metric", metric, *counters));
-   }
-   QuerySpecs specs;
-   specs.Append(spec);
-   AnswerQuery(request, specs, response);
+   const Ref<QuerySpecs> specs = ReadQuerySpec(request, *counters);
+   AnswerQuery(request, *specs, *counters, response);
 }
 
 void ApiRoutes::PostQuery(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {});
-   const Ref<QuerySpecs> specs =
-      ParseQuerySpecs(request.body, _maxQuerySpecs, DateTime::Now(), FindEntityById);
-   AnswerQuery(request, *specs, response);
+   const UrlParameters noParameters(request, {});
+   const Ref<Counters> counters = GetAllCounters();
+   const Ref<QuerySpecs> specs = ParseQuerySpecs(request.body, _maxQuerySpecs, *counters);
+   AnswerQuery(request, *specs, *counters, response);
 }
 
 void ApiRoutes::AnswerQuery(const Http::Request& request, QuerySpecs& specs,
-                            Http::Response& response) const
+                            const Counters& counters, Http::Response& response)
 {
    const bool asTable = request.accept.find("text/csv") != std::string::npos;
-   const Ref<Counters> counters = GetAllCounters();
    for (const Ref<QuerySpec>& spec : specs) {
-      CheckQuerySpec(*spec, *counters);
-      if (asTable) {
-         spec->format = PerformanceManager::FORMAT_NORMAL;
+      if (asTable && spec->format == PerformanceManager::FORMAT_CSV) {
+         spec->format = PerformanceManager::FORMAT_NORMAL; // the table is made of numbers
       }
    }
    Ref<QueryResults> results;
    GetPerformanceManager()->QueryStats(&specs, results);
    if (asTable) {
       response.contentType = "text/csv; charset=utf-8";
-      response.body = FormatCsvTable(*results, *counters);
+      response.body = FormatCsvTable(*results, counters);
       return;
    }
    std::string& text = response.body;
@@ -434,7 +285,7 @@ void ApiRoutes::AnswerQuery(const Http::Request& request, QuerySpecs& specs,
 
 void ApiRoutes::GetHostUsage(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {});
+   const UrlParameters noParameters(request, {});
    Long cpuMhz = -1;
    Long memoryKb = -1;
    GetPerformanceManager()->GetHostCpuMemUsage(cpuMhz, memoryKb);
@@ -444,10 +295,10 @@ void ApiRoutes::GetHostUsage(const Http::Request& request, Http::Response& respo
 
 void ApiRoutes::GetVmUsage(const Http::Request& request, Http::Response& response) const
 {
-   const Parameters parameters(request, {});
-   const Ref<Plexa::MoRef> vm = FindEntityById(request.pathParameters.at(0));
+   const UrlParameters noParameters(request, {});
+   const Ref<Plexa::MoRef> vm = FindEntity(request.pathParameters.at(0));
    if (!vm->IsA(Quen::VirtualMachine::GetManagedType())) {
-      throw NotFound(Format("'%1' is no virtual machine", vm->GetId()));
+      throw Refusal(404, Format("'%1' is not a virtual machine", vm->GetId()));
    }
    Long cpuMhz = -1;
    Long memoryKb = -1;
@@ -463,13 +314,12 @@ void ApiRoutes::GetHealthy(const Http::Request& /*request*/, Http::Response& res
    Answer(response, "healthy");
 }
 
-/// Not ready while the newest collection is older than three intervals.
+/// Ready unless the newest collection is older than three intervals.
 void ApiRoutes::GetReady(const Http::Request& /*request*/, Http::Response& response) const
 {
-   constexpr int32_t kCpuUsage = 0; // any counter: the newest time stamp is the depot's
-   const Ref<Plexa::MoRef> host = HostReference();
+   constexpr int32_t kCpuUsage = 0; // any counter: the time stamp is the depot's newest
    auto spec = MakeRef<QuerySpec>();
-   spec->entity = host;
+   spec->entity = FindEntity(AgentdCommon::moid_hostsystem);
    spec->intervalId = kLatestValues;
    spec->metricId = MakeRef<Plexa::DataArray<MetricId>>();
    spec->metricId->Append(MakeRef<MetricId>(kCpuUsage, ""));
@@ -478,16 +328,17 @@ void ApiRoutes::GetReady(const Http::Request& /*request*/, Http::Response& respo
    Ref<QueryResults> results;
    GetPerformanceManager()->QueryStats(&specs, results);
    if (results->IsEmpty()) {
-      throw RequestError(503, "No collection has been made yet");
+      throw Refusal(503, "Nothing has been collected yet");
    }
    const auto& newest = dynamic_cast<PerformanceManager::EntityMetric&>(*(*results)[0]);
    const DateTime time = (*newest.sampleInfo)[0]->timestamp;
-   const int64_t ageSec =
-      (DateTime::Now().GetUtcMicroseconds() - time.GetUtcMicroseconds()) / 1000000;
-   const int32_t intervalSec = GetRealTimeInterval(host.Get());
+   const int64_t ageSec = (DateTime::Now().GetUtcMicroseconds() - time.GetUtcMicroseconds()) /
+                          Corvax::kMicrosecondsPerSecond;
+   Ref<PerformanceManager::ProviderSummary> summary;
+   GetPerformanceManager()->QueryProviderSummary(spec->entity.Get(), summary);
+   const int32_t intervalSec = summary->refreshRate.value_or(0);
    if (ageSec > int64_t{3} * intervalSec) {
-      throw RequestError(503,
-                         Format("The newest collection is of %1, %2 s ago, at an interval of %3 s",
+      throw Refusal(503, Format("The newest collection was at %1, %2 s ago; the interval is %3 s",
                                 time.ToString(), ageSec, intervalSec));
    }
    Answer(response, "ready");

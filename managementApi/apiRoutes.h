@@ -2,7 +2,7 @@
 
 #include "corvax/logger.h"
 #include "http/server.h"
-#include "managementApi/apiJson.h"
+#include "managementApi/querySpec.h"
 
 #include <string>
 #include <utility>
@@ -10,14 +10,14 @@
 
 namespace ManagementApi {
 
-/// The management API over HTTP: one operation, one route. It reaches the performance manager and
-/// the entities through the object registry. openApi.h describes every route.
+/// The management API over HTTP: one route for each operation. openapi.json describes all routes.
 ///
-/// Locking: none; requests are served by several threads at once, and what they call locks itself.
-/// Errors: every failure is answered in the envelope; nothing is thrown.
+/// Locking: none; several threads serve requests at once, and what they call locks itself.
+/// Errors: the handlers throw Refusals, the performance manager's faults included, and the server
+/// answers them with FormatError.
 class ApiRoutes {
 public:
-   /// `maxQuerySpecs` is the most that one query may hold.
+   /// `maxQuerySpecs`: how many one query may have.
    ApiRoutes(size_t maxQuerySpecs, Corvax::Logger* logger);
 
    /// The object must outlive the server.
@@ -26,12 +26,10 @@ public:
    /// Method and pattern of every route.
    static std::vector<std::pair<std::string, std::string>> GetRoutes();
 
-   /// The envelope of a refusal.
+   /// The body of a refusal: the error envelope.
    static void FormatError(int status, const std::string& message, Http::Response& response);
 
 private:
-   using QueryResults = Plexa::DataArray<Quen::PerformanceManager::EntityMetricBase>;
-   using QuerySpecs = Plexa::DataArray<QuerySpec>;
    using Handler = void (ApiRoutes::*)(const Http::Request&, Http::Response&) const;
    struct RouteEntry {
       const char* method;
@@ -40,6 +38,7 @@ private:
    };
    static const RouteEntry kRoutes[];
 
+   /// Throws nothing but Refusals and what is not of the runtime's family.
    void Serve(Handler handler, const Http::Request& request, Http::Response& response) const;
 
    void GetCounters(const Http::Request& request, Http::Response& response) const;
@@ -55,8 +54,8 @@ private:
    void GetReady(const Http::Request& request, Http::Response& response) const;
    void GetOpenApi(const Http::Request& request, Http::Response& response) const;
 
-   void AnswerQuery(const Http::Request& request, QuerySpecs& specs,
-                    Http::Response& response) const;
+   static void AnswerQuery(const Http::Request& request, QuerySpecs& specs,
+                           const Counters& counters, Http::Response& response);
 
    const size_t _maxQuerySpecs;
    const Corvax::Ref<Corvax::Logger> _logger;

@@ -1,7 +1,7 @@
 #include "managementApi/requestText.h"
 
+#include "corvax/clock.h"
 #include "corvax/format.h"
-#include "managementApi/requestError.h"
 
 #include <algorithm>
 #include <charconv>
@@ -14,6 +14,7 @@ namespace {
 
 using Corvax::DateTime;
 using Corvax::Format;
+using Corvax::kMicrosecondsPerSecond;
 using CounterInfo = Quen::PerformanceManager::CounterInfo;
 
 template <class T>
@@ -23,20 +24,21 @@ bool ParseNumber(std::string_view text, T& number)
    return error == std::errc() && end == text.data() + text.size();
 }
 
-constexpr double kLatestSecond = 253402300799.0; // of the year 9999
+// From the epoch, and from now: keeps microseconds within 64 bits.
+constexpr int64_t kMostSeconds = 253402300799; // to the end of the year 9999
 
-/// False when the text is no number of seconds.
+/// False if the text is not a number of seconds or is out of range.
 bool ParseEpoch(std::string_view text, DateTime& time)
 {
    double seconds = 0;
-   if (!ParseNumber(text, seconds) || !(std::abs(seconds) <= kLatestSecond)) {
+   if (!ParseNumber(text, seconds) || !(std::abs(seconds) <= kMostSeconds)) { // not for a NaN
       return false;
    }
-   time = DateTime(static_cast<int64_t>(std::llround(seconds * 1e6)));
+   time = DateTime(static_cast<int64_t>(std::llround(seconds * kMicrosecondsPerSecond)));
    return true;
 }
 
-/// "-10m": false when the text is nothing of the kind.
+/// "-10m". False for any other text.
 bool ParseRelative(std::string_view text, DateTime now, DateTime& time)
 {
    constexpr std::string_view kUnits = "smhd";
@@ -47,7 +49,11 @@ bool ParseRelative(std::string_view text, DateTime now, DateTime& time)
        !ParseNumber(text.substr(0, text.size() - 1), count)) {
       return false;
    }
-   time = DateTime(now.GetUtcMicroseconds() + int64_t{count} * kUnitSec[unit] * 1000000);
+   const int64_t seconds = count * kUnitSec[unit];
+   if (seconds < -kMostSeconds) {
+      return false;
+   }
+   time = DateTime(now.GetUtcMicroseconds() + seconds * kMicrosecondsPerSecond);
    return true;
 }
 
@@ -64,43 +70,48 @@ std::vector<std::string> Split(const std::string& text, char separator)
    return parts;
 }
 
+bool HasName(const CounterInfo& counter, const std::vector<std::string>& name)
+{
+   return name.size() >= 2 && counter.groupInfo->key == name[0] && counter.nameInfo->key == name[1];
+}
+
+/// `name` is group, name and perhaps rollup. Without a rollup the composite counter is preferred.
+const CounterInfo* FindCounterByName(const std::vector<std::string>& name, const Counters& counters)
+{
+   const CounterInfo* found = nullptr;
+   for (const auto& counter : counters) {
+      if (!HasName(*counter, name)) {
+         continue;
+      }
+      if (name.size() == 3 && name[2] == RollupName(counter->rollupType)) {
+         return counter.Get();
+      }
+      if (name.size() == 2 && (found == nullptr || counter->rollupType == CounterInfo::none)) {
+         found = counter.Get();
+      }
+   }
+   return found;
+}
+
+/// Whether "group.name" without a rollup is this counter.
+bool IsDefaultCounter(const CounterInfo& counter, const Counters& counters)
+{
+   return FindCounterByName({counter.groupInfo->key, counter.nameInfo->key}, counters) == &counter;
+}
+
+} // namespace
+
+Http::Refusal BadArgument(const std::string& argument, const std::string& reason)
+{
+   return Http::Refusal(400, argument + ": " + reason);
+}
+
 const CounterInfo* FindCounter(int32_t counterId, const Counters& counters)
 {
    const auto found = std::ranges::find_if(
       counters, [counterId](const auto& counter) { return counter->key == counterId; });
    return found == counters.end() ? nullptr : found->Get();
 }
-
-bool IsOf(const CounterInfo& counter, const std::vector<std::string>& name)
-{
-   return name.size() >= 2 && counter.groupInfo->key == name[0] && counter.nameInfo->key == name[1];
-}
-
-/// The stat's own counter is the composite one, or else its only one.
-const CounterInfo* FindCounter(const std::vector<std::string>& name, const Counters& counters)
-{
-   const CounterInfo* own = nullptr;
-   for (const auto& counter : counters) {
-      if (!IsOf(*counter, name)) {
-         continue;
-      }
-      if (name.size() == 3 && name[2] == RollupName(counter->rollupType)) {
-         return counter.Get();
-      }
-      if (name.size() == 2 && (own == nullptr || counter->rollupType == CounterInfo::none)) {
-         own = counter.Get();
-      }
-   }
-   return own;
-}
-
-/// Whether "group.name" alone means this counter.
-bool IsOwnCounter(const CounterInfo& counter, const Counters& counters)
-{
-   return FindCounter({counter.groupInfo->key, counter.nameInfo->key}, counters) == &counter;
-}
-
-} // namespace
 
 const char* RollupName(CounterInfo::RollupType rollup)
 {
@@ -123,7 +134,7 @@ DateTime ParseTime(const std::string& argument, std::string_view text, DateTime 
       return time;
    }
    throw BadArgument(argument,
-                     Format("'%1' is no time; use RFC 3339 (2026-11-21T09:05:00Z), seconds "
+                     Format("'%1' is not a time; use RFC 3339 (2026-11-21T09:05:00Z), seconds "
                             "since the epoch, now, or a time before now such as -10m",
                             text));
 }
@@ -132,7 +143,7 @@ int32_t ParseInt(const std::string& argument, std::string_view text)
 {
    int32_t number = 0;
    if (!ParseNumber(text, number)) {
-      throw BadArgument(argument, Format("'%1' is no integer of 32 bits", text));
+      throw BadArgument(argument, Format("'%1' is not a 32-bit integer", text));
    }
    return number;
 }
@@ -146,10 +157,10 @@ Corvax::Ref<MetricId> ParseMetric(const std::string& argument, const std::string
    int32_t counterId = 0;
    const CounterInfo* const counter = ParseNumber(name, counterId)
                                          ? FindCounter(counterId, counters)
-                                         : FindCounter(Split(name, '.'), counters);
+                                         : FindCounterByName(Split(name, '.'), counters);
    if (counter == nullptr) {
       throw BadArgument(argument,
-                        Format("'%1' names no counter; use group.name[.rollup][:instance] "
+                        Format("'%1' does not name a counter; use group.name[.rollup][:instance] "
                                "or a counter number",
                                text));
    }
@@ -162,7 +173,7 @@ std::string FormatMetric(const MetricId& metricId, const Counters& counters)
    std::string text = std::to_string(metricId.counterId);
    if (counter != nullptr) {
       text = counter->groupInfo->key + "." + counter->nameInfo->key;
-      if (!IsOwnCounter(*counter, counters)) {
+      if (!IsDefaultCounter(*counter, counters)) {
          text += std::string(".") + RollupName(counter->rollupType);
       }
    }

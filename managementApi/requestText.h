@@ -1,33 +1,42 @@
 #pragma once
 
 #include "corvax/dateTime.h"
+#include "http/message.h"
 #include "quen/performanceManager.h"
 
 #include <string>
 #include <string_view>
 
-/// Texts of requests: times, numbers and metrics. What cannot be read is a BadArgument that names
-/// the argument.
+/// The texts in requests: times, numbers and metrics.
+///
+/// Errors: what cannot be parsed is a BadArgument that names the argument.
 namespace ManagementApi {
 
 using Counters = Plexa::DataArray<Quen::PerformanceManager::CounterInfo>;
 using MetricId = Quen::PerformanceManager::MetricId;
 
-/// RFC 3339 ("2026-11-21T09:05:00Z"), seconds since the epoch ("1795251900", also with decimals),
-/// or relative to `now`: "now", "-10m", with the units s, m, h and d.
+/// The refusal of a request for one of its arguments: 400 with "ARGUMENT: REASON".
+Http::Refusal BadArgument(const std::string& argument, const std::string& reason);
+
+/// RFC 3339 ("2026-11-21T09:05:00Z"), seconds since the epoch ("1795251900", decimals allowed), or
+/// relative to `now`: "now", "-10m", with the units s, m, h and d.
 Corvax::DateTime ParseTime(const std::string& argument, std::string_view text,
                            Corvax::DateTime now);
 
-/// A decimal integer of 32 bits.
+/// A 32-bit integer in decimal.
 int32_t ParseInt(const std::string& argument, std::string_view text);
 
 /// "group.name[.rollup][:instance]" or "counter[:instance]" with a counter number. Without a rollup
-/// the stat's own counter is meant: the one for its raw values where it has such a one.
+/// it is the stat's composite counter, or else its only one.
 Corvax::Ref<MetricId> ParseMetric(const std::string& argument, const std::string& text,
                                   const Counters& counters);
 
-/// The text that ParseMetric reads as this metric; the number where the counter is unknown.
+/// The text that ParseMetric parses into this metric; with the number if the counter is unknown.
 std::string FormatMetric(const MetricId& metricId, const Counters& counters);
+
+/// Null if there is none.
+const Quen::PerformanceManager::CounterInfo* FindCounter(int32_t counterId,
+                                                         const Counters& counters);
 
 /// As the API spells them: "none", "average", ...; "absolute", "delta", "rate".
 const char* RollupName(Quen::PerformanceManager::CounterInfo::RollupType rollup);

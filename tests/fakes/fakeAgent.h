@@ -5,6 +5,7 @@
 #include "tests/fakes/captureLogger.h"
 
 #include <string>
+#include <utility>
 
 /// The agent around a test: a configuration, one logger for all names, registry and channels.
 class FakeAgent {
@@ -21,7 +22,7 @@ public:
 
    void Register(const std::string& id, Corvax::Ref<Corvax::Object> object)
    {
-      Corvax::Service::GetApp()->GetObjectRegistry()->Register(id, object);
+      Corvax::Service::GetApp()->GetObjectRegistry()->Register(id, std::move(object));
    }
    void Unregister(const std::string& id)
    {
@@ -30,7 +31,7 @@ public:
    void Publish(const std::string& path, Corvax::Ref<Corvax::Object> message)
    {
       Corvax::MessageChannels* const channels = Corvax::Service::GetApp()->GetChannels();
-      channels->Publish(path, message);
+      channels->Publish(path, std::move(message));
       channels->Drain();
    }
 
@@ -39,7 +40,7 @@ public:
 
 private:
    struct OneLogger : Corvax::LogManager, Corvax::ObjectImpl {
-      explicit OneLogger(Corvax::Ref<CaptureLogger> one) : logger(one) {}
+      explicit OneLogger(Corvax::Ref<CaptureLogger> one) : logger(std::move(one)) {}
       Corvax::Ref<Corvax::Logger> GetLogger(const std::string& /*name*/) override { return logger; }
       void SetDefaultLevel(const std::string& /*levelName*/) override {}
       const Corvax::Ref<CaptureLogger> logger;
