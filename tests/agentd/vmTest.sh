@@ -1,16 +1,19 @@
 #!/usr/bin/env bash
-# The agent with real virtual machines: `vmTest.sh BUILD_DIR` takes three guests of a private
-# libvirtd through their lives and holds what the agent says of them against QEMU, libvirt and the
-# kernel.
+# The agent with real virtual machines: `vmTest.sh BUILD_DIR` puts three VMs of a private libvirtd
+# through all their states and compares the agent's figures with QEMU, libvirt and the kernel.
+#
+# No verdict depends on the speed of the machine: every wait has a condition to wait for and fails
+# only when that never happens, and a figure of the agent must lie between two values of its source,
+# one read before the agent's reading and one after.
 set -euo pipefail
 source "$(dirname "$0")/vm/lab.sh"
-labPossible || exit 77 # told as skipped
+labPossible || exit 77 # reported as skipped
 labEnter "$@"
 build=$1
 dir=$(mktemp -d)
 agent=
 gold=$lab-gold web=$lab-gold/web silver=$lab-silver
-hung=
+hung= # a process that is stopped now
 
 cleanUp() {
    [ -z "$hung" ] || kill -CONT "$hung" 2>/dev/null || true
@@ -27,19 +30,11 @@ fail() {
 }
 
 step() { echo "$(date +%T) $*"; }
-
-waitFor() { # SECONDS COMMAND...: until the command succeeds
-   local end=$(($(date +%s) + $1))
-   shift
-   until "$@"; do
-      [ "$(date +%s)" -lt $end ] || fail "in vain waited for: $*"
-      sleep 0.1
-   done
-}
-
+waitFor() { labWait "$@" || fail "this never happens: $*"; }
 ctl() { "$build/bin/agentctl" --server "http://127.0.0.1:$port" "$@"; }
+logged() { grep "$1" "$dir/log" >/dev/null; }
 
-entity() { # ID: its line of the list, "TYPE ID NAME STATE PARENT"
+entity() { # ID: its line of the list, "TYPE NAME STATE PARENT"
    ctl entities >"$dir/entities"
    awk -v id="$1" '$2 == id { print $1, $3, $4, $5; found = 1 } END { exit !found }' "$dir/entities"
 }
@@ -47,39 +42,74 @@ entity() { # ID: its line of the list, "TYPE ID NAME STATE PARENT"
 isEntity() { [ "$(entity "$1")" = "$2" ]; }
 isGone() { ! entity "$1" >/dev/null; }
 
-samples() { # ENTITY METRIC FROM TO: "SECOND VALUE" of each sample there is
-   ctl query "$1" "$2" --interval 1 --from "$3" --to "$4" --format csv >"$dir/csv" 2>/dev/null || return 0
-   tail -n +2 "$dir/csv" | tr -d '\r' | while IFS=, read -r time value; do
+# Rows of agentctl as "SECOND VALUE".
+query() { # ENTITY METRIC OPTION...
+   ctl query "$@" --format csv 2>/dev/null | tail -n +2 | tr -d '\r' | while IFS=, read -r time value; do
       [ -z "$value" ] || echo "$(date -d "$time" +%s) $value"
+   done || true
+}
+
+samples() { query "$1" "$2" --interval 1 --from "$3" --to "${4:-$(date +%s)}"; } # ENTITY METRIC FROM [TO]
+hasSamples() { [ "$(samples "$1" "$2" "$3" | wc -l)" -ge "$4" ]; }               # ENTITY METRIC FROM COUNT
+
+# The wait ends with a reading that the agent took after the given second: a collection at second T
+# uses a snapshot of the VMs taken at T - 1 or later.
+isRead() { # ENTITY METRIC SECOND: sets $readAt and $reading
+   read -r readAt reading < <(query "$1" "$2" --interval 0) && [ "$readAt" -ge $(($3 + 2)) ]
+}
+
+# Sets $reading to a raw reading of a counter that only grows, $low and $high to what its source had
+# before and after it, in the same unit.
+bracket() { # ENTITY METRIC DIVISOR SOURCE...
+   local entity=$1 metric=$2 divisor=$3
+   shift 3
+   low=$(($("$@") / divisor))
+   waitFor isRead "$entity" "$metric" "$(date +%s)"
+   high=$(($("$@") / divisor))
+}
+
+checkBetween() { # ENTITY METRIC DIVISOR SOURCE...
+   bracket "$@"
+   [ "$low" -le "$reading" ] && [ "$reading" -le "$high" ] ||
+      fail "$2 of $1 is $reading, not between $low and $high"
+   [ "$reading" -gt 0 ] || fail "$2 of $1 does not move"
+}
+
+cpuMs() { # VM...: CPU time of their processes
+   local vm sum=0
+   for vm; do
+      sum=$((sum + $(labCpuTicks "$vm")))
    done
+   echo $((sum * 1000 / $(getconf CLK_TCK)))
 }
 
-countSamples() { samples "$@" | wc -l; }
-
-checkNoGap() { # ENTITY METRIC FROM TO WHAT: a sample for every second, give or take a late run
-   local last=$3 time
-   while read -r time _; do
-      [ $((time - last)) -le 2 ] || fail "$5: no sample from $last to $time"
-      last=$time
-   done < <(samples "$1" "$2" "$3" "$4")
-   [ $(($4 - last)) -le 2 ] || fail "$5: no sample from $last to $4"
+# What cpu.usagemhz has grown by since $first (LOW READING HIGH). Repeated until the two bounds
+# differ by a tenth at most, which takes the longer the busier the machine is.
+hasGrown() { # ENTITY VM...: sets $least, $grown and $most
+   bracket "$1" cpu.usagemhz.none 1 cpuMs "${@:2}"
+   least=$((low - first[2]))
+   grown=$((reading - first[1]))
+   most=$((high - first[0]))
+   [ $((most - least)) -le $((most / 10)) ]
 }
 
-raw() { # ENTITY METRIC: the latest raw reading
-   ctl query "$1" "$2" --interval 0 --format csv | tail -n 1 | tr -d '\r' | cut -d , -f 2
+checkCpu() { # ENTITY VM...
+   local granularityMs=50 # of the kernel's accounting, by process and by group
+   waitFor hasGrown "$@"
+   echo "   $1 used $least to $most ms of CPU by /proc, $grown ms by the agent"
+   [ $((least - granularityMs)) -le "$grown" ] && [ "$grown" -le $((most + granularityMs)) ] || fail "CPU use of $1"
 }
 
-# A reading that only grows lies between what libvirt says before and after it.
-checkBetween() { # ENTITY METRIC NAME FIELD DIVISOR
-   local before after reading
-   before=$(labDomstats "$3" "$4")
-   sleep 3
-   reading=$(raw "$1" "$2")
-   after=$(labDomstats "$3" "$4")
-   [ "$((before / $5))" -le "$reading" ] && [ "$reading" -le "$((after / $5))" ] ||
-      fail "$2 of $3 is $reading, not between $before and $after / $5"
-   [ "$reading" -gt 0 ] || fail "$2 of $3 does not move"
+# Each sample is what its counter has grown by since the collection a second before; a skipped
+# collection costs samples, and then their sum is smaller than the growth.
+checkSamples() { # ENTITY METRIC FROM READING TO READING
+   local count sum
+   read -r count sum < <(samples "$1" "$2" "$3" "$5" | awk '{ sum += $2 } END { printf "%d %d\n", NR, sum }')
+   [ "$sum" -eq $(($6 - $4)) ] || { [ "$count" -lt $(($5 - $3)) ] && [ "$sum" -lt $(($6 - $4)) ]; } ||
+      fail "$count samples of $2 in $(($5 - $3)) s have the sum $sum, but the counter grew by $(($6 - $4))"
 }
+
+isShutOff() { [ "$(virsh domstate "$1")" = "shut off" ]; } # NAME
 
 depotHas() { # ENTITY: whether the depot's files name it
    "$build/bin/qsh" -c "metrix/statsDepot/load $dir/stats/ hostAgentStats; metrix/statsDepot/getStatNames $1" \
@@ -87,111 +117,140 @@ depotHas() { # ENTITY: whether the depot's files name it
    grep -c '[a-z]-' "$dir/names" >/dev/null
 }
 
-labUp "$dir"
-labPool "$web"
-labPool "$silver"
-a=$(labGuest "$lab-a" "$web" busy)
-b=$(labGuest "$lab-b" "$gold" idle 2)
-c=$(labGuest "$lab-c" "$silver" busy)
+depotLacks() { ! depotHas "$1"; }
+nextCollection() { waitFor isRead ha-host mem.consumed.none "$(date +%s)"; }
 
-step "the agent starts, then the guests"
-"$build/bin/agentd" --listen 127.0.0.1:0 --state-dir "$dir" --interval 1 2>"$dir/log" &
-agent=$!
-listening() { port=$(sed -n 's|.*served at http://127.0.0.1:||p' "$dir/log") && [ -n "$port" ]; }
-waitFor 20 listening
-waitFor 10 isEntity "$a" "VirtualMachine $lab-a poweredOff pool:$web"
-for guest in a b c; do
-   labStart "$lab-$guest"
-done
-waitFor 10 isEntity "$a" "VirtualMachine $lab-a poweredOn pool:$web"
-waitFor 10 isEntity "$b" "VirtualMachine $lab-b poweredOn pool:$gold"
-isEntity "pool:$web" "ResourcePool web - pool:$gold" || fail "pool: $(entity "pool:$web")"
-start=$(date +%s)
-pidC=$(labPid "$lab-c")
+startAll() {
+   local name
+   labUp "$dir"
+   labPool "$web"
+   labPool "$silver"
+   a=$(labVm "$lab-a" "$web" busy)
+   b=$(labVm "$lab-b" "$gold" idle 2)
+   c=$(labVm "$lab-c" "$silver" busy)
+   # At this speed a figure in MHz is one in milliseconds of CPU time per second.
+   echo "<config><agentd><cpuMhz>1000</cpuMhz></agentd></config>" >"$dir/config.xml"
+   "$build/bin/agentd" --config "$dir/config.xml" --listen 127.0.0.1:0 --state-dir "$dir" --interval 1 \
+      2>"$dir/log" &
+   agent=$!
+   waitFor logged "served at http://"
+   port=$(sed -n 's|.*served at http://127.0.0.1:||p' "$dir/log")
+   waitFor isEntity "$a" "VirtualMachine $lab-a poweredOff pool:$web"
+   for name in a b c; do
+      labStart "$lab-$name"
+   done
+   waitFor isEntity "$a" "VirtualMachine $lab-a poweredOn pool:$web"
+   waitFor isEntity "$b" "VirtualMachine $lab-b poweredOn pool:$gold"
+   isEntity "pool:$web" "ResourcePool web - pool:$gold" || fail "pool: $(entity "pool:$web")"
+   start=$(date +%s)
+   pidC=$(labPid "$lab-c")
+}
 
-step "CPU use against /proc, disk and network counters against libvirt"
-sleep 2
-from=$(date +%s)
-ticks=$(labCpuTicks "$lab-a")
-sleep 15
-to=$(date +%s)
-used=$((($(labCpuTicks "$lab-a") - ticks) * 1000 / $(getconf CLK_TCK)))
-sleep 1
-told=$(samples "$a" cpu.usage.none "$from" "$to" | awk '{ sum += $2 } END { printf "%d", sum / 10 }')
-echo "   $lab-a used $used ms of CPU in $((to - from)) s by /proc, $told ms by the agent"
-[ $((used - told)) -le $((used / 10)) ] && [ $((told - used)) -le $((used / 10)) ] || fail "CPU use"
-poolMhz=$(samples "pool:$gold" cpu.usagemhz.none "$from" "$to" | awk '{ sum += $2 } END { printf "%d", sum }')
-vmMhz=$(samples "$a" cpu.usagemhz.none "$from" "$to" | awk '{ sum += $2 } END { printf "%d", sum }')
-[ "$poolMhz" -ge $((vmMhz * 9 / 10)) ] || fail "a pool of $poolMhz MHz around a machine of $vmMhz"
-disk=$(ctl metrics "$a" | awk '/disk.read/ { print $1; exit }')
-disk=${disk##*:}
-checkBetween "$a" "disk.read:$disk" "$lab-a" block.0.rd.bytes 1024
-checkBetween "$a" "disk.numberWrite:$disk" "$lab-a" block.0.wr.reqs 1
-labSend "$lab-a" 200 1000
-checkBetween "$a" net.received:4000 "$lab-a" net.0.rx.bytes 1024
-checkBetween "$a" net.packetsTx:4000 "$lab-a" net.0.tx.pkts 1
-[ "$(countSamples "$a" rescpu.actav1 "$start" "$(date +%s)")" -gt 0 ] || fail "no CPU load"
-ctl top --count 1 >"$dir/top"
-awk -v name="$lab-a" '$1 == name && $3 == "on" && $4 == "web" { found = 1 } END { exit !found }' "$dir/top" ||
-   fail "top: $(cat "$dir/top")"
+checkCounters() {
+   local disk from
+   bracket "$a" cpu.usagemhz.none 1 cpuMs "$lab-a"
+   firstOfVm=("$low" "$reading" "$high")
+   from=$readAt
+   bracket "pool:$gold" cpu.usagemhz.none 1 cpuMs "$lab-a" "$lab-b"
+   firstOfPool=("$low" "$reading" "$high")
+   disk=$(ctl metrics "$a" | awk '/disk.read/ { print $1; exit }')
+   disk=${disk##*:}
+   checkBetween "$a" "disk.read:$disk" 1024 labDomstats "$lab-a" block.0.rd.bytes
+   checkBetween "$a" "disk.numberWrite:$disk" 1 labDomstats "$lab-a" block.0.wr.reqs
+   labSend "$lab-a" 200 1000
+   checkBetween "$a" net.received:4000 1024 labDomstats "$lab-a" net.0.rx.bytes
+   checkBetween "$a" net.packetsTx:4000 1 labDomstats "$lab-a" net.0.tx.pkts
+   waitFor isRead "$a" cpu.usagemhz.none "$(date +%s)"
+   checkSamples "$a" cpu.usagemhz.none "$from" "${firstOfVm[1]}" "$readAt" "$reading"
+   waitFor hasSamples "$a" rescpu.actav1 "$start" 1
+   ctl top --count 1 >"$dir/top"
+   awk -v name="$lab-a" '$1 == name && $3 == "on" && $4 == "web" { found = 1 } END { exit !found }' "$dir/top" ||
+      fail "top: $(cat "$dir/top")"
+}
 
+hangMonitor() {
+   local from
+   hung=$pidC
+   kill -STOP "$hung"
+   # Later samples cannot come from a snapshot that the VM was still part of.
+   from=$(($(date +%s) + 2))
+   waitFor hasSamples "$a" cpu.usage.none "$from" 5
+   waitFor hasSamples "$b" cpu.usage.none "$from" 5
+   [ -z "$(samples "$c" cpu.usage.none "$from")" ] || fail "samples of a VM that hangs"
+   kill -CONT "$hung"
+   hung=
+   waitFor hasSamples "$c" cpu.usage.none "$(date +%s)" 1
+}
+
+suspendAndResume() {
+   local from
+   virsh -q suspend "$lab-b"
+   waitFor isEntity "$b" "VirtualMachine $lab-b suspended pool:$gold"
+   from=$(($(date +%s) + 1))
+   waitFor hasSamples "$a" cpu.usage.none "$from" 3
+   [ -z "$(samples "$b" cpu.usage.none "$from")" ] || fail "samples of a suspended VM"
+   virsh -q resume "$lab-b"
+   waitFor isEntity "$b" "VirtualMachine $lab-b poweredOn pool:$gold"
+   waitFor hasSamples "$b" cpu.usage.none "$(date +%s)" 1
+}
+
+loseDaemon() {
+   labKillDaemon
+   waitFor logged "<4>Host: .*connection to the hypervisor was lost"
+   kill -KILL "$pidC"
+   waitFor hasSamples ha-host cpu.usage.none "$(date +%s)" 3
+   # libvirtd sends no event for a VM that it finds dead when it starts, and lists it as running until
+   # then: the agent must not connect in between.
+   hung=$agent
+   kill -STOP "$hung"
+   labStartDaemon
+   waitFor isShutOff "$lab-c"
+   kill -CONT "$hung"
+   hung=
+   waitFor isEntity "$c" "VirtualMachine $lab-c poweredOff pool:$silver"
+   waitFor hasSamples "$a" cpu.usage.none "$(date +%s)" 1
+}
+
+removeAll() {
+   depotHas "$b" || fail "no stats of $lab-b in the depot: $(cat "$dir/names")"
+   virsh -q destroy "$b"
+   waitFor isEntity "$b" "VirtualMachine $lab-b poweredOff pool:$gold"
+   virsh -q undefine "$b"
+   waitFor isGone "$b"
+   virsh -q destroy "$a"
+   depotHas "pool:$web" || fail "no stats of the pool in the depot: $(cat "$dir/names")"
+   labRemovePool "$web"
+   waitFor isGone "pool:$web"
+   waitFor depotLacks "$b"
+   waitFor depotLacks "pool:$web"
+   nextCollection
+   depotLacks "$b" || fail "an unregistered VM is in the depot again"
+   depotLacks "pool:$web" || fail "a destroyed pool is in the depot again"
+   depotHas "$a" || fail "the stats of a VM that is off are gone"
+}
+
+step "the agent starts, then the VMs"
+startAll
+step "disk and network counters against libvirt"
+checkCounters
 step "a monitor hangs"
-hung=$pidC
-kill -STOP "$hung"
-from=$(date +%s)
-sleep 8
-to=$(date +%s)
-kill -CONT "$hung"
-hung=
-checkNoGap "$a" cpu.usage.none "$from" "$to" "$lab-a, while $lab-c hangs"
-checkNoGap "$b" cpu.usage.none "$from" "$to" "$lab-b, while $lab-c hangs"
-[ "$(countSamples "$c" cpu.usage.none $((from + 2)) "$to")" -eq 0 ] || fail "figures of a hung machine"
-back=$(date +%s)
-sleep 5
-[ "$(countSamples "$c" cpu.usage.none "$back" "$(date +%s)")" -gt 0 ] || fail "$lab-c does not come back"
-
+hangMonitor
 step "suspended and resumed"
-virsh -q suspend "$lab-b"
-waitFor 5 isEntity "$b" "VirtualMachine $lab-b suspended pool:$gold"
-from=$(date +%s)
-sleep 4
-[ "$(countSamples "$b" cpu.usage.none $((from + 1)) "$(date +%s)")" -eq 0 ] || fail "figures of a suspended machine"
-virsh -q resume "$lab-b"
-waitFor 5 isEntity "$b" "VirtualMachine $lab-b poweredOn pool:$gold"
-
-step "libvirtd is killed, a guest dies meanwhile, libvirtd comes back"
-labKillDaemon
-sleep 2
-kill -KILL "$pidC"
-sleep 2
-grep "<4>Host: .*connection to the hypervisor was lost" "$dir/log" >/dev/null || fail "nothing said of the loss"
-labStartDaemon
-waitFor 20 isEntity "$c" "VirtualMachine $lab-c poweredOff pool:$silver"
-back=$(date +%s)
-sleep 4
-[ "$(countSamples "$a" cpu.usage.none "$back" "$(date +%s)")" -gt 0 ] || fail "$lab-a does not come back"
-
+suspendAndResume
+step "libvirtd is killed, a VM dies meanwhile, libvirtd comes back"
+loseDaemon
+step "CPU use since the start against /proc"
+first=("${firstOfVm[@]}")
+checkCpu "$a" "$lab-a"
+first=("${firstOfPool[@]}")
+checkCpu "pool:$gold" "$lab-a" "$lab-b"
 step "destroyed, undefined, pool removed"
-depotHas "$b" || fail "no figures of $lab-b in the depot: $(cat "$dir/names")"
-virsh -q destroy "$b"
-waitFor 5 isEntity "$b" "VirtualMachine $lab-b poweredOff pool:$gold"
-virsh -q undefine "$b"
-waitFor 5 isGone "$b"
-virsh -q destroy "$a"
-depotHas "pool:$web" || fail "no figures of the pool: $(cat "$dir/names")"
-waitFor 5 labRemovePool "$web"
-waitFor 5 isGone "pool:$web"
-sleep 1
-! depotHas "$b" || fail "figures of an unregistered machine in the depot"
-! depotHas "pool:$web" || fail "figures of a destroyed pool in the depot"
-depotHas "$a" || fail "the figures of a machine that is off are gone"
+removeAll
+step "$(samples ha-host cpu.usage.none "$start" | wc -l) collections in $(($(date +%s) - start)) s"
 
-end=$(date +%s)
-checkNoGap ha-host cpu.usage.none "$start" "$end" "the host"
-step "$(countSamples ha-host cpu.usage.none "$start" "$end") collections in $((end - start)) s"
 kill "$agent"
 wait "$agent" || fail "the agent ends with $?"
 agent=
-# A new depot begins with an error about the one that is not there.
-! grep -E "^<[0-3]>" "$dir/log" | grep -v "Unable to load stats depot" >"$dir/errors" ||
+# A new depot begins with an error about the missing one; a busy machine may hold up a collection.
+! grep -E "^<[0-3]>" "$dir/log" | grep -vE "Unable to load stats depot|No .* has ended for" >"$dir/errors" ||
    fail "errors: $(cat "$dir/errors")"

@@ -1,21 +1,30 @@
 #!/usr/bin/env bash
-# Real virtual machines for tests: a private libvirtd with QEMU guests under software emulation.
+# Real virtual machines for tests: a private libvirtd with QEMU VMs under software emulation.
 #
 #    source vm/lab.sh; labPossible || exit 77; labEnter "$@"
-#    trap labDown EXIT; labUp "$dir"; labPool "$lab-gold/web"; labGuest "$lab-a" "$lab-gold/web" busy
+#    trap labDown EXIT; labUp "$dir"; labPool "$lab-gold/web"; labVm "$lab-a" "$lab-gold/web" busy
 #
-# It lives in a mount and a network namespace of the test's own; only the control groups are those
-# of the machine, which is why names of guests and pools begin with the lab's own ($lab).
-# `lab.sh COMMAND...` runs a command (bash, to look around) in a lab without guests.
+# It has a mount and a network namespace to itself; only the control groups are the machine's, which
+# is why names of VMs and pools begin with the lab's name ($lab).
+# `lab.sh COMMAND...` runs a command (bash, to look around) in a lab without VMs.
 
 export LIBVIRT_DEFAULT_URI=qemu:///system
 lab=${LAB_NAME:-mx$$}
 labSources=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+labPatience=100 # seconds until a wait gives up: far more than a busy machine needs
 
 labFail() { echo "lab: $*" >&2 && return 1; }
 
-# Control group mounts where libvirt puts guests: it takes devices and CPU accounting from version
-# 2 wherever that is mounted, and every other controller from the version that has it.
+labWait() { # COMMAND...: until it succeeds; fails when it does not within the lab's patience
+   local end=$((SECONDS + labPatience))
+   until "$@"; do
+      [ $SECONDS -lt $end ] || return
+      sleep 0.05
+   done
+}
+
+# Control group mounts where libvirt puts VMs: it takes devices and CPU accounting from version 2
+# wherever that is mounted, and every other controller from the version that has it.
 labCgroups() {
    awk '$3 == "cgroup2" { print v2 = $2 }
       $3 == "cgroup" { controllers[$2] = "," $4 "," }
@@ -25,7 +34,7 @@ labCgroups() {
       }' /proc/mounts
 }
 
-# Says why there can be no lab on this machine, and returns non-zero then.
+# Fails with the reason where there can be no lab.
 labPossible() {
    local program cgroup
    [ "$(id -u)" -eq 0 ] || labFail "needs root" || return
@@ -36,13 +45,13 @@ labPossible() {
    unshare -m -n mount -n -t tmpfs lab /run || labFail "no namespaces or no mounts in them" || return
    [ -n "$(labCgroups)" ] || labFail "no control groups" || return
    for cgroup in $(labCgroups); do
-      { mkdir "$cgroup/$lab-probe" && rmdir "$cgroup/$lab-probe"; } || labFail "$cgroup: no groups can be made" || return
+      { mkdir "$cgroup/$lab-probe" && rmdir "$cgroup/$lab-probe"; } || labFail "cannot create a group in $cgroup" || return
    done
 }
 
 # Runs the calling script again inside namespaces of its own; returns there.
-# tini adopts the QEMUs, which libvirt cuts loose, and reaps them at once: libvirt waits for that.
-# It stands above the script, not above libvirtd, so that it outlives a killed daemon.
+# tini adopts the QEMUs, which libvirt detaches, and reaps them at once: libvirt waits for that. It
+# is the parent of the script, not of libvirtd, so that it outlives a killed daemon.
 labEnter() { # ARGUMENTS OF THE SCRIPT...
    local directory namespace
    namespace=$(readlink /proc/self/ns/mnt)
@@ -60,39 +69,37 @@ labEnter() { # ARGUMENTS OF THE SCRIPT...
    mount -n --move /sys/fs/cgroup /run/libvirt/cgroup
    mount -n -t sysfs lab /sys
    mount -n --move /run/libvirt/cgroup /sys/fs/cgroup
-   # libvirtd does not start without this user, although the guests run as root.
+   # libvirtd does not start without this user, although the VMs run as root.
    cp /etc/passwd /etc/group /run/libvirt
    echo "libvirt-qemu:x:64055:64055::/:/usr/sbin/nologin" >>/run/libvirt/passwd
    echo "libvirt-qemu:x:64055:" >>/run/libvirt/group
    mount -n --bind /run/libvirt/passwd /etc/passwd
    mount -n --bind /run/libvirt/group /etc/group
-   # Taps without neighbour discovery: their counters move only by what guest and test send.
+   # Taps without neighbour discovery: only what VM and test send moves their counters.
    echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6
    ip link set lo up
    ip address add 192.0.2.1/32 dev lo
 }
 
-# Ends the processes of this lab that have the name (as in /proc/PID/comm); returns when they are gone.
-labKill() { # SIGNAL NAME
-   local process name alive i
-   for ((i = 0; i < 500; ++i)); do
-      alive=()
-      for process in /proc/[0-9]*; do
-         if [ "$process/ns/net" -ef /proc/self/ns/net ] && read -r name <"$process/comm" && [ "$name" = "$2" ]; then
-            alive+=("${process#/proc/}")
-         fi
-      done 2>/dev/null
-      [ ${#alive[@]} -gt 0 ] || return 0
-      kill "-$1" "${alive[@]}" 2>/dev/null || true
-      sleep 0.02
-   done
-   labFail "$2 does not end: ${alive[*]}"
+labSignal() { # SIGNAL NAME: to the lab's processes of that name; succeeds when there is none
+   local process name alive=()
+   for process in /proc/[0-9]*; do
+      if [ "$process/ns/net" -ef /proc/self/ns/net ] && read -r name <"$process/comm" && [ "$name" = "$2" ]; then
+         alive+=("${process#/proc/}")
+      fi
+   done 2>/dev/null
+   [ ${#alive[@]} -gt 0 ] || return 0
+   kill "-$1" "${alive[@]}" 2>/dev/null || true
+   return 1
 }
 
+# Ends the lab's processes of that name (as in /proc/PID/comm); returns when they are gone.
+labKill() { labWait labSignal "$1" "$2" || labFail "$2 does not end"; } # SIGNAL NAME
+
 labStartDaemon() {
-   # On one CPU: libvirt probes QEMU anew whenever it finds itself on a CPU of another cpuid.
-   if ! timeout 30 taskset -c 0 libvirtd -d -p /run/libvirt/libvirtd.pid -f "$labDir/libvirtd.conf" ||
-      ! timeout 30 virsh -q version >/dev/null; then
+   # On one CPU: libvirt probes QEMU again whenever it finds itself on a CPU of another cpuid.
+   if ! timeout $labPatience taskset -c 0 libvirtd -d -p /run/libvirt/libvirtd.pid -f "$labDir/libvirtd.conf" ||
+      ! timeout $labPatience virsh -q version >/dev/null; then
       cat "$labDir/libvirtd.log" >&2
       labFail "libvirtd does not answer"
    fi
@@ -105,7 +112,7 @@ labUp() { # DIRECTORY: for images and the log
    [ -n "${LAB_NAME:-}" ] || labFail "labUp before labEnter" || return
    export labDir=$1
    exec {labLock}</sys/fs/cgroup
-   flock -s -w 30 "$labLock"
+   flock -s -w $labPatience "$labLock"
    printf '%s\n' 'user = "root"' 'group = "root"' 'security_driver = "none"' 'stdio_handler = "file"' \
       'dynamic_ownership = 0' 'remember_owner = 0' >/etc/libvirt/qemu.conf
    printf '%s\n' 'unix_sock_rw_perms = "0700"' 'auth_unix_rw = "none"' 'auth_unix_ro = "none"' \
@@ -113,27 +120,25 @@ labUp() { # DIRECTORY: for images and the log
    labStartDaemon
 }
 
-labRemoveGroup() { # DIRECTORY: with those below; busy for a moment after the end of its last process
-   local i
-   for ((i = 0; i < 50; ++i)); do
-      [ -d "$1" ] || return 0
-      find "$1" -depth -type d -exec rmdir {} + 2>/dev/null || sleep 0.02
-   done
-   labFail "$1 is busy"
+labTryRemoveGroup() { # DIRECTORY
+   [ ! -d "$1" ] || find "$1" -depth -type d -exec rmdir {} + 2>/dev/null
 }
 
-# Ends daemon and guests, whatever state they are in, and forgets all definitions.
+# A group is busy for a moment after the end of its last process.
+labRemoveGroup() { labWait labTryRemoveGroup "$1" || labFail "$1 is busy"; } # DIRECTORY: with those below
+
+# Ends daemon and VMs, whatever state they are in, and forgets all definitions.
 labDown() {
    local group
    [ -n "${labDir:-}" ] || return 0
    trap '' INT TERM
-   # The second are those that libvirtd asks what they can do; one is left when it is killed then.
+   # The last name is that of libvirtd's probes of QEMU; one stays behind when it is killed meanwhile.
    labKillDaemon && labKill KILL qemu-system-x86 && labKill KILL qemu-system-i38 || return
    rm -rf /run/libvirt/{libvirt,qemu}* {/etc,/var/lib,/var/cache}/libvirt/*
    for group in $(labCgroups | sed "s|\$|/machine/*$lab-*|"); do
       labRemoveGroup "$group" || return
    done
-   # /machine goes with the last lab only: the libvirtd of another one may be about to use it.
+   # Only the last lab removes /machine: the libvirtd of another one may be about to use it.
    ! flock -n -x "$labLock" || labCgroups | sed 's|$|/machine|' | xargs rmdir 2>/dev/null || true
    flock -u "$labLock" # explicitly: children of the test may have inherited it
    exec {labLock}<&-
@@ -141,7 +146,7 @@ labDown() {
    trap - INT TERM
 }
 
-# Makes a group fit for groups below it (version 2) and for processes in it (version 1).
+# Prepares a group for groups below it (version 2) and for processes in it (version 1).
 labOpenGroup() { # DIRECTORY
    local name controllers=
    [ ! -e "$1/cgroup.controllers" ] || controllers=$(<"$1/cgroup.controllers")
@@ -155,7 +160,7 @@ labOpenGroup() { # DIRECTORY
 
 labPoolPath() { echo "machine/${1//\//.partition/}.partition"; }
 
-labPool() { # PATH, "$lab-gold/web": makes the pool and those above it
+labPool() { # PATH, "$lab-gold/web": creates the pool and its parents
    local cgroup level
    [[ $1 == "$lab-"* ]] || labFail "pool $1 does not begin with $lab-" || return
    for cgroup in $(labCgroups); do
@@ -168,20 +173,20 @@ labPool() { # PATH, "$lab-gold/web": makes the pool and those above it
    done
 }
 
-labRemovePool() { # PATH: with the pools below it; refused while a guest runs in one
+labRemovePool() { # PATH: with the pools below it; waits until no VM runs in one
    local cgroup
    for cgroup in $(labCgroups); do
       labRemoveGroup "$cgroup/$(labPoolPath "$1")" || return
    done
 }
 
-# Defines a guest of 32 MiB with one disk and one NIC, whose tap has the guest's name. Prints
-# its UUID, which comes from the name alone: a guest that is defined anew has it again.
-labGuest() { # NAME [POOL] [busy|idle] [VCPUS]
+# Defines a VM of 32 MiB with one disk and one NIC, whose tap has the VM's name. Prints its UUID,
+# which depends on the name alone: a VM that is defined again has the same.
+labVm() { # NAME [POOL] [busy|idle] [VCPUS]
    local image=$labDir/$1.qcow2 uuid ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=4)
-   [[ $1 == "$lab-"* && ${#1} -le 15 ]] || labFail "guest $1: no $lab- in front, or too long for a tap" || return
+   [[ $1 == "$lab-"* && ${#1} -le 15 ]] || labFail "VM $1 does not begin with $lab-, or is too long for a tap" || return
    [ "${3:-idle}" = idle ] || ticks=(--defsym SPIN_TICKS=2 --defsym HALT_TICKS=2)
-   as --32 "${ticks[@]}" "$labSources/guestBoot.S" -o "$image.o"
+   as --32 "${ticks[@]}" "$labSources/vmBoot.S" -o "$image.o"
    ld -m elf_i386 -Ttext 0x7c00 --oformat binary "$image.o" -o "$image.raw"
    truncate -s 8M "$image.raw"
    qemu-img convert -f raw -O qcow2 "$image.raw" "$image"
@@ -203,17 +208,14 @@ X
    echo "$uuid"
 }
 
-labStart() { # NAME: starts a guest and returns when its program runs
-   local frames=/sys/class/net/$1/statistics/rx_packets i
+labSendsFrames() { [ "$(cat "/sys/class/net/$1/statistics/rx_packets")" -gt 0 ]; } # NAME
+
+labStart() { # NAME: starts a VM and returns when its program runs
    virsh -q start "$1"
-   for ((i = 0; i < 500; ++i)); do
-      [ "$(cat "$frames" || echo 0)" -eq 0 ] || return 0
-      sleep 0.02
-   done
-   labFail "the program of $1 does not run"
+   labWait labSendsFrames "$1" || labFail "the program of $1 does not run"
 }
 
-labSend() { # NAME COUNT BYTES: so many frames of that size, at least 43 bytes, to a running guest
+labSend() { # NAME COUNT BYTES: frames of that size, at least 43 bytes, to a running VM
    local socket i
    ip route replace 192.0.2.2 dev "$1"
    ip neighbour replace 192.0.2.2 lladdr ff:ff:ff:ff:ff:ff dev "$1"
@@ -225,9 +227,9 @@ labSend() { # NAME COUNT BYTES: so many frames of that size, at least 43 bytes, 
 }
 
 labPid() { cat "/run/libvirt/qemu/$1.pid"; } # NAME
-labDomstats() { timeout 20 virsh domstats "$1" | sed -n "s/^ *$2=//p"; } # NAME FIELD
+labDomstats() { timeout $labPatience virsh domstats "$1" | sed -n "s/^ *$2=//p"; } # NAME FIELD
 
-labCpuTicks() { # NAME: user and system time of the guest's QEMU, in clock ticks
+labCpuTicks() { # NAME: user and system time of the VM's QEMU, in clock ticks
    local fields
    fields=$(<"/proc/$(labPid "$1")/stat")
    read -ra fields <<<"${fields##*) }"

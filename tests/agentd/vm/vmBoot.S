@@ -1,9 +1,9 @@
-# The program of the test guests: a boot sector that works on its disk and its NIC at a steady pace.
+# The program of the test VMs: a boot sector that works on its disk and its NIC at a steady pace.
 #
 # A turn is one read of 32 KiB, one write of 4 KiB and one ARP frame of 60 bytes, then SPIN_TICKS
 # ticks of busy CPU and HALT_TICKS ticks of halted CPU (18.2 ticks a second; both given to `as` by
 # --defsym). Pacing by the clock keeps the CPU share the same however fast the emulation is. The
-# ACPI power button switches the machine off, so that `virsh shutdown` is obeyed.
+# ACPI power button switches the VM off, so that `virsh shutdown` works.
 
 .code16
 .globl _start
@@ -95,8 +95,8 @@ disk:   movb drive, %dl
         int $0x13
         ret
 
-# The card takes its four transmit descriptors in turn: an address register (from 0x20) and a
-# status register (from 0x10), whose writing with the length sends the frame.
+# The NIC uses its four transmit descriptors in turn: an address register (from 0x20) and a status
+# register (from 0x10). Writing the frame's length to the latter sends the frame.
 send:
         movw nic, %dx
         testw %dx, %dx
@@ -125,8 +125,8 @@ nic:        .word 0
 descriptor: .word 0
 drive:      .byte 0
 
-# An ARP probe for an address of the documentation range: nobody answers it, and the host counts
-# it as received without a drop.
+# An ARP probe for an address of the documentation range: it has no answer, and the host counts it
+# as received, not as dropped.
 frame:
         .fill 6, 1, 0xff
         .fill 6, 1, 0
