@@ -3,13 +3,34 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
-/// Holds every sample of a depot that an agent has written from its simulated host against the
-/// figures of that host. The agent must have ended: a depot has one user.
+namespace {
+
+/// The time of each run, in seconds since the epoch, all of one collector.
+std::vector<SimOracle::Run> ReadRuns(const std::string& path)
+{
+   std::ifstream file(path);
+   std::vector<SimOracle::Run> runs;
+   for (Metrix::TimeStamp timeSec; file >> timeSec;) {
+      runs.push_back({timeSec, runs.empty()});
+   }
+   if (runs.empty() || !file.eof()) {
+      throw Corvax::Exception("Cannot read the times of the runs from " + path);
+   }
+   return runs;
+}
+
+} // namespace
+
+/// Compares a depot that an agent has written from its simulated host with that host's model: the
+/// runs in the file, and no others, must be there with all their samples. The agent must have
+/// ended: a depot has one user.
 int main(int argc, char** argv)
 {
-   if (argc != 4) {
-      std::fprintf(stderr, "usage: simCheck DEPOT_DIR/ DEPOT_NAME \"vms=200,pools=20,...\"\n");
+   if (argc != 5) {
+      std::fprintf(stderr,
+                   "usage: simCheck DEPOT_DIR/ DEPOT_NAME \"vms=200,pools=20,...\" RUNS_FILE\n");
       return 2;
    }
    try {
@@ -19,7 +40,8 @@ int main(int argc, char** argv)
       Corvax::Ref<Metrix::StatsDepot> depot;
       Metrix::GetStatsDepot(directory, name, logger.Get(), 0, depot);
       depot->Load();
-      const SimOracle oracle = SimOracle::FromDepot(*depot, SimHost::ParseSimOptions(argv[3]));
+      const SimOracle oracle =
+         SimOracle::FromRuns(*depot, SimHost::ParseSimOptions(argv[3]), ReadRuns(argv[4]));
       const SimOracle::Result result = oracle.Compare(*depot, directory + name + ".idMap");
       for (const std::string& text : result.texts) {
          std::printf("%s\n", text.c_str());

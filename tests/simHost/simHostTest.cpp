@@ -23,7 +23,7 @@ using SimHost::SimOptions;
 
 constexpr int64_t kStartSec = 1767225600; // a multiple of 300
 
-/// Each text is refused with a message that holds the one beside it.
+/// Each text is refused with a message that contains the one beside it.
 void ExpectRefusals(const std::function<void(const std::string&)>& parse,
                     const std::vector<std::pair<std::string, std::string>>& refused)
 {
@@ -32,14 +32,14 @@ void ExpectRefusals(const std::function<void(const std::string&)>& parse,
    }
 }
 
-/// The collector with its depot on a simulated host, and the oracle that follows them.
+/// The collector with its depot on a simulated host, followed by the oracle.
 class SimulationTest : public testing::Test {
 protected:
    struct Scripted {
-      int run; ///< before which it happens
+      int run; ///< the event comes before this run
       SimAction action;
       std::string id;
-      uint8_t reads; ///< what is read of it from then on
+      uint8_t reads; ///< of the entity from then on
    };
 
    SimulationTest() { _clock.SetSeconds(kStartSec + 7); }
@@ -72,7 +72,7 @@ protected:
       EXPECT_FALSE(host.Apply(event.action, event.id)) << event.id;
       std::vector<std::string> ids = {event.id};
       if (event.action == SimAction::DESTROY_POOL && event.id == "pool-01") {
-         ids.push_back("pool-05"); // lies below it
+         ids.push_back("pool-05"); // its child
       }
       for (const std::string& id : ids) {
          oracle.SetReads(id, event.reads);
@@ -82,8 +82,8 @@ protected:
       }
    }
 
-   /// Runs the collector; before run `restart` it starts anew on the depot loaded anew. What is in
-   /// the depot then must be what the oracle says, and one that only looks at the depot.
+   /// Makes the runs; before run `restart` the depot is reloaded and the collector replaced. The
+   /// depot must then match an oracle that knew of each event, and one that knows the runs alone.
    void Check(const std::string& text, int runs, int restart, const std::vector<Scripted>& events)
    {
       SimOptions options = ParseSimOptions(text);
@@ -99,29 +99,31 @@ protected:
                Follow(oracle, host, event);
             }
          }
-         _agent.Publish("/nothing", nullptr); // the collector has heard of all before
-         // Some runs are late, among them one at a window's end; and now and then one is missed.
+         _agent.Publish("/nothing", nullptr); // all earlier messages have been delivered
+         // Some runs are late, one of them at the end of a coarse period, and some are skipped.
          const int64_t dueUs = _scheduler.GetDueUs();
          if (_periodSec > 1 && (run % 17 == 16 || dueUs % 900000000 == 0)) {
             _clock.nowUs = dueUs + (run % 3 == 0 ? 3100000 : 21500000);
          }
          _scheduler.RunNext();
-         oracle.AddRun(static_cast<TimeStamp>(_clock.nowUs / 1000000), run == 0 || run == restart);
+         _runs.push_back({static_cast<TimeStamp>(_clock.nowUs / Corvax::kMicrosecondsPerSecond),
+                          run == 0 || run == restart});
+         oracle.AddRun(_runs.back());
       }
-      Expect(oracle, "noted");
+      Expect(oracle, "knows the events");
       options.script = events.empty() ? "" : "events";
-      Expect(SimOracle::FromDepot(*_depot, options), "read from the depot");
+      Expect(SimOracle::FromRuns(*_depot, options, _runs), "knows the runs alone");
    }
 
    SimOracle::Result Compare(const SimOracle& oracle) const
    {
       return oracle.Compare(*_depot, _scratch.Path() + "d.idMap");
    }
-   void Expect(const SimOracle& oracle, const char* what) const
+   void Expect(const SimOracle& oracle, const char* name) const
    {
       const SimOracle::Result result = Compare(oracle);
-      EXPECT_GT(result.samples, 10000u) << what;
-      EXPECT_EQ(result.differ, 0u) << what << testing::PrintToString(result.texts);
+      EXPECT_GT(result.samples, 10000u) << name;
+      EXPECT_EQ(result.differ, 0u) << name << testing::PrintToString(result.texts);
    }
 
    const Scratch _scratch;
@@ -131,15 +133,16 @@ protected:
    const Ref<StatsMetadata> _metadata = MakeRef<StatsMetadata>();
    uint64_t _periodSec = 20;
    unsigned _columns = 60;
+   std::vector<SimOracle::Run> _runs;
    Ref<StatsDepot> _depot;
    Ref<HykStatsCollector> _collector;
 };
 
-TEST_F(SimulationTest, EverySampleIsWhatTheModelComesToThroughEventsAndARestart)
+TEST_F(SimulationTest, EverySampleMatchesTheModelThroughEventsAndARestart)
 {
-   constexpr auto kNothing = SimOracle::kNothing;
-   constexpr auto kCpu = SimOracle::kCpu;
-   constexpr auto kAll = SimOracle::kAll;
+   constexpr auto kNothing = SimStat::kNothing;
+   constexpr auto kCpu = SimStat::kCpu;
+   constexpr auto kAll = SimStat::kAll;
    _columns = 180;
    Check("vms=12,pools=5,disks=3,vcpus=2,cards=2,seed=5,stuck=1,failing=1", 170, 100,
          {{5, SimAction::OFF_VM, "vm-0003", kNothing},
@@ -159,23 +162,26 @@ TEST_F(SimulationTest, EverySampleIsWhatTheModelComesToThroughEventsAndARestart)
           {61, SimAction::WORKING_VM, "vm-0012", kAll}});
 }
 
-TEST_F(SimulationTest, WhatIsMissingOrInventedIsFoundAlsoInColumnsUsedAgain)
+TEST_F(SimulationTest, MissingAndInventedSamplesAreFoundEvenInReusedColumns)
 {
    const std::string text = "vms=3,pools=1,cpus=3,disks=1,nics=1,seed=6,failing=1";
    Check(text, 150, -1, {});
-   for (const char* const id : {"vm-0003", "vm-0004"}) { // failing, and not there
+   for (const char* const id : {"vm-0003", "vm-0004"}) { // failing, and unknown
       _depot->CreateStat(id, "mem-active", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
       _depot->AddSample(id, "mem-active", _depot->GetLatestTimeStamp(), 1, 0);
    }
    SimOptions options = ParseSimOptions(text);
-   EXPECT_EQ(Compare(SimOracle::FromDepot(*_depot, options)).differ, 2u);
+   const auto countDifferences = [&] {
+      return Compare(SimOracle::FromRuns(*_depot, options, _runs)).differ;
+   };
+   EXPECT_EQ(countDifferences(), 2u);
    _depot->DeleteStat("vm-0002", "mem-active");
-   EXPECT_GT(Compare(SimOracle::FromDepot(*_depot, options)).differ, 60u);
+   EXPECT_GT(countDifferences(), 60u);
    options.seed += 1;
-   EXPECT_GT(Compare(SimOracle::FromDepot(*_depot, options)).differ, 10000u);
+   EXPECT_GT(countDifferences(), 10000u);
 }
 
-TEST_F(SimulationTest, EverySecondOfSeveralWindowsIsRight)
+TEST_F(SimulationTest, EverySecondOfSeveralCoarsePeriodsIsRight)
 {
    _periodSec = 1;
    _columns = 700;
