@@ -13,7 +13,7 @@ std::vector<SimOracle::Run> ReadRuns(const std::string& path)
    std::ifstream file(path);
    std::vector<SimOracle::Run> runs;
    for (Metrix::TimeStamp timeSec; file >> timeSec;) {
-      runs.push_back({timeSec, runs.empty()});
+      runs.push_back({timeSec, timeSec, runs.empty()});
    }
    if (runs.empty() || !file.eof()) {
       throw Corvax::Exception("Cannot read the times of the runs from " + path);

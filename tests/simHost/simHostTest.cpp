@@ -106,8 +106,8 @@ protected:
             _clock.nowUs = dueUs + (run % 3 == 0 ? 3100000 : 21500000);
          }
          _scheduler.RunNext();
-         _runs.push_back({static_cast<TimeStamp>(_clock.nowUs / Corvax::kMicrosecondsPerSecond),
-                          run == 0 || run == restart});
+         const auto timeSec = static_cast<TimeStamp>(_clock.nowUs / Corvax::kMicrosecondsPerSecond);
+         _runs.push_back({timeSec, timeSec, run == 0 || run == restart});
          oracle.AddRun(_runs.back());
       }
       Expect(oracle, "knows the events");

@@ -181,11 +181,10 @@ std::optional<uint64_t> SimOracle::ExpectedRaw(const std::string& entity, const 
    if ((GetReads(entity, run) & stat.part) == 0) {
       return std::nullopt;
    }
-   const uint64_t time = _runs[run].timeSec;
    const auto cut = [&](uint64_t value) {
       return stat.limit > 0 ? std::min(value, stat.limit) : value;
    };
-   const uint64_t reading = stat.read(static_cast<int64_t>(time));
+   const uint64_t reading = stat.read(static_cast<int64_t>(_runs[run].readSec));
    if (stat.kind == Kind::GAUGE || stat.kind == Kind::GAUGE_AVERAGE || stat.kind == Kind::LATEST) {
       return cut(reading);
    }
@@ -196,8 +195,8 @@ std::optional<uint64_t> SimOracle::ExpectedRaw(const std::string& entity, const 
       }
       --last;
    } while ((GetReads(entity, last) & stat.part) == 0);
-   const uint64_t passed = time - _runs[last].timeSec;
-   const uint64_t before = stat.read(static_cast<int64_t>(_runs[last].timeSec));
+   const uint64_t passed = _runs[run].timeSec - _runs[last].timeSec;
+   const uint64_t before = stat.read(static_cast<int64_t>(_runs[last].readSec));
    if (passed >= 2 * _finePeriodSec || reading < before) {
       return std::nullopt;
    }
@@ -268,9 +267,16 @@ SimOracle SimOracle::FromRuns(StatsDepot& depot, const SimOptions& options,
       }
       marks = ReadMarks(depot, finest.name, oracle._stats);
    }
-   for (const Run& run : runs) {
+   const Series uptimes =
+      ReadSeries(depot, kHost, "sys-uptime", finest.name, StatsDepot::ROLLUP_NONE);
+   for (Run run : runs) {
+      const TimeStamp stamp = oracle.GetStamp(run);
       for (const auto& [entity, mark] : marks) {
-         oracle.SetReads(entity, mark.GetReads(oracle.GetStamp(run)));
+         oracle.SetReads(entity, mark.GetReads(stamp));
+      }
+      if (uptimes.contains(stamp) && uptimes.at(stamp) != kUnset) {
+         run.readSec =
+            std::max(run.timeSec, static_cast<TimeStamp>(kHostStartSec) + uptimes.at(stamp));
       }
       oracle.AddRun(run);
    }

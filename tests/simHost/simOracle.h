@@ -19,7 +19,8 @@ public:
 
    struct Run {
       TimeStamp timeSec;
-      bool isFirst; ///< of a collector that has started: it has no earlier readings
+      TimeStamp readSec; ///< time of the readings: later if a second passes while the run begins
+      bool isFirst;      ///< of a collector that has started: it has no earlier readings
    };
 
    /// Before the first run; every VM and pool is read as the options have it at the start.
@@ -31,10 +32,11 @@ public:
    void Forget(const std::string& entity) { _reads.erase(entity); }
    void AddRun(const Run& run);
 
-   /// For runs known by their times alone, each of which must be in the depot. Without events every
-   /// VM and pool must be there in every run; with events, one absolute stat of each part of an
-   /// entity shows whether a run has read that part. Exception if there were events and the depot
-   /// no longer holds all runs.
+   /// For runs known by `timeSec` alone, each of which must be in the depot; the host's uptime,
+   /// which must fit all other samples, shows when a run has read the host. Without events every VM
+   /// and pool must be there in every run; with events, one absolute stat of each part of an entity
+   /// shows whether a run has read that part. Exception if there were events and the depot no
+   /// longer holds all runs.
    static SimOracle FromRuns(Metrix::StatsDepot& depot, const SimHost::SimOptions& options,
                              const std::vector<Run>& runs);
 
