@@ -13,27 +13,29 @@ namespace Agentctl {
 namespace {
 
 using Corvax::Format;
-/// Keeps the order in which the server wrote the members.
+/// Keeps the order of the members as the server wrote them.
 using Json = nlohmann::ordered_json;
 
-/// Deeper than any answer; what walks over a document may go down in itself.
+/// Deeper than any valid response. Bounds the stack of code that recurses over a document.
 constexpr int kMaxDepth = 32;
 
-/// While a run is under way the interval that has just begun has no sample yet; the one before has.
+/// Two, because the newest column may not have been written for every entity yet.
 constexpr int kSamplesForNewest = 2;
 
-/// The agent takes so many query specs in one request unless it is configured otherwise.
+/// The agent's default limit of query specs in one request.
 constexpr size_t kMaxQuerySpecs = 64;
 
-[[noreturn]] void FailForm(const std::string& what)
+constexpr char kQueryPath[] = "/api/v1/query";
+
+[[noreturn]] void FailInvalid(const std::string& reason)
 {
-   throw Corvax::Exception("the server's answer is not as it must be: " + what);
+   throw Corvax::Exception("the server sent an invalid response: " + reason);
 }
 
 const Json& GetField(const Json& object, const char* key)
 {
    if (!object.is_object() || !object.contains(key)) {
-      FailForm(Format("it has no '%1'", key));
+      FailInvalid(Format("'%1' is missing", key));
    }
    return object.at(key);
 }
@@ -42,7 +44,7 @@ std::string GetText(const Json& object, const char* key)
 {
    const Json& field = GetField(object, key);
    if (!field.is_string()) {
-      FailForm(Format("'%1' is no text", key));
+      FailInvalid(Format("'%1' is not a string", key));
    }
    return field.get<std::string>();
 }
@@ -52,12 +54,12 @@ std::optional<std::string> GetOptionalText(const Json& object, const char* key)
    return GetField(object, key).is_null() ? std::nullopt : std::optional(GetText(object, key));
 }
 
-int64_t ToNumber(const Json& value, const char* what)
+int64_t ToNumber(const Json& value, const char* name)
 {
    const bool fits = value.is_number_integer() &&
                      (!value.is_number_unsigned() || value.get<uint64_t>() <= INT64_MAX);
    if (!fits) {
-      FailForm(Format("'%1' is no whole number", what));
+      FailInvalid(Format("'%1' is not an integer", name));
    }
    return value.get<int64_t>();
 }
@@ -67,46 +69,51 @@ int64_t GetNumber(const Json& object, const char* key)
    return ToNumber(GetField(object, key), key);
 }
 
-std::optional<int64_t> ToOptionalNumber(const Json& value, const char* what)
+std::optional<int64_t> ToOptionalNumber(const Json& value, const char* name)
 {
-   return value.is_null() ? std::nullopt : std::optional(ToNumber(value, what));
+   return value.is_null() ? std::nullopt : std::optional(ToNumber(value, name));
 }
 
-/// The elements of a list, for which null stands where there are none.
-const Json& ToList(const Json& value, const char* what)
+std::optional<int64_t> GetOptionalNumber(const Json& object, const char* key)
+{
+   return ToOptionalNumber(GetField(object, key), key);
+}
+
+/// The elements of a list. The server sends null for an empty one.
+const Json& ToList(const Json& value, const char* name)
 {
    static const Json none = Json::array();
    if (value.is_null()) {
       return none;
    }
    if (!value.is_array()) {
-      FailForm(Format("'%1' is no list", what));
+      FailInvalid(Format("'%1' is not a list", name));
    }
    return value;
 }
 
-/// Its elements would be gone before they are looked at.
-const Json& ToList(Json&& value, const char* what) = delete;
+/// A temporary would be destroyed before its elements are used.
+const Json& ToList(Json&& value, const char* name) = delete;
 
-Json Parse(const HttpAnswer& answer)
+Json Parse(const HttpResponse& response)
 {
    const auto checkDepth = [](int depth, Json::parse_event_t, Json&) {
       if (depth > kMaxDepth) {
-         FailForm("it is nested too deep");
+         FailInvalid("the nesting is too deep");
       }
       return true;
    };
    try {
-      return Json::parse(answer.body, checkDepth);
+      return Json::parse(response.body, checkDepth);
    } catch (const Json::exception&) {
-      FailForm(Format("no JSON (HTTP status %1)", answer.status));
+      FailInvalid(Format("the body is not JSON (HTTP status %1)", response.status));
    }
 }
 
-/// The envelope of an answer that is a success; the server's own text is thrown where it refused.
-Json GetEnvelope(const HttpAnswer& answer)
+/// The envelope of a successful response. If the server refused the request, throws its message.
+Json GetEnvelope(const HttpResponse& response)
 {
-   Json envelope = Parse(answer);
+   Json envelope = Parse(response);
    if (GetText(envelope, "status") == "success") {
       GetField(envelope, "data");
       return envelope;
@@ -118,7 +125,7 @@ Json GetEnvelope(const HttpAnswer& answer)
 
 Json GetData(HttpClient& client, const std::string& path)
 {
-   return GetEnvelope(client.Get(path, "application/json")).at("data");
+   return GetEnvelope(client.Get(path, kJsonType)).at("data");
 }
 
 Metric ToMetric(const Json& object)
@@ -133,7 +140,7 @@ Series ToSeries(const Json& object, size_t count)
       series.values.push_back(ToOptionalNumber(value, "value"));
    }
    if (series.values.size() != count) {
-      FailForm("a series has not one value for each time stamp");
+      FailInvalid("a series does not have one value per time stamp");
    }
    return series;
 }
@@ -144,7 +151,7 @@ EntitySeries ToEntitySeries(const Json& object)
    for (const Json& sample : ToList(GetField(object, "sampleInfo"), "sampleInfo")) {
       Corvax::DateTime time;
       if (!Corvax::DateTime::Parse(GetText(sample, "timestamp"), time)) {
-         FailForm("a time stamp is no time");
+         FailInvalid("a time stamp is not a valid time");
       }
       result.times.push_back(time);
    }
@@ -165,7 +172,7 @@ std::vector<EntitySeries> ToEntitySeriesList(const Json& data)
 
 std::string GetQueryPath(const QuerySpec& spec)
 {
-   std::string path = "/api/v1/query?entity=" + PercentEncode(spec.entityId);
+   std::string path = std::string(kQueryPath) + "?entity=" + PercentEncode(spec.entityId);
    for (const std::string& metric : spec.metrics) {
       path += "&metric=" + PercentEncode(metric);
    }
@@ -179,11 +186,6 @@ std::string GetQueryPath(const QuerySpec& spec)
       path += Format("&maxSample=%1", *spec.maxSample);
    }
    return path + Format("&intervalId=%1", spec.intervalSec);
-}
-
-std::optional<int64_t> GetOptionalNumber(const Json& object, const char* key)
-{
-   return ToOptionalNumber(GetField(object, key), key);
 }
 
 } // namespace
@@ -225,8 +227,7 @@ std::vector<Entity> Api::GetEntities()
 std::vector<Metric> Api::GetMetrics(const std::string& entityId)
 {
    std::vector<Metric> metrics;
-   const std::string path = "/api/v1/metrics?entity=" + PercentEncode(entityId);
-   const Json data = GetData(_client, path);
+   const Json data = GetData(_client, "/api/v1/metrics?entity=" + PercentEncode(entityId));
    for (const Json& item : ToList(data, "data")) {
       metrics.push_back(ToMetric(item));
    }
@@ -238,7 +239,7 @@ int64_t Api::GetRefreshRate(const std::string& entityId)
    const Json provider = GetData(_client, "/api/v1/providers/" + PercentEncode(entityId));
    const int64_t periodSec = GetNumber(provider, "refreshRate");
    if (periodSec <= 0) {
-      FailForm("the refresh rate is not above 0");
+      FailInvalid("the refresh rate is not positive");
    }
    return periodSec;
 }
@@ -251,17 +252,17 @@ std::vector<EntitySeries> Api::Query(const QuerySpec& spec)
 
 std::string Api::QueryCsv(const QuerySpec& spec)
 {
-   HttpAnswer answer = _client.Get(GetQueryPath(spec), "text/csv");
-   if (answer.status != 200) {
-      GetEnvelope(answer); // throws what the server says
-      FailForm(Format("no table (HTTP status %1)", answer.status));
+   HttpResponse response = _client.Get(GetQueryPath(spec), kCsvType);
+   if (response.status != 200) {
+      GetEnvelope(response); // throws the server's message
+      FailInvalid(Format("the body is not CSV (HTTP status %1)", response.status));
    }
-   return std::move(answer.body);
+   return std::move(response.body);
 }
 
 std::string Api::QueryJson(const QuerySpec& spec, bool& hasData)
 {
-   const Json envelope = GetEnvelope(_client.Get(GetQueryPath(spec), "application/json"));
+   const Json envelope = GetEnvelope(_client.Get(GetQueryPath(spec), kJsonType));
    hasData = !envelope.at("data").empty();
    return envelope.dump(2, ' ', true);
 }
@@ -283,7 +284,7 @@ std::vector<EntitySeries> Api::QueryNewest(const std::vector<Entity>& entities,
                           {"metricId", metricIds},
                           {"intervalId", intervalSec}});
       }
-      const Json envelope = GetEnvelope(_client.Post("/api/v1/query", specs.dump()));
+      const Json envelope = GetEnvelope(_client.Post(kQueryPath, specs.dump()));
       std::ranges::move(ToEntitySeriesList(envelope.at("data")), std::back_inserter(result));
    }
    return result;

@@ -36,14 +36,14 @@ struct Entity {
 
 struct Metric {
    int64_t counterId;
-   std::string instance; ///< empty: the aggregate; "*" in a question: all
+   std::string instance; ///< empty: the aggregate; "*" in a query: all
 
    friend auto operator<=>(const Metric&, const Metric&) = default;
 };
 
 struct Series {
    Metric metric;
-   std::vector<std::optional<int64_t>> values; ///< one a time stamp
+   std::vector<std::optional<int64_t>> values; ///< one per time stamp
 };
 
 struct EntitySeries {
@@ -52,10 +52,10 @@ struct EntitySeries {
    std::vector<Series> series;
 };
 
-/// A question for one entity. Times are texts of the server's grammar, empty for none.
+/// A query for the samples of one entity. Times are texts that the server parses, empty for none.
 struct QuerySpec {
    std::string entityId;
-   std::vector<std::string> metrics; ///< "cpu.usage:0"; none: all
+   std::vector<std::string> metrics; ///< such as "cpu.usage:0"; none: all
    std::string from;
    std::string to;
    std::optional<int64_t> maxSample;
@@ -68,13 +68,13 @@ struct Usage {
    std::optional<int64_t> memActiveKb;
 };
 
-/// The id under which the server has its host.
+/// The server's id of its host.
 constexpr char kHostId[] = "ha-host";
 
-/// The management API as calls.
+/// The calls of the management API.
 ///
-/// Errors: Corvax::Exception, with a text for the user: the server's own where it refused, else
-/// that of the client, or that the answer has not the form it must have.
+/// Errors: Corvax::Exception with a text for the user. It is the server's own text if the server
+/// refused the request.
 class Api {
 public:
    /// Keeps a reference.
@@ -84,17 +84,17 @@ public:
    std::vector<Interval> GetIntervals();
    std::vector<Entity> GetEntities();
    std::vector<Metric> GetMetrics(const std::string& entityId);
-   /// Seconds of an entity's real-time interval.
+   /// The sampling period of an entity's real-time interval in seconds.
    int64_t GetRefreshRate(const std::string& entityId);
 
-   /// The answer's elements; none where there is no data.
+   /// Empty if there is no data.
    std::vector<EntitySeries> Query(const QuerySpec& spec);
-   /// The same as text/csv, as it came.
+   /// The same as CSV, exactly as the server sent it.
    std::string QueryCsv(const QuerySpec& spec);
-   /// The same as indented JSON in ASCII, `hasData` false where there is none.
+   /// The same as indented JSON in ASCII; `hasData` becomes whether there is any data.
    std::string QueryJson(const QuerySpec& spec, bool& hasData);
-   /// The newest samples of each metric of several entities, two at least where there are so many:
-   /// one request for up to 64 entities, the most that the agent takes unless configured otherwise.
+   /// The newest two samples of each metric of several entities. Sends one request per 64 entities,
+   /// which is the agent's default limit.
    std::vector<EntitySeries> QueryNewest(const std::vector<Entity>& entities,
                                          const std::vector<Metric>& metrics, int64_t intervalSec);
 

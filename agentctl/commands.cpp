@@ -2,6 +2,7 @@
 
 #include "agentctl/metricNames.h"
 #include "agentctl/textTable.h"
+#include "agentctl/valueFormat.h"
 
 #include "corvax/exception.h"
 #include "corvax/format.h"
@@ -34,7 +35,7 @@ std::string FormatLength(int64_t seconds)
 std::string FormatMemory(const std::optional<int64_t>& kb)
 {
    if (!kb) {
-      return "-";
+      return kUnsetText;
    }
    const int64_t tenths = *kb / 1024 * 10 + *kb % 1024 * 10 / 1024;
    return Format("%1 KB (%2.%3 MB)", *kb, tenths / 10, tenths % 10);
@@ -46,8 +47,8 @@ void ListEntities(Api& api, Output& output)
 {
    TextTable table({{"TYPE"}, {"ID"}, {"NAME"}, {"STATE"}, {"PARENT"}});
    for (const Entity& entity : api.GetEntities()) {
-      table.AddRow({entity.type, entity.id, entity.name, entity.state.value_or("-"),
-                    entity.parent.value_or("-")});
+      table.AddRow({entity.type, entity.id, entity.name, entity.state.value_or(kUnsetText),
+                    entity.parent.value_or(kUnsetText)});
    }
    output.Write(table.TakeText());
 }
@@ -64,8 +65,9 @@ void ListCounters(Api& api, const std::string& group, Output& output)
       }
    }
    if (!any) {
-      throw Corvax::NotFoundException(group.empty() ? "the server has no counters"
-                                                    : "no counter is in the group " + group);
+      throw Corvax::NotFoundException(group.empty()
+                                         ? "the server has no counters"
+                                         : "there are no counters in the group " + group);
    }
    output.Write(table.TakeText());
 }
@@ -73,7 +75,7 @@ void ListCounters(Api& api, const std::string& group, Output& output)
 void ListIntervals(Api& api, Output& output)
 {
    TextTable table({{"NAME"}, {"PERIOD (s)", true}, {"KEPT (s)", true}, {"KEPT"}});
-   table.AddRow({"real-time", ToText(api.GetRefreshRate(kHostId)), "-", "-"});
+   table.AddRow({"real-time", ToText(api.GetRefreshRate(kHostId)), kUnsetText, kUnsetText});
    for (const Interval& interval : api.GetIntervals()) {
       table.AddRow({interval.name, ToText(interval.periodSec), ToText(interval.lengthSec),
                     FormatLength(interval.lengthSec)});
@@ -85,7 +87,7 @@ void ListMetrics(Api& api, const std::string& entityId, Output& output)
 {
    std::vector<Metric> metrics = api.GetMetrics(entityId);
    if (metrics.empty()) {
-      throw Corvax::NotFoundException("no metrics of " + entityId);
+      throw Corvax::NotFoundException("there are no metrics of " + entityId);
    }
    std::ranges::sort(metrics);
    const MetricNames names(api.GetCounters());
@@ -100,11 +102,11 @@ void ShowUsage(Api& api, const std::string& vmId, Output& output)
 {
    const Usage usage = vmId.empty() ? api.GetHostUsage() : api.GetVmUsage(vmId);
    if (!usage.cpuMhz && !usage.memConsumedKb && !usage.memActiveKb) {
-      throw Corvax::NotFoundException("no usage of " + (vmId.empty() ? "the host" : vmId) +
-                                      " is known");
+      throw Corvax::NotFoundException("there are no usage figures of " +
+                                      (vmId.empty() ? "the host" : vmId));
    }
    std::string text = Format("CPU:              %1\nmemory consumed:  %2\n",
-                             usage.cpuMhz ? ToText(*usage.cpuMhz) + " MHz" : "-",
+                             usage.cpuMhz ? ToText(*usage.cpuMhz) + " MHz" : kUnsetText,
                              FormatMemory(usage.memConsumedKb));
    if (!vmId.empty()) {
       text += Format("memory active:    %1\n", FormatMemory(usage.memActiveKb));

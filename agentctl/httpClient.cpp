@@ -7,15 +7,16 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 
 namespace Agentctl {
 
 namespace {
 
 constexpr int kConnectTimeoutSec = 5;
-constexpr int kAnswerTimeoutSec = 30;
-/// Far above any answer of the agent; a server that never stops sending ends here.
-constexpr size_t kMaxAnswerBytes = size_t{64} << 20;
+constexpr int kResponseTimeoutSec = 30;
+/// Far above any response of the agent; bounds the memory that a faulty server can make us use.
+constexpr size_t kMaxResponseBytes = size_t{64} << 20;
 
 bool IsAlphanumeric(char c)
 {
@@ -34,7 +35,8 @@ bool IsIpv6(std::string_view host)
    return host.find(':') != std::string_view::npos && std::all_of(host.begin(), host.end(), fits);
 }
 
-/// Why no connection came about: a name that is not known looks like any other failure there.
+/// Looks the host up again, because the client library reports an unknown name like any other
+/// failure to connect.
 std::string GetConnectionReason(const std::string& host)
 {
    addrinfo hints = {};
@@ -56,11 +58,12 @@ std::string GetReason(httplib::Error error, const std::string& host)
    case httplib::Error::ConnectionTimeout:
       return Corvax::Format("no connection within %1 s", kConnectTimeoutSec);
    case httplib::Error::Read:
-      return Corvax::Format("the connection was cut, or nothing came for %1 s", kAnswerTimeoutSec);
+      return Corvax::Format("the connection was closed, or no data arrived for %1 s",
+                            kResponseTimeoutSec);
    case httplib::Error::Write:
-      return "the connection was cut";
+      return "the connection was closed";
    case httplib::Error::Canceled:
-      return Corvax::Format("the answer has more than %1 MB", kMaxAnswerBytes >> 20);
+      return Corvax::Format("the response exceeds %1 MB", kMaxResponseBytes >> 20);
    default:
       return httplib::to_string(error);
    }
@@ -71,17 +74,16 @@ public:
    HttpClientImpl(const std::string& url, const ServerAddress& address)
       : _url(url), _host(address.host), _client(address.host, address.port)
    {
-      const bool isIpv6 = address.host.find(':') != std::string::npos;
-      const std::string host = isIpv6 ? "[" + address.host + "]" : address.host;
+      const std::string host = IsIpv6(address.host) ? "[" + address.host + "]" : address.host;
       _client.set_default_headers({{"Host", Corvax::Format("%1:%2", host, address.port)}});
       _client.set_connection_timeout(kConnectTimeoutSec);
-      _client.set_read_timeout(kAnswerTimeoutSec);
-      _client.set_write_timeout(kAnswerTimeoutSec);
+      _client.set_read_timeout(kResponseTimeoutSec);
+      _client.set_write_timeout(kResponseTimeoutSec);
       _client.set_keep_alive(true);
-      _client.set_url_encode(false); // paths come encoded
+      _client.set_url_encode(false); // callers encode paths
    }
 
-   HttpAnswer Get(const std::string& path, const std::string& accept) override
+   HttpResponse Get(const std::string& path, const std::string& accept) override
    {
       httplib::Request request;
       request.method = "GET";
@@ -90,35 +92,35 @@ public:
       return Send(request);
    }
 
-   HttpAnswer Post(const std::string& path, const std::string& json) override
+   HttpResponse Post(const std::string& path, const std::string& json) override
    {
       httplib::Request request;
       request.method = "POST";
       request.path = path;
       request.body = json;
-      request.set_header("Accept", "application/json");
-      request.set_header("Content-Type", "application/json");
+      request.set_header("Accept", kJsonType);
+      request.set_header("Content-Type", kJsonType);
       return Send(request);
    }
 
 private:
-   HttpAnswer Send(httplib::Request& request)
+   HttpResponse Send(httplib::Request& request)
    {
-      HttpAnswer answer = {};
-      request.content_receiver = [&answer](const char* data, size_t length, uint64_t, uint64_t) {
-         answer.body.append(data, length);
-         return answer.body.size() <= kMaxAnswerBytes;
+      HttpResponse response = {};
+      request.content_receiver = [&response](const char* data, size_t length, uint64_t, uint64_t) {
+         response.body.append(data, length);
+         return response.body.size() <= kMaxResponseBytes;
       };
       const httplib::Result result = _client.send(request);
       if (result) {
-         answer.status = result->status;
-         return answer;
+         response.status = result->status;
+         return response;
       }
       const httplib::Error error = result.error();
       const bool isConnected =
          error != httplib::Error::Connection && error != httplib::Error::ConnectionTimeout;
       throw Corvax::Exception(Corvax::Format(
-         isConnected ? "no answer from %1: %2" : "cannot reach %1: %2; is agentd running?", _url,
+         isConnected ? "no response from %1: %2" : "cannot reach %1: %2; is agentd running?", _url,
          GetReason(error, _host)));
    }
 
@@ -127,9 +129,17 @@ private:
    httplib::Client _client;
 };
 
-} // namespace
+/// Between 1 and 65535.
+std::optional<int> ParsePort(std::string_view text)
+{
+   int port = 0;
+   const char* const end = text.data() + text.size();
+   const auto [stop, error] = std::from_chars(text.data(), end, port);
+   const bool isNumber = error == std::errc() && stop == end;
+   return isNumber && port >= 1 && port <= 65535 ? std::optional(port) : std::nullopt;
+}
 
-std::optional<ServerAddress> ParseServerUrl(std::string_view url)
+std::optional<ServerAddress> TryParseServerUrl(std::string_view url)
 {
    constexpr std::string_view kScheme = "http://";
    if (!url.starts_with(kScheme)) {
@@ -140,29 +150,34 @@ std::optional<ServerAddress> ParseServerUrl(std::string_view url)
       url.remove_suffix(1);
    }
    ServerAddress address = {"", 80};
-   const size_t bracket = url.starts_with('[') ? url.find(']') : 0;
-   const size_t colon = url.find(':', bracket);
-   if (bracket == std::string_view::npos) {
-      return std::nullopt;
-   }
+   const bool isIpv6 = url.starts_with('[');
+   const size_t colon = url.find(':', isIpv6 ? url.find(']') : 0);
    if (colon != std::string_view::npos) {
-      const std::string_view port = url.substr(colon + 1);
-      const char* const end = port.data() + port.size();
-      const auto [stop, error] = std::from_chars(port.data(), end, address.port);
-      if (error != std::errc() || stop != end || address.port < 1 || address.port > 65535) {
+      const std::optional<int> port = ParsePort(url.substr(colon + 1));
+      if (!port) {
          return std::nullopt;
       }
+      address.port = *port;
       url = url.substr(0, colon);
    }
-   const bool isIpv6 = bracket > 0;
    if (isIpv6 && !url.ends_with(']')) {
       return std::nullopt;
    }
    address.host = isIpv6 ? url.substr(1, url.size() - 2) : url;
-   if (isIpv6 ? !IsIpv6(address.host) : !IsHostName(address.host)) {
-      return std::nullopt;
+   const bool isValid = isIpv6 ? IsIpv6(address.host) : IsHostName(address.host);
+   return isValid ? std::optional(address) : std::nullopt;
+}
+
+} // namespace
+
+ServerAddress ParseServerUrl(std::string_view url)
+{
+   const std::optional<ServerAddress> address = TryParseServerUrl(url);
+   if (!address) {
+      throw Corvax::InvalidArgumentException(
+         Corvax::Format("'%1' is not a URL of the form http://HOST[:PORT]", url));
    }
-   return address;
+   return *address;
 }
 
 std::string PercentEncode(std::string_view text)
@@ -182,11 +197,7 @@ std::string PercentEncode(std::string_view text)
 
 std::unique_ptr<HttpClient> NewHttpClient(const std::string& url)
 {
-   const std::optional<ServerAddress> address = ParseServerUrl(url);
-   if (!address) {
-      throw Corvax::InvalidArgumentException("no URL of the form http://HOST[:PORT]: " + url);
-   }
-   return std::make_unique<HttpClientImpl>(url, *address);
+   return std::make_unique<HttpClientImpl>(url, ParseServerUrl(url));
 }
 
 } // namespace Agentctl

@@ -1,13 +1,15 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
 namespace Agentctl {
 
-struct HttpAnswer {
+constexpr char kJsonType[] = "application/json";
+constexpr char kCsvType[] = "text/csv";
+
+struct HttpResponse {
    int status;
    std::string body;
 };
@@ -17,23 +19,25 @@ struct ServerAddress {
    int port;
 };
 
-/// Reads "http://HOST[:PORT]", with or without a slash behind; nothing for any other text.
-std::optional<ServerAddress> ParseServerUrl(std::string_view url);
+/// Parses "http://HOST[:PORT]", with or without a final slash; InvalidArgumentException for any
+/// other text.
+ServerAddress ParseServerUrl(std::string_view url);
 
-/// A text as one part of a URL's path or query: everything but letters, digits and "-._~" as %XX.
+/// Encodes a text as one part of a URL's path or query: everything but letters, digits and "-._~"
+/// becomes %XX.
 std::string PercentEncode(std::string_view text);
 
-/// Requests to one server. Errors: Corvax::Exception, with a text for the user, when no answer
-/// comes; an answer of any status is an answer.
+/// Sends requests to one server. A response of any status is returned; Corvax::Exception, with a
+/// text for the user, if there is none.
 class HttpClient {
 public:
    virtual ~HttpClient() = default;
-   virtual HttpAnswer Get(const std::string& path, const std::string& accept) = 0;
-   virtual HttpAnswer Post(const std::string& path, const std::string& json) = 0;
+   virtual HttpResponse Get(const std::string& path, const std::string& accept) = 0;
+   virtual HttpResponse Post(const std::string& path, const std::string& json) = 0;
 };
 
-/// InvalidArgumentException for a URL that ParseServerUrl does not read. Connects with the first
-/// request and keeps the connection.
+/// Connects with the first request and keeps the connection. InvalidArgumentException for a URL
+/// that ParseServerUrl refuses.
 std::unique_ptr<HttpClient> NewHttpClient(const std::string& url);
 
 } // namespace Agentctl

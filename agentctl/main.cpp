@@ -5,8 +5,6 @@
 #include "agentctl/screen.h"
 #include "agentctl/topCommand.h"
 
-#include "corvax/exception.h"
-
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -23,7 +21,7 @@ bool Sleep(int64_t seconds)
    return true;
 }
 
-void Run(const Options& options, Output& output)
+void RunCommand(const Options& options, Output& output)
 {
    const std::unique_ptr<HttpClient> client = NewHttpClient(options.server);
    Api api(*client);
@@ -51,26 +49,20 @@ void Run(const Options& options, Output& output)
    }
 }
 
-void PrintFailure(const char* message)
-{
-   std::fprintf(stderr, "agentctl: %s\n", Printable(message).c_str());
-}
-
 int Main(int argc, char** argv)
 {
-   std::signal(SIGPIPE, SIG_IGN); // a reader or a server that goes away is told by the write
+   std::signal(SIGPIPE, SIG_IGN); // a closed pipe or connection is reported by the write
    Options options;
    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
       return *status;
    }
    try {
-      const std::unique_ptr<Output> output = NewStandardOutput();
-      Run(options, *output);
+      RunCommand(options, *NewStandardOutput());
       return EXIT_SUCCESS;
    } catch (const OutputClosed&) {
-      return EXIT_SUCCESS;
+      return EXIT_SUCCESS; // as in `agentctl counters | head`
    } catch (const std::exception& e) {
-      PrintFailure(e.what());
+      std::fprintf(stderr, "%s: %s\n", kProgramName, Printable(e.what()).c_str());
       return kExitFailure;
    }
 }

@@ -1,6 +1,6 @@
 #include "agentctl/metricNames.h"
 
-#include "agentctl/printable.h"
+#include "agentctl/valueFormat.h"
 
 #include "corvax/format.h"
 
@@ -18,8 +18,7 @@ std::string GetShortUnit(const std::string& unit)
       {"percent", kPercent},         {"megaHertz", "MHz"},  {"kiloBytes", "KB"},
       {"megaBytes", "MB"},           {"millisecond", "ms"}, {"second", "s"},
       {"kiloBytesPerSecond", "KB/s"}};
-   const auto found = units.find(unit);
-   return found == units.end() ? unit : found->second;
+   return Shorten(unit, units);
 }
 
 } // namespace
@@ -31,7 +30,7 @@ MetricNames::MetricNames(const std::vector<Counter>& counters)
    }
 }
 
-/// The name alone means the raw values, or else the only form.
+/// The short name means the raw values, or the only counter of that name.
 bool MetricNames::HasRollupInName(const Counter& counter) const
 {
    if (counter.rollup == "none") {
@@ -64,10 +63,8 @@ std::string MetricNames::GetUnit(const Metric& metric) const
 std::string MetricNames::FormatValue(const Metric& metric,
                                      const std::optional<int64_t>& value) const
 {
-   if (!value) {
-      return "-";
-   }
-   return GetUnit(metric) == kPercent ? FormatHundredths(*value) + " %" : Corvax::ToText(*value);
+   const bool isPercent = value && GetUnit(metric) == kPercent;
+   return isPercent ? FormatHundredths(*value) + " %" : FormatNumber(value);
 }
 
 } // namespace Agentctl

@@ -6,17 +6,17 @@
 
 namespace Agentctl {
 
-/// What the metrics of an answer are called.
+/// Names and units of metrics.
 class MetricNames {
 public:
    explicit MetricNames(const std::vector<Counter>& counters);
 
-   /// "cpu.usage:0", with the rollup behind the name ("cpu.usage.average") where another counter
-   /// has the name to itself; the counter's number where the counter is not known.
+   /// "cpu.usage:0", or with the rollup ("cpu.usage.average:0") if the short name means another
+   /// counter. An unknown counter appears as its id.
    std::string GetName(const Metric& metric) const;
-   /// "%", "KB/s"; the unit as it is where it has no short form.
+   /// "%", "KB/s", or the unit as the server names it if it has no short form.
    std::string GetUnit(const Metric& metric) const;
-   /// "12.34 %" for 1234 of a percent counter; "-" for unset.
+   /// "12.34 %" for 1234 of a percent counter.
    std::string FormatValue(const Metric& metric, const std::optional<int64_t>& value) const;
 
 private:

@@ -3,100 +3,108 @@
 #include "agentctl/httpClient.h"
 #include "agentctl/printable.h"
 #include "agentctl/version.h"
+#include "corvax/exception.h"
+#include "corvax/format.h"
 
 #include <CLI/CLI.hpp>
 
 #include <iostream>
-#include <map>
 
 namespace Agentctl {
 
 namespace {
 
-std::string CheckServer(const std::string& text)
-{
-   return ParseServerUrl(text) ? std::string()
-                               : "'" + text + "' is no URL of the form http://HOST[:PORT]";
-}
-
-/// A check for whole numbers from `least` on.
+/// Accepts integers that are not less than `least`.
 CLI::Validator AtLeast(int64_t least)
 {
-   return CLI::Validator(
-      [least](std::string& text) {
-         int64_t number = 0;
-         const bool isNumber = CLI::detail::lexical_cast(text, number);
-         return isNumber && number >= least
-                   ? std::string()
-                   : "'" + text + "' is no whole number from " + std::to_string(least) + " on";
-      },
-      "");
+   const auto check = [least](const std::string& text) {
+      int64_t number = 0;
+      const bool isNumber = CLI::detail::lexical_cast(text, number);
+      return isNumber && number >= least
+                ? std::string()
+                : Corvax::Format("'%1' is not an integer of at least %2", text, least);
+   };
+   return CLI::Validator(check, "");
+}
+
+std::string CheckServer(const std::string& url)
+{
+   try {
+      ParseServerUrl(url);
+      return {};
+   } catch (const Corvax::InvalidArgumentException& e) {
+      return e.GetMessage();
+   }
+}
+
+CLI::App* AddCommand(CLI::App& app, Options& options, Command command, const char* name,
+                     const char* summary)
+{
+   CLI::App* const added = app.add_subcommand(name, summary);
+   return added->callback([&options, command] { options.command = command; });
 }
 
 void AddQuery(CLI::App& app, Options& options, std::string& format)
 {
-   CLI::App* const query = app.add_subcommand("query", "Show the samples of an entity");
-   query->footer(
-      "METRIC is group.name[.rollup][:instance], as `metrics` lists them; the instance * "
-      "stands for all.\nA time T is 2026-11-21T09:05:00Z, seconds since 1970, or before "
-      "now: -30s, -10m, -2h, -1d.");
+   CLI::App* const query =
+      AddCommand(app, options, Command::QUERY, "query", "Show the samples of an entity");
+   query->footer("METRIC is group.name[.rollup][:instance], as listed by `metrics`; the instance * "
+                 "means all.\nA time T is 2026-11-21T09:05:00Z, seconds since 1970, or relative to "
+                 "now: -30s, -10m, -2h, -1d.");
    query->add_option("entity", options.entityId, "Entity id")->required()->type_name("ENTITY");
-   query->add_option("metric", options.metrics, "What to show; none: everything")
+   query->add_option("metric", options.metrics, "Metrics to show (default: all)")
       ->type_name("METRIC");
    query
       ->add_option("--interval", options.intervalSec,
-                   "Seconds of the interval, as `intervals` lists them; 0: the latest raw values "
-                   "(default: the real-time interval)")
+                   "Sampling period of the interval in seconds, as listed by `intervals`; 0: the "
+                   "latest raw values (default: the real-time interval)")
       ->type_name("SEC")
       ->check(AtLeast(0));
    query->add_option("--from", options.from, "Samples after this time")->type_name("T");
    CLI::Option* const to =
       query->add_option("--to", options.to, "Samples up to this time")->type_name("T");
-   query->add_option("--max", options.maxSample, "At most so many samples")
+   query->add_option("--max", options.maxSample, "Maximum number of samples")
       ->type_name("N")
       ->check(AtLeast(1));
-   query->add_option("--format", format, "Form of the answer")
+   query->add_option("--format", format, "Output format")
       ->type_name("FORMAT")
       ->capture_default_str()
       ->check(CLI::IsMember({"table", "csv", "json"}));
-   query->add_flag("--watch", options.watch, "Go on with new samples as they come, as a table")
+   query->add_flag("--watch", options.watch, "Keep printing new samples as they arrive")
       ->excludes(to);
    query->add_flag("--utc", options.utc, "Show times in UTC instead of local time");
 }
 
-void AddCommands(CLI::App& app, Options& options, std::string& format)
+void AddTop(CLI::App& app, Options& options)
 {
-   app.add_subcommand("entities", "List what has statistics");
-   app.add_subcommand("counters", "List the counters")
-      ->add_option("group", options.group, "Only this group: cpu, mem, ...")
-      ->type_name("GROUP");
-   app.add_subcommand("intervals", "List the intervals in which samples are kept");
-   app.add_subcommand("metrics", "List what there is to query of an entity")
-      ->add_option("entity", options.entityId, "Entity id")
-      ->required()
-      ->type_name("ENTITY");
-   AddQuery(app, options, format);
-   app.add_subcommand("usage", "Show CPU and memory now in use by the host or a virtual machine")
-      ->add_option("vm", options.vmId, "Id of a virtual machine; none: the host")
-      ->type_name("VM");
-   CLI::App* const top = app.add_subcommand("top", "Watch host, virtual machines and pools");
-   top->footer("Keys: c m d n r sort by CPU, memory, disk, network or ready time; q quits.\nWhere "
-               "standard output is no terminal the table is printed once.");
-   top->add_option("--count", options.count, "Print so many tables plainly, one an interval")
+   CLI::App* const top =
+      AddCommand(app, options, Command::TOP, "top",
+                 "Watch the current figures of host, virtual machines and pools");
+   top->footer("Keys: c m d n r sort by CPU, memory, disk, network or ready time; q quits.\nIf "
+               "standard output is not a terminal, the table is printed once.");
+   top->add_option("--count", options.count, "Print N tables as plain text, one per interval")
       ->type_name("N")
       ->check(AtLeast(1));
 }
 
-Command GetCommand(const CLI::App& app)
+void AddCommands(CLI::App& app, Options& options, std::string& format)
 {
-   static const std::map<std::string, Command> commands = {{"entities", Command::ENTITIES},
-                                                           {"counters", Command::COUNTERS},
-                                                           {"intervals", Command::INTERVALS},
-                                                           {"metrics", Command::METRICS},
-                                                           {"query", Command::QUERY},
-                                                           {"usage", Command::USAGE},
-                                                           {"top", Command::TOP}};
-   return commands.at(app.get_subcommands().front()->get_name());
+   AddCommand(app, options, Command::ENTITIES, "entities", "List the entities");
+   AddCommand(app, options, Command::COUNTERS, "counters", "List the counters")
+      ->add_option("group", options.group, "Only this group: cpu, mem, ...")
+      ->type_name("GROUP");
+   AddCommand(app, options, Command::INTERVALS, "intervals",
+              "List the intervals at which samples are kept");
+   AddCommand(app, options, Command::METRICS, "metrics", "List the metrics of an entity")
+      ->add_option("entity", options.entityId, "Entity id")
+      ->required()
+      ->type_name("ENTITY");
+   AddQuery(app, options, format);
+   AddCommand(app, options, Command::USAGE, "usage",
+              "Show the current CPU and memory use of the host or a virtual machine")
+      ->add_option("vm", options.vmId, "Id of a virtual machine (default: the host)")
+      ->type_name("VM");
+   AddTop(app, options);
 }
 
 QueryFormat GetFormat(const std::string& text)
@@ -111,30 +119,32 @@ QueryFormat GetFormat(const std::string& text)
 
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options)
 {
-   CLI::App app("The command line of the host agent's statistics.", "agentctl");
-   app.set_version_flag("--version", std::string("agentctl ") + kVersion);
-   app.add_option("--server", options.server, "Where the agent listens")
+   CLI::App app("Shows the statistics of a host's agent.", kProgramName);
+   app.add_option("--server", options.server, "URL of the agent")
       ->type_name("URL")
       ->envname("METRIX_SERVER")
       ->capture_default_str()
       ->check(CheckServer);
    app.require_subcommand(1);
-   app.fallthrough(); // --server is taken behind the command, too
+   app.fallthrough(); // --server may also follow the command
    std::string format = "table";
    AddCommands(app, options, format);
-   try {
-      app.parse(argc, argv);
+   app.callback([&options, &format] {
       options.format = GetFormat(format);
       if (options.watch && options.format != QueryFormat::TABLE) {
-         throw CLI::ValidationError("--watch", "goes with the table only");
+         throw CLI::ValidationError("--watch", "requires --format table");
       }
+   });
+   app.set_version_flag("--version", std::string(kProgramName) + " " + kVersion);
+   try {
+      app.parse(argc, argv);
    } catch (const CLI::Success& e) {
       return app.exit(e);
    } catch (const CLI::ParseError& e) {
-      std::cerr << "agentctl: " << Printable(e.what()) << " (agentctl --help tells more)\n";
+      std::cerr << kProgramName << ": " << Printable(e.what())
+                << " (agentctl --help lists the options)\n";
       return kExitUsage;
    }
-   options.command = GetCommand(app);
    return std::nullopt;
 }
 

@@ -7,11 +7,13 @@
 
 namespace Agentctl {
 
-enum class Command { ENTITIES, COUNTERS, INTERVALS, METRICS, QUERY, USAGE, TOP };
-enum class QueryFormat { TABLE, CSV, JSON };
+constexpr char kProgramName[] = "agentctl";
 
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+
+enum class Command { ENTITIES, COUNTERS, INTERVALS, METRICS, QUERY, USAGE, TOP };
+enum class QueryFormat { TABLE, CSV, JSON };
 
 /// The command line.
 struct Options {
@@ -28,11 +30,11 @@ struct Options {
    QueryFormat format = QueryFormat::TABLE;
    bool watch = false;
    bool utc = false;
-   std::optional<int64_t> count; ///< of `top`: plain tables instead of the full screen
+   std::optional<int64_t> count; ///< of `top`: number of plain tables; unset: the full screen
 };
 
-/// Reads the command line and METRIX_SERVER. Where the process has nothing more to do (help,
-/// version, a usage error, each of which is printed) it returns the exit status, else nothing.
+/// Parses the command line and METRIX_SERVER. Returns the exit status if the process has nothing
+/// more to do: after help, the version or a usage error, which are printed.
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
 
 } // namespace Agentctl

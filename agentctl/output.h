@@ -5,14 +5,14 @@
 
 namespace Agentctl {
 
-/// Nobody reads the output any more: a reason to end, not to complain.
+/// Nobody reads the output any more (EPIPE); the program ends without an error.
 struct OutputClosed {};
 
-/// Where results go.
+/// Destination of the results.
 class Output {
 public:
    virtual ~Output() = default;
-   /// All of the text, at once. OutputClosed; PlatformException for any other failure.
+   /// Writes all of the text. Throws OutputClosed, or PlatformException for any other failure.
    virtual void Write(std::string_view text) = 0;
    virtual bool IsTerminal() const = 0;
 };

@@ -2,15 +2,14 @@
 
 #include <clocale>
 #include <cstdio>
-#include <ctime>
 #include <cwchar>
 
 namespace Agentctl {
 
 namespace {
 
-/// UTF-8 for the calling thread, whatever locale the user has. Where the system has no such locale
-/// only ASCII counts as printable.
+/// Switches the calling thread to UTF-8, whatever the user's locale is. If the system has no UTF-8
+/// locale, only ASCII counts as printable.
 class Utf8Scope {
 public:
    Utf8Scope()
@@ -27,28 +26,28 @@ private:
 };
 
 struct Glyph {
-   wchar_t character; ///< the byte, where it is no UTF-8
+   char32_t character; ///< the byte itself if it is not UTF-8
    size_t bytes;
    int columns; ///< negative: not printable
 };
 
-/// They print nothing, but make what stands beside them look like something else.
+/// Invisible characters that can make the text around them look like something else.
 bool ChangesDirection(wchar_t c)
 {
    return c == 0x061C || c == 0x200E || c == 0x200F || (c >= 0x202A && c <= 0x202E) ||
           (c >= 0x2066 && c <= 0x2069);
 }
 
-/// The first character of a text that is not empty; to be called in a Utf8Scope.
+/// The first character of a text that is not empty. Requires a Utf8Scope.
 Glyph FirstGlyph(std::string_view text)
 {
    wchar_t c = 0;
    mbstate_t state = {};
    const size_t bytes = std::mbrtowc(&c, text.data(), text.size(), &state);
-   if (bytes == 0 || bytes > text.size()) { // a zero byte, or one that starts no character
+   if (bytes == 0 || bytes > text.size()) { // a zero byte or invalid UTF-8
       return {static_cast<unsigned char>(text.front()), 1, -1};
    }
-   return {c, bytes, ChangesDirection(c) ? -1 : ::wcwidth(c)};
+   return {static_cast<char32_t>(c), bytes, ChangesDirection(c) ? -1 : ::wcwidth(c)};
 }
 
 } // namespace
@@ -105,29 +104,6 @@ std::string CutToColumns(std::string_view printable, size_t columns)
       printable.remove_prefix(glyph.bytes);
    }
    return result + "…";
-}
-
-std::string FormatHundredths(int64_t hundredths)
-{
-   const bool isNegative = hundredths < 0;
-   const uint64_t size =
-      isNegative ? 0 - static_cast<uint64_t>(hundredths) : static_cast<uint64_t>(hundredths);
-   char decimals[8];
-   std::snprintf(decimals, sizeof decimals, ".%02u", static_cast<unsigned>(size % 100));
-   return (isNegative ? "-" : "") + std::to_string(size / 100) + decimals;
-}
-
-std::string FormatTime(Corvax::DateTime time, bool utc)
-{
-   const int64_t us = time.GetUtcMicroseconds();
-   const auto seconds = static_cast<time_t>(us / 1000000 - (us % 1000000 < 0 ? 1 : 0));
-   tm fields = {};
-   if ((utc ? ::gmtime_r(&seconds, &fields) : ::localtime_r(&seconds, &fields)) == nullptr) {
-      return time.ToString();
-   }
-   char text[64];
-   const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &fields);
-   return std::string(text, length);
 }
 
 } // namespace Agentctl

@@ -3,6 +3,7 @@
 #include "agentctl/metricNames.h"
 #include "agentctl/printable.h"
 #include "agentctl/textTable.h"
+#include "agentctl/valueFormat.h"
 
 #include "corvax/exception.h"
 
@@ -14,18 +15,17 @@ namespace {
 
 using Corvax::DateTime;
 
-/// The samples of one entity as a table that grows. Rows are shown once: only those newer than the
-/// newest shown are taken.
+/// The samples of one entity as a growing table. Each row is shown once: a response's rows up to
+/// the newest one shown are skipped.
 class SampleTable {
 public:
    SampleTable(Api& api, bool utc) : _names(api.GetCounters()), _utc(utc) {}
 
-   /// The rows of an answer as text; before them the titles, where the metrics are not those of the
-   /// rows before.
-   std::string TakeRows(const std::vector<EntitySeries>& answer)
+   /// The new rows of a response as text, after a line of titles if the metrics have changed.
+   std::string TakeRows(const std::vector<EntitySeries>& response)
    {
       std::string text;
-      for (const EntitySeries& entity : answer) {
+      for (const EntitySeries& entity : response) {
          text += TakeRows(entity);
       }
       return text;
@@ -34,21 +34,22 @@ public:
    std::optional<DateTime> GetNewest() const { return _newest; }
 
 private:
-   std::string TakeRows(const EntitySeries& answer)
+   std::string TakeRows(const EntitySeries& response)
    {
       std::vector<Metric> metrics;
-      for (const Series& series : answer.series) {
+      metrics.reserve(response.series.size());
+      for (const Series& series : response.series) {
          metrics.push_back(series.metric);
       }
       bool any = false;
-      for (size_t row = 0; row < answer.times.size(); ++row) {
-         if (metrics.empty() || (_newest && answer.times[row] <= *_newest)) {
+      for (size_t row = 0; row < response.times.size(); ++row) {
+         if (metrics.empty() || (_newest && response.times[row] <= *_newest)) {
             continue;
          }
          if (!_table || metrics != _metrics) {
             StartTable(metrics);
          }
-         AddRow(answer, row);
+         AddRow(response, row);
          any = true;
       }
       return any ? _table->TakeText() : std::string();
@@ -64,14 +65,14 @@ private:
       _metrics = metrics;
    }
 
-   void AddRow(const EntitySeries& answer, size_t row)
+   void AddRow(const EntitySeries& response, size_t row)
    {
-      std::vector<std::string> cells = {FormatTime(answer.times[row], _utc)};
-      for (const Series& series : answer.series) {
+      std::vector<std::string> cells = {FormatTime(response.times[row], _utc)};
+      for (const Series& series : response.series) {
          cells.push_back(_names.FormatValue(series.metric, series.values[row]));
       }
       _table->AddRow(cells);
-      _newest = answer.times[row];
+      _newest = response.times[row];
    }
 
    const MetricNames _names;
@@ -83,7 +84,7 @@ private:
 
 [[noreturn]] void FailNoData(const QuerySpec& spec)
 {
-   throw Corvax::NotFoundException("no data of " + spec.entityId);
+   throw Corvax::NotFoundException("there is no data of " + spec.entityId);
 }
 
 void QueryTable(Api& api, QuerySpec spec, const Options& options, Output& output,
@@ -99,21 +100,16 @@ void QueryTable(Api& api, QuerySpec spec, const Options& options, Output& output
    }
    const int64_t pollSec =
       spec.intervalSec > 0 ? spec.intervalSec : api.GetRefreshRate(spec.entityId);
-   const auto toSeconds = [](DateTime time) { return time.GetUtcMicroseconds() / 1000000; };
-   while (true) {
-      const int64_t newestSec = table.GetNewest() ? toSeconds(*table.GetNewest()) : 0;
-      if (!wait(GetSecondsToNext(newestSec, toSeconds(DateTime::Now()), pollSec))) {
-         return;
-      }
+   while (wait(GetSecondsToNext(table.GetNewest(), pollSec))) {
       if (table.GetNewest()) {
          spec.from = table.GetNewest()->ToString();
-         spec.maxSample.reset(); // every new row, however many
+         spec.maxSample.reset(); // --max limits the first request only
       }
       output.Write(table.TakeRows(api.Query(spec)));
    }
 }
 
-/// Every line of a table on its own, so that its ends stay and nothing else that controls does.
+/// Escapes each line separately, which keeps the line ends.
 std::string ToPrintableLines(std::string_view csv)
 {
    std::string text;

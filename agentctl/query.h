@@ -7,8 +7,8 @@
 
 namespace Agentctl {
 
-/// Answers `query`, and with --watch goes on with rows newer than those shown, until `wait` says
-/// that there is nothing more to wait for. Without data, and not watching: NotFoundException.
+/// Prints the samples of an entity; with --watch it continues with newer ones until `wait` returns
+/// false. NotFoundException if there is no data and it is not a watch.
 void RunQuery(Api& api, const Options& options, Output& output, const WaitFunction& wait);
 
 } // namespace Agentctl

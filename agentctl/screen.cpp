@@ -18,11 +18,13 @@ namespace Agentctl {
 
 namespace {
 
-/// Alternate screen, no cursor, no wrapping; and back.
+constexpr int64_t kNanosecondsPerMillisecond = 1'000'000;
+
+/// Switch to the alternate screen, hide the cursor, disable wrapping; and the reverse.
 constexpr std::string_view kEnter = "\x1b[?1049h\x1b[?25l\x1b[?7l\x1b[2J";
 constexpr std::string_view kLeave = "\x1b[?7h\x1b[?25h\x1b[?1049l";
 
-// What the signal handlers need. They call only what may be called in one.
+// Shared with the signal handlers, which call async-signal-safe functions only.
 termios g_termiosBefore;
 termios g_termiosInUse;
 volatile sig_atomic_t g_hasTermios = 0;
@@ -31,7 +33,7 @@ volatile sig_atomic_t g_isResized = 0;
 
 void WriteRaw(std::string_view text)
 {
-   // The terminal may be gone: there is nobody left to tell.
+   // Nothing can be done if the terminal is gone.
    [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
 }
 
@@ -62,7 +64,7 @@ void OnStop(int)
    ::_exit(0);
 }
 
-/// The handler was set for one time only, so that the signal now does what it does by itself.
+/// SA_RESETHAND has restored the default action, so that raising the signal again ends the process.
 void OnDeath(int signal)
 {
    LeaveTerminal();
@@ -89,24 +91,25 @@ void SetHandler(int signal, void (*handler)(int), int flags)
    struct sigaction action = {};
    action.sa_handler = handler;
    action.sa_flags = flags;
-   ::sigfillset(&action.sa_mask); // one handler at a time
+   ::sigfillset(&action.sa_mask); // no handler interrupts another
    ::sigaction(signal, &action, nullptr);
 }
 
-/// Handlers of all that touches the terminal, or none.
-void SetHandlers(bool set)
+/// Installs the handlers of a screen, or restores the default actions.
+void SetHandlers(bool install)
 {
    for (const int signal : {SIGINT, SIGTERM}) {
-      SetHandler(signal, set ? OnStop : SIG_DFL, SA_RESTART);
+      SetHandler(signal, install ? OnStop : SIG_DFL, SA_RESTART);
    }
    for (const int signal : {SIGHUP, SIGQUIT}) {
-      SetHandler(signal, set ? OnDeath : SIG_DFL, static_cast<int>(SA_RESETHAND));
+      SetHandler(signal, install ? OnDeath : SIG_DFL, static_cast<int>(SA_RESETHAND));
    }
-   SetHandler(SIGTSTP, set ? OnSuspend : SIG_DFL, SA_RESTART);
-   SetHandler(SIGWINCH, set ? OnResize : SIG_DFL, SA_RESTART);
+   SetHandler(SIGTSTP, install ? OnSuspend : SIG_DFL, SA_RESTART);
+   SetHandler(SIGWINCH, install ? OnResize : SIG_DFL, SA_RESTART);
 }
 
-/// Holds the redraw signals back, so that none slips in between a look at the flag and the wait.
+/// Blocks the signals that request a redraw, so that none can arrive between the check of
+/// g_isResized and ppoll, which unblocks them.
 class RedrawSignalsBlocked {
 public:
    RedrawSignalsBlocked()
@@ -172,9 +175,9 @@ void Screen::Show(const std::vector<std::string>& lines)
    for (size_t i = 0; i < count; ++i) {
       const std::string line = CutToColumns(lines[i], size.columns);
       text += line;
-      // Behind a full line the cursor stands on its last character, which would be cleared, too.
+      // After a full line the cursor is still on its last character: clearing would erase it.
       text += CountColumns(line) < size.columns ? "\x1b[K" : "";
-      text += i + 1 < size.lines ? "\r\n" : ""; // behind the last line it would scroll
+      text += i + 1 < size.lines ? "\r\n" : ""; // after the last line it would scroll
    }
    if (count < size.lines) {
       text += "\x1b[J";
@@ -182,13 +185,13 @@ void Screen::Show(const std::vector<std::string>& lines)
    _output.Write(text);
 }
 
-Screen::Event Screen::Wait(int64_t atMostMs)
+Screen::Event Screen::Wait(int64_t timeoutMs)
 {
    const RedrawSignalsBlocked blocked;
    if (g_isResized == 0) {
-      const int64_t ms = std::max<int64_t>(atMostMs, 0);
+      const int64_t ms = std::max<int64_t>(timeoutMs, 0);
       const timespec timeout = {static_cast<time_t>(ms / 1000),
-                                static_cast<long>(ms % 1000 * 1000000)};
+                                static_cast<long>(ms % 1000 * kNanosecondsPerMillisecond)};
       pollfd keys = {_hasKeys ? STDIN_FILENO : -1, POLLIN, 0};
       if (::ppoll(&keys, 1, &timeout, &blocked.GetMaskBefore()) > 0) {
          char key = 0;

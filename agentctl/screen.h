@@ -9,15 +9,15 @@
 
 namespace Agentctl {
 
-/// Makes SIGINT and SIGTERM end the process at once with status 0: they are how a watch ends.
+/// Makes SIGINT and SIGTERM end the process immediately with status 0, as the normal end of a
+/// watch.
 void EndOnSignals();
 
-/// The terminal as one full screen that is drawn again and again, with single keys.
+/// The terminal in full-screen mode: shows whole screens and reads single keys.
 ///
-/// Whatever ends the process while a screen exists gives the terminal back as it was: the
-/// destructor; SIGINT and SIGTERM, which end with status 0 at once, a request under way included;
-/// SIGHUP and SIGQUIT, which end as ever. SIGTSTP gives it back for as long as the process is
-/// stopped. There is one screen at a time.
+/// The destructor restores the terminal, and so do signals that end the process: SIGINT and SIGTERM
+/// end it immediately with status 0, even during a request; SIGHUP and SIGQUIT act as usual. While
+/// SIGTSTP stops the process, the terminal is restored, too. Invariant: at most one screen exists.
 class Screen {
 public:
    struct Size {
@@ -25,28 +25,28 @@ public:
       size_t lines;
    };
    struct Event {
-      bool isResize = false; ///< or continued after a stop: to be drawn anew
-      char key = 0;          ///< 0: none came
+      bool isResize = false; ///< or continued after a stop: redraw
+      char key = 0;          ///< 0: none
    };
 
-   /// Keeps a reference. PlatformException where standard output is no terminal.
+   /// Keeps a reference. PlatformException if standard output is not a terminal.
    explicit Screen(Output& output);
    ~Screen();
    Screen(const Screen&) = delete;
    Screen& operator=(const Screen&) = delete;
 
-   /// As it is now; 80 by 24 where the terminal does not say.
+   /// The current size; 80 by 24 if the terminal does not report one.
    Size GetSize() const;
 
-   /// Shows the lines, which are printable, in place of what is there; what does not fit is cut.
+   /// Replaces the contents by these lines, which must be printable; cuts off what does not fit.
    void Show(const std::vector<std::string>& lines);
 
-   /// Waits for a key or a change of the size, at most so long.
-   Event Wait(int64_t atMostMs);
+   /// Waits for a key or a change of the size; a negative time is 0.
+   Event Wait(int64_t timeoutMs);
 
 private:
    Output& _output;
-   bool _hasKeys; ///< standard input is a terminal that has not ended
+   bool _hasKeys; ///< standard input is a terminal and has not ended
 };
 
 } // namespace Agentctl

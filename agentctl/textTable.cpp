@@ -10,7 +10,7 @@ namespace Agentctl {
 namespace {
 
 constexpr size_t kGap = 2;
-constexpr size_t kLeastFirstWidth = 8;
+constexpr size_t kMinFirstWidth = 8;
 
 } // namespace
 
@@ -18,6 +18,7 @@ TextTable::TextTable(std::vector<Column> columns)
    : _columns(std::move(columns)), _widths(_columns.size())
 {
    std::vector<std::string> titles;
+   titles.reserve(_columns.size());
    for (const Column& column : _columns) {
       titles.push_back(column.title);
    }
@@ -37,8 +38,8 @@ void TextTable::ShrinkTo(size_t lineColumns)
 {
    const size_t total =
       std::accumulate(_widths.begin(), _widths.end(), kGap * (_widths.size() - 1));
-   if (total > lineColumns && _widths[0] > kLeastFirstWidth) {
-      const size_t excess = std::min(total - lineColumns, _widths[0] - kLeastFirstWidth);
+   if (total > lineColumns && _widths[0] > kMinFirstWidth) {
+      const size_t excess = std::min(total - lineColumns, _widths[0] - kMinFirstWidth);
       _widths[0] -= excess;
    }
 }
@@ -46,6 +47,7 @@ void TextTable::ShrinkTo(size_t lineColumns)
 std::vector<std::string> TextTable::TakeLines()
 {
    std::vector<std::string> lines;
+   lines.reserve(_rows.size());
    for (const std::vector<std::string>& row : _rows) {
       lines.push_back(ToLine(row));
    }

@@ -5,28 +5,28 @@
 
 namespace Agentctl {
 
-/// Rows of text under titles, in columns as wide as their widest cell. What is given is made
-/// printable.
+/// Rows of text under titles, in columns as wide as their widest cell. Makes the cells printable.
 class TextTable {
 public:
    struct Column {
       std::string title;
-      bool isNumber = false; ///< numbers stand to the right
+      bool isNumber = false; ///< aligned to the right
    };
 
    explicit TextTable(std::vector<Column> columns);
 
-   /// One cell a column.
+   /// Takes one cell per column.
    void AddRow(const std::vector<std::string>& cells);
 
-   /// Makes the first column narrower, but not under eight, so that a line takes at most so many
-   /// columns of the terminal. To be called once all rows are there.
+   /// Makes the first column narrower, but not below eight, to fit the lines into this width. Call
+   /// it after adding all rows.
    void ShrinkTo(size_t lineColumns);
 
-   /// The lines added since the last call, the titles before the first. Columns only grow.
+   /// The lines added since the last call; the first line of the first call has the titles. Columns
+   /// only get wider from call to call.
    std::vector<std::string> TakeLines();
 
-   /// The same as one text, each line with its end.
+   /// The same as one text, with line ends.
    std::string TakeText();
 
 private:
@@ -34,7 +34,7 @@ private:
 
    std::vector<Column> _columns;
    std::vector<size_t> _widths;
-   std::vector<std::vector<std::string>> _rows; ///< the titles are the first row
+   std::vector<std::vector<std::string>> _rows; ///< not taken yet; initially the titles
 };
 
 } // namespace Agentctl

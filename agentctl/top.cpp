@@ -1,7 +1,6 @@
 #include "agentctl/top.h"
 
-#include "agentctl/printable.h"
-#include "agentctl/textTable.h"
+#include "agentctl/valueFormat.h"
 
 #include "corvax/exception.h"
 #include "corvax/format.h"
@@ -13,8 +12,6 @@
 namespace Agentctl {
 
 namespace {
-
-using Corvax::DateTime;
 
 struct WantedField {
    const char* group;
@@ -29,7 +26,7 @@ constexpr WantedField kWanted[] = {
    {"net", "usage", &TopRow::netKbps},
 };
 
-/// Raw values where the counter has them, else its only form.
+/// The counter of the raw values, or else the first one of that name.
 const Counter* FindCounter(const std::vector<Counter>& counters, const WantedField& wanted)
 {
    const Counter* found = nullptr;
@@ -46,38 +43,36 @@ std::string FormatType(const std::string& type)
 {
    static const std::map<std::string, std::string> types = {
       {"HostSystem", "host"}, {"VirtualMachine", "vm"}, {"ResourcePool", "pool"}};
-   const auto found = types.find(type);
-   return found == types.end() ? type : found->second;
+   return Shorten(type, types);
 }
 
 std::string FormatState(const std::optional<std::string>& state)
 {
    static const std::map<std::string, std::string> states = {{"poweredOn", "on"},
                                                              {"poweredOff", "off"}};
-   const auto found = states.find(state.value_or("-"));
-   return found == states.end() ? state.value_or("-") : found->second;
+   return Shorten(state.value_or(kUnsetText), states);
 }
 
-/// The pool that the entity is in, by its name where it is among the rows.
+/// Works on rows that are const or not.
+auto FindRow(auto& rows, const std::string& entityId)
+{
+   return std::ranges::find_if(
+      rows, [&entityId](const TopRow& row) { return row.entity.id == entityId; });
+}
+
+/// The name of the entity's pool, or its id if the pool has no row.
 std::string FormatPool(const Entity& entity, const std::vector<TopRow>& rows)
 {
    if (!entity.parent) {
-      return "-";
+      return kUnsetText;
    }
-   const auto pool = std::find_if(rows.begin(), rows.end(), [&entity](const TopRow& row) {
-      return row.entity.id == *entity.parent;
-   });
+   const auto pool = FindRow(rows, *entity.parent);
    return pool == rows.end() ? *entity.parent : pool->entity.name;
-}
-
-std::string FormatNumber(const std::optional<int64_t>& value)
-{
-   return value ? Corvax::ToText(*value) : "-";
 }
 
 std::string FormatPercent(const std::optional<int64_t>& hundredths)
 {
-   return hundredths ? FormatHundredths(*hundredths) : "-";
+   return hundredths ? FormatHundredths(*hundredths) : kUnsetText;
 }
 
 std::optional<int64_t> ToMb(const std::optional<int64_t>& kb)
@@ -85,25 +80,8 @@ std::optional<int64_t> ToMb(const std::optional<int64_t>& kb)
    return kb ? std::optional(*kb / 1024) : std::nullopt;
 }
 
-std::optional<int64_t> GetSortValue(const TopRow& row, SortKey key)
-{
-   switch (key) {
-   case SortKey::CPU:
-      return row.cpuMhz;
-   case SortKey::MEMORY:
-      return row.memConsumedKb;
-   case SortKey::DISK:
-      return row.diskKbps;
-   case SortKey::NETWORK:
-      return row.netKbps;
-   case SortKey::READY:
-      return row.readyMs;
-   }
-   Corvax::NotReached("every sort key has its value");
-}
-
-/// The newest value of a counter: the aggregate's where it is set, else the sum of the instances,
-/// for a virtual machine's ready time is kept of each CPU only.
+/// The newest value of a counter: the aggregate's if it is set, else the sum of the instances. (The
+/// ready time of a virtual machine has no aggregate, only one instance per CPU.)
 std::optional<int64_t> GetNewest(const EntitySeries& figures, int64_t counterId)
 {
    std::optional<int64_t> sum;
@@ -115,7 +93,7 @@ std::optional<int64_t> GetNewest(const EntitySeries& figures, int64_t counterId)
          return series.values.back();
       }
       int64_t next = 0;
-      // Figures so large are nonsense, but no reason for undefined behaviour.
+      // Signed overflow is undefined; whatever the server sends must not reach it.
       if (!__builtin_add_overflow(sum.value_or(0), *series.values.back(), &next)) {
          sum = next;
       }
@@ -141,18 +119,18 @@ void TopSource::Prepare(const std::vector<Entity>& entities)
          continue;
       }
       _fields.push_back({counter->id, wanted.value});
-      const bool ofEachCpu = wanted.value == &TopRow::readyMs;
-      _metrics.push_back({counter->id, ofEachCpu ? "*" : ""});
+      const bool isPerCpu = wanted.value == &TopRow::readyMs;
+      _metrics.push_back({counter->id, isPerCpu ? "*" : ""});
    }
    if (_fields.empty()) {
-      throw Corvax::NotFoundException("the server has none of the counters to show");
+      throw Corvax::NotFoundException("the server has none of the counters of this table");
    }
 }
 
 TopView TopSource::Read()
 {
    TopView view;
-   std::vector<EntitySeries> answer;
+   std::vector<EntitySeries> response;
    try {
       const std::vector<Entity> entities = _api.GetEntities();
       Prepare(entities);
@@ -160,64 +138,52 @@ TopView TopSource::Read()
          view.rows.push_back({entity, {}, {}, {}, {}, {}, {}, {}});
       }
       if (!entities.empty()) {
-         answer = _api.QueryNewest(entities, _metrics, _intervalSec);
+         response = _api.QueryNewest(entities, _metrics, _intervalSec);
       }
    } catch (...) {
       _fields.clear();
       throw;
    }
    view.intervalSec = _intervalSec;
-   std::erase_if(answer, [](const EntitySeries& figures) { return figures.times.empty(); });
-   for (const EntitySeries& figures : answer) {
+   std::erase_if(response, [](const EntitySeries& figures) { return figures.times.empty(); });
+   for (const EntitySeries& figures : response) {
       view.newest = std::max(view.newest.value_or(figures.times.back()), figures.times.back());
    }
-   for (const EntitySeries& figures : answer) {
-      const int64_t ageUs =
-         view.newest->GetUtcMicroseconds() - figures.times.back().GetUtcMicroseconds();
-      const auto row = std::find_if(view.rows.begin(), view.rows.end(), [&](const TopRow& other) {
-         return other.entity.id == figures.entityId;
-      });
-      if (row == view.rows.end() || ageUs / 1000000 > _intervalSec) {
-         continue;
-      }
-      for (const Field& field : _fields) {
-         (*row).*field.value = GetNewest(figures, field.counterId);
-      }
+   for (const EntitySeries& figures : response) {
+      SetFigures(view, figures);
    }
    return view;
 }
 
-std::optional<SortKey> GetSortKey(char key)
+void TopSource::SetFigures(TopView& view, const EntitySeries& figures) const
 {
-   switch (key) {
-   case 'c':
-      return SortKey::CPU;
-   case 'm':
-      return SortKey::MEMORY;
-   case 'd':
-      return SortKey::DISK;
-   case 'n':
-      return SortKey::NETWORK;
-   case 'r':
-      return SortKey::READY;
-   default:
-      return std::nullopt;
+   const int64_t ageUs =
+      view.newest->GetUtcMicroseconds() - figures.times.back().GetUtcMicroseconds();
+   const auto row = FindRow(view.rows, figures.entityId);
+   if (row == view.rows.end() || ageUs / Corvax::kMicrosecondsPerSecond > _intervalSec) {
+      return;
+   }
+   for (const Field& field : _fields) {
+      (*row).*field.value = GetNewest(figures, field.counterId);
    }
 }
 
-void SortRows(std::vector<TopRow>& rows, SortKey key)
+const SortKey* FindSortKey(char key)
 {
-   std::sort(rows.begin(), rows.end(), [key](const TopRow& left, const TopRow& right) {
+   const SortKey* const found = std::ranges::find(kSortKeys, key, &SortKey::key);
+   return found == std::end(kSortKeys) ? nullptr : found;
+}
+
+void SortRows(std::vector<TopRow>& rows, const SortKey& key)
+{
+   std::ranges::sort(rows, [&key](const TopRow& left, const TopRow& right) {
       // An unset optional is less than any set one.
-      const auto leftValue = GetSortValue(left, key);
-      const auto rightValue = GetSortValue(right, key);
-      return std::tie(rightValue, left.entity.name, left.entity.id) <
-             std::tie(leftValue, right.entity.name, right.entity.id);
+      return std::tie(right.*key.value, left.entity.name, left.entity.id) <
+             std::tie(left.*key.value, right.entity.name, right.entity.id);
    });
 }
 
-std::vector<std::string> FormatRows(const std::vector<TopRow>& rows,
-                                    std::optional<size_t> lineColumns)
+TextTable ToTable(const std::vector<TopRow>& rows)
 {
    TextTable table({{"NAME"},
                     {"TYPE"},
@@ -237,10 +203,7 @@ std::vector<std::string> FormatRows(const std::vector<TopRow>& rows,
                     FormatNumber(ToMb(row.memConsumedKb)), FormatPercent(row.memHundredths),
                     FormatNumber(row.diskKbps), FormatNumber(row.netKbps)});
    }
-   if (lineColumns) {
-      table.ShrinkTo(*lineColumns);
-   }
-   return table.TakeLines();
+   return table;
 }
 
 } // namespace Agentctl

@@ -1,10 +1,11 @@
 #pragma once
 
 #include "agentctl/api.h"
+#include "agentctl/textTable.h"
 
 namespace Agentctl {
 
-/// The newest figures of an entity.
+/// An entity and its newest figures.
 struct TopRow {
    Entity entity;
    std::optional<int64_t> cpuMhz;
@@ -18,23 +19,24 @@ struct TopRow {
 
 struct TopView {
    std::vector<TopRow> rows;
-   std::optional<Corvax::DateTime> newest; ///< stamp of the newest figures
+   std::optional<Corvax::DateTime> newest; ///< time stamp of the newest figures
    int64_t intervalSec = 0;
 };
 
-/// Reads the figures of all entities.
+/// Reads the newest figures of all entities.
 class TopSource {
 public:
    /// Keeps a reference.
    explicit TopSource(Api& api) : _api(api) {}
 
-   /// Entities and figures as they are now. What is more than an interval older than the newest
-   /// figure is left unset: of an entity that is switched off, the newest sample is an old one.
-   /// Counters and interval are read again after a failure, for it may be another server then.
+   /// Leaves figures unset that are more than one interval older than the newest of all, such as
+   /// those of a virtual machine that is switched off. After a failure the next call reads the
+   /// counters and the interval again, because another agent may be running by then.
    TopView Read();
 
 private:
    void Prepare(const std::vector<Entity>& entities);
+   void SetFigures(TopView& view, const EntitySeries& figures) const;
 
    struct Field {
       int64_t counterId;
@@ -42,21 +44,31 @@ private:
    };
 
    Api& _api;
-   std::vector<Field> _fields; ///< empty: to be read
+   std::vector<Field> _fields; ///< empty: not read yet
    std::vector<Metric> _metrics;
    int64_t _intervalSec = 0;
 };
 
-enum class SortKey { CPU, MEMORY, DISK, NETWORK, READY };
+/// A column that the rows can be sorted by.
+struct SortKey {
+   char key; ///< on the keyboard
+   const char* title;
+   std::optional<int64_t> TopRow::* value;
+};
 
-/// The key of the keyboard, or nothing.
-std::optional<SortKey> GetSortKey(char key);
+/// The first one is the default.
+constexpr SortKey kSortKeys[] = {
+   {'c', "CPU", &TopRow::cpuMhz},         {'m', "memory", &TopRow::memConsumedKb},
+   {'d', "disk", &TopRow::diskKbps},      {'n', "network", &TopRow::netKbps},
+   {'r', "ready time", &TopRow::readyMs},
+};
 
-/// Largest first, unset last; equal ones by name and id.
-void SortRows(std::vector<TopRow>& rows, SortKey key);
+/// Null if the key of the keyboard sorts by nothing.
+const SortKey* FindSortKey(char key);
 
-/// The table's lines, titles first. With `lineColumns` names are cut so that they fit.
-std::vector<std::string> FormatRows(const std::vector<TopRow>& rows,
-                                    std::optional<size_t> lineColumns);
+/// Sorts by descending value, unset ones last; equal ones by name and id.
+void SortRows(std::vector<TopRow>& rows, const SortKey& key);
+
+TextTable ToTable(const std::vector<TopRow>& rows);
 
 } // namespace Agentctl

@@ -1,45 +1,35 @@
 #include "agentctl/topCommand.h"
 
+#include "agentctl/options.h"
 #include "agentctl/printable.h"
 #include "agentctl/screen.h"
 #include "agentctl/top.h"
+#include "agentctl/valueFormat.h"
 
 #include "corvax/exception.h"
 #include "corvax/format.h"
-
-#include <algorithm>
-#include <chrono>
+#include "corvax/system.h"
 
 namespace Agentctl {
 
 namespace {
 
-using Corvax::DateTime;
 using Corvax::Format;
-using SteadyClock = std::chrono::steady_clock;
+using Corvax::System;
 
 int64_t GetPauseSec(const TopView& view)
 {
-   const int64_t newestUs = view.newest ? view.newest->GetUtcMicroseconds() : 0;
-   return GetSecondsToNext(newestUs / 1000000, DateTime::Now().GetUtcMicroseconds() / 1000000,
-                           view.intervalSec);
+   return GetSecondsToNext(view.newest, view.intervalSec);
 }
 
-const char* GetTitle(SortKey key)
+/// The screen's line that explains the keys.
+std::string FormatKeys()
 {
-   switch (key) {
-   case SortKey::CPU:
-      return "CPU";
-   case SortKey::MEMORY:
-      return "memory";
-   case SortKey::DISK:
-      return "disk";
-   case SortKey::NETWORK:
-      return "network";
-   case SortKey::READY:
-      return "ready time";
+   std::string text = "sort:";
+   for (const SortKey& key : kSortKeys) {
+      text += Format(" %1 %2 ", std::string(1, key.key), key.title);
    }
-   Corvax::NotReached("every sort key has its title");
+   return text + "  q quit";
 }
 
 std::string FormatNewest(const TopView& view)
@@ -47,7 +37,7 @@ std::string FormatNewest(const TopView& view)
    return view.newest ? "figures of " + FormatTime(*view.newest, false) : "no figures yet";
 }
 
-/// The table on the screen, with what its user and its server do to it.
+/// The table on the screen, redrawn for each key, change of the size and response.
 class LiveTop {
 public:
    LiveTop(const std::string& server, Screen& screen, TopSource& source, TopView view)
@@ -60,14 +50,15 @@ public:
       ScheduleNext();
       while (true) {
          Draw();
-         const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(_next - SteadyClock::now()).count();
-         const Screen::Event event = left > 0 ? _screen.Wait(left) : Screen::Event();
+         const int64_t leftUs = _nextUs - System::GetMonotonicTime();
+         const Screen::Event event = _screen.Wait((leftUs + 999) / 1000);
          if (event.key == 'q') {
             return;
          }
-         _key = GetSortKey(event.key).value_or(_key);
-         if (SteadyClock::now() >= _next) {
+         if (const SortKey* const key = FindSortKey(event.key)) {
+            _key = key;
+         }
+         if (System::GetMonotonicTime() >= _nextUs) {
             Refresh();
          }
       }
@@ -85,25 +76,29 @@ private:
       ScheduleNext();
    }
 
-   void ScheduleNext() { _next = SteadyClock::now() + std::chrono::seconds(GetPauseSec(_view)); }
+   void ScheduleNext()
+   {
+      _nextUs = System::GetMonotonicTime() + GetPauseSec(_view) * Corvax::kMicrosecondsPerSecond;
+   }
 
    void Draw()
    {
-      SortRows(_view.rows, _key);
+      SortRows(_view.rows, *_key);
       const Screen::Size size = _screen.GetSize();
-      std::vector<std::string> lines = {
-         Format("agentctl top  %1  %2  by %3", Printable(_server), FormatNewest(_view),
-                GetTitle(_key)),
-         _failure.empty() ? "sort: c CPU  m memory  d disk  n network  r ready   q quit"
-                          : _failure};
-      std::vector<std::string> table = FormatRows(_view.rows, size.columns);
+      std::vector<std::string> lines = {Format("%1 top  %2  %3  by %4", kProgramName,
+                                               Printable(_server), FormatNewest(_view),
+                                               _key->title),
+                                        _failure.empty() ? FormatKeys() : _failure};
+      TextTable table = ToTable(_view.rows);
+      table.ShrinkTo(size.columns);
+      std::vector<std::string> rows = table.TakeLines();
       const size_t room = size.lines > lines.size() ? size.lines - lines.size() : 0;
-      if (table.size() > room && room > 1) {
-         const size_t hidden = table.size() - (room - 1);
-         table.resize(room - 1);
-         table.push_back(Format("... %1 more", hidden));
+      if (rows.size() > room && room > 1) {
+         const size_t hidden = rows.size() - (room - 1);
+         rows.resize(room - 1);
+         rows.push_back(Format("... %1 more", hidden));
       }
-      lines.insert(lines.end(), table.begin(), table.end());
+      lines.insert(lines.end(), rows.begin(), rows.end());
       _screen.Show(lines);
    }
 
@@ -111,9 +106,9 @@ private:
    Screen& _screen;
    TopSource& _source;
    TopView _view;
-   SortKey _key = SortKey::CPU;
+   const SortKey* _key = kSortKeys;
    std::string _failure;
-   SteadyClock::time_point _next;
+   int64_t _nextUs = 0; ///< monotonic time of the next request
 };
 
 } // namespace
@@ -123,12 +118,8 @@ void PrintTop(Api& api, int64_t count, Output& output, const WaitFunction& wait)
    TopSource source(api);
    for (int64_t i = 0; i < count; ++i) {
       TopView view = source.Read();
-      SortRows(view.rows, SortKey::CPU);
-      std::string text = i > 0 ? "\n" : "";
-      for (const std::string& line : FormatRows(view.rows, std::nullopt)) {
-         text += line + "\n";
-      }
-      output.Write(text);
+      SortRows(view.rows, kSortKeys[0]);
+      output.Write((i > 0 ? "\n" : "") + ToTable(view.rows).TakeText());
       if (i + 1 < count && !wait(GetPauseSec(view))) {
          return;
       }
@@ -138,7 +129,7 @@ void PrintTop(Api& api, int64_t count, Output& output, const WaitFunction& wait)
 void ShowTop(Api& api, const std::string& server, Output& output)
 {
    TopSource source(api);
-   TopView view = source.Read(); // before the screen, so that a failure is seen
+   TopView view = source.Read(); // before the screen hides the message of a failure
    Screen screen(output);
    LiveTop(server, screen, source, std::move(view)).Run();
 }

@@ -1,0 +1,167 @@
+#include "agentctl/screen.h"
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+namespace {
+
+using namespace Agentctl;
+
+constexpr tcflag_t kLineFlags = ECHO | ICANON;
+
+/// Reached only if what a test waits for never happens.
+constexpr int kTimeoutSec = 60;
+
+/// A screen in a process and on a terminal of its own. It draws its width; the key q ends it with
+/// status 3.
+class ScreenProcess {
+public:
+   ScreenProcess()
+   {
+      // Blocked, so that none is lost before WaitForStatus waits for it.
+      ::sigemptyset(&_childSignal);
+      ::sigaddset(&_childSignal, SIGCHLD);
+      ::pthread_sigmask(SIG_BLOCK, &_childSignal, &_maskBefore);
+      winsize size = GetWindowSize(30);
+      _pid = ::forkpty(&_terminal, nullptr, nullptr, &size);
+      if (_pid == 0) {
+         ::pthread_sigmask(SIG_SETMASK, &_maskBefore, nullptr);
+         ::_exit(RunChild());
+      }
+   }
+   ~ScreenProcess()
+   {
+      if (!_hasEnded) {
+         ::kill(_pid, SIGKILL);
+         ::waitpid(_pid, nullptr, 0);
+      }
+      ::close(_terminal);
+      ::pthread_sigmask(SIG_SETMASK, &_maskBefore, nullptr);
+   }
+   ScreenProcess(const ScreenProcess&) = delete;
+   ScreenProcess& operator=(const ScreenProcess&) = delete;
+
+   void Signal(int signal) { ::kill(_pid, signal); }
+   void Type(char key) { EXPECT_EQ(::write(_terminal, &key, 1), 1); }
+   void Resize(unsigned short columns)
+   {
+      const winsize size = GetWindowSize(columns);
+      ::ioctl(_terminal, TIOCSWINSZ, &size);
+   }
+   /// Reads up to the text; false if it does not arrive.
+   bool Expect(const std::string& text)
+   {
+      std::string seen;
+      char bytes[256];
+      while (seen.find(text) == std::string::npos) {
+         pollfd readable = {_terminal, POLLIN, 0};
+         const bool isReadable = ::poll(&readable, 1, kTimeoutSec * 1000) > 0;
+         const ssize_t length = isReadable ? ::read(_terminal, bytes, sizeof bytes) : -1;
+         if (length <= 0) {
+            return false;
+         }
+         seen.append(bytes, static_cast<size_t>(length));
+      }
+      return true;
+   }
+   /// Those of kLineFlags that are set.
+   tcflag_t GetLineFlags() const
+   {
+      termios now = {};
+      ::tcgetattr(_terminal, &now);
+      return now.c_lflag & kLineFlags;
+   }
+   /// Waits until the process ends, or with WUNTRACED stops. -1 if it does not.
+   int WaitForStatus(int options = 0)
+   {
+      int status = -1;
+      const timespec timeout = {kTimeoutSec, 0};
+      while (::waitpid(_pid, &status, options | WNOHANG) == 0) {
+         if (::sigtimedwait(&_childSignal, nullptr, &timeout) < 0 && errno == EAGAIN) {
+            return -1;
+         }
+      }
+      _hasEnded = WIFEXITED(status) || WIFSIGNALED(status);
+      return status;
+   }
+
+private:
+   static winsize GetWindowSize(unsigned short columns)
+   {
+      winsize size = {};
+      size.ws_col = columns;
+      size.ws_row = 5;
+      return size;
+   }
+
+   static int RunChild()
+   {
+      const auto standardOutput = NewStandardOutput();
+      Screen screen(*standardOutput);
+      while (true) {
+         screen.Show({"columns=" + std::to_string(screen.GetSize().columns) + ";"});
+         if (screen.Wait(INT32_MAX).key == 'q') {
+            return 3;
+         }
+      }
+   }
+
+   int _terminal = -1;
+   pid_t _pid = -1;
+   bool _hasEnded = false;
+   sigset_t _childSignal;
+   sigset_t _maskBefore;
+};
+
+constexpr char kLeave[] = "\x1b[?1049l";
+
+TEST(ScreenTest, RestoresTheTerminalForEverySignalThatEndsIt)
+{
+   for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+      ScreenProcess process;
+      ASSERT_TRUE(process.Expect("columns=30;"));
+      EXPECT_EQ(process.GetLineFlags(), 0U);
+      process.Signal(signal);
+      EXPECT_TRUE(process.Expect(kLeave)) << signal;
+      const int status = process.WaitForStatus();
+      EXPECT_EQ(process.GetLineFlags(), kLineFlags) << signal;
+      if (signal == SIGINT || signal == SIGTERM) {
+         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << signal;
+      } else {
+         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << signal;
+      }
+   }
+}
+
+TEST(ScreenTest, FollowsResizesAndStops)
+{
+   ScreenProcess process;
+   ASSERT_TRUE(process.Expect("columns=30;"));
+   process.Resize(40);
+   EXPECT_TRUE(process.Expect("columns=40;"));
+   process.Resize(8);
+   EXPECT_TRUE(process.Expect("columns…"));
+   process.Signal(SIGTSTP);
+   EXPECT_TRUE(process.Expect(kLeave));
+   EXPECT_TRUE(WIFSTOPPED(process.WaitForStatus(WUNTRACED)));
+   EXPECT_EQ(process.GetLineFlags(), kLineFlags);
+   process.Signal(SIGCONT);
+   EXPECT_TRUE(process.Expect("columns…"));
+   EXPECT_EQ(process.GetLineFlags(), 0U);
+   process.Type('q');
+   EXPECT_TRUE(process.Expect(kLeave));
+   const int status = process.WaitForStatus();
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+   EXPECT_EQ(process.GetLineFlags(), kLineFlags);
+}
+
+} // namespace

@@ -1,0 +1,70 @@
+#include "agentctl/top.h"
+#include "agentctl/topCommand.h"
+#include "tests/agentctl/scriptedAgent.h"
+
+#include <algorithm>
+
+namespace {
+
+using namespace Agentctl;
+
+/// A host, a pool, and two virtual machines in it, one of them switched off.
+class TopTest : public AgentctlTest {
+public:
+   TopTest()
+   {
+      agent.Respond("/api/v1/entities", R"([
+         {"type":"ResourcePool","id":"p","name":"pool","state":null,"parent":null},
+         {"type":"VirtualMachine","id":"old","name":"off","state":"poweredOff","parent":"p"},
+         {"type":"VirtualMachine","id":"v","name":"web\u001b[2J","state":"poweredOn",
+          "parent":"p"},
+         {"type":"HostSystem","id":"ha-host","name":"host","state":null,"parent":null}])");
+      const std::vector<std::string> times = {"09:05:00", "09:05:20"};
+      agent.Respond(
+         "/api/v1/query",
+         ToJsonList({EntityJson("v", times,
+                                {SeriesJson(11, "0", "[9,30]"), SeriesJson(11, "1", "[9,12]"),
+                                 SeriesJson(4, "", "[9,300]")}),
+                     EntityJson("ha-host", times,
+                                {SeriesJson(0, "", "[1,1234]"), SeriesJson(4, "", "[1,2000]")}),
+                     EntityJson("old", {"09:00:00"}, {SeriesJson(4, "", "[5]")})}));
+   }
+};
+
+TEST_F(TopTest, PrintsNewestFiguresByCpuUse)
+{
+   PrintTop(api, 1, output, noWait);
+   EXPECT_EQ(output.text,
+             "NAME        TYPE  STATE  POOL  CPU MHz  CPU %  READY ms  MEM MB  MEM %  DISK KB/s  "
+             "NET KB/s\n"
+             "host        host  -      -        2000  12.34         -       -      -          -  "
+             "       -\n"
+             "web\\x1b[2J  vm    on     pool      300      -        42       -      -          -  "
+             "       -\n"
+             "off         vm    off    pool        -      -         -       -      -          -  "
+             "       -\n"
+             "pool        pool  -      -           -      -         -       -      -          -  "
+             "       -\n");
+}
+
+TEST_F(TopTest, SendsOneQueryForAllEntities)
+{
+   PrintTop(api, 1, output, noWait);
+   EXPECT_EQ(std::ranges::count(agent.requests, "/api/v1/query"), 1);
+   for (const char* const id : {R"("entity":"p")", R"("entity":"old")", R"("entity":"ha-host")"}) {
+      EXPECT_NE(agent.lastBody.find(id), std::string::npos);
+   }
+}
+
+TEST_F(TopTest, SortsByAnyKeyAndShortensNames)
+{
+   TopView view = TopSource(api).Read();
+   SortRows(view.rows, *FindSortKey('r'));
+   EXPECT_EQ(view.rows.front().entity.id, "v");
+   TextTable table = ToTable(view.rows);
+   table.ShrinkTo(89);
+   EXPECT_EQ(table.TakeLines()[1].substr(0, 13), "web\\x1b…  v");
+   EXPECT_EQ(FindSortKey('x'), nullptr);
+}
+
+} // namespace
