@@ -1,13 +1,12 @@
 #include "agentctl/commands.h"
 #include "agentctl/options.h"
-#include "agentctl/printable.h"
 #include "agentctl/query.h"
 #include "agentctl/screen.h"
 #include "agentctl/topCommand.h"
+#include "console/program.h"
 
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <thread>
 
@@ -56,15 +55,14 @@ int Main(int argc, char** argv)
    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
       return *status;
    }
-   try {
-      RunCommand(options, *NewStandardOutput());
-      return EXIT_SUCCESS;
-   } catch (const OutputClosed&) {
-      return EXIT_SUCCESS; // as in `agentctl counters | head`
-   } catch (const std::exception& e) {
-      std::fprintf(stderr, "%s: %s\n", kProgramName, Printable(e.what()).c_str());
-      return kExitFailure;
-   }
+   return Console::Run(kProgramName, [&options] {
+      try {
+         RunCommand(options, *NewStandardOutput());
+         return EXIT_SUCCESS;
+      } catch (const OutputClosed&) {
+         return EXIT_SUCCESS; // as in `agentctl counters | head`
+      }
+   });
 }
 
 } // namespace

@@ -1,31 +1,16 @@
 #include "agentctl/options.h"
 
 #include "agentctl/httpClient.h"
-#include "agentctl/printable.h"
-#include "agentctl/version.h"
+#include "console/program.h"
 #include "corvax/exception.h"
-#include "corvax/format.h"
 
 #include <CLI/CLI.hpp>
-
-#include <iostream>
 
 namespace Agentctl {
 
 namespace {
 
-/// Accepts integers that are not less than `least`.
-CLI::Validator AtLeast(int64_t least)
-{
-   const auto check = [least](const std::string& text) {
-      int64_t number = 0;
-      const bool isNumber = CLI::detail::lexical_cast(text, number);
-      return isNumber && number >= least
-                ? std::string()
-                : Corvax::Format("'%1' is not an integer of at least %2", text, least);
-   };
-   return CLI::Validator(check, "");
-}
+using Console::AtLeast;
 
 std::string CheckServer(const std::string& url)
 {
@@ -135,17 +120,7 @@ std::optional<int> ParseOptions(int argc, const char* const* argv, Options& opti
          throw CLI::ValidationError("--watch", "requires --format table");
       }
    });
-   app.set_version_flag("--version", std::string(kProgramName) + " " + kVersion);
-   try {
-      app.parse(argc, argv);
-   } catch (const CLI::Success& e) {
-      return app.exit(e);
-   } catch (const CLI::ParseError& e) {
-      std::cerr << kProgramName << ": " << Printable(e.what())
-                << " (agentctl --help lists the options)\n";
-      return kExitUsage;
-   }
-   return std::nullopt;
+   return Console::ParseOptions(app, argc, argv);
 }
 
 } // namespace Agentctl

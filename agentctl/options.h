@@ -9,9 +9,6 @@ namespace Agentctl {
 
 constexpr char kProgramName[] = "agentctl";
 
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-
 enum class Command { ENTITIES, COUNTERS, INTERVALS, METRICS, QUERY, USAGE, TOP };
 enum class QueryFormat { TABLE, CSV, JSON };
 

@@ -1,9 +1,9 @@
 #include "agentctl/query.h"
 
 #include "agentctl/metricNames.h"
-#include "agentctl/printable.h"
 #include "agentctl/textTable.h"
 #include "agentctl/valueFormat.h"
+#include "console/printable.h"
 
 #include "corvax/exception.h"
 
@@ -120,7 +120,7 @@ std::string ToPrintableLines(std::string_view csv)
       if (line.ends_with('\r')) {
          line.remove_suffix(1);
       }
-      text += Printable(line) + "\n";
+      text += Console::Printable(line) + "\n";
    }
    return text;
 }

@@ -1,6 +1,6 @@
 #include "agentctl/screen.h"
 
-#include "agentctl/printable.h"
+#include "console/printable.h"
 
 #include "corvax/exception.h"
 
@@ -173,10 +173,10 @@ void Screen::Show(const std::vector<std::string>& lines)
    std::string text = "\x1b[H";
    const size_t count = std::min(lines.size(), size.lines);
    for (size_t i = 0; i < count; ++i) {
-      const std::string line = CutToColumns(lines[i], size.columns);
+      const std::string line = Console::CutToColumns(lines[i], size.columns);
       text += line;
       // After a full line the cursor is still on its last character: clearing would erase it.
-      text += CountColumns(line) < size.columns ? "\x1b[K" : "";
+      text += Console::CountColumns(line) < size.columns ? "\x1b[K" : "";
       text += i + 1 < size.lines ? "\r\n" : ""; // after the last line it would scroll
    }
    if (count < size.lines) {

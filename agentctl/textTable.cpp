@@ -1,6 +1,6 @@
 #include "agentctl/textTable.h"
 
-#include "agentctl/printable.h"
+#include "console/printable.h"
 
 #include <algorithm>
 #include <numeric>
@@ -8,6 +8,9 @@
 namespace Agentctl {
 
 namespace {
+
+using Console::CountColumns;
+using Console::CutToColumns;
 
 constexpr size_t kGap = 2;
 constexpr size_t kMinFirstWidth = 8;
@@ -29,7 +32,7 @@ void TextTable::AddRow(const std::vector<std::string>& cells)
 {
    std::vector<std::string>& row = _rows.emplace_back();
    for (size_t i = 0; i < _columns.size(); ++i) {
-      row.push_back(Printable(cells.at(i)));
+      row.push_back(Console::Printable(cells.at(i)));
       _widths[i] = std::max(_widths[i], CountColumns(row.back()));
    }
 }

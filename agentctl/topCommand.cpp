@@ -1,10 +1,10 @@
 #include "agentctl/topCommand.h"
 
 #include "agentctl/options.h"
-#include "agentctl/printable.h"
 #include "agentctl/screen.h"
 #include "agentctl/top.h"
 #include "agentctl/valueFormat.h"
+#include "console/printable.h"
 
 #include "corvax/exception.h"
 #include "corvax/format.h"
@@ -14,6 +14,7 @@ namespace Agentctl {
 
 namespace {
 
+using Console::Printable;
 using Corvax::Format;
 using Corvax::System;
 

@@ -109,8 +109,9 @@ room(http SEES corvax TAKES sockets polling locks threads files httplib)
 room(managementApi SEES http ${services} quen plexa corvax TAKES json)
 room(agentd SEES managementApi http linuxHost simHost inventory ${services} ${interfaces}
    TAKES files polling threads processes modules commandLine)
-room(qsh SEES qsh/framework corvax TAKES processes terminal lineEditing commandLine)
-room(agentctl SEES corvax TAKES polling threads processes terminal json httplib commandLine)
+room(console SEES corvax TAKES commandLine)
+room(qsh SEES qsh/framework console corvax TAKES processes terminal lineEditing commandLine)
+room(agentctl SEES console corvax TAKES polling threads processes terminal json httplib commandLine)
 
 # Tests and measurements see what they exercise; they may take any system header.
 set(system files sockets polling locks threads processes modules time terminal)
@@ -124,6 +125,7 @@ room(tests/linuxHost/libvirt SEES linuxHost/libvirt linuxHost ${fakes} TAKES ${s
 room(tests/simHost SEES simHost metrix/* inventory ${fakes} TAKES ${system} gtest)
 room(tests/http SEES http ${fakes} TAKES ${system} gtest zlib)
 room(tests/managementApi SEES managementApi http metrix/* ${fakes} TAKES ${system} gtest httplib)
+room(tests/console SEES console ${fakes} TAKES ${system} gtest)
 room(tests/agentctl SEES agentctl ${fakes} TAKES ${system} gtest httplib)
 room(tests/qsh SEES qsh/framework ${fakes} TAKES ${system} gtest)
 room(bench SEES metrix/* simHost linuxHost linuxHost/kernel inventory ${services} ${interfaces}

@@ -1,6 +1,7 @@
 #include "qsh/lineEditor.h"
 
 #include "corvax/exception.h"
+#include "qsh/options.h"
 
 #include <histedit.h>
 
@@ -42,7 +43,7 @@ LineEditor& SelfOf(EditLine* edit)
 LineEditor::LineEditor(std::string prompt, std::string historyFile, Candidates candidates)
    : _prompt(std::move(prompt)), _historyFile(std::move(historyFile)),
      _candidates(std::move(candidates)), _history(::history_init(), ::history_end),
-     _edit(::el_init("qsh", stdin, stdout, stderr), ::el_end)
+     _edit(::el_init(kProgramName, stdin, stdout, stderr), ::el_end)
 {
    if (!_history || !_edit) {
       throw Corvax::Exception("The terminal cannot be used for editing");

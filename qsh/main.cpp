@@ -1,3 +1,4 @@
+#include "console/program.h"
 #include "corvax/application.h"
 #include "corvax/exception.h"
 #include "qsh/framework/internalState.h"
@@ -18,16 +19,17 @@ namespace {
 using Corvax::Ref;
 using QshFramework::TessQshInternalState;
 
-/// The application object, with loggers that say errors only, for as long as the shell runs.
+/// Owns the application object while the shell runs. Its loggers print errors only.
 class ApplicationScope {
 public:
    ApplicationScope()
    {
       const Ref<Corvax::LogManager> logManager = Corvax::NewLogManager();
       logManager->SetDefaultLevel("error");
-      Ref<Corvax::XmlConfig> nothing;
-      Corvax::GetXmlConfig("", nothing);
-      Corvax::Service::SetApp(Corvax::NewApplication(logManager, Corvax::NewConfigStore(nothing)));
+      Ref<Corvax::XmlConfig> emptyConfig;
+      Corvax::GetXmlConfig("", emptyConfig);
+      Corvax::Service::SetApp(
+         Corvax::NewApplication(logManager, Corvax::NewConfigStore(emptyConfig)));
    }
    ~ApplicationScope() { Corvax::Service::SetApp(nullptr); }
    ApplicationScope(const ApplicationScope&) = delete;
@@ -58,8 +60,8 @@ void RunScript(std::istream& script, TessQshInternalState& shell)
    }
 }
 
-/// Empty when there is no home to write to.
-std::string HistoryFile()
+/// Empty if the user has no writable home directory.
+std::string GetHistoryFile()
 {
    const char* const home = std::getenv("HOME");
    const bool isUsable = home != nullptr && *home != '\0' && ::access(home, W_OK) == 0;
@@ -68,7 +70,7 @@ std::string HistoryFile()
 
 void RunInteractive(TessQshInternalState& shell)
 {
-   LineEditor editor("qsh> ", HistoryFile(), [&shell](const std::string& wordsBefore) {
+   LineEditor editor("qsh> ", GetHistoryFile(), [&shell](const std::string& wordsBefore) {
       if (wordsBefore.empty()) {
          return shell.GetCommandPaths();
       }
@@ -84,8 +86,9 @@ void RunInteractive(TessQshInternalState& shell)
    }
 }
 
-/// Returns the exit status. Who types has seen what failed; a script is told by the status.
-int Run(const Options& options)
+/// Returns the exit status: a failed command makes a script fail, but not an interactive session,
+/// whose user has seen the error.
+int RunShell(const Options& options)
 {
    const ApplicationScope application;
    TessQshInternalState shell(std::cout, std::cerr);
@@ -102,7 +105,7 @@ int Run(const Options& options)
    if (!std::cout.flush()) {
       throw Corvax::Exception("Cannot write to standard output");
    }
-   return shell.HasFailed() && !isInteractive ? kExitFailure : EXIT_SUCCESS;
+   return shell.HasFailed() && !isInteractive ? Console::kExitFailure : EXIT_SUCCESS;
 }
 
 int Main(int argc, char** argv)
@@ -111,15 +114,7 @@ int Main(int argc, char** argv)
    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
       return *status;
    }
-   Corvax::OutOfMemoryException::InstallNewHandler();
-   try {
-      return Run(options);
-   } catch (const Corvax::Exception& e) {
-      std::cerr << "qsh: " << e.what() << '\n';
-   } catch (const std::exception& e) {
-      std::cerr << "qsh: " << e.what() << '\n';
-   }
-   return kExitFailure;
+   return Console::Run(kProgramName, [&options] { return RunShell(options); });
 }
 
 } // namespace

@@ -6,17 +6,16 @@
 
 namespace Qsh {
 
+constexpr char kProgramName[] = "qsh";
+
 /// The command line.
 struct Options {
-   std::optional<std::string> commands; ///< unset: they come from standard input
-   std::vector<std::string> pluginFiles;
+   std::optional<std::string> commands;  ///< unset: they come from standard input
+   std::vector<std::string> pluginFiles; ///< empty: the installed plug-in
 };
 
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
-
-/// Reads the command line. Where the process has nothing more to do (help, version, a usage error,
-/// each of which is printed) it returns the exit status, else nothing.
-std::optional<int> ParseOptions(int argc, char** argv, Options& options);
+/// Parses the command line. Returns the exit status if the process has nothing more to do: after
+/// help, the version or a usage error, which are printed.
+std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options);
 
 } // namespace Qsh

@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-namespace Agentctl {
+namespace Console {
 
 /// Makes a text safe to print on one line of a terminal: control characters, characters that change
 /// the writing direction and bytes that are not UTF-8 are escaped, as "\x1b" or "\u{202e}".
@@ -15,4 +15,4 @@ size_t CountColumns(std::string_view printable);
 /// Truncates a printable text to this width; an ellipsis in the last column shows the cut.
 std::string CutToColumns(std::string_view printable, size_t columns);
 
-} // namespace Agentctl
+} // namespace Console

@@ -1,10 +1,10 @@
-#include "agentctl/printable.h"
+#include "console/printable.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using namespace Agentctl;
+using namespace Console;
 
 TEST(PrintableTest, EscapesWhatCouldControlTheTerminal)
 {

@@ -1,10 +1,10 @@
-#include "agentctl/printable.h"
+#include "console/printable.h"
 
 #include <clocale>
 #include <cstdio>
 #include <cwchar>
 
-namespace Agentctl {
+namespace Console {
 
 namespace {
 
@@ -106,4 +106,4 @@ std::string CutToColumns(std::string_view printable, size_t columns)
    return result + "…";
 }
 
-} // namespace Agentctl
+} // namespace Console
