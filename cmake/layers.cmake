@@ -6,7 +6,7 @@
 # file belongs to the room with the longest matching name. It may include its own room and the rooms
 # that it sees; `x/*` is x with all rooms below it. Headers of the C++ standard library are free
 # except those in a group; every other header in <> must be in a group that the room takes.
-# docs/architecture.md explains the table. It is checked when CMake configures and by `scripts/lint`.
+# docs/architecture.md explains the table. CMake checks it when it configures, and `scripts/lint`.
 
 macro(room name)
    cmake_parse_arguments(ARG "" "" "SEES;TAKES" ${ARGN})
