@@ -6,8 +6,8 @@
 
 namespace AgentdCommon {
 
-/// Base of managed objects that take part in access control. Every caller of this agent is its
-/// administrator, so it keeps the object's identity and refuses nobody.
+/// Base of managed objects under access control. Every caller of this agent is its administrator,
+/// so it only holds the object's reference.
 class AuthEntityBaseImpl : public virtual Plexa::ManagedObject, public Corvax::ObjectImpl {
 public:
    Plexa::MoRef* GetMoRef() override { return _moRef.Get(); }

@@ -9,11 +9,11 @@ using Long = int64_t;
 /// The performance manager as the agent itself uses it.
 class HaPerformanceManager : public virtual Quen::PerformanceManager {
 public:
-   /// The newest figures of the host, -1 for one that the newest collection did not give.
+   /// The host's figures of the newest run, -1 for each without a sample there.
    virtual void GetHostCpuMemUsage(Long& cpuUsageMhz, Long& memConsumedKB) = 0;
 
-   /// The newest figures of a virtual machine, -1 for one that the newest collection did not give.
-   /// The memory includes the overhead of running the machine.
+   /// A virtual machine's figures of the newest run, -1 for each without a sample there.
+   /// `memConsumedKB` is consumed memory plus overhead; -1 unless both are above 0.
    virtual void GetVmCpuMemUsage(Plexa::MoRef* vm, Long& cpuUsageMhz, Long& memConsumedKB,
                                  Long& memActiveKB) = 0;
 

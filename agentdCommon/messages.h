@@ -6,7 +6,7 @@
 
 namespace AgentdCommon {
 
-/// A resource pool is gone; published on MQ_RESOURCE_POOL_DESTROYED.
+/// A resource pool was destroyed; published on MQ_RESOURCE_POOL_DESTROYED.
 struct ResourcePoolDestroyedMsg : Corvax::ObjectImpl {
    ~ResourcePoolDestroyedMsg() override;
 

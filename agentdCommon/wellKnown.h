@@ -1,6 +1,6 @@
 #pragma once
 
-/// Ids and channel names that the agent's parts agree on.
+/// Ids and channel names that the agent's parts share.
 namespace AgentdCommon {
 
 /// The host: its managed object, and the entity of all its statistics.

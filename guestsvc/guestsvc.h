@@ -14,18 +14,18 @@ constexpr char MQ_VMEVENT_HEARTBEAT[] = "/vm/runtime/heartbeat/";
 constexpr char MQ_VM_DISK_CHANGE[] = "/vm/disk/";
 constexpr char MQ_VM_RECONFIG[] = "/vm/reconfig/";
 
-/// One registered virtual machine. Locking: locked by its users around a group of calls.
+/// One registered virtual machine. Locking: callers lock it around a group of calls.
 class HaVirtualMachine : public virtual Quen::VirtualMachine,
                          public virtual Corvax::LockableObject {
 public:
-   /// Whether the machine is in a state in which it can be sampled.
+   /// Whether the machine's state permits sampling.
    virtual bool IsStatsAvailable() = 0;
    virtual Corvax::Ref<Quen::Vm::ConfigInfo> GetConfig() = 0;
    virtual Corvax::Ref<Quen::Vm::RuntimeInfo> GetRuntime() = 0;
    virtual uint64_t GetHeartbeatCount() = 0;
-   /// The machine's identity in the kernel, -1 for none.
+   /// The machine's world, -1 for none.
    virtual int32_t GetWorldId() = 0;
-   /// The kernel's id of the port that a network card is attached to.
+   /// The kernel's id of the port that a NIC is attached to.
    virtual uint32_t GetPortId(Quen::Vm::Device::VirtualEthernetCard* card) = 0;
 
 protected:

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-/// What the host is made of. Ownership: what is returned as a raw pointer belongs to the caller.
+/// The host's hardware. Ownership: the caller owns every raw pointer that is returned.
 /// Errors: Lib::HostCtlException from every operation.
 namespace HostCtl::Hardware {
 
@@ -16,7 +16,7 @@ public:
 class CpuInfo {
 public:
    virtual ~CpuInfo();
-   /// CPUs that can run at once, 1 to 255.
+   /// Number of CPUs that can run at once, 1 to 255.
    virtual uint32_t GetCoreCount() = 0;
    /// At least one.
    virtual std::vector<Cpu*> GetCpus() = 0;

@@ -12,7 +12,7 @@ HostProvider& Provider()
 {
    HostProvider* const provider = theProvider.load(std::memory_order_acquire);
    if (provider == nullptr) {
-      throw Lib::HostCtlException("No source of host figures is installed");
+      throw Lib::HostCtlException("No provider of host figures is installed");
    }
    return *provider;
 }

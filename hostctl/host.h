@@ -10,8 +10,9 @@
 
 namespace HostCtl {
 
-/// The host as its kernel reports it. What an operation returns belongs to the caller and must not
-/// outlive the provider. Errors: Lib::HostCtlException from every operation.
+/// The host as its kernel reports it. Ownership: the caller owns every raw pointer that is
+/// returned; the object must not outlive the provider. Errors: Lib::HostCtlException from every
+/// operation.
 class Host {
 public:
    virtual ~Host();
@@ -21,22 +22,22 @@ public:
    virtual Hardware::HardwareInfo* GetHardwareInfo() = 0;
 };
 
-/// Where the library's figures come from: this Linux machine, a simulated host, a test's fake.
+/// The source of the library's figures: this Linux machine, a simulated host or a test's fake.
 class HostProvider {
 public:
    virtual ~HostProvider();
    virtual Host* GetHost() = 0;
-   /// The port of that id, null when there is none.
+   /// The port with the id `portId`; null if there is none.
    virtual Network::Port* GetPort(uint32_t portId) = 0;
 };
 
 class HostFactory {
 public:
-   /// A new handle on the host; HostCtlException while no provider is installed.
+   /// A new handle on the host. HostCtlException if no provider is installed.
    static Host* GetHost();
 
-   /// Installs the source of all figures, null for none; no reference is taken. Not while another
-   /// thread uses the library.
+   /// Installs the source of all figures; null removes it. The caller keeps ownership. Must not be
+   /// called while another thread uses the library.
    static void SetProvider(HostProvider* provider);
 };
 

@@ -5,8 +5,8 @@
 
 namespace HostCtl::Lib {
 
-/// What every operation of the kernel control library may throw. Not of the runtime's exception
-/// family: its users tell the kernel's failures from the agent's own.
+/// May be thrown by every operation of the kernel library. Not of the runtime's exception family,
+/// so that callers can distinguish the kernel's failures from the agent's own.
 class HostCtlException : public std::exception {
 public:
    explicit HostCtlException(std::string message);

@@ -4,11 +4,12 @@
 #include <string>
 #include <vector>
 
-/// Network cards and the switch ports behind them. Ownership: what is returned as a raw pointer
-/// belongs to the caller. Errors: Lib::HostCtlException from every operation.
+/// NICs of the host and the ports that they are attached to. Ownership: the caller owns every raw
+/// pointer that is returned. Errors: Lib::HostCtlException from every operation.
 namespace HostCtl::Network {
 
-/// Counted from the side of what is attached to the port. 32-bit: a counter wraps at 4 GiB.
+/// As the NIC attached to the port sees it. The counters have 32 bits: those of bytes wrap at 4
+/// GiB.
 struct PortStatistics {
    uint32_t bytesReceived = 0;
    uint32_t bytesSent = 0;
@@ -26,7 +27,7 @@ class PhysicalNic {
 public:
    virtual ~PhysicalNic();
    virtual std::string GetName() = 0;
-   /// Null when the card has none.
+   /// Null if the NIC has none.
    virtual Port* GetUplinkPort() = 0;
 };
 
@@ -38,7 +39,7 @@ public:
 
 class NetworkFactory {
 public:
-   /// The port of that id, null when there is none.
+   /// The port with the id `portId`; null if there is none.
    static Port* GetPort(uint32_t portId);
 };
 

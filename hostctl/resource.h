@@ -4,17 +4,17 @@
 #include <vector>
 
 /// CPU and memory of the host, of resource groups and of virtual machines.
-/// Ownership: what an operation returns as a raw pointer belongs to the caller.
+/// Ownership: the caller owns every raw pointer that is returned.
 /// Units: times in microseconds, memory in KB, CPU capacity in MHz, unless a field says otherwise.
 namespace HostCtl::Resource {
 
-/// One CPU of the host, since the host's start.
+/// Times of one CPU of the host since the host started.
 struct HostCpuStats {
    uint64_t usedUs = 0;
    uint64_t idleUs = 0;
 };
 
-/// What is set aside and therefore not to be given out.
+/// Capacity of the host that is reserved.
 struct HostCapacity {
    uint32_t reservedCpuMhz = 0;
    uint32_t reservedMemoryMb = 0;
@@ -22,29 +22,29 @@ struct HostCapacity {
 
 struct HostMemoryStats {
    uint64_t freeKb = 0;
-   uint64_t grantedKb = 0;    ///< machine memory that users of the host hold
+   uint64_t grantedKb = 0;    ///< memory of the host in use by processes
    uint64_t activeKb = 0;     ///< recently touched
-   uint64_t sharedKb = 0;     ///< memory that shares its content with other memory
-   uint64_t zeroKb = 0;       ///< memory merged into the zero page
-   uint64_t unreservedKb = 0; ///< memory that could still be given out
+   uint64_t sharedKb = 0;     ///< pages merged with others of equal content
+   uint64_t zeroKb = 0;       ///< pages merged into the zero page
+   uint64_t unreservedKb = 0; ///< memory that is still available
    uint64_t swapUsedKb = 0;
-   uint64_t sharedCommonKb = 0; ///< machine memory behind all of `sharedKb`
+   uint64_t sharedCommonKb = 0; ///< memory of the host behind all of `sharedKb`
    uint64_t heapKb = 0;         ///< the kernel's heap
-   uint64_t heapFreeKb = 0;     ///< the part of the heap that the kernel can give back
-   uint32_t state = 0;          ///< 0: no shortage
+   uint64_t heapFreeKb = 0;     ///< the part of the heap that the kernel can free
+   uint32_t state = 0;          ///< 0: no shortage of memory
    uint64_t balloonKb = 0;
-   uint64_t overheadKb = 0; ///< memory that running virtual machines costs beyond their own
-   uint64_t swapInKb = 0;   ///< since the host's start
-   uint64_t swapOutKb = 0;  ///< since the host's start
+   uint64_t overheadKb = 0; ///< cost of running virtual machines, beyond their own memory
+   uint64_t swapInKb = 0;   ///< since the host started
+   uint64_t swapOutKb = 0;  ///< since the host started
    uint64_t sysUsageKb = 0; ///< memory of the kernel itself
 };
 
-/// CPU use of a resource group or of a whole virtual machine, since its start.
+/// CPU time of a resource group or of a whole virtual machine since it started.
 struct CpuStats {
    uint64_t usedUs = 0;
 };
 
-/// One virtual CPU, since the virtual machine's start.
+/// Times of one virtual CPU since the virtual machine started.
 struct CpuTimes {
    uint64_t usedUs = 0;
    uint64_t systemUs = 0;
@@ -73,7 +73,7 @@ struct SwapInfo {
    uint32_t outKb = 0;
 };
 
-/// Memory as one virtual machine's guest sees it.
+/// Guest memory of one virtual machine.
 struct MemoryClientStats {
    uint64_t grantedKb = 0;
    uint64_t activeKb = 0;
@@ -87,7 +87,7 @@ struct CpuLoad {
    uint32_t activePeak = 0;
    uint32_t runAverage = 0; ///< running or waiting to run
    uint32_t runPeak = 0;
-   uint32_t maxLimited = 0; ///< time held back by a limit
+   uint32_t maxLimited = 0; ///< held back by a limit
 };
 
 struct CpuLoadHistory {
@@ -101,7 +101,7 @@ struct CpuLoadHistory {
 class ResourceGroup {
 public:
    virtual ~ResourceGroup();
-   /// Null when the group keeps none.
+   /// Null if the group has none.
    virtual CpuLoadHistory* GetCpuLoadHistory() = 0;
 };
 
@@ -109,7 +109,7 @@ public:
 class ResourceInfo {
 public:
    virtual ~ResourceInfo();
-   /// One element a CPU; the position is the CPU's index.
+   /// One element per CPU; the position is the CPU's index.
    virtual std::vector<HostCpuStats> GetCpuStats() = 0;
    virtual uint64_t GetUptimeUs() = 0;
    virtual HostCapacity GetCapacity() = 0;

@@ -4,11 +4,10 @@
 #include <string>
 #include <vector>
 
-/// Disks of the host. Ownership: what is returned as a raw pointer belongs to the caller.
+/// Disks of the host. Ownership: the caller owns every raw pointer that is returned.
 namespace HostCtl::Storage {
 
-/// Counts since the disk (or the kernel world that uses it) appeared; blocks are of the disk's
-/// block size.
+/// Counts since the disk, or the world that uses it, appeared. Blocks have the disk's block size.
 struct StorageStatistics {
    uint64_t blocksRead = 0;
    uint64_t blocksWritten = 0;
@@ -19,7 +18,7 @@ struct StorageStatistics {
    uint64_t busResets = 0;
 };
 
-/// The part of a disk's traffic that one kernel world caused.
+/// The part of a disk's traffic that one world caused.
 struct WorldStatistics {
    int32_t worldId = -1;
    StorageStatistics statistics;

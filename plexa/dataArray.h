@@ -6,8 +6,8 @@
 
 namespace Plexa {
 
-/// An array of data objects or references as the API passes it: shared, and absent when the
-/// reference to it is null.
+/// An array of data objects or references as the API passes it: shared, absent if the reference to
+/// it is null.
 template <class T>
 class DataArray : public Corvax::ObjectImpl {
 public:

@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// Faults of the management API: each is a type with an exception that carries it to the caller.
+/// Faults of the management API: each is a type whose exception reports it to the caller.
 namespace Plexa::Fault {
 
 class FaultException : public Corvax::Exception {
@@ -13,12 +13,12 @@ public:
    ~FaultException() override;
 };
 
-/// The request is not acceptable.
+/// The request is not valid.
 struct InvalidArgument {
    class Exception : public FaultException {
    public:
-      /// `invalidProperty` names the property of the request at fault, `reason` says what is wrong
-      /// with it ("is not before endTime"). Either may be empty. The message holds both.
+      /// `invalidProperty` names the property of the request at fault, `reason` says why
+      /// ("is not before endTime"). Either may be empty. The message contains both.
       explicit Exception(std::string invalidProperty = {}, std::string reason = {});
       ~Exception() override;
 
@@ -31,7 +31,7 @@ struct InvalidArgument {
    };
 };
 
-/// The operation is refused.
+/// The service does not implement the operation.
 struct NotImplemented {
    class Exception : public FaultException {
    public:

@@ -7,7 +7,8 @@
 
 namespace Plexa {
 
-/// A managed-object type: its name and what it derives from. Types are static data, one a name.
+/// A managed-object type: its name and its base type, null for none. Types are static data, one per
+/// name.
 struct ManagedType {
    std::string_view name;
    const ManagedType* base = nullptr;

@@ -6,15 +6,15 @@
 #include <cstdint>
 #include <string>
 
-/// The managed objects and data objects of the inventory, as far as statistics meet them.
+/// The managed objects and data objects of the inventory that statistics need.
 namespace Quen {
 
-/// What the inventory holds: a host, a virtual machine, a resource pool.
+/// An object of the inventory: the host, a virtual machine or a resource pool.
 class ManagedEntity : public virtual Plexa::ManagedObject {
 public:
-   /// For people; need not be unique. The id where there is no better one.
+   /// The display name, not necessarily unique; the id if there is none.
    virtual std::string GetName() { return GetMoRef()->GetId(); }
-   /// The entity that this one belongs to, null when there is none.
+   /// The entity that contains this one; null if there is none.
    virtual Corvax::Ref<Plexa::MoRef> GetParent() { return nullptr; }
 
 protected:
@@ -39,7 +39,7 @@ protected:
 
 class ResourcePool : public virtual ManagedEntity {
 public:
-   /// The child pools, in order; unset when there are none.
+   /// The child pools, in order; null if there are none.
    virtual void GetChildPools(Corvax::Ref<Plexa::DataArray<Plexa::MoRef>>& pools) = 0;
 
    static const Plexa::ManagedType& GetManagedType();
@@ -58,7 +58,7 @@ struct SystemResourceInfo : Corvax::ObjectImpl {
    Plexa::DataArray<SystemResourceInfo>* GetChild() const { return child.Get(); }
 
    std::string key;
-   Corvax::Ref<Plexa::DataArray<SystemResourceInfo>> child; ///< unset when there are none
+   Corvax::Ref<Plexa::DataArray<SystemResourceInfo>> child; ///< null if there are none
 };
 
 } // namespace Host
@@ -89,7 +89,7 @@ struct ConnectInfo : Corvax::ObjectImpl {
    bool connected = false;
 };
 
-/// What a device is connected to.
+/// The resource of the host behind a device.
 struct BackingInfo : Corvax::ObjectImpl {
    ~BackingInfo() override;
 };
@@ -109,7 +109,7 @@ struct VirtualDevice : Corvax::ObjectImpl {
 struct VirtualEthernetCard : VirtualDevice {
    ~VirtualEthernetCard() override;
 
-   /// The card is on a network of the host, and so has a port there.
+   /// The NIC is on a network of the host, where it has a port.
    struct NetworkBackingInfo : BackingInfo {
       ~NetworkBackingInfo() override;
 
@@ -124,7 +124,7 @@ struct VirtualHardware {
    Plexa::DataArray<Device::VirtualDevice>* GetDevice() const { return device.Get(); }
 
    int64_t memoryMb = 0;
-   Corvax::Ref<Plexa::DataArray<Device::VirtualDevice>> device; ///< unset when there are none
+   Corvax::Ref<Plexa::DataArray<Device::VirtualDevice>> device; ///< null if there are none
 };
 
 struct ConfigInfo : Corvax::ObjectImpl {

@@ -11,7 +11,7 @@
 
 namespace Quen {
 
-/// A key with its texts.
+/// A key with its label and summary.
 struct ElementDescription : Corvax::ObjectImpl {
    ~ElementDescription() override;
 
@@ -20,7 +20,7 @@ struct ElementDescription : Corvax::ObjectImpl {
    std::string key;
 };
 
-/// A resolution in which history is kept. Periods and lengths in seconds.
+/// An interval of the history. Periods and lengths are in seconds.
 struct HistoricalInterval : Corvax::ObjectImpl {
    ~HistoricalInterval() override;
 
@@ -30,7 +30,7 @@ struct HistoricalInterval : Corvax::ObjectImpl {
    int32_t length = 0;
 };
 
-/// The texts of counter types and statistics types.
+/// The descriptions of counter types and statistics types.
 struct PerformanceDescription : Corvax::ObjectImpl {
    ~PerformanceDescription() override;
 
@@ -38,11 +38,11 @@ struct PerformanceDescription : Corvax::ObjectImpl {
    Corvax::Ref<Plexa::DataArray<ElementDescription>> statsType;
 };
 
-/// The API's way to statistics: which counters and intervals exist, which metrics an entity has,
-/// and their series. Unset results are null references.
+/// The API's access to statistics: the counters and intervals that exist, the metrics of an entity
+/// and their series. A result that is not set is a null reference.
 class PerformanceManager : public virtual Plexa::ManagedObject {
 public:
-   /// What a counter counts.
+   /// The description of a counter.
    struct CounterInfo : Corvax::ObjectImpl {
       ~CounterInfo() override;
 
@@ -66,11 +66,11 @@ public:
       Corvax::Ref<ElementDescription> unitInfo;
       RollupType rollupType = none;
       StatsType statsType = absolute;
-      /// The counters derived from this one; unset when there are none.
+      /// The counters derived from this one; not set if there are none.
       std::optional<std::vector<int32_t>> associatedCounterId;
    };
 
-   /// A counter of one instance; the empty instance is the entity as a whole, "*" all of them.
+   /// A counter of one instance. The empty instance is the entity as a whole, "*" all instances.
    struct MetricId : Corvax::ObjectImpl {
       ~MetricId() override;
 
@@ -95,7 +95,7 @@ public:
       Corvax::Ref<MetricId> id;
    };
 
-   /// One value a time stamp, -1 where there is none.
+   /// One value per time stamp, -1 where there is none.
    struct IntSeries : MetricSeries {
       ~IntSeries() override;
 
@@ -128,7 +128,7 @@ public:
       Corvax::Ref<Plexa::DataArray<MetricSeriesCSV>> value;
    };
 
-   /// What is asked of one entity.
+   /// A query for series of one entity.
    struct QuerySpec : Corvax::ObjectImpl {
       ~QuerySpec() override;
 
@@ -138,10 +138,10 @@ public:
       std::optional<int32_t> maxSample;
       Corvax::Ref<Plexa::DataArray<MetricId>> metricId;
       std::optional<int32_t> intervalId; ///< a sampling period in seconds, 0 for the latest values
-      std::optional<std::string> format; ///< kFormatNormal or kFormatCsv
+      std::optional<std::string> format; ///< FORMAT_NORMAL or FORMAT_CSV
    };
 
-   /// What an entity's statistics offer.
+   /// The kinds of statistics that an entity offers.
    struct ProviderSummary : Corvax::ObjectImpl {
       ~ProviderSummary() override;
 
@@ -151,7 +151,7 @@ public:
       std::optional<int32_t> refreshRate; ///< seconds
    };
 
-   /// Series of several entities, one beside the other.
+   /// Series of an entity and of its children.
    struct CompositeEntityMetric : Corvax::ObjectImpl {
       ~CompositeEntityMetric() override;
 
@@ -162,8 +162,8 @@ public:
    static constexpr char FORMAT_NORMAL[] = "normal";
    static constexpr char FORMAT_CSV[] = "csv";
 
-   /// Errors of all operations: Plexa::Fault exceptions for what the caller did wrong, other
-   /// runtime exceptions where the depot fails.
+   /// Errors of all operations: Plexa::Fault exceptions for requests that are refused, other
+   /// runtime exceptions if the depot fails. InvalidArgument names the property at fault.
    virtual void GetDescription(Corvax::Ref<PerformanceDescription>& description) = 0;
    virtual void
    GetHistoricalInterval(Corvax::Ref<Plexa::DataArray<HistoricalInterval>>& intervals) = 0;
@@ -173,7 +173,7 @@ public:
                                      const std::optional<Corvax::DateTime>& endTime,
                                      const std::optional<int32_t>& intervalId,
                                      Corvax::Ref<Plexa::DataArray<MetricId>>& metricIds) = 0;
-   /// InvalidArgument, with no partial result, when one of the ids is no counter.
+   /// InvalidArgument, without a partial result, if one of the ids is not a counter.
    virtual void QueryCounter(const std::vector<int32_t>& counterIds,
                              Corvax::Ref<Plexa::DataArray<CounterInfo>>& counters) = 0;
    virtual void CreateHistoricalInterval(HistoricalInterval* interval) = 0;
