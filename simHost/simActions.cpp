@@ -1,5 +1,6 @@
 #include "simHost/simActions.h"
 
+#include "corvax/clock.h"
 #include "corvax/exception.h"
 #include "corvax/format.h"
 #include "corvax/system.h"
@@ -15,8 +16,7 @@ namespace {
 
 using Corvax::Format;
 using Corvax::InvalidArgumentException;
-
-constexpr int64_t kMicroseconds = 1'000'000;
+using Corvax::kMicrosecondsPerSecond;
 
 struct ActionRow {
    SimAction action;
@@ -38,14 +38,14 @@ constexpr ActionRow kActions[] = {
    {SimAction::WORKING_VM, "working-vm", false},
 };
 
-/// What random events take away, and what gives it back.
-struct Reversible {
+/// A random event of the first kind is followed by one of the second kind, which undoes it.
+struct Disruption {
    SimAction action;
    SimAction reverse;
    bool isOfPool;
 };
 
-constexpr Reversible kReversibles[] = {
+constexpr Disruption kDisruptions[] = {
    {SimAction::OFF_VM, SimAction::ON_VM, false},
    {SimAction::SUSPEND_VM, SimAction::ON_VM, false},
    {SimAction::UNREGISTER_VM, SimAction::REGISTER_VM, false},
@@ -53,17 +53,17 @@ constexpr Reversible kReversibles[] = {
    {SimAction::FAILING_VM, SimAction::WORKING_VM, false},
    {SimAction::DESTROY_POOL, SimAction::CREATE_POOL, true},
 };
-static_assert(std::size(kReversibles) > 1 && kReversibles[std::size(kReversibles) - 1].isOfPool,
-              "the actions of machines stand before those of pools");
+static_assert(std::size(kDisruptions) > 1 && kDisruptions[std::size(kDisruptions) - 1].isOfPool,
+              "the pools' disruption is the last one");
 
-/// A place in a script, for what is wrong there.
+/// A line of a script, for error messages.
 struct Place {
    const std::string& path;
    size_t line;
 
-   [[noreturn]] void Refuse(const std::string& what) const
+   [[noreturn]] void Refuse(const std::string& reason) const
    {
-      throw InvalidArgumentException(Format("%1:%2: %3", path, line, what));
+      throw InvalidArgumentException(Format("%1:%2: %3", path, line, reason));
    }
 };
 
@@ -82,27 +82,27 @@ const ActionRow& FindAction(std::string_view name, const Place& place)
 
 int64_t ParseTimeUs(const std::string& text, const Place& place)
 {
-   constexpr int64_t kMostSec = 1'000'000'000;
+   constexpr int64_t kMaxSec = 1'000'000'000;
    int64_t timeSec = -1;
    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), timeSec);
    if (error != std::errc() || end != text.data() + text.size() || timeSec < 0 ||
-       timeSec > kMostSec) {
-      place.Refuse(Format("'%1' is no whole number of seconds from 0 to %2", text, kMostSec));
+       timeSec > kMaxSec) {
+      place.Refuse(Format("'%1' is not a whole number of seconds from 0 to %2", text, kMaxSec));
    }
-   return timeSec * kMicroseconds;
+   return timeSec * kMicrosecondsPerSecond;
 }
 
 void CheckId(const std::string& id, bool isOfPool, const SimState& state, const Place& place)
 {
    const SimOptions& options = state.GetOptions();
    if (isOfPool && (state.FindPool(id) == nullptr || id == kRootPoolId)) {
-      place.Refuse(Format("'%1' is none of the %2 resource pools below the root, which are %3, "
-                          "%4, ...",
+      place.Refuse(Format("there is no resource pool '%1': the host has %2 below the root, named "
+                          "%3, %4, ...",
                           id, options.pools, GetPoolId(1), GetPoolId(2)));
    }
    if (!isOfPool && state.FindVm(id) == nullptr) {
-      place.Refuse(Format("'%1' is none of the %2 virtual machines, which are %3, %4, ...", id,
-                          options.vms, GetVmId(1), GetVmId(2)));
+      place.Refuse(Format("there is no virtual machine '%1': the host has %2, named %3, %4, ...",
+                          id, options.vms, GetVmId(1), GetVmId(2)));
    }
 }
 
@@ -115,9 +115,11 @@ std::string ReadFile(const std::string& path)
    return text;
 }
 
-/// Whether the event of that number takes something away; the others give back.
-constexpr uint64_t kReverseDistance = 7; // odd: from what gives back to what has taken away
-bool TakesAway(uint64_t number)
+/// From a disruption to the event that undoes it; odd, because from this number on disruptions have
+/// even numbers.
+constexpr uint64_t kReverseDistance = 7;
+
+bool IsDisruption(uint64_t number)
 {
    return number % 2 == 0 || number < kReverseDistance;
 }
@@ -137,14 +139,15 @@ std::vector<SimEvent> LoadScript(const std::string& path, const SimState& state)
          continue;
       }
       if (words.size() != 3) {
-         place.Refuse("a line is SECONDS ACTION ID");
+         place.Refuse("a line must be SECONDS ACTION ID");
       }
       const int64_t timeUs = ParseTimeUs(words[0], place);
       const ActionRow& action = FindAction(words[1], place);
       CheckId(words[2], action.isOfPool, state, place);
-      events.push_back({timeUs, action.action, words[2]});
+      // Behind those of the same time, which keep the order of their lines.
+      events.insert(std::ranges::upper_bound(events, timeUs, {}, &SimEvent::timeUs),
+                    {timeUs, action.action, words[2]});
    }
-   std::ranges::stable_sort(events, {}, &SimEvent::timeUs);
    return events;
 }
 
@@ -155,19 +158,19 @@ bool HasRandomEvents(const SimOptions& options)
 
 SimEvent GetRandomEvent(const SimOptions& options, uint64_t number)
 {
-   constexpr uint64_t kMinuteUs = 60 * kMicroseconds;
-   const bool takesAway = TakesAway(number);
+   constexpr uint64_t kMinuteUs = 60 * kMicrosecondsPerSecond;
+   const bool isDisruption = IsDisruption(number);
+   const uint64_t disruption = isDisruption ? number : number - kReverseDistance;
    const EntityKey time = MakeKey(options.seed, "events").Part(number);
-   const EntityKey what =
-      MakeKey(options.seed, "events").Part(takesAway ? number : number - kReverseDistance).Part(0);
-   // Where there are only machines, or only pools, their actions alone come into question.
-   const size_t first = options.vms > 0 ? 0 : std::size(kReversibles) - 1;
-   const size_t last = options.pools > 0 ? std::size(kReversibles) : std::size(kReversibles) - 1;
-   const Reversible& kind = kReversibles[first + Below(last - first, what.hash)];
-   const uint64_t target = Mix(what.hash);
+   const EntityKey choice = MakeKey(options.seed, "events").Part(disruption).Part(0);
+   // A host without VMs has pool events only, and the other way round.
+   const size_t first = options.vms > 0 ? 0 : std::size(kDisruptions) - 1;
+   const size_t last = options.pools > 0 ? std::size(kDisruptions) : std::size(kDisruptions) - 1;
+   const Disruption& kind = kDisruptions[first + Below(last - first, choice.hash)];
+   const uint64_t target = Mix(choice.hash);
    return {
       static_cast<int64_t>((number * kMinuteUs + Below(kMinuteUs, time.hash)) / options.events),
-      takesAway ? kind.action : kind.reverse,
+      isDisruption ? kind.action : kind.reverse,
       kind.isOfPool ? GetPoolId(Below(options.pools, target) + 1)
                     : GetVmId(Below(options.vms, target) + 1)};
 }

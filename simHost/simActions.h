@@ -8,19 +8,18 @@
 
 namespace SimHost {
 
-/// What can happen to a simulated host's machines and pools, by the names of simActions.cpp
-/// ("off-vm").
+/// The events of a simulated host's VMs and pools. simActions.cpp has their names ("off-vm").
 enum class SimAction {
    ON_VM,
    OFF_VM,
    SUSPEND_VM,
    UNREGISTER_VM,
-   REGISTER_VM, ///< back, powered on
+   REGISTER_VM, ///< one that was unregistered; it is powered on
    DESTROY_POOL,
-   CREATE_POOL, ///< back
-   STUCK_VM,    ///< it cannot be sampled, as when its monitor hangs
+   CREATE_POOL, ///< one that was destroyed
+   STUCK_VM,    ///< cannot be sampled, as if its monitor hung
    UNSTUCK_VM,
-   FAILING_VM, ///< its ports cannot be read and it has no memory figures
+   FAILING_VM, ///< has no memory figures, and its ports cannot be read
    WORKING_VM,
 };
 
@@ -30,18 +29,17 @@ struct SimEvent {
    std::string id; ///< of the virtual machine or pool
 };
 
-/// Reads lines "SECONDS ACTION ID", in the order of their times; "#" begins a comment and empty
-/// lines count for nothing. InvalidArgumentException that names file and line for a line of another
-/// form, an unknown action or an id that no machine or pool of the host ever has;
-/// PlatformException for a file that cannot be read.
+/// Reads lines "SECONDS ACTION ID" and sorts them by time; "#" begins a comment, and empty lines
+/// are ignored. InvalidArgumentException with file and line for a malformed line, an unknown action
+/// or an id that no VM or pool of the host ever has; PlatformException for a file that cannot be
+/// read.
 std::vector<SimEvent> LoadScript(const std::string& path, const SimState& state);
 
-/// Whether the host can have random events at all.
+/// Whether the options ask for random events and there is a VM or pool to have them.
 bool HasRandomEvents(const SimOptions& options);
 
-/// The random event of that number, counted from 0, a pure function of options and number: events
-/// are as many a minute as the options say, and each that takes something away is followed by its
-/// reverse a few events later.
+/// The random event of a number, counted from 0: a pure function of options and number. Events come
+/// at the options' rate, and each disruption is undone a few events later.
 SimEvent GetRandomEvent(const SimOptions& options, uint64_t number);
 
 } // namespace SimHost

@@ -40,7 +40,7 @@ void SimEvents::Stop()
       const std::lock_guard guard(_mutex);
       thread = std::exchange(_thread, nullptr);
    }
-   // Without the lock: an event under way takes it before it ends.
+   // Without the lock, because OnTimer takes it after an event.
    if (thread) {
       thread->Stop();
       _logger->Log(Corvax::kLogNotice, "%1 events of the simulated host were applied",
@@ -65,12 +65,12 @@ void SimEvents::ApplyDue(int64_t elapsedUs)
 {
    SimEvent event;
    while (FindNext(event) && event.timeUs <= elapsedUs) {
-      // Counted as taken first: what fails once is not tried for ever.
+      // Taken before it is applied: an event that fails is not tried again.
       TakeNext(event);
       try {
          _appliedCount += _apply(event.action, event.id) ? 1 : 0;
       } catch (const Corvax::Exception& e) {
-         _logger->Log(Corvax::kLogError, "An event of the simulated host failed for %1: %2",
+         _logger->Log(Corvax::kLogError, "Cannot apply an event of the simulated host to %1: %2",
                       event.id, e.GetMessage());
       }
    }
@@ -78,7 +78,7 @@ void SimEvents::ApplyDue(int64_t elapsedUs)
 
 void SimEvents::TakeNext(const SimEvent& event)
 {
-   // At equal times the script goes first, as in FindNext.
+   // At equal times the script comes first, as in FindNext.
    if (_nextOfScript < _script.size() && _script[_nextOfScript].timeUs == event.timeUs) {
       ++_nextOfScript;
    } else {
@@ -93,7 +93,7 @@ void SimEvents::OnTimer()
    ScheduleNext();
 }
 
-/// Under the lock.
+/// The caller holds the lock.
 void SimEvents::ScheduleNext()
 {
    SimEvent event;

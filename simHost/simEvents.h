@@ -9,32 +9,32 @@
 
 namespace SimHost {
 
-/// Lets the events of a simulated host happen, each at its time, on the thread "simEvents".
+/// Applies the events of a simulated host, each at its time, on the thread "simEvents".
 ///
-/// Locking: its own around start and stop; the events are applied without it, on one thread at a
-/// time.
+/// Locking: its own guards start and stop; events are applied without it, on one thread at a time.
 class SimEvents : public Corvax::ObjectImpl {
 public:
-   /// True when the action changed anything.
+   /// Returns true if the action changed anything.
    using ApplyFunction = std::function<bool(SimAction action, const std::string& id)>;
 
-   /// Reads the script; errors as LoadScript's. `apply` is called between Start and the end of
+   /// Reads the script, with LoadScript's errors. `apply` is called between Start and the end of
    /// Stop.
    SimEvents(Corvax::Ref<SimState> state, ApplyFunction apply, Corvax::Logger* logger);
    ~SimEvents() override;
 
-   /// The events begin, with the first ones; nothing when they run already or there are none.
+   /// Starts with the first event; no effect if already started or if there are no events.
    void Start();
-   /// Waits for an event under way, and logs how many were applied. Nothing when none run.
+   /// Waits for an event under way and logs how many were applied; no effect if not started.
    void Stop();
 
-   /// Applies what is due up to that time since the start and was not yet; a delay loses nothing.
+   /// Applies all events due up to this time since the start that have not been applied: a delay
+   /// loses none.
    void ApplyDue(int64_t elapsedUs);
    /// Events that changed something since the start.
    uint64_t GetAppliedCount() const { return _appliedCount; }
 
 private:
-   /// False when there is none.
+   /// Returns false if there are no more events.
    bool FindNext(SimEvent& event) const;
    void TakeNext(const SimEvent& event);
    void OnTimer();
@@ -50,8 +50,8 @@ private:
    uint64_t _appliedCount = 0;
 
    std::mutex _mutex;                        // guards the thread
-   Corvax::Ref<Corvax::TimerThread> _thread; ///< null: no events run
-   int64_t _startUs = 0;                     ///< written before there is a thread
+   Corvax::Ref<Corvax::TimerThread> _thread; ///< null: not started
+   int64_t _startUs = 0;                     ///< written before the thread starts
 };
 
 } // namespace SimHost

@@ -1,15 +1,18 @@
 #include "simHost/simFigures.h"
 
+#include "corvax/clock.h"
+
 namespace SimHost {
 
 using namespace HostCtl::Resource;
 
 namespace {
 
-constexpr uint64_t kMicroseconds = 1'000'000;
-constexpr uint64_t kKbPerGb = 1024 * 1024;
+using Corvax::kMicrosecondsPerSecond;
 
-/// So many thousandths of the whole.
+constexpr uint64_t kKbPerGb = uint64_t{1024} * 1024;
+
+/// The share of the whole that the figure has, in thousandths.
 uint64_t Share(uint64_t whole, EntityKey key, Figure figure, int64_t timeSec)
 {
    return whole * Gauge(key, figure, timeSec) / 1000;
@@ -34,8 +37,8 @@ CpuLoad GetLoad(EntityKey period, int64_t timeSec)
 HostCpuStats GetHostCpu(EntityKey host, uint64_t cpu, int64_t timeSec)
 {
    const uint64_t usedUs = Counter(host.Part(cpu), Figure::HOST_CPU_USED_US, timeSec);
-   // Of a second more than has passed, for the noise of the first seconds may exceed those.
-   return {usedUs, (GetUptimeSec(timeSec) + 1) * kMicroseconds - usedUs};
+   // One second more than has passed: in the first seconds, the counter's noise may exceed them.
+   return {usedUs, (GetUptimeSec(timeSec) + 1) * kMicrosecondsPerSecond - usedUs};
 }
 
 HostCapacity GetHostCapacity(EntityKey host, int64_t timeSec)
@@ -104,9 +107,9 @@ CpuStats GetVmCpu(EntityKey vm, uint64_t vcpus, int64_t timeSec)
 CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, int64_t timeSec)
 {
    const EntityKey key = vm.Part(vcpu);
-   // A machine starts some time after the host does.
+   // A VM starts some time after the host.
    const auto vmTimeSec =
-      timeSec - static_cast<int64_t>(Gauge(vm, Figure::UPTIME_LACK_SEC, kHostStartSec));
+      timeSec - static_cast<int64_t>(Gauge(vm, Figure::START_DELAY_SEC, kHostStartSec));
    CpuTimes times;
    times.usedUs = Counter(key, Figure::VCPU_USED_US, timeSec);
    times.systemUs = Counter(key, Figure::VCPU_SYSTEM_US, timeSec);
@@ -114,7 +117,7 @@ CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, int64_t timeSec)
    times.readyUs = Counter(key, Figure::VCPU_READY_US, timeSec);
    times.extraUs = Counter(key, Figure::VCPU_EXTRA_US, timeSec);
    times.guaranteedMs = Gauge(key, Figure::GUARANTEED_MS, timeSec);
-   times.uptimeUs = GetUptimeSec(vmTimeSec) * kMicroseconds;
+   times.uptimeUs = GetUptimeSec(vmTimeSec) * kMicrosecondsPerSecond;
    return times;
 }
 

@@ -5,7 +5,7 @@
 #include "hostctl/storage.h"
 #include "simHost/simModel.h"
 
-/// The kernel library's records as the model gives them: pure functions of entity and time. Sizes
+/// The kernel library's records, computed from the model: pure functions of entity and time. Sizes
 /// in KB, times in seconds since the epoch.
 namespace SimHost {
 
@@ -14,10 +14,10 @@ constexpr uint64_t kBlockSizeBytes = 512;
 
 HostCtl::Resource::HostCpuStats GetHostCpu(EntityKey host, uint64_t cpu, int64_t timeSec);
 HostCtl::Resource::HostCapacity GetHostCapacity(EntityKey host, int64_t timeSec);
-/// active <= granted; what is free, shared, merged or on the heap is part of `physicalKb`.
+/// active <= granted; free, shared, merged and heap memory are parts of `physicalKb`.
 HostCtl::Resource::HostMemoryStats GetHostMemory(EntityKey host, uint64_t physicalKb,
                                                  int64_t timeSec);
-/// Of a host of that many CPUs.
+/// Of a host with that number of CPUs.
 uint64_t GetPhysicalKb(uint64_t cpus);
 
 /// Peaks are not below their averages, and run figures not below the active ones.
@@ -30,23 +30,23 @@ HostCtl::Resource::CpuStats GetVmCpu(EntityKey vm, uint64_t vcpus, int64_t timeS
 HostCtl::Resource::CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, int64_t timeSec);
 uint64_t GetHeartbeats(EntityKey vm, int64_t timeSec);
 
-/// What a virtual machine or pool is configured with, a multiple of 512 MB; never changes.
+/// The configured memory of a VM or pool, a multiple of 512 MB; never changes.
 uint64_t GetMemorySizeKb(EntityKey entity);
-/// active <= granted <= size, zero and saved <= shared <= granted, and what is swapped out or
-/// ballooned away fits in what is not granted. All three records of a machine agree.
+/// active <= granted <= size, zero and saved <= shared <= granted, and swapped and ballooned memory
+/// fits in the part that is not granted. The memory and client records of a VM agree.
 HostCtl::Resource::MemoryStats GetMemory(EntityKey entity, uint64_t sizeKb, int64_t timeSec);
 HostCtl::Resource::MemoryClientStats GetMemoryClient(EntityKey vm, uint64_t sizeKb,
                                                      int64_t timeSec);
 /// The two counts have 32 bits and wrap.
 HostCtl::Resource::SwapInfo GetSwap(EntityKey vm, uint64_t sizeKb, int64_t timeSec);
 
-/// A disk, or the part of a disk's traffic that a virtual machine's image on it causes.
+/// A disk's traffic, or the part of it that a VM's image on the disk causes.
 HostCtl::Storage::StorageStatistics GetDisk(EntityKey disk, int64_t timeSec);
-/// A card's port. The counts have 32 bits and wrap.
+/// The port of a NIC. The counts have 32 bits and wrap.
 HostCtl::Network::PortStatistics GetPort(EntityKey card, int64_t timeSec);
 
-/// The two disks that a virtual machine's images lie on; the same one where there is only one. Not
-/// for a host without disks.
+/// The two disks that hold a VM's images; twice the same if the host has only one. Not for a host
+/// without disks.
 struct ImageDisks {
    uint64_t first;
    uint64_t second;

@@ -38,7 +38,7 @@ std::string GetParentPoolId(uint64_t number)
    return number % kPoolsPerGroup == 0 ? GetPoolId(number - kPoolsPerGroup + 1) : kRootPoolId;
 }
 
-/// Machine after machine goes round the pools.
+/// VMs are dealt out to the pools in turn.
 std::string GetPoolOfVm(uint64_t vmIndex, uint64_t pools)
 {
    return pools == 0 ? kRootPoolId : GetPoolId(vmIndex % pools + 1);
@@ -94,7 +94,7 @@ SimHost::~SimHost()
 
 HostCtl::Host* SimHost::GetHost()
 {
-   _state->BeginPass();
+   _state->UpdateTime();
    return NewHost(*_state);
 }
 
@@ -142,14 +142,14 @@ bool SimHost::ApplyToVm(SimAction action, SimVm& vm)
    case SimAction::WORKING_VM:
       return vm.SetFlag(&SimState::Vm::isFailing, action == SimAction::FAILING_VM);
    default:
-      Corvax::NotReached("the action is one of virtual machines");
+      Corvax::NotReached("the action is for a virtual machine");
    }
 }
 
-bool SimHost::SetPower(SimVm& vm, PowerState state, bool isFromOnAlone)
+bool SimHost::SetPower(SimVm& vm, PowerState state, bool isOnlyFromOn)
 {
    const PowerState before = vm.GetPowerState();
-   if (before == state || (isFromOnAlone && before != PowerState::POWERED_ON)) {
+   if (before == state || (isOnlyFromOn && before != PowerState::POWERED_ON)) {
       return false;
    }
    _inventory.SetPowerState(vm.GetId(), state);
@@ -187,7 +187,7 @@ bool SimHost::DestroyPool(const std::string& id)
    if (!pool || id == kRootPoolId) {
       return false;
    }
-   // First, so that at no time a machine lies in a pool that is gone. Pools are two levels deep.
+   // Move the VMs first: none may ever be in a pool that does not exist. Pools are two levels deep.
    const auto isWithin = [&](const std::string& poolId) {
       const Ref<Inventory::PoolObject> found = _inventory.FindPool(poolId);
       return poolId == id || (found && found->GetParent() && found->GetParent()->GetId() == id);

@@ -15,23 +15,24 @@
 
 namespace SimHost {
 
-/// A simulated host: the provider for the kernel library, and in the agent's object registry the
-/// resource manager, the host, the virtual-machine service, machines "vm-0001"... and resource
-/// pools "ha-root-pool", "pool-01"... for as long as it lives. Every fifth pool lies below the
-/// first one of its five, all others below the root.
+/// A simulated host: a provider for the kernel library. As long as it lives, the agent's object
+/// registry has its resource manager, its host object, its virtual-machine service, its VMs
+/// ("vm-0001" and so on), its root pool "ha-root-pool" and its resource pools ("pool-01" and so
+/// on). Every fifth pool is a child of the first of its five, all others are children of the root
+/// pool.
 ///
-/// A pass begins when GetHost is called; all figures until the next one are of the second in which
-/// that was, so that they all belong to one time stamp. They are pure functions of seed, entity and
-/// time (simFigures.h), whatever happens meanwhile: no machine's counts begin anew.
+/// GetHost, which a run calls first, sets the time of all figures to the current second, so that
+/// all figures of a run have the same time. They are pure functions of seed, entity and time
+/// (simFigures.h): events do not reset a VM's counts.
 ///
 /// Needs the application object for its whole life.
-/// Ownership: takes a reference on the logger. Who installs it as the provider takes it out again.
-/// Locking: its own, held while an action is applied; the inventory's and a machine's locks are
-/// taken under it. Reading figures takes none.
+/// Ownership: takes a reference on the logger. The installer must uninstall it as the provider.
+/// Locking: its own, held while an action is applied; the inventory's and a VM's locks are taken
+/// under it. Reading figures takes none.
 class SimHost : public HostCtl::HostProvider {
 public:
-   /// Errors: those of LoadScript; InvalidArgumentException when one of its ids is registered
-   /// already. Nothing stays registered then.
+   /// Errors: those of LoadScript; InvalidArgumentException if one of its ids is already
+   /// registered. After an error nothing stays registered.
    SimHost(SimOptions options, Corvax::Logger* logger);
    ~SimHost() override;
    SimHost(const SimHost&) = delete;
@@ -40,17 +41,17 @@ public:
    HostCtl::Host* GetHost() override;
    HostCtl::Network::Port* GetPort(uint32_t portId) override;
 
-   /// The events of the options begin and end.
+   /// Start and stop the events of the options.
    void Start() { _events->Start(); }
    void Stop() { _events->Stop(); }
 
-   /// Makes one thing happen, now. False when that changed nothing: an id of no such machine or
-   /// pool, or one that is in that state already. Machines of a pool that is destroyed move to the
-   /// root pool; the pools below it go with it.
+   /// Applies an action now. Returns false if that changed nothing: the id is not that of a VM or
+   /// pool, or the entity is already in that state. Destroying a pool also destroys its child
+   /// pools; the VMs of all of them move to the root pool.
    bool Apply(SimAction action, const std::string& id);
 
 private:
-   /// An object in the registry for the length of a scope.
+   /// Keeps an object in the registry for the length of a scope.
    class Registration {
    public:
       Registration(std::string id, const Corvax::Ref<Corvax::Object>& object);
@@ -63,7 +64,7 @@ private:
    };
 
    bool ApplyToVm(SimAction action, SimVm& vm);
-   bool SetPower(SimVm& vm, Quen::Vm::PowerState state, bool isFromOnAlone);
+   bool SetPower(SimVm& vm, Quen::Vm::PowerState state, bool isOnlyFromOn);
    bool RegisterVm(SimVm& vm);
    bool CreatePool(const std::string& id);
    bool DestroyPool(const std::string& id);

@@ -7,18 +7,18 @@ namespace SimHost {
 
 namespace {
 
-constexpr uint64_t kFigureStep = 0xD1B54A32D192ED03; // odd, so that no two figures coincide
+constexpr uint64_t kFigureStep = 0xD1B54A32D192ED03; // odd, so that all figures differ
 constexpr uint64_t kTimeStep = 0x8CB92BA72F3D8DD7;
 
 struct Range {
    Figure figure;
-   uint64_t least;
-   uint64_t most;
+   uint64_t min;
+   uint64_t max;
 };
 
-// A counter grows by less than twice its rate in a second. Hence no CPU of the host is busy for
-// more than a second a second, and the times of a virtual CPU do not come to more than that
-// together. A port's 32-bit byte counts wrap within minutes at the upper end of their range.
+// A counter grows by less than twice its rate per second. Hence a host CPU's busy time and the sum
+// of a virtual CPU's times grow by less than a second per second. A port's 32-bit byte counts wrap
+// within minutes at the upper end of their range.
 constexpr auto kRanges = std::to_array<Range>({
    {Figure::HOST_CPU_USED_US, 50000, 490000},
    {Figure::GROUP_CPU_USED_US, 1000, 2000000},
@@ -63,7 +63,7 @@ constexpr auto kRanges = std::to_array<Range>({
    {Figure::UNRESERVED, 100, 600},
    {Figure::SYSTEM_USAGE, 20, 60},
    {Figure::MEMORY_SIZE, 0, 5},
-   {Figure::UPTIME_LACK_SEC, 0, 9999},
+   {Figure::START_DELAY_SEC, 0, 9999},
    {Figure::FIRST_DISK, 0, 999999},
    {Figure::SECOND_DISK, 0, 999999},
 });
@@ -71,13 +71,13 @@ constexpr auto kRanges = std::to_array<Range>({
 constexpr bool IsInOrder()
 {
    for (size_t i = 0; i < kRanges.size(); ++i) {
-      if (static_cast<size_t>(kRanges[i].figure) != i || kRanges[i].least > kRanges[i].most) {
+      if (static_cast<size_t>(kRanges[i].figure) != i || kRanges[i].min > kRanges[i].max) {
          return false;
       }
    }
    return kRanges.size() == static_cast<size_t>(Figure::COUNT);
 }
-static_assert(IsInOrder(), "a row a figure, in the order of the enumeration");
+static_assert(IsInOrder(), "one row per figure, in the order of the enumeration");
 
 const Range& RangeOf(Figure figure)
 {
@@ -86,7 +86,7 @@ const Range& RangeOf(Figure figure)
 
 uint64_t Choose(const Range& range, uint64_t mixed)
 {
-   return range.least + Below(range.most - range.least + 1, mixed);
+   return range.min + Below(range.max - range.min + 1, mixed);
 }
 
 uint64_t Bits(EntityKey key, Figure figure)
@@ -96,7 +96,8 @@ uint64_t Bits(EntityKey key, Figure figure)
 
 } // namespace
 
-// Two rounds of xor-shift and multiplication, each of them reversible: no two arguments mix alike.
+// Xor-shift and multiplication, each of them reversible: different arguments have different
+// results.
 uint64_t Mix(uint64_t bits)
 {
    bits = (bits ^ (bits >> 32)) * 0xD6E8FEB86659FD93;
@@ -129,8 +130,8 @@ uint64_t Counter(EntityKey key, Figure figure, int64_t timeSec)
    const uint64_t mixed = Mix(Bits(key, figure));
    const uint64_t ratePerSec = Choose(RangeOf(figure), mixed);
    const uint64_t sinceStartSec = GetUptimeSec(timeSec);
-   // What comes on top is below the rate, so that even from the highest to the lowest the count
-   // grows.
+   // The noise is below the rate, so that the count grows even from the highest noise to the
+   // lowest.
    return ratePerSec * sinceStartSec + Below(ratePerSec, Mix(mixed + sinceStartSec * kTimeStep));
 }
 

@@ -6,8 +6,8 @@
 
 namespace SimHost {
 
-/// The figures of the model, each with a range of its own in simModel.cpp: of the value for a
-/// gauge, of the growth a second for a counter.
+/// The figures of the model. simModel.cpp has a range for each: of a gauge's value, or of a
+/// counter's growth per second.
 enum class Figure : uint32_t {
    // Counters.
    HOST_CPU_USED_US,
@@ -54,9 +54,9 @@ enum class Figure : uint32_t {
    HEAP_FREE,
    UNRESERVED,
    SYSTEM_USAGE,
-   // Gauges asked for at one time only: what an entity is made of.
+   // Gauges read at one time only: fixed properties of an entity.
    MEMORY_SIZE,
-   UPTIME_LACK_SEC,
+   START_DELAY_SEC,
    FIRST_DISK,
    SECOND_DISK,
    COUNT
@@ -65,21 +65,21 @@ enum class Figure : uint32_t {
 /// When the simulated host started: 2025-01-01. Seconds since the epoch.
 constexpr int64_t kHostStartSec = 1735689600;
 
-/// An entity, or a part of one, as the model knows it: made once, so that a figure costs
+/// An entity, or a part of one, to the model. It is computed once, so that a figure costs
 /// nanoseconds.
 struct EntityKey {
    uint64_t hash = 0;
 
-   /// The entity's CPU, card or disk of that index.
+   /// The entity's CPU, NIC or disk with that index.
    EntityKey Part(uint64_t index) const;
 };
 
 EntityKey MakeKey(uint64_t seed, std::string_view id);
 
-/// 64 bits in which every bit of the argument has its share.
+/// 64 bits, each of which depends on every bit of the argument.
 uint64_t Mix(uint64_t bits);
 
-/// A number below `limit`, at most 2^32, out of 64 mixed bits.
+/// A number below `limit`, from 64 mixed bits; `limit` is at most 2^32.
 constexpr uint64_t Below(uint64_t limit, uint64_t mixed)
 {
    return ((mixed >> 32) * limit) >> 32;
@@ -88,9 +88,9 @@ constexpr uint64_t Below(uint64_t limit, uint64_t mixed)
 /// A value anywhere in the figure's range.
 uint64_t Gauge(EntityKey key, Figure figure, int64_t timeSec);
 
-/// A count since the host's start: strictly growing from second to second, by less than twice the
-/// upper end of the figure's range. 0 or little more before the host's start; does not overflow
-/// before 2100.
+/// A count since the host's start. It grows every second, by less than twice the upper end of the
+/// figure's range; before the host's start it is below its rate, and it does not overflow before
+/// 2100.
 uint64_t Counter(EntityKey key, Figure figure, int64_t timeSec);
 
 /// Seconds since the host's start, 0 before it.

@@ -17,13 +17,13 @@ using Corvax::InvalidArgumentException;
 struct NumberKey {
    std::string_view name;
    uint64_t SimOptions::* field;
-   uint64_t least;
-   uint64_t most;
+   uint64_t min;
+   uint64_t max;
 };
 
 constexpr uint64_t kMaxVms = 20000;
 
-// The collector takes a host's number of CPUs as an 8-bit figure.
+// The collector keeps the host's number of CPUs in 8 bits.
 constexpr NumberKey kNumberKeys[] = {
    {"vms", &SimOptions::vms, 0, kMaxVms},
    {"pools", &SimOptions::pools, 0, 2000},
@@ -62,11 +62,12 @@ uint64_t ParseNumber(const NumberKey& key, std::string_view text)
 {
    uint64_t number = 0;
    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-   if (error != std::errc() || end != text.data() + text.size() || number < key.least ||
-       number > key.most) {
+   if (error != std::errc() || end != text.data() + text.size() || number < key.min ||
+       number > key.max) {
       throw InvalidArgumentException(
-         Format("The simulated host's option %1 cannot be '%2': it is a whole number from %3 to %4",
-                key.name, text, key.least, key.most));
+         Format("The simulated host's option %1 cannot be '%2': it must be a whole number from %3 "
+                "to %4",
+                key.name, text, key.min, key.max));
    }
    return number;
 }
@@ -83,7 +84,7 @@ void SetOption(SimOptions& options, std::string_view name, std::string_view valu
    }
    if (value.empty()) {
       throw InvalidArgumentException(
-         "The simulated host's option script cannot be '': it is the path of a file");
+         "The simulated host's option script cannot be '': it must be the path of a file");
    }
    options.script = value;
 }
@@ -109,15 +110,15 @@ SimOptions ParseSimOptions(std::string_view text)
       text = comma == text.npos ? std::string_view() : text.substr(comma + 1);
       const size_t sign = part.find('=');
       if (sign == part.npos || (comma != part.npos && text.empty())) {
-         throw InvalidArgumentException(Format("The simulated host's options end badly or lack a "
-                                               "value at '%1': they are KEY=VALUE,KEY=VALUE,... "
-                                               "with the keys %2",
+         throw InvalidArgumentException(Format("The simulated host's options are malformed at "
+                                               "'%1': write KEY=VALUE,KEY=VALUE,... with the "
+                                               "keys %2",
                                                part, GetKeyNames()));
       }
       SetOption(options, part.substr(0, sign), part.substr(sign + 1));
       if (!seen.insert(part.substr(0, sign)).second) {
          throw InvalidArgumentException(
-            Format("The simulated host's option %1 is given twice: each is given at most once",
+            Format("The simulated host's option %1 is given twice: give each at most once",
                    part.substr(0, sign)));
       }
    }

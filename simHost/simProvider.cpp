@@ -1,5 +1,6 @@
 #include "simHost/simProvider.h"
 
+#include "corvax/clock.h"
 #include "corvax/format.h"
 
 namespace SimHost {
@@ -15,7 +16,7 @@ public:
    HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override
    {
       return new HostCtl::Resource::CpuLoadHistory(
-         GetCpuLoad(_state.GetHostKey(), _state.GetPassTime()));
+         GetCpuLoad(_state.GetHostKey(), _state.GetTimeSec()));
    }
 
 private:
@@ -32,19 +33,22 @@ public:
       std::vector<HostCtl::Resource::HostCpuStats> stats;
       stats.reserve(cpus);
       for (uint64_t cpu = 0; cpu < cpus; ++cpu) {
-         stats.push_back(GetHostCpu(_state.GetHostKey(), cpu, _state.GetPassTime()));
+         stats.push_back(GetHostCpu(_state.GetHostKey(), cpu, _state.GetTimeSec()));
       }
       return stats;
    }
-   uint64_t GetUptimeUs() override { return GetUptimeSec(_state.GetPassTime()) * 1'000'000; }
+   uint64_t GetUptimeUs() override
+   {
+      return GetUptimeSec(_state.GetTimeSec()) * Corvax::kMicrosecondsPerSecond;
+   }
    HostCtl::Resource::HostCapacity GetCapacity() override
    {
-      return GetHostCapacity(_state.GetHostKey(), _state.GetPassTime());
+      return GetHostCapacity(_state.GetHostKey(), _state.GetTimeSec());
    }
    HostCtl::Resource::HostMemoryStats GetMemoryStats() override
    {
       return GetHostMemory(_state.GetHostKey(), GetPhysicalKb(_state.GetOptions().cpus),
-                           _state.GetPassTime());
+                           _state.GetTimeSec());
    }
    HostCtl::Resource::ResourceGroup* GetRootGroup() override { return new RootGroupImpl(_state); }
 
@@ -86,7 +90,7 @@ public:
       std::vector<HostCtl::Storage::DiskLun*> luns;
       luns.reserve(_state.GetDisks().size());
       for (const SimState::Disk& disk : _state.GetDisks()) {
-         luns.push_back(new DiskLunImpl(disk, _state.GetPassTime()));
+         luns.push_back(new DiskLunImpl(disk, _state.GetTimeSec()));
       }
       return luns;
    }
@@ -107,7 +111,7 @@ private:
    const HostCtl::Network::PortStatistics _statistics;
 };
 
-/// A port of a machine whose ports cannot be read.
+/// The port of a failing VM.
 class FailingPort : public HostCtl::Network::Port {
 public:
    explicit FailingPort(uint32_t portId) : _portId(portId) {}
@@ -115,7 +119,7 @@ public:
    HostCtl::Network::PortStatistics GetStatistics() override
    {
       throw HostCtlException(
-         Corvax::Format("Cannot read port %1: its simulated machine is failing", _portId));
+         Corvax::Format("Cannot read port %1: its simulated virtual machine is failing", _portId));
    }
 
 private:
@@ -146,7 +150,7 @@ public:
       std::vector<HostCtl::Network::PhysicalNic*> nics;
       nics.reserve(_state.GetNics().size());
       for (const SimState::Device& nic : _state.GetNics()) {
-         nics.push_back(new PhysicalNicImpl(nic, _state.GetPassTime()));
+         nics.push_back(new PhysicalNicImpl(nic, _state.GetTimeSec()));
       }
       return nics;
    }
@@ -234,7 +238,7 @@ HostCtl::Network::Port* NewCardPort(const SimState& state, uint32_t portId)
    if (card.vm->isFailing) {
       return new FailingPort(portId);
    }
-   return new PortImpl(GetPort(card.key, state.GetPassTime()));
+   return new PortImpl(GetPort(card.key, state.GetTimeSec()));
 }
 
 } // namespace SimHost

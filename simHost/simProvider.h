@@ -5,12 +5,12 @@
 
 namespace SimHost {
 
-/// The host's side of the kernel library, over figures of the pass under way. What they hand out
-/// must not outlive the state.
+/// The kernel library's host object, with figures of the state's time. It and all objects that it
+/// returns must not outlive the state.
 HostCtl::Host* NewHost(const SimState& state);
 
-/// The port of a virtual machine's card; null when there is none. Reading the port of a failing
-/// machine throws HostCtlException.
+/// The port of a VM's NIC; null for an unknown id. Reading the port of a failing VM throws
+/// HostCtlException.
 HostCtl::Network::Port* NewCardPort(const SimState& state, uint32_t portId);
 
 } // namespace SimHost

@@ -72,7 +72,7 @@ public:
    }
 
 private:
-   int64_t Now() const { return _state->GetPassTime(); }
+   int64_t Now() const { return _state->GetTimeSec(); }
    const SimState::Vm* FindWorkingVm(MoRef* vm) const
    {
       const SimState::Vm* const found = _state->FindVm(vm->GetId());

@@ -5,8 +5,8 @@
 
 namespace SimHost {
 
-/// The resource manager of a simulated host: figures of pools, system groups and virtual machines
-/// by their ids. An unknown id has none; one of a machine or pool that is not registered has.
+/// The resource manager of a simulated host: figures of pools, system groups and VMs by their ids,
+/// registered or not. The figures of an unknown id are null or empty.
 Corvax::Ref<Hostsvc::ResourceMgr> NewSimResourceMgr(Corvax::Ref<SimState> state,
                                                     Corvax::Ref<Plexa::MoRef> rootPool);
 

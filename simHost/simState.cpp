@@ -1,6 +1,7 @@
 #include "simHost/simState.h"
 
 #include "agentdCommon/wellKnown.h"
+#include "corvax/clock.h"
 #include "corvax/system.h"
 
 #include <algorithm>
@@ -18,7 +19,7 @@ constexpr size_t kPoolDigits = 2;
 
 constexpr int32_t kFirstWorldId = 1000;
 constexpr int32_t kFirstCardKey = 4000;
-constexpr uint32_t kPortsPerVm = 16; // more than a machine can have cards
+constexpr uint32_t kPortsPerVm = 16; // above the highest number of NICs
 
 std::string MakeId(std::string_view prefix, size_t digits, uint64_t number)
 {
@@ -26,7 +27,7 @@ std::string MakeId(std::string_view prefix, size_t digits, uint64_t number)
    return std::string(prefix) + std::string(digits - std::min(digits, text.size()), '0') + text;
 }
 
-/// The number in an id as MakeId writes it.
+/// The number in an id of exactly the form that MakeId returns.
 std::optional<uint64_t> ParseId(std::string_view prefix, size_t digits, std::string_view id)
 {
    if (!id.starts_with(prefix)) {
@@ -42,9 +43,9 @@ std::optional<uint64_t> ParseId(std::string_view prefix, size_t digits, std::str
    return number;
 }
 
-int64_t GetTimeSec()
+int64_t GetCurrentSec()
 {
-   return Corvax::System::GetTime() / 1000000;
+   return Corvax::System::GetTime() / Corvax::kMicrosecondsPerSecond;
 }
 
 } // namespace
@@ -71,7 +72,7 @@ std::string GetNicName(uint64_t index)
 
 SimState::SimState(SimOptions options)
    : _options(std::move(options)), _hostKey(MakeKey(_options.seed, AgentdCommon::moid_hostsystem)),
-     _vms(new Vm[_options.vms]), _passTimeSec(GetTimeSec())
+     _vms(new Vm[_options.vms]), _timeSec(GetCurrentSec())
 {
    for (uint64_t i = 0; i < _options.vms; ++i) {
       _vms[i].key = MakeKey(_options.seed, GetVmId(i + 1));
@@ -97,8 +98,8 @@ SimState::SimState(SimOptions options)
    PlaceImages();
 }
 
-/// A record of a world stays with its disk whatever becomes of the machine: the kernel keeps the
-/// counts, and who asks takes those of the machines that it has sampled.
+/// A world's record stays with its disk even while the VM is off or unregistered: a disk reports
+/// all of its worlds, and the collector picks those of the VMs that it samples.
 void SimState::PlaceImages()
 {
    for (uint64_t i = 0; i < _options.vms && !_disks.empty(); ++i) {
@@ -111,9 +112,9 @@ void SimState::PlaceImages()
    }
 }
 
-void SimState::BeginPass()
+void SimState::UpdateTime()
 {
-   _passTimeSec.store(GetTimeSec(), std::memory_order_relaxed);
+   _timeSec.store(GetCurrentSec(), std::memory_order_relaxed);
 }
 
 uint64_t SimState::FindVmIndex(std::string_view id) const

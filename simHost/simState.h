@@ -15,14 +15,14 @@ namespace SimHost {
 
 constexpr char kRootPoolId[] = "ha-root-pool";
 
-/// Counted from 1: "vm-0001", "pool-01". Disks and NICs are counted from 0.
+/// VMs and pools are numbered from 1 ("vm-0001", "pool-01"), disks and NICs from 0.
 std::string GetVmId(uint64_t number);
 std::string GetPoolId(uint64_t number);
 std::string GetDiskName(uint64_t index);
 std::string GetNicName(uint64_t index);
 
-/// The system groups' tree by its keys, parents before children; a key is its parent's, "/" and a
-/// name.
+/// The keys of the tree of system groups, parents before children. A key is the parent's key, "/"
+/// and a name.
 constexpr auto kSystemGroups = std::to_array<std::string_view>({
    "host",
    "host/kernel",
@@ -38,11 +38,10 @@ constexpr auto kSystemGroups = std::to_array<std::string_view>({
    "host/user/sessions",
 });
 
-/// What the parts of a simulated host have in common: who is there, under which keys, and the time
-/// of the pass. All but the time and the two flags of a machine is fixed from the start, whether a
-/// machine or pool is registered or not.
+/// The entities of a simulated host, registered or not, and the time of its figures. Only that time
+/// and the two flags of a VM ever change.
 ///
-/// Locking: none needed.
+/// Locking: none needed; what changes is atomic.
 class SimState : public Corvax::ObjectImpl {
 public:
    explicit SimState(SimOptions options);
@@ -50,8 +49,8 @@ public:
    struct Vm {
       EntityKey key;
       uint64_t memoryKb = 0;
-      std::atomic<bool> isStuck = false;   ///< cannot be sampled, as when its monitor hangs
-      std::atomic<bool> isFailing = false; ///< has no memory figures, and its ports fail
+      std::atomic<bool> isStuck = false;   ///< cannot be sampled, as if its monitor hung
+      std::atomic<bool> isFailing = false; ///< has no memory figures, and its ports cannot be read
    };
    struct Pool {
       EntityKey key;
@@ -70,9 +69,9 @@ public:
       std::vector<Image> images;
    };
 
-   /// Begins a pass: all figures until the next one are of this second.
-   void BeginPass();
-   int64_t GetPassTime() const { return _passTimeSec.load(std::memory_order_relaxed); }
+   /// Sets the time of the figures to the current second.
+   void UpdateTime();
+   int64_t GetTimeSec() const { return _timeSec.load(std::memory_order_relaxed); }
 
    const SimOptions& GetOptions() const { return _options; }
    EntityKey GetHostKey() const { return _hostKey; }
@@ -80,20 +79,20 @@ public:
    const std::vector<Device>& GetNics() const { return _nics; }
 
    Vm& GetVm(uint64_t index) const { return _vms[index]; }
-   /// Null for an id that no machine of this host ever has.
+   /// Null for an id that no VM of this host ever has.
    Vm* FindVm(std::string_view id) const;
-   /// The machine's index, the number of machines for an unknown id.
+   /// The VM's index, or the number of VMs for an unknown id.
    uint64_t FindVmIndex(std::string_view id) const;
-   /// The root pool included. Null for an id that no pool of this host ever has.
+   /// Finds the root pool, too. Null for an id that no pool of this host ever has.
    const Pool* FindPool(std::string_view id) const;
-   /// Null when there is no such group.
+   /// Null for an unknown key.
    const EntityKey* FindSystemGroup(std::string_view key) const;
 
    static int32_t GetWorldId(uint64_t vmIndex);
    static uint32_t GetPortId(uint64_t vmIndex, int32_t cardKey);
    static int32_t GetCardKey(uint64_t card);
    struct Card {
-      const Vm* vm = nullptr; ///< null: no card has that port
+      const Vm* vm = nullptr; ///< null: the port is not a VM's
       EntityKey key;
    };
    Card FindCard(uint32_t portId) const;
@@ -108,7 +107,7 @@ private:
    std::vector<Disk> _disks;
    std::vector<Device> _nics;
    std::array<EntityKey, kSystemGroups.size()> _systemGroups;
-   std::atomic<int64_t> _passTimeSec;
+   std::atomic<int64_t> _timeSec;
 };
 
 } // namespace SimHost

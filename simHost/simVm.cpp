@@ -51,7 +51,7 @@ bool SimVm::IsStatsAvailable()
 
 uint64_t SimVm::GetHeartbeatCount()
 {
-   return GetHeartbeats(_state->GetVm(_index).key, _state->GetPassTime());
+   return GetHeartbeats(_state->GetVm(_index).key, _state->GetTimeSec());
 }
 
 uint32_t SimVm::GetPortId(VirtualEthernetCard* card)

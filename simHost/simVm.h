@@ -5,14 +5,14 @@
 
 namespace SimHost {
 
-/// A simulated virtual machine. `index` is its number less one.
+/// A simulated virtual machine. `index` is its number - 1.
 class SimVm : public Inventory::VmObject {
 public:
    SimVm(Corvax::Ref<SimState> state, uint64_t index);
    ~SimVm() override;
 
-   /// Sets one of the machine's flags; false when it is so already. Takes the machine's lock, so
-   /// that a pass that is at this machine sees one state of it.
+   /// Sets a flag; returns false if it already has this value. Takes the VM's lock, so that a run
+   /// sees the VM in one state.
    bool SetFlag(std::atomic<bool> SimState::Vm::* flag, bool value);
 
    bool IsStatsAvailable() override;

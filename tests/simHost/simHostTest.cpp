@@ -7,7 +7,6 @@
 #include "tests/fakes/scratch.h"
 #include "tests/simHost/simOracle.h"
 
-#include <chrono>
 #include <future>
 
 namespace {
@@ -188,26 +187,27 @@ TEST_F(SimulationTest, EverySecondOfSeveralCoarsePeriodsIsRight)
    Check("vms=2,pools=1,cpus=2,disks=2,cards=1,seed=7", 950, -1, {});
 }
 
-TEST(SimOptionsTest, WhatIsWrongAndWhatIsAcceptedIsSaid)
+TEST(SimOptionsTest, ErrorsNameTheOptionAndTheAcceptedValues)
 {
    EXPECT_EQ(ParseSimOptions("").vms, 20u);
    const SimOptions options = ParseSimOptions("script=a b,stuck=3,seed=18446744073709551615,vms=3");
    EXPECT_EQ(options.script + std::to_string(options.seed), "a b18446744073709551615");
-   ExpectRefusals([](const std::string& text) { ParseSimOptions(text); },
-                  {{"vm=3", "no option 'vm': its options are vms, pools,"},
-                   {"vms", "at 'vms'"},
-                   {"vms=3,", "at 'vms=3'"},
-                   {"vms=3,vms=4", "vms is given twice"},
-                   {"vms=20001", "vms cannot be '20001': it is a whole number from 0 to 20000"},
-                   {"cpus=0", "cpus cannot be '0': it is a whole number from 1 to 255"},
-                   {"vcpus=65", "from 1 to 64"},
-                   {"pools=-1", "from 0 to 2000"},
-                   {"seed=1x", "seed cannot be '1x'"},
-                   {"script=", "the path of a file"},
-                   {"vms=3,failing=4", "failing cannot be '4': there are only 3"}});
+   ExpectRefusals(
+      [](const std::string& text) { ParseSimOptions(text); },
+      {{"vm=3", "no option 'vm': its options are vms, pools,"},
+       {"vms", "at 'vms'"},
+       {"vms=3,", "at 'vms=3'"},
+       {"vms=3,vms=4", "vms is given twice"},
+       {"vms=20001", "vms cannot be '20001': it must be a whole number from 0 to 20000"},
+       {"cpus=0", "cpus cannot be '0': it must be a whole number from 1 to 255"},
+       {"vcpus=65", "from 1 to 64"},
+       {"pools=-1", "from 0 to 2000"},
+       {"seed=1x", "seed cannot be '1x'"},
+       {"script=", "the path of a file"},
+       {"vms=3,failing=4", "failing cannot be '4': there are only 3"}});
 }
 
-TEST(SimModelTest, FiguresBelongToTheirSeedAndStayWithinReason)
+TEST(SimModelTest, FiguresDependOnTheSeedAndKeepTheirBounds)
 {
    const auto key = SimHost::MakeKey(1, "vm-0001");
    const uint64_t sizeKb = SimHost::GetMemorySizeKb(key);
@@ -238,7 +238,7 @@ TEST(SimModelTest, FiguresBelongToTheirSeedAndStayWithinReason)
              Counter(key, Figure::BLOCKS_READ, kStartSec));
 }
 
-TEST(SimEventsTest, ScriptsSayTheirFaultsByFileAndLine)
+TEST(SimEventsTest, ScriptErrorsNameFileAndLine)
 {
    const Scratch scratch;
    const auto state = MakeRef<SimHost::SimState>(ParseSimOptions("vms=2,pools=1"));
@@ -252,17 +252,17 @@ TEST(SimEventsTest, ScriptsSayTheirFaultsByFileAndLine)
    EXPECT_EQ(events[0].timeUs, 5000000);
    EXPECT_EQ(events[1].action, SimAction::OFF_VM);
    ExpectRefusals(
-      load,
-      {{"#\n1 off-vm", "s:2: a line is SECONDS ACTION ID"},
-       {"1.5 off-vm vm-0001", "s:1: '1.5' is no whole number of seconds"},
-       {"1 of-vm vm-0001", "s:1: there is no action 'of-vm': the actions are on-vm, off-vm,"},
-       {"1 off-vm vm-0003", "s:1: 'vm-0003' is none of the 2 virtual machines"},
-       {"1 off-vm vm-001", "s:1: 'vm-001' is none"},
-       {"1 destroy-pool ha-root-pool", "s:1: 'ha-root-pool' is none of the 1 resource pools"}});
+      load, {{"#\n1 off-vm", "s:2: a line must be SECONDS ACTION ID"},
+             {"1.5 off-vm vm-0001", "s:1: '1.5' is not a whole number of seconds"},
+             {"1 of-vm vm-0001", "s:1: there is no action 'of-vm': the actions are on-vm, off-vm,"},
+             {"1 off-vm vm-0003", "s:1: there is no virtual machine 'vm-0003': the host has 2"},
+             {"1 off-vm vm-001", "s:1: there is no virtual machine 'vm-001'"},
+             {"1 destroy-pool ha-root-pool",
+              "s:1: there is no resource pool 'ha-root-pool': the host has 1"}});
    EXPECT_THROW(SimHost::LoadScript(scratch.Path() + "none", *state), Corvax::PlatformException);
 }
 
-TEST(SimEventsTest, RandomEventsOutlastADelayAndKeepTheHostsSize)
+TEST(SimEventsTest, DelayedRandomEventsAreAllAppliedAndKeepTheHostsSize)
 {
    FakeAgent agent;
    const SimOptions options = ParseSimOptions("vms=30,pools=10,events=600");
@@ -285,29 +285,33 @@ TEST(SimEventsTest, RandomEventsOutlastADelayAndKeepTheHostsSize)
    newEvents(taken[1])->ApplyDue(600000000);
    EXPECT_EQ(taken[1], taken[0]);
    EXPECT_EQ(applied.size(), 11u);
-   // 3 services, the root pool, and most of the 30 machines and 10 pools.
+   // 3 services, the root pool, and most of the 30 VMs and 10 pools.
    EXPECT_GE(Corvax::Service::GetApp()->GetObjectRegistry()->GetAll().size(), 4u + 26 + 6);
 }
 
-TEST(SimEventsTest, TheThreadAppliesWhatIsDueAndStopSaysHowMuchThatWas)
+TEST(SimHostTest, TheHostsObjectsAreRegisteredOnceAndRemovedAtItsEnd)
 {
    FakeAgent agent;
-   const Scratch scratch;
-   scratch.Write("s", "0 off-vm vm-0001\n0 off-vm vm-0001\n999 on-vm vm-0001\n");
-   const SimOptions options = ParseSimOptions("vms=1,script=" + scratch.Path() + "s");
+   const SimOptions options = ParseSimOptions("vms=1");
    auto* const registry = Corvax::Service::GetApp()->GetObjectRegistry();
    {
       SimHost::SimHost host(options, agent.logger.Get());
-      EXPECT_EQ(registry->GetAll().size(), 9u); // 3 services, a machine, 4 pools and the root
+      EXPECT_EQ(registry->GetAll().size(), 9u); // 3 services, a VM, 4 pools and the root
       EXPECT_THROW(SimHost::SimHost(options, agent.logger.Get()), Corvax::InvalidArgumentException);
       EXPECT_EQ(registry->GetAll().size(), 9u);
    }
    EXPECT_EQ(registry->GetAll().size(), 0u);
+}
 
+TEST(SimEventsTest, TheThreadAppliesDueEventsAndStopLogsHowManyChangedAnything)
+{
+   FakeAgent agent;
+   const Scratch scratch;
+   scratch.Write("s", "0 off-vm vm-0001\n0 off-vm vm-0001\n999999 on-vm vm-0001\n");
    std::promise<void> both;
    int calls = 0;
    const auto events = MakeRef<SimHost::SimEvents>(
-      MakeRef<SimHost::SimState>(options),
+      MakeRef<SimHost::SimState>(ParseSimOptions("vms=1,script=" + scratch.Path() + "s")),
       [&](SimAction, const std::string&) {
          if (++calls == 2) {
             both.set_value();
@@ -316,8 +320,9 @@ TEST(SimEventsTest, TheThreadAppliesWhatIsDueAndStopSaysHowMuchThatWas)
       },
       agent.logger.Get());
    events->Start();
-   EXPECT_EQ(both.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+   both.get_future().wait();
    events->Stop();
+   EXPECT_EQ(calls, 2);
    EXPECT_EQ(agent.logger->Count("5 1 events of the simulated host were applied"), 1);
 }
 
