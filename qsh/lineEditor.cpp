@@ -40,20 +40,20 @@ LineEditor& SelfOf(EditLine* edit)
 
 } // namespace
 
-LineEditor::LineEditor(std::string prompt, std::string historyFile, Candidates candidates)
+LineEditor::LineEditor(std::string prompt, std::string historyFile, Completer completer)
    : _prompt(std::move(prompt)), _historyFile(std::move(historyFile)),
-     _candidates(std::move(candidates)), _history(::history_init(), ::history_end),
+     _completer(std::move(completer)), _history(::history_init(), ::history_end),
      _edit(::el_init(kProgramName, stdin, stdout, stderr), ::el_end)
 {
    if (!_history || !_edit) {
-      throw Corvax::Exception("The terminal cannot be used for editing");
+      throw Corvax::Exception("Cannot set up line editing on the terminal");
    }
-   std::setlocale(LC_CTYPE, ""); // the bytes of a typed character
+   std::setlocale(LC_CTYPE, ""); // typed characters may have several bytes
    HistEvent event;
    ::history(_history.get(), &event, H_SETSIZE, kHistoryLines);
    ::history(_history.get(), &event, H_SETUNIQUE, 1);
    if (!_historyFile.empty()) {
-      ::history(_history.get(), &event, H_LOAD, _historyFile.c_str()); // there may be none yet
+      ::history(_history.get(), &event, H_LOAD, _historyFile.c_str()); // fails if there is none yet
    }
    BindKeys();
 }
@@ -66,13 +66,13 @@ void LineEditor::BindKeys()
    ::el_set(edit, EL_CLIENTDATA, this);
    ::el_set(edit, EL_PROMPT, &LineEditor::GetPrompt);
    ::el_set(edit, EL_EDITOR, "emacs");
-   ::el_set(edit, EL_SIGNAL, 1); // whatever ends the process, the terminal is put back first
+   ::el_set(edit, EL_SIGNAL, 1); // restores the terminal if a signal ends the process
    ::el_set(edit, EL_HIST, ::history, _history.get());
-   // The wide form: the other one leaks a copy of each text.
+   // The wide form, because the other one leaks a copy of each text.
    ::el_wset(edit, EL_ADDFN, L"qsh-complete", L"Complete a command", &LineEditor::OnTab);
    ::el_wset(edit, EL_ADDFN, L"qsh-drop-line", L"Drop the line", &LineEditor::OnInterrupt);
    ::el_wset(edit, EL_ADDFN, L"qsh-suspend", L"Suspend the shell", &LineEditor::OnSuspend);
-   // While a line is edited, Ctrl-C and Ctrl-Z are keys like others and no signals.
+   // While a line is being edited, Ctrl-C and Ctrl-Z are keys and do not send signals.
    ::el_set(edit, EL_SETTY, "-d", "-isig", nullptr);
    ::el_set(edit, EL_BIND, "^I", "qsh-complete", nullptr);
    ::el_set(edit, EL_BIND, "^C", "qsh-drop-line", nullptr);
@@ -85,12 +85,12 @@ std::optional<std::string> LineEditor::ReadLine()
    _isDropped = false;
    int length = 0;
    const char* const text = ::el_gets(_edit.get(), &length);
-   if (_isDropped) { // asked first: an empty line that is dropped looks like the end
+   if (_isDropped) { // checked first: dropping an empty line looks like the end of input
       std::puts("^C");
       return std::string();
    }
    if (text == nullptr || length <= 0) {
-      std::puts(""); // what follows starts a line
+      std::puts(""); // later output starts on a new line
       return std::nullopt;
    }
    std::string line(text, static_cast<size_t>(length));
@@ -107,7 +107,7 @@ void LineEditor::Remember(const std::string& line)
 {
    HistEvent event;
    ::history(_history.get(), &event, H_ENTER, line.c_str());
-   // At once: a command may be ended by a signal. A shell without a history file still works.
+   // Saved before the command runs, which a signal may end. A failure to save is ignored.
    if (!_historyFile.empty()) {
       ::history(_history.get(), &event, H_SAVE, _historyFile.c_str());
    }
@@ -126,8 +126,7 @@ unsigned char LineEditor::OnInterrupt(EditLine* edit, wint_t /*character*/)
 
 unsigned char LineEditor::OnSuspend(EditLine* /*edit*/, wint_t /*character*/)
 {
-   std::raise(
-      SIGTSTP); // the library's handler puts the terminal back, and draws the line anew later
+   std::raise(SIGTSTP); // the library's handler restores the terminal and redraws the line later
    return CC_NORM;
 }
 
@@ -144,7 +143,7 @@ unsigned char LineEditor::Complete()
    const std::string word(command.substr(command.find_last_of(kBlanks) + 1));
    command.remove_suffix(word.size());
 
-   std::vector<std::string> matches = _candidates(Trimmed(command));
+   std::vector<std::string> matches = _completer(Trimmed(command));
    std::erase_if(matches, [&word](const std::string& match) { return !match.starts_with(word); });
    if (matches.empty()) {
       return CC_ERROR;

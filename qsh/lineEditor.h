@@ -14,19 +14,19 @@ namespace Qsh {
 
 /// Reads lines from the terminal, with editing, history and completion.
 ///
-/// Ctrl-C while a line is edited drops it; while a command runs it ends the process as usual.
+/// Ctrl-C drops the line being edited; while a command runs, it ends the process as usual.
 class LineEditor {
 public:
-   /// All words that could stand behind these whole words of the same command.
-   using Candidates = std::function<std::vector<std::string>(const std::string& wordsBefore)>;
+   /// Returns all words that can follow these words of a command, which are complete.
+   using Completer = std::function<std::vector<std::string>(const std::string& wordsBefore)>;
 
-   /// The history is kept in memory, and in the file unless its name is empty.
-   LineEditor(std::string prompt, std::string historyFile, Candidates candidates);
+   /// Keeps the history in memory, and in the file unless its name is empty.
+   LineEditor(std::string prompt, std::string historyFile, Completer completer);
    ~LineEditor();
    LineEditor(const LineEditor&) = delete;
    LineEditor& operator=(const LineEditor&) = delete;
 
-   /// Nothing at the end of input (Ctrl-D); an empty line for one that was dropped.
+   /// Unset at the end of input (Ctrl-D); an empty line if the line was dropped.
    std::optional<std::string> ReadLine();
 
 private:
@@ -40,7 +40,7 @@ private:
 
    std::string _prompt;
    const std::string _historyFile;
-   const Candidates _candidates;
+   const Completer _completer;
    const std::unique_ptr<::history, void (*)(::history*)> _history;
    const std::unique_ptr<editline, void (*)(editline*)> _edit;
    bool _isDropped = false;

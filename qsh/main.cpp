@@ -71,10 +71,7 @@ std::string GetHistoryFile()
 void RunInteractive(TessQshInternalState& shell)
 {
    LineEditor editor("qsh> ", GetHistoryFile(), [&shell](const std::string& wordsBefore) {
-      if (wordsBefore.empty()) {
-         return shell.GetCommandPaths();
-      }
-      return wordsBefore == "help" ? shell.GetHelpTopics() : std::vector<std::string>();
+      return shell.GetCompletions(wordsBefore);
    });
    while (!shell.IsOver()) {
       const std::optional<std::string> line = editor.ReadLine();

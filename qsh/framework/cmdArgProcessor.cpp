@@ -27,7 +27,7 @@ CmdArgProcessor::CmdArgProcessor(std::span<const Argument> description, int argc
    : _description(description)
 {
    ParseOptions(argc, argv);
-   if (!_isHelpWanted) {
+   if (!_isHelpRequested) {
       CheckCount();
    }
 }
@@ -42,7 +42,7 @@ void CmdArgProcessor::ParseOptions(int argc, const char* const* argv)
       } else if (word == "--") {
          optionsEnded = true;
       } else if (word == "-h" || word == "--help") {
-         _isHelpWanted = true;
+         _isHelpRequested = true;
       } else {
          throw CommandError(Format("Unknown option: %1", word));
       }
@@ -55,7 +55,7 @@ void CmdArgProcessor::CheckCount() const
    if (_positional.size() < static_cast<size_t>(firstOptional - _description.begin())) {
       throw CommandError("Insufficient arguments.");
    }
-   // Two words where one was meant: quotes are missing, and the first alone would be another name.
+   // Most likely quotes are missing; the first word alone would name something else.
    if (_positional.size() > _description.size()) {
       throw CommandError("Too many arguments.");
    }
@@ -74,7 +74,7 @@ int32_t CmdArgProcessor::GetInt(size_t index) const
    using Limits = std::numeric_limits<int32_t>;
    if (errno == ERANGE || number < Limits::min() || number > Limits::max()) {
       throw CommandError(
-         Format("%1: %2 is not within %3 to %4", name, text, Limits::min(), Limits::max()));
+         Format("%1: %2 is not between %3 and %4", name, text, Limits::min(), Limits::max()));
    }
    return static_cast<int32_t>(number);
 }

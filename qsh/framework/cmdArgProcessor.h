@@ -9,23 +9,23 @@
 
 namespace QshFramework {
 
-/// A command's words held against the description of its arguments.
+/// Checks a command's words against the description of its arguments.
 ///
-/// Options are taken out first: "-h" and "--help", which every command has. "--" ends them; "-" and
-/// what starts like a negative number is none. What is left are the positional arguments.
+/// Every command has the options "-h" and "--help". "--" ends the options; "-" alone and words that
+/// start like a negative number are not options. All other words are positional arguments.
 ///
-/// Errors: CommandError for an unknown option, and, unless help is wanted, for fewer positional
-/// arguments than the description's leading required ones or more than it has.
+/// Errors: CommandError for an unknown option and, unless help is requested, for fewer positional
+/// arguments than the leading required ones of the description or for more than it has.
 class CmdArgProcessor {
 public:
    CmdArgProcessor(std::span<const Argument> description, int argc, const char* const* argv);
 
-   bool IsHelpWanted() const { return _isHelpWanted; }
+   bool IsHelpRequested() const { return _isHelpRequested; }
 
    size_t GetCount() const { return _positional.size(); }
    const std::string& GetString(size_t index) const { return _positional.at(index); }
-   /// A decimal, 0x hexadecimal or leading-zero octal number; CommandError, naming the argument,
-   /// for any other text and for what 32 bits do not hold.
+   /// Parses a decimal, 0x hexadecimal or leading-zero octal number. CommandError, naming the
+   /// argument, for any other text and for numbers that do not fit in 32 bits.
    int32_t GetInt(size_t index) const;
 
 private:
@@ -34,7 +34,7 @@ private:
 
    const std::span<const Argument> _description;
    std::vector<std::string> _positional;
-   bool _isHelpWanted = false;
+   bool _isHelpRequested = false;
 };
 
 } // namespace QshFramework

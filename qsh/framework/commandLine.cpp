@@ -41,14 +41,17 @@ public:
 private:
    void TakePlain(char c)
    {
-      if (c == '\\' && ++_position == _line.size()) {
-         throw CommandError("There is nothing behind the last backslash");
+      if (c == '\\') {
+         ++_position;
+         if (_position == _line.size()) {
+            throw CommandError("The line ends with a backslash");
+         }
       }
       _word += _line[_position];
       _isInWord = true;
    }
 
-   /// Leaves the position on the closing quote.
+   /// Ends at the closing quote.
    void TakeQuoted(char quote)
    {
       _isInWord = true;
@@ -96,9 +99,9 @@ std::vector<Words> SplitCommandLine(std::string_view line)
    if (start == std::string_view::npos || line[start] == '#') {
       return {};
    }
-   // Handlers get C strings: what stands behind the zero would silently be lost.
+   // Handlers receive C strings, which would silently end at the zero.
    if (line.find('\0') != std::string_view::npos) {
-      throw CommandError("There is a zero byte in the line");
+      throw CommandError("The line contains a zero byte");
    }
    return LineSplitter(line).Split();
 }

@@ -8,15 +8,14 @@ namespace QshFramework {
 
 using Words = std::vector<std::string>;
 
-/// Takes a line apart into its commands, and each of them into words.
+/// Splits a line into commands and each command into words.
 ///
-/// Blanks separate words and semicolons commands; a command without words is left out. Single
-/// quotes keep everything as it is, double quotes everything but a backslash before '"' or '\';
-/// outside of quotes a backslash keeps the next character. '' is an empty word. A line that starts
-/// with "#" has no commands.
+/// Blanks separate words, semicolons separate commands; empty commands are skipped. Text in single
+/// quotes is literal. In double quotes a backslash escapes '"' and '\', outside of quotes any
+/// character. '' is an empty word. A line whose first non-blank is "#" has no commands.
 ///
-/// Errors: CommandError, for the line as a whole, where a quote is not closed, a backslash is the
-/// last character, or there is a zero byte.
+/// Errors: CommandError if a quote is not closed, the last character is an unescaped backslash or
+/// there is a zero byte. Then none of the commands is returned.
 std::vector<Words> SplitCommandLine(std::string_view line);
 
 } // namespace QshFramework

@@ -16,7 +16,7 @@ constexpr char kHelp[] = "help";
 constexpr char kQuit[] = "quit";
 constexpr char kExit[] = "exit";
 
-/// "PATH ARGUMENT..."; what may be left out stands in brackets.
+/// "PATH ARGUMENT...", optional arguments in brackets.
 std::string Usage(const std::string& path, const Command& command)
 {
    std::string usage = path;
@@ -32,13 +32,18 @@ std::string Padded(std::string text, size_t width)
    return text;
 }
 
-/// Help texts end with a line feed of their own.
+/// Help texts end with a line feed, which Print adds again.
 std::string WithoutLineEnd(std::string text)
 {
    if (text.ends_with('\n')) {
       text.pop_back();
    }
    return text;
+}
+
+std::string GetPath(const CommandGroup& group, const Command& command)
+{
+   return std::string(group.path) + command.name;
 }
 
 bool IsListed(const Command& command)
@@ -51,19 +56,19 @@ bool IsListed(const Command& command)
 void TessQshInternalState::AddPlugin(const PluginDesc& plugin)
 {
    if (plugin.interfaceVersion != kPluginInterfaceVersion) {
-      throw CommandError(Format("The plug-in has interface version %1, the shell has %2",
+      throw CommandError(Format("The plug-in's interface version is %1, the shell's is %2",
                                 plugin.interfaceVersion, kPluginInterfaceVersion));
    }
    auto commands = _commands;
    for (const CommandGroup& group : plugin.groups) {
       for (const Command& command : group.commands) {
-         const std::string path = std::string(group.path) + command.name;
+         const std::string path = GetPath(group, command);
          if (command.handler == nullptr) {
             throw CommandError(Format("Plug-in %1 has no handler for %2", plugin.name, path));
          }
          if (!commands.emplace(path, &command).second) {
             throw CommandError(
-               Format("Plug-in %1 has a command that is there already: %2", plugin.name, path));
+               Format("Command %1 of plug-in %2 already exists", path, plugin.name));
          }
       }
    }
@@ -87,7 +92,7 @@ void TessQshInternalState::RunLine(std::string_view line)
 
 void TessQshInternalState::RunCommand(const Words& words)
 {
-   int status = kCommandFailed; // unless the command comes to its end
+   int status = kCommandFailed; // in case of an exception
    RunGuarded(*this, [&] { status = Execute(words); });
    if (status != kCommandDone) {
       _hasFailed = true;
@@ -112,7 +117,7 @@ int TessQshInternalState::Execute(const Words& words)
    }
    const int argc = static_cast<int>(argv.size());
    argv.push_back(nullptr);
-   if (CmdArgProcessor(command.arguments, argc, argv.data()).IsHelpWanted()) {
+   if (CmdArgProcessor(command.arguments, argc, argv.data()).IsHelpRequested()) {
       PrintCommandHelp(path, command);
       return kCommandDone;
    }
@@ -123,7 +128,7 @@ const Command& TessQshInternalState::FindCommand(const std::string& path) const
 {
    const auto found = _commands.find(path);
    if (found == _commands.end()) {
-      throw CommandError(Format("Unknown command: %1 (help lists them)", path));
+      throw CommandError(Format("Unknown command: %1 (help lists the commands)", path));
    }
    return *found->second;
 }
@@ -141,31 +146,26 @@ const CommandGroup* TessQshInternalState::FindGroup(const std::string& path) con
    return nullptr;
 }
 
-std::vector<std::string> TessQshInternalState::GetCommandPaths() const
+std::vector<std::string> TessQshInternalState::GetCompletions(const std::string& wordsBefore) const
 {
-   std::vector<std::string> paths = {kExit, kHelp, kQuit};
-   for (const auto& [path, command] : _commands) {
-      if (IsListed(*command)) {
-         paths.push_back(path);
+   std::vector<std::string> completions;
+   if (wordsBefore.empty()) {
+      completions = {kExit, kHelp, kQuit};
+   } else if (wordsBefore == kHelp) {
+      for (const PluginDesc* plugin : _plugins) {
+         for (const CommandGroup& group : plugin->groups) {
+            completions.emplace_back(group.path);
+         }
       }
-   }
-   return paths;
-}
-
-std::vector<std::string> TessQshInternalState::GetHelpTopics() const
-{
-   std::vector<std::string> topics;
-   for (const PluginDesc* plugin : _plugins) {
-      for (const CommandGroup& group : plugin->groups) {
-         topics.emplace_back(group.path);
-      }
+   } else {
+      return completions;
    }
    for (const auto& [path, command] : _commands) {
       if (IsListed(*command)) {
-         topics.push_back(path);
+         completions.push_back(path);
       }
    }
-   return topics;
+   return completions;
 }
 
 void TessQshInternalState::Print(const std::string& message)
@@ -175,7 +175,7 @@ void TessQshInternalState::Print(const std::string& message)
 
 void TessQshInternalState::PrintError(const std::string& message)
 {
-   // Where both go to one place, they come in the order in which they were printed.
+   // Keeps the order of the messages if both streams go to one place.
    _out.flush();
    _err << message << '\n' << std::flush;
 }
@@ -202,15 +202,13 @@ void TessQshInternalState::PrintOverview()
          Print(Format("\n%1: %2", group.path, group.summary));
          for (const Command& command : group.commands) {
             if (IsListed(command)) {
-               Print("  " + Usage(std::string(group.path) + command.name, command));
+               Print("  " + Usage(GetPath(group, command), command));
             }
          }
       }
       Print("");
    }
-   Print("The shell's own:\n"
-         "  help [COMMAND|GROUP/]\n"
-         "  quit, exit");
+   Print(Format("Built-in commands:\n  %1 [COMMAND|GROUP/]\n  %2, %3", kHelp, kQuit, kExit));
 }
 
 void TessQshInternalState::PrintGroupHelp(const CommandGroup& group)
@@ -218,7 +216,7 @@ void TessQshInternalState::PrintGroupHelp(const CommandGroup& group)
    Print(WithoutLineEnd(group.help));
    for (const Command& command : group.commands) {
       if (IsListed(command)) {
-         Print(Format("\n%1\n  %2", Usage(std::string(group.path) + command.name, command),
+         Print(Format("\n%1\n  %2", Usage(GetPath(group, command), command),
                       WithoutLineEnd(command.help)));
       }
    }

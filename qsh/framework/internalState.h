@@ -11,33 +11,32 @@
 
 namespace QshFramework {
 
-/// The shell itself: knows the plug-ins, runs command lines, and remembers how they went.
+/// The shell itself: knows the plug-ins, runs command lines and records failures.
 ///
-/// Commands are called by their group's path and their name ("metrix/statsDepot/load"). Its own are
-/// `help [COMMAND|GROUP/]`, `quit` and `exit`.
+/// A command is called by its group's path and its name ("metrix/statsDepot/load"). Built-in
+/// commands are `help [COMMAND|GROUP/]`, `quit` and `exit`.
 ///
-/// Ownership: none of streams and plug-ins, which must outlive it.
+/// Ownership: streams and plug-ins are not owned and must outlive it.
 class TessQshInternalState : public TessQshState {
 public:
    TessQshInternalState(std::ostream& out, std::ostream& err) : _out(out), _err(err) {}
 
-   /// Runtime exception, with nothing added, when the plug-in is made for another version of the
-   /// interface, is incomplete, or has a command that is there already.
+   /// CommandError, with nothing added, if the plug-in has another interface version, a command
+   /// without a handler, or a command that already exists.
    void AddPlugin(const PluginDesc& plugin);
 
-   /// Runs the commands of a line, each even if one before it failed, up to the end of the session.
-   /// A line that cannot be taken apart fails as a whole.
+   /// Runs the commands of a line up to `quit` or `exit`, continuing after failed ones. If the line
+   /// cannot be split into commands, none runs.
    void RunLine(std::string_view line);
 
    /// Whether quit or exit was given.
    bool IsOver() const { return _isOver; }
-   /// Whether any command or line has failed so far.
+   /// Whether any command or line has failed.
    bool HasFailed() const { return _hasFailed; }
 
-   /// Every command that is listed, those of the shell included; for help's argument without
-   /// those, but with the groups' paths.
-   std::vector<std::string> GetCommandPaths() const;
-   std::vector<std::string> GetHelpTopics() const;
+   /// Words that can follow these words of a command: without any, the paths of all listed
+   /// commands; after "help", its topics.
+   std::vector<std::string> GetCompletions(const std::string& wordsBefore) const;
 
    void Print(const std::string& message) override;
    void PrintError(const std::string& message) override;
@@ -46,6 +45,7 @@ private:
    void RunCommand(const Words& words);
    int Execute(const Words& words);
    const Command& FindCommand(const std::string& path) const;
+   /// Null if there is none.
    const CommandGroup* FindGroup(const std::string& path) const;
 
    void PrintHelp(const Words& words);

@@ -9,20 +9,19 @@ class TessQshState;
 constexpr int kPluginInterfaceVersion = 5;
 constexpr char kPluginEntryName[] = "GetQshPluginEntry";
 
-/// Does a command. `name` is the command's name without its path, `argv` the words behind it as
-/// they were typed, options included. Returns the status, 0 when it succeeded; lets no exception
-/// out.
+/// Runs a command. `name` is the command's name without its path, `argv` the words after it as they
+/// were typed, options included. Returns the status, 0 for success; must not throw.
 using CommandHandler = int (*)(TessQshState* state, const char* name, int argc,
                                const char* const* argv);
 
 struct Argument {
    const char* name;
-   const char* type; ///< a word for the reader: "string", "int"
+   const char* type; ///< shown by help: "string", "int"
    const char* description;
    bool isRequired; ///< required ones come first
 };
 
-/// Listed by help and completed; without it a command only runs.
+/// Flag: help and completion list the command.
 constexpr int kCommandListed = 1;
 
 struct Command {
@@ -41,18 +40,18 @@ struct CommandGroup {
    const char* help;
 };
 
-/// What a plug-in adds to the shell.
+/// The description of a plug-in and its commands.
 ///
-/// Ownership: it and all that it points to are the plug-in's and last as long as its library.
+/// Ownership: the plug-in owns it and everything that it points to, as static data of its library.
 struct PluginDesc {
-   int interfaceVersion; ///< stays the first field: nothing else is read where it differs
+   int interfaceVersion; ///< must stay first: if it differs, nothing else is read
    const char* name;
    const char* summary;
    const char* help;
    std::span<const CommandGroup> groups;
 };
 
-/// What a plug-in's library exports under kPluginEntryName.
+/// The function that a plug-in's library exports as kPluginEntryName.
 using PluginEntry = const PluginDesc* (*)();
 
 } // namespace QshFramework

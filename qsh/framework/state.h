@@ -10,14 +10,14 @@ namespace QshFramework {
 constexpr int kCommandDone = 0;
 constexpr int kCommandFailed = 1;
 
-/// A command cannot do what it was asked for.
+/// A command line is wrong, or a command cannot be carried out.
 class CommandError : public Corvax::Exception {
 public:
    explicit CommandError(std::string message);
    ~CommandError() override;
 };
 
-/// The shell as a command sees it. Each message is printed with a line end behind it.
+/// The shell as commands see it. Each message is printed as a line.
 class TessQshState {
 public:
    TessQshState() = default;
@@ -29,8 +29,8 @@ public:
    virtual void PrintError(const std::string& message) = 0;
 };
 
-/// Makes an exception out of `operation` the command's error: prints its message and returns
-/// kCommandFailed; kCommandDone when there was none.
+/// Runs `operation` and returns kCommandDone. If it throws, prints the message as the command's
+/// error and returns kCommandFailed.
 int RunGuarded(TessQshState& state, const std::function<void()>& operation);
 
 } // namespace QshFramework

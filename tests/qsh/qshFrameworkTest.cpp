@@ -10,7 +10,7 @@ namespace {
 
 using namespace QshFramework;
 
-TEST(QshCommandLineTest, TakesALineApart)
+TEST(QshCommandLineTest, SplitsALineIntoCommandsAndWords)
 {
    const std::pair<const char*, std::vector<Words>> rows[] = {
       {"", {}},
@@ -44,31 +44,31 @@ constexpr Command kCommands[] = {
    {"echo", DoNothing, "", kCommandListed, kArguments},
    {"hidden", DoNothing, "", 0, {}},
 };
-constexpr Command kUnmade[] = {{"new", DoNothing, "", 1, {}}, {"none", nullptr, "", 1, {}}};
+constexpr Command kIncomplete[] = {{"new", DoNothing, "", 1, {}}, {"none", nullptr, "", 1, {}}};
 constexpr CommandGroup kGroup[] = {{"g", "g/", kCommands, "", ""}};
-constexpr CommandGroup kUnmadeGroup[] = {{"u", "u/", kUnmade, "", ""}};
+constexpr CommandGroup kIncompleteGroup[] = {{"u", "u/", kIncomplete, "", ""}};
 
 TEST(QshStateTest, RefusedPluginAddsNothing)
 {
    const PluginDesc refused[] = {
       {kPluginInterfaceVersion - 1, "old", "", "", kGroup},
       {kPluginInterfaceVersion + 1, "new", "", "", kGroup},
-      {kPluginInterfaceVersion, "unmade", "", "", kUnmadeGroup},
+      {kPluginInterfaceVersion, "incomplete", "", "", kIncompleteGroup},
    };
    std::ostringstream out;
    TessQshInternalState shell(out, out);
-   const std::vector<std::string> before = shell.GetCommandPaths();
+   const std::vector<std::string> before = shell.GetCompletions("");
    for (const PluginDesc& plugin : refused) {
       EXPECT_THROW(shell.AddPlugin(plugin), CommandError) << plugin.name;
    }
-   EXPECT_EQ(shell.GetCommandPaths(), before);
-   EXPECT_TRUE(shell.GetHelpTopics().empty());
+   EXPECT_EQ(shell.GetCompletions(""), before);
+   EXPECT_TRUE(shell.GetCompletions("help").empty());
 
    const PluginDesc accepted = {kPluginInterfaceVersion, "p", "", "", kGroup};
    shell.AddPlugin(accepted);
    EXPECT_THROW(shell.AddPlugin(accepted), CommandError);
-   // The command that is not listed only runs.
-   EXPECT_EQ(shell.GetHelpTopics(), (std::vector<std::string>{"g/", "g/echo"}));
+   // The command that is not listed is no completion.
+   EXPECT_EQ(shell.GetCompletions("help"), (std::vector<std::string>{"g/", "g/echo"}));
 }
 
 } // namespace
