@@ -20,14 +20,14 @@ namespace Corvax {
 
 namespace {
 
-/// Native asynchronous I/O, used for what it does with files that go through the page cache: it
-/// carries out a list of writes one after the other, within one system call.
+/// Native asynchronous I/O. For files in the page cache it is synchronous: one system call carries
+/// out a list of writes in order.
 class WriteQueue {
 public:
    static constexpr size_t kLength = 512;
 
-   /// The process's one queue. It is never taken down: that waits for milliseconds, and the kernel
-   /// does it at the process's end.
+   /// The only queue of the process. It is never destroyed: that takes milliseconds, and the kernel
+   /// does it when the process ends.
    static WriteQueue& Get()
    {
       static WriteQueue* const queue = new WriteQueue;
@@ -61,7 +61,7 @@ public:
 private:
    WriteQueue() { _isOpen = ::syscall(SYS_io_setup, kLength, &_context) == 0; }
 
-   /// The requests are in the kernel's hands until their events have been taken.
+   /// The kernel owns the requests until their events have been received.
    size_t CountWritten(std::span<const FileExtent> extents, size_t submitted)
    {
       size_t written = submitted;

@@ -11,7 +11,7 @@
 
 namespace Corvax {
 
-/// What an open file may be used for; a mask.
+/// Permitted uses of an open file; a mask.
 enum FileAccess : uint32_t {
    FILE_READ = 1,
    FILE_WRITE = 2,
@@ -20,7 +20,7 @@ enum FileAccess : uint32_t {
 
 enum class FileCreation {
    OPEN_EXISTING, ///< the file must exist; its content stays
-   CREATE_ALWAYS, ///< the file is created, or emptied when it exists
+   CREATE_ALWAYS, ///< the file is created, or truncated if it exists
 };
 
 /// Bytes and the offset in a file at which to write them.
@@ -30,10 +30,10 @@ struct FileExtent {
    size_t sizeBytes = 0;
 };
 
-/// An open file with a position of its own.
+/// An open file with its own position.
 ///
-/// Cost: Seek is bookkeeping; Read and Write are one system call each where they can be.
-/// Errors: PlatformException naming the operation, the file, the offset and the reason.
+/// Cost: Seek is bookkeeping; Read and Write are one system call each, more only after a short
+/// count. Errors: PlatformException naming the operation, the file, the offset and the reason.
 /// Locking: none; one thread at a time.
 class FileHandle : public virtual Object {
 public:
@@ -45,15 +45,15 @@ public:
    /// Current size in bytes.
    virtual uint64_t GetSize() = 0;
 
-   /// Position of the next read or write, counted from the start; may lie beyond the end.
+   /// Sets the position of the next read or write, from the start; may be beyond the end.
    virtual void Seek(uint64_t offset) = 0;
 
-   /// Reads up to `sizeBytes` and moves the position on. Fewer bytes than asked mean the end.
+   /// Reads up to `sizeBytes` and advances the position. Returns fewer bytes only at the end.
    virtual size_t Read(void* buffer, size_t sizeBytes) = 0;
 
-   /// Writes, extending the file as needed (a gap reads as zero bytes), and moves the position on.
-   /// Returns the bytes written: fewer than asked when the device took no more after a part; when
-   /// it took nothing at all, that is an exception.
+   /// Writes, extending the file as needed (a gap reads as zero bytes), and advances the position.
+   /// Returns the number of bytes written: fewer if the device took only a part. PlatformException
+   /// if it took nothing.
    virtual size_t Write(const void* buffer, size_t sizeBytes) = 0;
 
    /// Writes the extents in order, many with one system call where the platform supports that. The
@@ -61,32 +61,32 @@ public:
    /// after it may or may not have been written.
    virtual void WriteExtents(std::span<const FileExtent> extents);
 
-   /// Brings everything written to the disk.
+   /// Syncs the file's data to the disk.
    virtual void Flush() = 0;
 
-   /// Write that throws when not everything was written.
+   /// As Write; PlatformException if not everything was written.
    void WriteAll(const void* buffer, size_t sizeBytes);
 
 protected:
    ~FileHandle() override;
 };
 
-/// Makes the platform's objects. A test replaces it to fail on command.
+/// Creates the platform's objects. A test replaces it to fail on command.
 class SystemFactory {
 public:
    virtual ~SystemFactory();
 
    virtual Ref<FileHandle> NewFileHandle() = 0;
-   /// Size in bytes of a named file; PlatformException when there is none.
+   /// Size of a file in bytes; PlatformException if it does not exist.
    virtual uint64_t GetFileSize(const std::string& path) = 0;
    virtual bool Exists(const std::string& path) = 0;
-   /// With all missing parents.
+   /// Creates missing parents, too.
    virtual void CreateDirectory(const std::string& path) = 0;
-   /// Puts a file in another's place in one step.
+   /// Replaces `to` by `from` atomically.
    virtual void Rename(const std::string& from, const std::string& to) = 0;
-   /// A new empty directory for passing data; the path ends with "/".
+   /// Creates an empty temporary directory; the path ends with "/".
    virtual std::string NewScratchDirectory() = 0;
-   /// Removes a file or a directory with all it holds; a missing one is no error.
+   /// Removes a file, or a directory with its contents; a missing one is not an error.
    virtual void Remove(const std::string& path) = 0;
 
    virtual std::unique_ptr<Mutex> CreateMutex() { return NewMutex(); }

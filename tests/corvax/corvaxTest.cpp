@@ -141,7 +141,7 @@ TEST_F(XmlConfigTest, SaysFileAndLineOfWhatIsWrong)
              std::string::npos);
    _scratch.Write("c.xml", "<config>" + std::string(300000, '<') + "a>");
    EXPECT_THROW(config->Read(), FileFormatException);
-   EXPECT_EQ(config->GetKeys().size(), 2u); // the tree is as it was
+   EXPECT_EQ(config->GetKeys().size(), 2u); // the tree is unchanged
 }
 
 TEST(LockableTest, KnowsWhetherTheCallingThreadHoldsIt)

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <map>
 
-/// A clock that stands until it is moved.
+/// A clock that moves only when the test sets it.
 class ManualClock : public Corvax::Clock {
 public:
    ManualClock() { Corvax::System::SetClock(this); }
@@ -21,7 +21,7 @@ public:
    }
    void SetSeconds(int64_t seconds) { nowUs = seconds * 1000000; }
 
-   std::atomic<int64_t> nowUs{0}; // a server's threads read it, too
+   std::atomic<int64_t> nowUs{0}; // a server's threads read it
    std::atomic<int64_t> monotonicUs{0};
    int64_t cpuUs = 0;
 };
