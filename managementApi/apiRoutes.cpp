@@ -36,9 +36,9 @@ void Answer(Http::Response& response, Json data)
 
 Refusal ToRefusal(const Plexa::Fault::InvalidArgument::Exception& fault)
 {
-   const std::string& property = fault.GetInvalidProperty();
-   return property.empty() ? Refusal(400, fault.GetMessage())
-                           : BadArgument(property, fault.GetReason());
+   const std::string& argument = fault.GetArgument();
+   return argument.empty() ? Refusal(400, fault.GetMessage())
+                           : BadArgument(argument, fault.GetReason());
 }
 
 const char* ErrorType(int status)

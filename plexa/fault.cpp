@@ -2,24 +2,17 @@
 
 namespace Plexa::Fault {
 
-namespace {
-
-std::string ComposeMessage(const std::string& invalidProperty, const std::string& reason)
-{
-   std::string message = "Invalid argument";
-   for (const std::string& part : {invalidProperty, reason}) {
-      message += part.empty() ? "" : ": " + part;
-   }
-   return message;
-}
-
-} // namespace
-
 FaultException::~FaultException() = default;
 
-InvalidArgument::Exception::Exception(std::string invalidProperty, std::string reason)
-   : FaultException(ComposeMessage(invalidProperty, reason)),
-     _invalidProperty(std::move(invalidProperty)), _reason(std::move(reason))
+InvalidArgument::Exception::Exception(std::string invalidProperty)
+   : FaultException("Invalid argument" +
+                    (invalidProperty.empty() ? std::string() : ": " + invalidProperty)),
+     _invalidProperty(std::move(invalidProperty))
+{
+}
+InvalidArgument::Exception::Exception(std::string argument, std::string reason)
+   : FaultException("Invalid argument: " + argument + ": " + reason),
+     _argument(std::move(argument)), _reason(std::move(reason))
 {
 }
 InvalidArgument::Exception::~Exception() = default;

@@ -17,16 +17,21 @@ public:
 struct InvalidArgument {
    class Exception : public FaultException {
    public:
-      /// `invalidProperty` names the property of the request at fault, `reason` says why
-      /// ("is not before endTime"). Either may be empty. The message contains both.
-      explicit Exception(std::string invalidProperty = {}, std::string reason = {});
+      /// `invalidProperty` is the property that the fault names to the API's clients.
+      explicit Exception(std::string invalidProperty = {});
+      /// The fault names no property; argument ("startTime") and reason ("is not before endTime")
+      /// are for the agent's own use. The message contains both.
+      Exception(std::string argument, std::string reason);
       ~Exception() override;
 
       const std::string& GetInvalidProperty() const { return _invalidProperty; }
+      /// Both are empty unless the exception was created with them.
+      const std::string& GetArgument() const { return _argument; }
       const std::string& GetReason() const { return _reason; }
 
    private:
       std::string _invalidProperty;
+      std::string _argument;
       std::string _reason;
    };
 };

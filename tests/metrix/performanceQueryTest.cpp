@@ -231,7 +231,7 @@ TEST_F(PerformanceQueryTest, RefusalNamesThePropertyAndKeepsEarlierResults)
        "'d' is a Datastore, not a virtual machine, host or resource pool"},
       {[](auto& spec) { spec.entity = nullptr; }, "entity", "is missing"},
    };
-   for (const auto& [change, property, reason] : cases) {
+   for (const auto& [change, argument, reason] : cases) {
       SCOPED_TRACE(reason);
       auto spec = Spec(20, {{kCpuUsage, ""}});
       change(*spec);
@@ -239,9 +239,10 @@ TEST_F(PerformanceQueryTest, RefusalNamesThePropertyAndKeepsEarlierResults)
          Query({Spec(20, {{kCpuUsage, ""}}), spec, Spec(20, {{kCpuUsage, ""}})});
          ADD_FAILURE() << "accepted";
       } catch (const InvalidArgument& e) {
-         EXPECT_EQ(e.GetInvalidProperty(), property);
+         EXPECT_EQ(e.GetInvalidProperty(), ""); // clients get none
+         EXPECT_EQ(e.GetArgument(), argument);
          EXPECT_EQ(e.GetReason(), reason);
-         EXPECT_EQ(e.GetMessage(), "Invalid argument: " + property + ": " + reason);
+         EXPECT_EQ(e.GetMessage(), "Invalid argument: " + argument + ": " + reason);
       }
       EXPECT_EQ(_results->GetSize(), 1u);
    }
