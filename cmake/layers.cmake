@@ -105,7 +105,7 @@ room(linuxHost
 room(linuxHost/libvirt SEES linuxHost ${interfaces} TAKES locks threads libvirt xml)
 room(simHost SEES inventory ${services} ${interfaces} TAKES locks)
 
-room(http SEES corvax TAKES sockets polling locks threads files httplib)
+room(http SEES corvax TAKES sockets polling locks files httplib)
 room(managementApi SEES http ${services} quen plexa corvax TAKES json)
 room(agentd SEES managementApi http linuxHost simHost inventory ${services} ${interfaces}
    TAKES files polling threads processes modules commandLine)

@@ -18,18 +18,21 @@ namespace Http {
 
 namespace {
 
-// Keys in epoll; those of connections follow.
+using Corvax::Descriptor;
+
+// Keys in epoll; the connections have those above.
 constexpr uint64_t kListenerKey = 0;
 constexpr uint64_t kWakeUpKey = 1;
 
-// At a time, so that a fast client leaves the others theirs.
-constexpr size_t kReadBytes = 64 * 1024;
-constexpr size_t kMaxRefusedConnections = 32; // which are being told that there are too many
+// Read per event, so that one fast client cannot starve the others.
+constexpr size_t kReadBytes = size_t{64} << 10;
+// Connections beyond the limit that get a 503; further ones are closed at once.
+constexpr size_t kMaxRefusedConnections = 32;
 constexpr std::chrono::milliseconds kDrainTimeout{2000};
 constexpr std::chrono::milliseconds kAcceptPause{1000};
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 
-/// False with errno when epoll refuses.
+/// False, with errno set, if epoll fails.
 bool Control(int epoll, int operation, int descriptor, uint64_t key, uint32_t events)
 {
    epoll_event event{};
@@ -43,7 +46,7 @@ bool WouldBlock(int errorNumber)
    return errorNumber == EAGAIN || errorNumber == EWOULDBLOCK || errorNumber == EINTR;
 }
 
-/// A deadline too far away to be counted is none.
+/// Limited to a year, so that the sum cannot overflow.
 std::chrono::steady_clock::time_point After(std::chrono::milliseconds time)
 {
    constexpr std::chrono::hours kLongest{24 * 365};
@@ -51,13 +54,6 @@ std::chrono::steady_clock::time_point After(std::chrono::milliseconds time)
 }
 
 } // namespace
-
-Descriptor::~Descriptor()
-{
-   if (_number >= 0) {
-      ::close(_number);
-   }
-}
 
 Connections::Connections(Descriptor listener, const Limits& limits, RequestTaker takeRequest,
                          RefusalWriter writeRefusal, Corvax::Logger* logger)
@@ -70,7 +66,7 @@ Connections::Connections(Descriptor listener, const Limits& limits, RequestTaker
        !Control(_epoll.Get(), EPOLL_CTL_ADD, _wakeUp.Get(), kWakeUpKey, EPOLLIN)) {
       throw Corvax::PlatformException("wait for HTTP connections", errno);
    }
-   // One answer at most for each connection: Answer never needs memory.
+   // A connection has at most one answer, so Answer never allocates.
    const size_t most = static_cast<size_t>(_limits.maxConnections) + kMaxRefusedConnections;
    _answers.reserve(most);
    _answersTaken.reserve(most);
@@ -104,7 +100,7 @@ void Connections::Answer(uint64_t connection, std::string response, bool close) 
       _answers.push_back({connection, std::move(response), close});
    }
    const uint64_t one = 1;
-   // It fails only when nothing was read for 2^64 times.
+   // It fails only after 2^64 writes without a read.
    [[maybe_unused]] const ssize_t written = ::write(_wakeUp.Get(), &one, sizeof one);
 }
 
@@ -193,13 +189,13 @@ void Connections::HandleDeadlines()
    }
 }
 
-/// Runs one step of a connection, and forgets the connection when that has closed it.
+/// Runs one step of a connection, and erases the connection if the step has closed it.
 template <class Step>
 void Connections::Guard(Connection& connection, Step step)
 {
    try {
       step(connection);
-   } catch (...) { // no memory, most likely; nothing that a client sends gets here
+   } catch (...) { // probably no memory; bad requests do not get here
       Close(connection);
    }
    if (connection.state == State::Closed && !connection.owed) {
@@ -214,7 +210,7 @@ void Connections::Accept()
       if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
          PauseAccepting(errno);
       }
-      return; // otherwise the client has gone already
+      return; // for other errors the client has gone already
    }
    const auto most = static_cast<size_t>(_limits.maxConnections);
    const bool tooMany = _connections.size() >= most;
@@ -222,7 +218,7 @@ void Connections::Accept()
       return;
    }
    const int one = 1;
-   // Only a response's delay depends on it.
+   // Ignored if it fails: it only saves delay.
    ::setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
    if (!Control(_epoll.Get(), EPOLL_CTL_ADD, socket.Get(), _lastId + 1, EPOLLIN)) {
       return;
@@ -240,7 +236,7 @@ void Connections::Accept()
    }
 }
 
-/// For a while, instead of being woken again and again by a client that cannot be taken.
+/// Otherwise a client that cannot be accepted would wake the thread over and over.
 void Connections::PauseAccepting(int errorNumber)
 {
    Control(_epoll.Get(), EPOLL_CTL_MOD, _listener.Get(), kListenerKey, 0);
@@ -266,12 +262,12 @@ void Connections::React(Connection& connection, uint32_t events)
       Write(connection);
       break;
    case State::Working:
-      // The next request waits in the socket. A broken connection is reported no matter what is
-      // looked for, over and over: it can only be closed.
+      // The next request stays in the socket. A broken connection is reported whatever the events
+      // are set to, and again and again, so it has to be closed.
       if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
          Close(connection);
       } else {
-         LookFor(connection, 0);
+         SetEvents(connection, 0);
       }
       break;
    case State::Closed:
@@ -286,7 +282,7 @@ void Connections::Read(Connection& connection)
    if (got < 0 && WouldBlock(errno)) {
       return;
    }
-   if (got <= 0) { // the client has gone, or has nothing more to ask
+   if (got <= 0) { // the client has closed its side, or is gone
       Close(connection);
       return;
    }
@@ -296,7 +292,7 @@ void Connections::Read(Connection& connection)
    }
 }
 
-/// Hands the next request over if all of it has come.
+/// Hands the next request over if it is complete.
 void Connections::TakeRequest(Connection& connection)
 {
    try {
@@ -313,7 +309,7 @@ bool Connections::TakeHead(Connection& connection)
 {
    std::string& input = connection.input;
    if (!connection.requestBegun) {
-      // Empty lines before a request are let pass.
+      // Empty lines before a request are skipped.
       input.erase(0, std::min(input.find_first_not_of("\r\n"), input.size()));
       if (input.empty()) {
          return false;
@@ -321,8 +317,8 @@ bool Connections::TakeHead(Connection& connection)
       connection.requestBegun = true;
       connection.deadline = After(_limits.requestTimeout);
    }
-   const auto end = FindHeadEnd(input, connection.inputLooked);
-   connection.inputLooked = input.size();
+   const auto end = FindHeadEnd(input, connection.inputSearched);
+   connection.inputSearched = input.size();
    if (!end) {
       return false;
    }
@@ -335,7 +331,7 @@ bool Connections::TakeHead(Connection& connection)
       const ssize_t sent =
          ::send(connection.socket.Get(), kContinue.data(), kContinue.size(), MSG_NOSIGNAL);
       if (sent != static_cast<ssize_t>(kContinue.size())) {
-         Close(connection); // so few bytes fit, unless the client does not read its responses
+         Close(connection); // these few bytes fit unless the client does not read its responses
          return false;
       }
    }
@@ -351,7 +347,7 @@ void Connections::HandOver(Connection& connection)
    if (connection.input.empty() && connection.input.capacity() > kReadBytes) {
       connection.input.shrink_to_fit();
    }
-   connection.inputLooked = 0;
+   connection.inputSearched = 0;
    connection.head.reset();
    connection.requestBegun = false;
    connection.state = State::Working;
@@ -395,7 +391,7 @@ void Connections::Write(Connection& connection)
    }
    connection.outputSent += static_cast<size_t>(std::max<ssize_t>(sent, 0));
    if (connection.outputSent < connection.output.size()) {
-      LookFor(connection, EPOLLOUT);
+      SetEvents(connection, EPOLLOUT);
    } else {
       FinishWriting(connection);
    }
@@ -404,10 +400,10 @@ void Connections::Write(Connection& connection)
 void Connections::FinishWriting(Connection& connection)
 {
    connection.output = std::string();
-   LookFor(connection, EPOLLIN);
+   SetEvents(connection, EPOLLIN);
    if (connection.closeAfterOutput || _stopping) {
-      // What the client still sends is read for a while: closing with unread bytes would reset the
-      // connection, and the response might be lost with it.
+      // Keep reading for a while: closing with unread bytes would reset the connection, and the
+      // client might lose the response.
       ::shutdown(connection.socket.Get(), SHUT_WR);
       connection.state = State::Draining;
       connection.deadline = After(std::min(_limits.requestTimeout, kDrainTimeout));
@@ -415,24 +411,24 @@ void Connections::FinishWriting(Connection& connection)
    }
    connection.state = State::Reading;
    connection.deadline = After(_limits.idleTimeout);
-   TakeRequest(connection); // it may have come together with the last one
+   TakeRequest(connection); // it may have arrived together with the last one
 }
 
 void Connections::HandleDeadline(Connection& connection)
 {
    if (connection.state == State::Reading && connection.requestBegun) {
-      Refuse(connection, Refusal(408, "The request did not come to its end in time"));
+      Refuse(connection, Refusal(408, "The request was not complete in time"));
       return;
    }
    if (connection.state == State::Writing) {
-      // Otherwise the system would keep what it could not send.
+      // Otherwise the system would keep trying to send the rest.
       const linger reset{1, 0};
       ::setsockopt(connection.socket.Get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
    }
    Close(connection);
 }
 
-void Connections::LookFor(Connection& connection, uint32_t events)
+void Connections::SetEvents(Connection& connection, uint32_t events)
 {
    if (connection.events == events) {
       return;
@@ -445,7 +441,7 @@ void Connections::LookFor(Connection& connection, uint32_t events)
 
 void Connections::Close(Connection& connection)
 {
-   connection.socket = Descriptor(); // epoll forgets it by itself
+   connection.socket = Descriptor(); // which removes it from epoll, too
    connection.state = State::Closed;
    connection.deadline = Clock::time_point::max();
    connection.input = std::string();

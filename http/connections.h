@@ -1,5 +1,6 @@
 #pragma once
 
+#include "corvax/descriptor.h"
 #include "corvax/logger.h"
 #include "http/message.h"
 
@@ -10,40 +11,20 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 namespace Http {
 
-/// Owns a file descriptor; negative: none.
-class Descriptor {
-public:
-   explicit Descriptor(int number = -1) noexcept : _number(number) {}
-   Descriptor(Descriptor&& other) noexcept : _number(std::exchange(other._number, -1)) {}
-   Descriptor& operator=(Descriptor other) noexcept
-   {
-      std::swap(_number, other._number);
-      return *this;
-   }
-   ~Descriptor();
-
-   int Get() const noexcept { return _number; }
-   explicit operator bool() const noexcept { return _number >= 0; }
-
-private:
-   int _number;
-};
-
-/// All connections of the HTTP server, and the one thread's loop that reads and writes them. It
-/// never waits for a single client: sockets do not block, and each state of a connection but the
-/// one in which the server itself owes the response has a deadline.
+/// All connections of the HTTP server, and the loop of the thread that reads and writes them. It
+/// never waits for a single client: sockets do not block, and every state of a connection has a
+/// deadline except the one in which the server owes the response.
 ///
-/// Invariant: a connection has at most one request handed over. It keeps its place among
-/// `maxConnections` until that one is answered, even if the client has gone; this bounds both the
+/// Invariant: at most one request of a connection is with the workers. Until it is answered the
+/// connection counts towards `maxConnections`, even if the client has gone; this bounds both the
 /// requests that wait for a worker and the answers that wait here.
-/// Locking: everything belongs to the thread in Run, but what is said to be for any thread. The
-/// lock of the answers is a leaf: nothing is called under it. Errors: what fails on a connection,
-/// memory included, closes that one.
+/// Locking: the thread in Run owns everything except the answers. Their lock is a leaf: nothing is
+/// called under it.
+/// Errors: a failure on a connection, lack of memory included, closes that connection.
 class Connections {
 public:
    struct ReceivedRequest {
@@ -51,29 +32,28 @@ public:
       RequestHead head;
       std::string body;
    };
-   /// Takes a request over, to Answer it later from any thread. Called in Run.
+   /// Takes over a request that any thread Answers later. Called in Run.
    using RequestTaker = std::function<void(ReceivedRequest)>;
-   /// The bytes of a response that refuses and says that the connection is closed. Called in Run.
+   /// Returns the bytes of a refusal that announces the end of the connection. Called in Run.
    using RefusalWriter = std::function<std::string(const Refusal&)>;
 
-   /// `listener` is a listening socket that does not block. PlatformException.
-   Connections(Descriptor listener, const Limits& limits, RequestTaker takeRequest,
+   /// `listener` is a listening socket that does not block. PlatformException if epoll fails.
+   Connections(Corvax::Descriptor listener, const Limits& limits, RequestTaker takeRequest,
                RefusalWriter writeRefusal, Corvax::Logger* logger);
    ~Connections();
 
-   /// Until End.
+   /// Returns after End. PlatformException if epoll fails.
    void Run();
 
-   /// Any thread: the bytes for the request of that connection; without any, or with `close`, the
-   /// connection is closed then.
+   /// Any thread: the response to the connection's request, as bytes. With `close` the connection
+   /// is closed once they are sent; without any bytes it is closed at once.
    void Answer(uint64_t connection, std::string response, bool close) noexcept;
 
-   /// Any thread: closes the listener and the connections that are not owed a response; the others
-   /// are closed when they have it.
+   /// Any thread: closes the listener and the connections that wait for no response; the others are
+   /// closed once they have it.
    void StopAccepting();
 
-   /// Any thread: Run hands what was answered before to the sockets, closes all of them and
-   /// returns.
+   /// Any thread: Run gives the earlier answers to the sockets, closes all of them and returns.
    void End();
 
 private:
@@ -82,15 +62,15 @@ private:
 
    struct Connection {
       uint64_t id = 0;
-      Descriptor socket;
+      Corvax::Descriptor socket;
       State state = State::Reading;
-      uint32_t events = 0; ///< what epoll looks for
+      uint32_t events = 0; ///< that epoll reports
       Clock::time_point deadline = Clock::time_point::max();
       std::string input;
-      size_t inputLooked = 0;          ///< so much of it was searched for the end of the headers
+      size_t inputSearched = 0;        ///< bytes already searched for the end of the headers
       bool requestBegun = false;       ///< Reading: not idle
-      std::optional<RequestHead> head; ///< Reading: there once the headers are complete
-      bool owed = false;               ///< its request was handed over and is not answered yet
+      std::optional<RequestHead> head; ///< Reading: set once the headers are complete
+      bool owed = false;               ///< its request is with the workers
       std::string output;
       size_t outputSent = 0;
       bool closeAfterOutput = false;
@@ -124,17 +104,17 @@ private:
    void FinishWriting(Connection& connection);
    void HandleDeadline(Connection& connection);
    void TakeAnswers();
-   void LookFor(Connection& connection, uint32_t events);
+   void SetEvents(Connection& connection, uint32_t events);
    static void Close(Connection& connection);
 
    const Limits _limits;
    const RequestTaker _takeRequest;
    const RefusalWriter _writeRefusal;
    const Corvax::Ref<Corvax::Logger> _logger;
-   Descriptor _listener;
-   const Descriptor _epoll;
-   const Descriptor _wakeUp; ///< an eventfd
-   Clock::time_point _acceptAgain = Clock::time_point::max();
+   Corvax::Descriptor _listener;
+   const Corvax::Descriptor _epoll;
+   const Corvax::Descriptor _wakeUp;                          ///< an eventfd
+   Clock::time_point _acceptAgain = Clock::time_point::max(); ///< max: accepting is not paused
    std::unordered_map<uint64_t, Connection> _connections;
    uint64_t _lastId;
    std::vector<AnswerItem> _answersTaken;

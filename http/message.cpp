@@ -12,12 +12,12 @@ namespace {
 
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
-constexpr size_t kMethodAndVersionBytes = 64; // generous: all of a request line but its target
+constexpr size_t kMethodAndVersionBytes = 64; // enough for the request line without its target
 
-/// By lower-case name; the values of a header that was sent more than once are joined by ", ".
+/// By lower-case name; the values of a repeated header are joined by ", ".
 using Headers = std::map<std::string, std::string, std::less<>>;
 
-// ASCII only: what a client sent is never a matter of the locale.
+// ASCII only: parsing must not depend on the locale.
 char ToLower(char c)
 {
    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
@@ -62,7 +62,7 @@ std::string_view Trim(std::string_view text)
    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-/// Takes off what stands before the separator, and the separator.
+/// Returns the text before the separator, and removes both from `text`.
 std::string_view TakeUntil(std::string_view& text, std::string_view separator)
 {
    const size_t at = text.find(separator);
@@ -77,7 +77,7 @@ void ParseTarget(std::string_view target, RequestHead& head)
       throw Refusal(414, Corvax::Format("The URI is longer than %1 bytes", kMaxTargetBytes));
    }
    constexpr std::string_view kScheme = "http://";
-   if (ToLower(target.substr(0, kScheme.size())) == kScheme) { // as a proxy is asked
+   if (ToLower(target.substr(0, kScheme.size())) == kScheme) { // the form for proxies
       target.remove_prefix(std::min(target.size(), target.find('/', kScheme.size())));
    }
    if (!target.starts_with('/') || !std::ranges::all_of(target, IsVisible)) {
@@ -95,7 +95,7 @@ void ParseRequestLine(std::string_view line, RequestHead& head)
       throw Refusal(400, "The request line is malformed");
    }
    if (line != "HTTP/1.1" && line != "HTTP/1.0") {
-      throw Refusal(505, "Only HTTP/1.1 and HTTP/1.0 are spoken here");
+      throw Refusal(505, "Only HTTP/1.1 and HTTP/1.0 are supported");
    }
    head.close = line == "HTTP/1.0";
    ParseTarget(target, head);
@@ -105,7 +105,7 @@ void ParseHeader(std::string_view line, Headers& headers)
 {
    const size_t colon = line.find(':');
    const std::string_view name = line.substr(0, colon);
-   if (colon == line.npos || !IsToken(name)) { // also a line that goes on with the one before
+   if (colon == line.npos || !IsToken(name)) { // includes continuation lines, which are obsolete
       throw Refusal(400, "A header is malformed");
    }
    const std::string_view value = Trim(line.substr(colon + 1));
@@ -132,7 +132,7 @@ uint64_t ParseContentLength(std::string_view text)
       throw Refusal(413, "The body is too long");
    }
    if (error != std::errc() || end != text.data() + text.size()) {
-      throw Refusal(400, "The Content-Length is not one number");
+      throw Refusal(400, "The Content-Length is not a number");
    }
    return length;
 }
@@ -147,7 +147,7 @@ bool HasToken(std::string_view list, std::string_view token)
    return false;
 }
 
-/// Whether a weight such as ";q=0.000" forbids what it stands behind.
+/// Whether a weight such as ";q=0.000" excludes the coding.
 bool IsWeightZero(std::string_view parameters)
 {
    while (!parameters.empty()) {
@@ -173,11 +173,11 @@ bool AcceptsGzip(std::string_view acceptEncoding)
    return anyCoding;
 }
 
-/// How the body comes, and whether this server can take it.
+/// Refuses the ways of sending a body that this server does not support.
 void ApplyBodyHeaders(const Headers& headers, RequestHead& head)
 {
    if (headers.contains("transfer-encoding")) {
-      throw Refusal(411, "A body needs a Content-Length and no Transfer-Encoding");
+      throw Refusal(411, "Transfer-Encoding is not supported; send a Content-Length");
    }
    if (headers.contains("content-length")) {
       head.contentLength = ParseContentLength(Get(headers, "content-length"));
@@ -189,9 +189,9 @@ void ApplyBodyHeaders(const Headers& headers, RequestHead& head)
    head.contentType = Get(headers, "content-type");
    const std::string expectation = ToLower(Get(headers, "expect"));
    if (!expectation.empty() && expectation != "100-continue") {
-      throw Refusal(417, "The only expectation that is met is 100-continue");
+      throw Refusal(417, "The only supported expectation is 100-continue");
    }
-   // A client of HTTP/1.0 does not know the answer.
+   // An HTTP/1.0 client does not understand the interim response.
    head.expectsContinue = !expectation.empty() && !head.close;
 }
 
@@ -249,7 +249,7 @@ std::optional<size_t> FindHeadEnd(std::string_view received, size_t from)
    if (lineSize == 0 || received[lineSize - 1] != '\r') {
       throw Refusal(400, "The request line does not end with CR LF");
    }
-   // The end may have begun in the bytes that came before.
+   // The end may start within the bytes searched before.
    const size_t end =
       received.find(kHeadEnd, from < kHeadEnd.size() ? 0 : from - kHeadEnd.size() + 1);
    if (std::min(end, received.size()) > lineSize + kMaxHeaderBytes) {

@@ -13,18 +13,18 @@
 
 namespace Http {
 
-/// What bounds a request besides Limits.
+/// Bounds of a request that are not configurable.
 constexpr size_t kMaxTargetBytes = size_t{8} << 10;
 constexpr size_t kMaxHeaderBytes = size_t{16} << 10;
 constexpr size_t kMaxHeaders = 100;
 
 struct Limits {
    size_t maxBodyBytes = 1 << 20;
-   /// From a request's first byte to its last, and again for its response to be taken.
+   /// From a request's first byte to its last, and again until the client has taken the response.
    std::chrono::milliseconds requestTimeout{30000};
    std::chrono::milliseconds idleTimeout{60000}; ///< between requests
    int workers = 4;
-   int maxConnections = 256; ///< further ones get 503 and are closed
+   int maxConnections = 256; ///< more get a 503 and are closed
 };
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
@@ -33,7 +33,7 @@ struct Request {
    std::string method;                      ///< "GET" for a HEAD, too
    std::string path;                        ///< decoded
    Fields query;                            ///< decoded, in order
-   std::vector<std::string> pathParameters; ///< decoded, one for each {name} of the route
+   std::vector<std::string> pathParameters; ///< decoded, one for each {name} in the route
    std::string accept;                      ///< the Accept header
    std::string contentType;
    std::string body;
@@ -43,10 +43,11 @@ struct Response {
    int status = 200;
    std::string contentType = "application/json";
    std::string body;
-   Fields headers; ///< further ones, e.g. Allow
+   Fields headers; ///< besides those that the server sets
 };
 
-/// A request that is answered with an error. A handler may throw it, too.
+/// The server answers the request with this error. Handlers throw it, and so does the server
+/// itself.
 class Refusal : public Corvax::Exception {
 public:
    Refusal(int status, std::string message, Fields headers = {});
@@ -60,7 +61,7 @@ private:
    Fields _headers;
 };
 
-/// What the server needs of a request's line and headers.
+/// The parts of a request's line and headers that the server uses.
 struct RequestHead {
    std::string method;
    std::string path;  ///< as sent, percent-encoded
@@ -73,22 +74,22 @@ struct RequestHead {
    bool close = false; ///< the client wants the connection closed after the response
 };
 
-/// Length of request line and headers with the empty line that ends them, nothing when that has not
-/// come yet. Bytes before `from` were looked at by an earlier call. Refusal 414 or 431 as soon
-/// as one of them is too long, 400 for a line that ends without a carriage return.
+/// Length of the request line and headers, up to and including the empty line; nothing if that has
+/// not arrived yet. An earlier call has searched the bytes before `from`. Refusal 414 or 431 as
+/// soon as one of the two is too long, 400 for a request line that ends without a carriage return.
 std::optional<size_t> FindHeadEnd(std::string_view received, size_t from);
 
-/// Takes request line and headers apart, as FindHeadEnd measured them. Whatever could be read in
-/// two ways is refused: 400, or 411, 413, 414, 415, 417, 431 and 505 for what is not supported.
+/// Parses request line and headers, as measured by FindHeadEnd. Refusal 400 for anything malformed
+/// or ambiguous; 411, 413, 414, 415, 417, 431 and 505 for what is not supported.
 RequestHead ParseHead(std::string_view head);
 
-/// "%41" becomes "A". Refusal 400 for an escape that is cut off or is none, and for a NUL.
+/// "%41" becomes "A". Refusal 400 for a malformed escape and for a NUL.
 std::string DecodePercent(std::string_view text, bool plusIsBlank);
 
-/// The segments of a path that begins with "/", each decoded by itself: "/a/b%2Fc" is "a", "b/c".
+/// The segments of a path that begins with "/", each decoded separately: "/a/b%2Fc" is "a", "b/c".
 std::vector<std::string> DecodePath(std::string_view path);
 
-/// "a=1&b" is a: 1 and b: "".
+/// "a=1&b" becomes a: "1", b: "".
 Fields DecodeQuery(std::string_view query);
 
 } // namespace Http

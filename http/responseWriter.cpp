@@ -10,9 +10,9 @@ namespace Http {
 
 namespace {
 
-constexpr size_t kMinGzipBytes = 1024; // below it the work costs more than the bytes
+constexpr size_t kMinGzipBytes = 1024; // below that, compressing costs more than sending
 
-/// A connection that is a text to read and a text to write.
+/// A connection whose input and output are strings.
 class MemoryStream : public httplib::Stream {
 public:
    using Stream::write;
@@ -54,7 +54,7 @@ public:
          Fill(response);
          return HandlerResponse::Handled;
       });
-      // What the library adds and this server does not keep.
+      // The library adds these headers, but this server does not act by them.
       set_post_routing_handler([](const httplib::Request&, httplib::Response& response) {
          response.headers.erase("Accept-Ranges");
          response.headers.erase("Keep-Alive");
@@ -66,9 +66,9 @@ public:
 
    std::string Write(Response response, const Form& form)
    {
-      // The library is told only what decides on the form of the response. It must not see the
-      // client's own headers: it would take up ranges by a regular expression, prefer Brotli at its
-      // slowest, and read "gzip;q=0" as consent.
+      // The library gets a request of our own. It must not see the client's headers: it would parse
+      // ranges with a regular expression, prefer Brotli at its slowest, and take "gzip;q=0" as
+      // consent.
       std::string request = form.withoutBody ? "HEAD" : "GET";
       request += " / HTTP/1.1\r\n";
       if (form.gzip && response.body.size() >= kMinGzipBytes) {
@@ -87,7 +87,7 @@ private:
    {
       response.status = _response.status;
       if (response.status == 204 || response.status == 304) {
-         _response.body.clear(); // the client would take it for the next response
+         _response.body.clear(); // the client would read it as the next response
       }
       if (_response.body.size() >= kMinGzipBytes) {
          response.set_header("Vary", "Accept-Encoding");
@@ -101,7 +101,7 @@ private:
       response.body = std::move(_response.body);
    }
 
-   Response _response; // the one that is being written
+   Response _response; ///< being written
 };
 
 ResponseWriter::ResponseWriter() : _library(std::make_unique<Library>()) {}

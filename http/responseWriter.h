@@ -7,23 +7,23 @@
 
 namespace Http {
 
-/// Turns a response into the bytes that go to the client, by the HTTP library's own server, which
-/// encodes, measures and writes it into memory: it never gets a socket.
+/// Turns a response into the bytes for the client. The HTTP library's own server does the encoding,
+/// and writes into memory instead of a socket.
 ///
-/// Locking: none; one for each thread.
+/// Locking: none; each thread has its own.
 class ResponseWriter {
 public:
    struct Form {
-      bool withoutBody = false; ///< for a HEAD: the same headers and no body
-      bool gzip = false;        ///< the client takes it; short bodies go as they are
+      bool withoutBody = false; ///< for a HEAD: the same headers, no body
+      bool gzip = false;        ///< the client accepts it
       bool close = false;       ///< the connection ends with this response
    };
 
    ResponseWriter();
    ~ResponseWriter();
 
-   /// Bodies of 1 KiB and more are compressed when their type is exactly application/json or begins
-   /// with text/. A header that contains a line break is left out.
+   /// With `gzip`, a body of 1 KiB and more is compressed if its type is exactly application/json
+   /// or begins with text/. A header that contains a line break is left out.
    std::string Write(Response response, const Form& form);
 
 private:

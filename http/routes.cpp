@@ -24,7 +24,7 @@ Routes::Route Routes::ParsePattern(std::string_view pattern)
 {
    if (!pattern.starts_with('/')) {
       throw Corvax::InvalidArgumentException(
-         Corvax::Format("A route begins with \"/\", not as \"%1\" does", pattern));
+         Corvax::Format("The route \"%1\" does not begin with \"/\"", pattern));
    }
    Route route;
    route.segments = DecodePath(pattern);
@@ -32,7 +32,7 @@ Routes::Route Routes::ParsePattern(std::string_view pattern)
       const bool isParameter = segment.starts_with('{') && segment.ends_with('}');
       route.isParameter.push_back(isParameter);
       if (isParameter) {
-         segment.clear(); // its name is for the reader alone
+         segment.clear(); // the name is not used
       }
    }
    return route;
@@ -51,13 +51,15 @@ void Routes::Add(const std::string& method, std::string_view pattern, Handler ha
       });
       place = _routes.insert(place, std::move(route));
    }
-   if (!place->handlers.try_emplace(method, std::move(handler)).second) {
+   Handler& own = place->handlers[method];
+   if (own) {
       throw Corvax::InvalidArgumentException(
-         Corvax::Format("%1 %2 has a handler already", method, pattern));
+         Corvax::Format("%1 %2 already has a handler", method, pattern));
    }
+   own = std::move(handler);
 }
 
-bool Routes::Fits(const Route& route, const std::vector<std::string>& segments)
+bool Routes::Matches(const Route& route, const std::vector<std::string>& segments)
 {
    if (segments.size() != route.segments.size()) {
       return false;
@@ -75,7 +77,7 @@ Routes::Match Routes::Find(std::string_view method, const std::vector<std::strin
    Match match;
    std::set<std::string_view> allowed;
    for (const Route& route : _routes) {
-      if (!Fits(route, segments)) {
+      if (!Matches(route, segments)) {
          continue;
       }
       for (const auto& [name, handler] : route.handlers) {

@@ -5,7 +5,6 @@
 #include "http/responseWriter.h"
 
 #include <netdb.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@ namespace Http {
 
 namespace {
 
+using Corvax::Descriptor;
 using AddressList = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 
 [[noreturn]] void FailToListen(const std::string& address, const std::string& reason)
@@ -25,7 +25,7 @@ using AddressList = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
    throw Corvax::Exception(Corvax::Format("Cannot listen on %1: %2", address, reason));
 }
 
-/// "host:port" or "[host]:port", where the brackets free the host's colons.
+/// "host:port", or "[host]:port" for a host with colons.
 std::pair<std::string, std::string> SplitAddress(const std::string& address)
 {
    const size_t colon = address.rfind(':');
@@ -57,7 +57,7 @@ AddressList ResolveAddress(const std::string& address)
    return AddressList(found, &::freeaddrinfo);
 }
 
-/// None with errno when the address cannot be had.
+/// No descriptor, with errno set, if listening on the address fails.
 Descriptor OpenListener(const addrinfo& address)
 {
    Descriptor listener(::socket(address.ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -67,7 +67,7 @@ Descriptor OpenListener(const addrinfo& address)
        ::listen(listener.Get(), SOMAXCONN) == 0) {
       return listener;
    }
-   const int error = errno; // closing must not change it
+   const int error = errno; // closing may change it
    listener = Descriptor();
    errno = error;
    return listener;
@@ -104,7 +104,7 @@ bool IsKnownMethod(std::string_view method)
    return std::ranges::find(kMethods, method) != kMethods.end();
 }
 
-/// What the exception that is being handled says.
+/// The message of the exception being handled.
 std::string GetExceptionText()
 {
    try {
@@ -153,17 +153,16 @@ int Server::Listen(const std::string& address)
    };
    _connections = std::make_unique<Connections>(
       std::move(listener), _limits, std::move(takeRequest), std::move(writeRefusal), _logger.Get());
-   _ioThread = std::thread([this] {
+   _ioThread = Corvax::StartThread("http-io", [this](const std::stop_token&) {
       try {
          _connections->Run();
       } catch (...) {
-         _logger->Log(Corvax::kLogError, "The HTTP server has ended: %1", GetExceptionText());
+         _logger->Log(Corvax::kLogError, "The HTTP server has stopped: %1", GetExceptionText());
       }
    });
-   ::pthread_setname_np(_ioThread.native_handle(), "http-io");
    for (int i = 0; i < _limits.workers; ++i) {
-      _workers.emplace_back([this] { Work(); });
-      ::pthread_setname_np(_workers.back().native_handle(), Corvax::Format("http-%1", i).c_str());
+      _workers.push_back(Corvax::StartThread(Corvax::Format("http-%1", i),
+                                             [this](const std::stop_token&) { Work(); }));
    }
    return port;
 }
@@ -180,11 +179,8 @@ void Server::Stop()
       _stopping = true;
    }
    _wake.notify_all();
-   for (std::thread& worker : _workers) {
-      worker.join();
-   }
-   _workers.clear();
-   _connections->End(); // after the workers, whose last responses it takes
+   _workers.clear();    // waits for them
+   _connections->End(); // after the workers, so that their last responses are sent
    if (_ioThread.joinable()) {
       _ioThread.join();
    }
@@ -221,7 +217,7 @@ void Server::Serve(ReceivedRequest& request, ResponseWriter& writer)
                                                  .gzip = request.head.acceptsGzip,
                                                  .close = close});
    } catch (...) {
-      bytes.clear(); // no memory for a response: the connection is closed without one
+      bytes.clear(); // no memory for a response: the connection is closed without it
    }
    _connections->Answer(request.connection, std::move(bytes), close);
 }
@@ -265,7 +261,7 @@ void Server::Dispatch(ReceivedRequest& request, Response& response)
       response.status = 204;
       response.headers.emplace_back("Allow", match.allow);
    } else {
-      throw Refusal(405, Corvax::Format("The path takes %1 only", match.allow),
+      throw Refusal(405, Corvax::Format("The path allows only %1", match.allow),
                     {{"Allow", match.allow}});
    }
 }
@@ -276,7 +272,7 @@ Response Server::MakeRefusal(const Refusal& refusal)
    try {
       _formatError(refusal.GetStatus(), refusal.GetMessage(), response);
    } catch (...) {
-      _logger->Log(Corvax::kLogError, "The body of an HTTP error cannot be made: %1",
+      _logger->Log(Corvax::kLogError, "Cannot format the body of an HTTP error: %1",
                    GetExceptionText());
       response = Response();
    }
