@@ -102,7 +102,8 @@ room(linuxHost/kernel SEES hostctl corvax TAKES files)
 room(linuxHost
    SEES linuxHost/kernel inventory ${services} ${interfaces} TAKES files locks threads modules)
 # The only room that knows the hypervisor's library.
-room(linuxHost/libvirt SEES linuxHost ${interfaces} TAKES locks threads libvirt xml)
+room(linuxHost/libvirt
+   SEES linuxHost linuxHost/kernel ${interfaces} TAKES locks threads libvirt xml)
 room(simHost SEES inventory ${services} ${interfaces} TAKES locks)
 
 room(http SEES corvax TAKES sockets polling locks files httplib)

@@ -1,10 +1,9 @@
 #include "linuxHost/groupTree.h"
 
 #include "inventory/inventory.h"
-#include "linuxHost/kernel/takePart.h"
+#include "linuxHost/kernel/textParts.h"
 
 #include <algorithm>
-#include <charconv>
 #include <iterator>
 #include <set>
 #include <utility>
@@ -51,11 +50,9 @@ std::string UnescapeHex(std::string_view text)
    std::string plain;
    while (!text.empty()) {
       const std::string_view escape = text.substr(0, kEscapeBytes);
-      unsigned char code = 0;
+      uint64_t code = 0;
       if (escape.size() == kEscapeBytes && escape.starts_with("\\x")) {
-         const char* const end = escape.data() + kEscapeBytes;
-         const auto result = std::from_chars(escape.data() + 2, end, code, 16);
-         code = result.ptr == end ? code : static_cast<unsigned char>(0);
+         code = ParseNumber(escape.substr(2), 16).value_or(0);
       }
       const bool isEscape = code >= ' ' && code != '/';
       plain += isEscape ? static_cast<char>(code) : text[0];

@@ -4,10 +4,8 @@
 #include "hostctl/lib.h"
 #include "linuxHost/kernel/groupParsers.h"
 #include "linuxHost/kernel/procParsers.h"
-#include "linuxHost/kernel/saturate.h"
-#include "linuxHost/kernel/takePart.h"
-
-#include <unistd.h>
+#include "linuxHost/kernel/textParts.h"
+#include "linuxHost/kernel/units.h"
 
 #include <filesystem>
 #include <set>
@@ -19,11 +17,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr uint64_t kRoundsKept = 2;
-constexpr uint64_t kNanosecondsPerMicrosecond = 1000;
-constexpr uint64_t kBytesPerKb = 1024;
+constexpr uint64_t kGenerationsKept = 2;
 
-/// Whether the list, with separators between its words, has the word.
 bool HasWord(std::string_view list, char separator, std::string_view word)
 {
    while (!list.empty()) {
@@ -34,8 +29,8 @@ bool HasWord(std::string_view list, char separator, std::string_view word)
    return false;
 }
 
-/// Directory of a version 1 controller: under its own name, or under that of several mounted as
-/// one, "cpu,cpuacct". Links are followed, so that one hierarchy has one path.
+/// Directory of a version 1 controller: named after it alone, or after several controllers that are
+/// mounted together, "cpu,cpuacct". Links are resolved, so that one hierarchy has one path.
 std::optional<std::string> FindV1(const std::string& top, std::string_view controller)
 {
    std::error_code failure;
@@ -49,7 +44,7 @@ std::optional<std::string> FindV1(const std::string& top, std::string_view contr
    return std::nullopt;
 }
 
-/// A group that goes away meanwhile ends the list.
+/// A group that is removed meanwhile ends the list.
 void AddChildren(const std::string& directory, std::set<std::string>& names)
 {
    std::error_code failure;
@@ -62,7 +57,7 @@ void AddChildren(const std::string& directory, std::set<std::string>& names)
    }
 }
 
-/// The path as it goes behind a hierarchy's directory.
+/// The path to append to a hierarchy's directory.
 std::string_view BelowTop(const std::string& path)
 {
    return path == "/" ? std::string_view() : std::string_view(path);
@@ -85,8 +80,7 @@ uint64_t BytesToKb(const std::optional<uint64_t>& bytes)
 } // namespace
 
 ControlGroups::ControlGroups(const std::string& root)
-   : _pressurePath(root + "/proc/pressure/cpu"), _hasPressure(CanRead(_pressurePath)),
-     _pageBytes(static_cast<uint64_t>(sysconf(_SC_PAGESIZE)))
+   : _pressurePath(root + "/proc/pressure/cpu"), _hasPressure(CanRead(_pressurePath))
 {
    const std::string top = root + "/sys/fs/cgroup";
    for (const std::string& directory : {top, top + "/unified"}) {
@@ -109,14 +103,15 @@ ControlGroups::ControlGroups(const std::string& root)
 
 void ControlGroups::BeginReading()
 {
-   ++_round;
-   std::erase_if(
-      _files, [this](const auto& entry) { return entry.second.lastRound + kRoundsKept < _round; });
+   ++_generation;
+   std::erase_if(_files, [this](const auto& entry) {
+      return entry.second.lastGeneration + kGenerationsKept < _generation;
+   });
 }
 
 std::vector<std::string> ControlGroups::ListChildren(const std::string& path) const
 {
-   std::set<std::string> directories; // without repeating what is mounted as one
+   std::set<std::string> directories; // controllers mounted together share one
    for (const auto* hierarchy : {&_unified, &_cpu, &_accounting, &_memory}) {
       if (*hierarchy) {
          directories.insert(**hierarchy + std::string(BelowTop(path)));
@@ -169,8 +164,8 @@ std::optional<GroupMemory> ControlGroups::ReadMemory(const std::string& path)
    memory.activeKb =
       SaturatingAdd(BytesToKb(stat.activeAnonBytes), BytesToKb(stat.activeFileBytes));
    memory.swappedKb = BytesToKb(stat.swapBytes);
-   memory.swapInKb = Scale(stat.swapInPages.value_or(0), _pageBytes, kBytesPerKb);
-   memory.swapOutKb = Scale(stat.swapOutPages.value_or(0), _pageBytes, kBytesPerKb);
+   memory.swapInKb = PagesToKb(stat.swapInPages.value_or(0));
+   memory.swapOutKb = PagesToKb(stat.swapOutPages.value_or(0));
    return memory;
 }
 
@@ -180,12 +175,12 @@ std::optional<uint64_t> ControlGroups::ReadVcpuSystemUs(const std::string& path,
    if (!_unified) {
       return std::nullopt;
    }
-   // Where systemd makes the groups, libvirt puts one of its own in between.
+   // Where systemd creates the groups, libvirt adds one of its own in between.
    const std::string ending = Corvax::Format("/vcpu%1/cpu.stat", vcpuNumber);
    std::string direct = *_unified + path + ending;
    std::string nested = *_unified + path + "/libvirt" + ending;
    if (WasPresent(nested)) {
-      direct.swap(nested); // saves the failing open
+      direct.swap(nested); // saves the failing open of the direct one
    }
    std::optional<std::string_view> text = ReadFile(direct);
    if (!text) {
@@ -194,11 +189,11 @@ std::optional<uint64_t> ControlGroups::ReadVcpuSystemUs(const std::string& path,
    return ParseGroupCpuStat(text.value_or("")).systemUs;
 }
 
-/// Nothing when there is no such file. The text is valid until that file's next reading.
+/// Unset when there is no such file. The text is valid until the same file is read again.
 std::optional<std::string_view> ControlGroups::ReadFile(const std::string& filePath)
 {
    CachedFile& cached = _files.try_emplace(filePath, filePath).first->second;
-   cached.lastRound = _round;
+   cached.lastGeneration = _generation;
    const std::optional<std::string_view> text = cached.file.ReadIfPresent();
    cached.wasPresent = text.has_value();
    return text;

@@ -1,23 +1,19 @@
 #include "linuxHost/kernel/cpuReader.h"
 
 #include "linuxHost/kernel/procParsers.h"
-#include "linuxHost/kernel/saturate.h"
-
-#include <unistd.h>
+#include "linuxHost/kernel/units.h"
 
 #include <algorithm>
 
 namespace LinuxHost {
 
 CpuReader::CpuReader(const std::string& root)
-   : _ticksPerSecond(static_cast<uint64_t>(sysconf(_SC_CLK_TCK))), _stat(root + "/proc/stat"),
-     _uptime(root + "/proc/uptime")
+   : _stat(root + "/proc/stat"), _uptime(root + "/proc/uptime")
 {
 }
 
 std::vector<HostCtl::Resource::HostCpuStats> CpuReader::ReadCpuStats()
 {
-   constexpr uint64_t kMicrosecondsPerSecond = 1'000'000;
    const std::vector<CpuTicks> cpus = ParseCpuTicks(_stat.Read());
    if (cpus.empty()) {
       _stat.FailLacking("any CPU's times");
@@ -27,8 +23,8 @@ std::vector<HostCtl::Resource::HostCpuStats> CpuReader::ReadCpuStats()
          _last.resize(cpu.number + size_t{1});
       }
       HostCtl::Resource::HostCpuStats& last = _last[cpu.number];
-      last.usedUs = std::max(last.usedUs, Scale(cpu.used, kMicrosecondsPerSecond, _ticksPerSecond));
-      last.idleUs = std::max(last.idleUs, Scale(cpu.idle, kMicrosecondsPerSecond, _ticksPerSecond));
+      last.usedUs = std::max(last.usedUs, TicksToUs(cpu.used));
+      last.idleUs = std::max(last.idleUs, TicksToUs(cpu.idle));
    }
    return _last;
 }

@@ -1,6 +1,8 @@
 #include "linuxHost/kernel/diskReader.h"
 
+#include "linuxHost/kernel/blockDevices.h"
 #include "linuxHost/kernel/saturate.h"
+#include "linuxHost/kernel/textParts.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -11,15 +13,8 @@ namespace LinuxHost {
 
 namespace {
 
-/// Devices that exist without holding anything, or before they do.
+/// Drivers whose devices exist while they are empty.
 constexpr std::string_view kMayBeEmpty[] = {"loop", "ram", "zram", "nbd", "sr", "fd", "dm-", "md"};
-
-/// Whether the name is the driver's with a number.
-bool IsNumbered(std::string_view name, std::string_view driver)
-{
-   return name.starts_with(driver) && name.size() > driver.size() &&
-          name.find_first_not_of("0123456789", driver.size()) == std::string_view::npos;
-}
 
 bool MayBeEmpty(std::string_view name)
 {
@@ -27,7 +22,7 @@ bool MayBeEmpty(std::string_view name)
                       [name](std::string_view driver) { return IsNumbered(name, driver); });
 }
 
-// What cannot be looked at counts as not there, as the devices come and go at any time.
+// An error counts as absence: devices come and go at any time.
 bool Exists(const std::string& path)
 {
    std::error_code ignored;
@@ -39,11 +34,6 @@ bool HasEntries(const std::string& path)
    std::error_code failure;
    const std::filesystem::directory_iterator entry(path, failure);
    return !failure && entry != std::filesystem::directory_iterator();
-}
-
-uint64_t ReadNumber(KernelFile& file)
-{
-   return ParseNumberFile(file.ReadIfPresent().value_or("")).value_or(0);
 }
 
 } // namespace
@@ -67,17 +57,16 @@ DiskReader::DiskReader(const std::string& root)
 
 std::vector<DiskFigures> DiskReader::ReadDisks()
 {
-   ++_reading;
+   ++_reads;
    std::vector<DiskFigures> figures;
    for (const DiskCounts& counts : ParseDiskStats(_diskstats.Read())) {
       Device& device = FindDevice(counts.name);
-      device.lastReading = _reading;
+      device.lastRead = _reads;
       if (IsCounted(device, counts)) {
          figures.push_back(MakeFigures(device, counts));
       }
    }
-   std::erase_if(_devices,
-                 [this](const auto& entry) { return entry.second.lastReading != _reading; });
+   std::erase_if(_devices, [this](const auto& entry) { return entry.second.lastRead != _reads; });
    return figures;
 }
 
@@ -87,9 +76,8 @@ DiskReader::Device& DiskReader::FindDevice(std::string_view name)
    if (known != _devices.end()) {
       return known->second;
    }
-   std::string fileName(name);
-   std::replace(fileName.begin(), fileName.end(), '/', '!'); // as the kernel spells it there
-   return _devices.try_emplace(std::string(name), name, _blockPath + fileName).first->second;
+   std::string path = _blockPath + GetDeviceDirectory(name);
+   return _devices.try_emplace(std::string(name), name, std::move(path)).first->second;
 }
 
 bool DiskReader::IsCounted(Device& device, const DiskCounts& counts)
@@ -97,11 +85,12 @@ bool DiskReader::IsCounted(Device& device, const DiskCounts& counts)
    if (!device.isWholeDisk) {
       return false;
    }
-   if (device.size && ReadNumber(*device.size) == 0) {
+   if (device.size && device.size->ReadNumberIfPresent().value_or(0) == 0) {
       device.isStacked.reset();
       return false;
    }
-   // A stacked device gets its members before its size: without a size it is too early to ask.
+   // A stacked device gets its members before its size: while the size is 0 it is too early to
+   // look.
    if (!device.isStacked) {
       device.isStacked = HasEntries(device.path + "/slaves");
    }
@@ -119,7 +108,8 @@ DiskFigures DiskReader::MakeFigures(Device& device, const DiskCounts& counts)
    statistics.writeOperations = counts.writes;
    statistics.commands = SaturatingAdd(SaturatingAdd(counts.reads, counts.writes),
                                        SaturatingAdd(counts.discards, counts.flushes));
-   statistics.abortedCommands = device.timeouts ? ReadNumber(*device.timeouts) : 0;
+   statistics.abortedCommands =
+      device.timeouts ? device.timeouts->ReadNumberIfPresent().value_or(0) : 0;
    return figures;
 }
 

@@ -14,7 +14,7 @@
 
 namespace LinuxHost {
 
-/// Unit of the kernel's block counts, whatever the disk's own sectors are.
+/// Unit of the kernel's block counts, whatever the disk's own sector size is.
 constexpr uint64_t kBlockSizeBytes = 512;
 
 struct DiskFigures {
@@ -24,10 +24,10 @@ struct DiskFigures {
 
 /// Traffic of the host's whole disks.
 ///
-/// Left out: partitions; devices made of other disks, whose traffic is counted on their members;
-/// loop devices, card slots and the like while they hold nothing; memory disks never used.
-/// Cost: one reading of /proc/diskstats, and one small file for each SCSI disk and each device that
-/// may be empty. What a name stands for is looked up once, for as long as the name is there.
+/// Left out: partitions; devices made of other disks, which count that traffic themselves; loop
+/// devices, card slots and the like while they are empty; RAM disks that were never used.
+/// Cost: reads /proc/diskstats, and one small file for each SCSI disk and each device that may be
+/// empty. The kind of a device is looked up once, and again when its name was gone meanwhile.
 /// Errors: HostCtl::Lib::HostCtlException.
 /// Locking: none; one thread at a time.
 class DiskReader {
@@ -36,13 +36,13 @@ public:
    explicit DiskReader(const std::string& root);
 
    /// In the kernel's order. Commands are reads, writes, discards and flushes together; aborted
-   /// ones are a SCSI disk's timeouts, 0 for other disks; bus resets are 0, there is no source.
+   /// ones are a SCSI disk's timeouts, 0 for other disks; bus resets have no source and are 0.
    std::vector<DiskFigures> ReadDisks();
 
 private:
-   /// What stands behind a name of /proc/diskstats.
+   /// The device behind a name of /proc/diskstats.
    struct Device {
-      /// `path` is that of the device's directory in /sys/block.
+      /// `path` is the device's directory in /sys/block.
       Device(std::string_view name, std::string path);
 
       const std::string path;
@@ -50,8 +50,8 @@ private:
       const bool isMemory;
       std::optional<KernelFile> size;     // of a device that may be empty
       std::optional<KernelFile> timeouts; // of a SCSI disk
-      std::optional<bool> isStacked;      // once it has been looked up
-      uint64_t lastReading = 0;
+      std::optional<bool> isStacked;      // unset until it is looked up
+      uint64_t lastRead = 0;              // number of the last call that met it
    };
 
    Device& FindDevice(std::string_view name);
@@ -61,7 +61,7 @@ private:
    const std::string _blockPath;
    KernelFile _diskstats;
    std::map<std::string, Device, std::less<>> _devices;
-   uint64_t _reading = 0; // number of the current reading
+   uint64_t _reads = 0; // number of calls of ReadDisks
 };
 
 } // namespace LinuxHost

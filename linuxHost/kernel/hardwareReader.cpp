@@ -1,23 +1,20 @@
 #include "linuxHost/kernel/hardwareReader.h"
 
 #include "hostctl/lib.h"
-#include "linuxHost/kernel/saturate.h"
-
-#include <algorithm>
+#include "linuxHost/kernel/units.h"
 
 namespace LinuxHost {
 
 namespace {
 
 constexpr uint32_t kMaxCores = 255;
-constexpr uint64_t kLeastSpeedHz = 1'000'000;
+constexpr uint64_t kLeastSpeedHz = kHzPerMhz;
 
-/// 0 when the file is not there or holds no number.
+/// 0 when there is no such file or no number in it.
 uint64_t ReadKhzAsHz(const std::string& path)
 {
-   KernelFile file(path);
-   const uint64_t speedKhz = ParseNumberFile(file.ReadIfPresent().value_or("")).value_or(0);
-   return SaturatingMultiply(speedKhz, 1000);
+   constexpr uint64_t kHzPerKhz = 1000;
+   return SaturatingMultiply(KernelFile(path).ReadNumberIfPresent().value_or(0), kHzPerKhz);
 }
 
 } // namespace
@@ -46,7 +43,7 @@ uint32_t HardwareReader::ReadCoreCount()
 uint64_t HardwareReader::ReadCpuSpeedHz()
 {
    if (_configuredCpuMhz > 0) {
-      return uint64_t{_configuredCpuMhz} * 1'000'000;
+      return _configuredCpuMhz * kHzPerMhz;
    }
    const std::string cpufreq = Corvax::Format("%1cpu%2/cpufreq/", _cpuPath, ReadOnlineCpus().first);
    for (const char* const file : {"base_frequency", "cpuinfo_max_freq"}) {
@@ -58,8 +55,8 @@ uint64_t HardwareReader::ReadCpuSpeedHz()
    const uint64_t speedHz = ParseCpuInfoHz(cpuinfo.ReadIfPresent().value_or("")).value_or(0);
    if (speedHz < kLeastSpeedHz) {
       throw HostCtl::Lib::HostCtlException(Corvax::Format(
-         "Cannot find the CPU speed: neither %1base_frequency nor %1cpuinfo_max_freq nor "
-         "\"cpu MHz\" of %2 tells it; give it by the configuration key agentd/cpuMhz",
+         "Cannot find the CPU speed: it is neither in %1base_frequency nor in "
+         "%1cpuinfo_max_freq nor in \"cpu MHz\" of %2; set the configuration key agentd/cpuMhz",
          cpufreq, _cpuinfoPath));
    }
    return speedHz;

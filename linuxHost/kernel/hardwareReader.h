@@ -10,21 +10,21 @@
 
 namespace LinuxHost {
 
-/// The host's CPUs: how many and how fast.
+/// Number and speed of the host's CPUs.
 ///
 /// Errors: HostCtl::Lib::HostCtlException.
 /// Locking: none; one thread at a time.
 class HardwareReader {
 public:
-   /// `root` goes before the path of every file; `cpuMhz`, unless 0, is the speed of one CPU
-   /// whatever the kernel tells. The logger may be null.
+   /// `root` goes before the path of every file; `cpuMhz`, unless 0, is the speed of one CPU and
+   /// replaces the kernel's. The logger may be null.
    HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger);
 
-   /// CPUs that are online, 1 to 255; when there are more, a warning is logged the first time.
+   /// CPUs online, 1 to 255; when there are more, one warning is logged.
    uint32_t ReadCoreCount();
 
-   /// Speed of the first CPU that is online: its base frequency, else the highest it can run at,
-   /// else the one it runs at now; whichever the kernel tells first. At least 1 MHz.
+   /// Speed of the first CPU online, at least 1 MHz: the first that the kernel reports of its base
+   /// frequency, its highest frequency and its current one.
    uint64_t ReadCpuSpeedHz();
 
 private:

@@ -2,6 +2,7 @@
 
 #include "corvax/format.h"
 #include "hostctl/lib.h"
+#include "linuxHost/kernel/procParsers.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -26,11 +27,6 @@ bool MeansAbsent(int errorNumber)
 
 KernelFile::KernelFile(std::string path) : _path(std::move(path)) {}
 
-KernelFile::~KernelFile()
-{
-   Close();
-}
-
 std::string_view KernelFile::Read()
 {
    if (const int errorNumber = TryRead()) {
@@ -51,35 +47,40 @@ std::optional<std::string_view> KernelFile::ReadIfPresent()
    return std::string_view(_buffer.data(), _sizeBytes);
 }
 
+std::optional<uint64_t> KernelFile::ReadNumberIfPresent()
+{
+   return ParseNumberFile(ReadIfPresent().value_or(""));
+}
+
 void KernelFile::FailLacking(std::string_view what) const
 {
    throw HostCtl::Lib::HostCtlException(Corvax::Format("Cannot find %1 in %2", what, _path));
 }
 
-/// An errno, 0 for success. A descriptor that fails may be that of a device that went away and came
-/// back: it is given up, and the path looked up once more.
+/// Returns an errno, 0 for success. A descriptor that fails may belong to a device that went away
+/// and came back: the path is opened once more.
 int KernelFile::TryRead()
 {
-   if (_descriptor >= 0) {
+   if (_descriptor) {
       if (ReadAll() == 0) {
          return 0;
       }
-      Close();
+      _descriptor = Corvax::Descriptor();
    }
    return OpenAndReadAll();
 }
 
 int KernelFile::OpenAndReadAll()
 {
-   _descriptor = open(_path.c_str(), O_RDONLY | O_CLOEXEC);
-   const int errorNumber = _descriptor < 0 ? errno : ReadAll();
+   _descriptor = Corvax::Descriptor(::open(_path.c_str(), O_RDONLY | O_CLOEXEC));
+   const int errorNumber = _descriptor ? ReadAll() : errno;
    if (errorNumber != 0) {
-      Close();
+      _descriptor = Corvax::Descriptor();
    }
    return errorNumber;
 }
 
-/// Reads to the end: a reading shorter than asked is not yet the end of a kernel file.
+/// Reads until nothing is left: a short read is not yet the end of a kernel file.
 int KernelFile::ReadAll()
 {
    _sizeBytes = 0;
@@ -87,8 +88,8 @@ int KernelFile::ReadAll()
       if (_sizeBytes == _buffer.size()) {
          _buffer.resize(_buffer.empty() ? kFirstBufferBytes : _buffer.size() * 2);
       }
-      const ssize_t count = pread(_descriptor, _buffer.data() + _sizeBytes,
-                                  _buffer.size() - _sizeBytes, static_cast<off_t>(_sizeBytes));
+      const ssize_t count = ::pread(_descriptor.Get(), _buffer.data() + _sizeBytes,
+                                    _buffer.size() - _sizeBytes, static_cast<off_t>(_sizeBytes));
       if (count == 0) {
          return 0;
       }
@@ -97,14 +98,6 @@ int KernelFile::ReadAll()
       } else if (errno != EINTR) {
          return errno;
       }
-   }
-}
-
-void KernelFile::Close()
-{
-   if (_descriptor >= 0) {
-      close(_descriptor); // nothing was written: its result says nothing of use
-      _descriptor = -1;
    }
 }
 

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "corvax/descriptor.h"
+
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -8,38 +11,38 @@
 
 namespace LinuxHost {
 
-/// A kernel file that is read again and again: opened at the first reading and kept open, which
-/// saves looking the path up each time. When the file went away with its device, it is opened anew,
-/// so that a file that comes back under the same name is found.
+/// A kernel file that is read again and again: opened when it is first read and kept open, which
+/// saves the lookup of its path. When reading fails, because its device is gone, the path is opened
+/// again, so that a file that comes back under the same name is found.
 ///
-/// Errors: HostCtl::Lib::HostCtlException naming the file and the reason; the next reading starts
-/// afresh.
+/// Errors: HostCtl::Lib::HostCtlException naming the file and the reason; the next read opens it
+/// again.
 /// Locking: none; one thread at a time.
 class KernelFile {
 public:
    explicit KernelFile(std::string path);
-   ~KernelFile();
-   KernelFile(const KernelFile&) = delete;
-   KernelFile& operator=(const KernelFile&) = delete;
 
-   /// The whole text; valid until the next reading.
+   /// The whole text; valid until the next read.
    std::string_view Read();
 
-   /// As Read, but nothing when there is no such file or its device is gone.
+   /// As Read, but unset when the file does not exist or its device is gone.
    std::optional<std::string_view> ReadIfPresent();
 
-   /// What an exception says of a file that was read but does not hold what it must.
+   /// The number that the file contains, decimal or hexadecimal with "0x"; unset when there is no
+   /// such file or no number in it.
+   std::optional<uint64_t> ReadNumberIfPresent();
+
+   /// Throws the exception for a file that was read but lacks a required figure.
    [[noreturn]] void FailLacking(std::string_view what) const;
 
 private:
    int TryRead();
    int OpenAndReadAll();
    int ReadAll();
-   void Close();
    [[noreturn]] void Fail(int errorNumber) const;
 
    const std::string _path;
-   int _descriptor = -1;
+   Corvax::Descriptor _descriptor;
    std::vector<char> _buffer;
    size_t _sizeBytes = 0; // of the text in the buffer
 };

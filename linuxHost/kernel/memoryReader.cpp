@@ -1,9 +1,7 @@
 #include "linuxHost/kernel/memoryReader.h"
 
 #include "linuxHost/kernel/procParsers.h"
-#include "linuxHost/kernel/saturate.h"
-
-#include <unistd.h>
+#include "linuxHost/kernel/units.h"
 
 #include <algorithm>
 #include <limits>
@@ -12,8 +10,8 @@ namespace LinuxHost {
 
 namespace {
 
-/// Memory of the kernel itself. The kernel's stacks lie inside VmallocUsed where the kernel fills
-/// that field in; where it does not, it is 0.
+/// Memory of the kernel itself. VmallocUsed includes the kernel's stacks where the kernel fills
+/// that field in; where it does not, the field is 0.
 uint64_t SystemUsageKb(const MemInfo& info)
 {
    uint64_t usageKb = std::max(info.kernelStack.value_or(0), info.vmallocUsed.value_or(0));
@@ -23,11 +21,17 @@ uint64_t SystemUsageKb(const MemInfo& info)
    return usageKb;
 }
 
+/// 0 when the kernel does not have the file.
+uint64_t ReadPagesKb(KernelFile& file)
+{
+   return PagesToKb(file.ReadNumberIfPresent().value_or(0));
+}
+
 } // namespace
 
 MemoryReader::MemoryReader(const std::string& root)
-   : _pageBytes(static_cast<uint64_t>(sysconf(_SC_PAGESIZE))), _meminfo(root + "/proc/meminfo"),
-     _vmstat(root + "/proc/vmstat"), _pagesShared(root + "/sys/kernel/mm/ksm/pages_shared"),
+   : _meminfo(root + "/proc/meminfo"), _vmstat(root + "/proc/vmstat"),
+     _pagesShared(root + "/sys/kernel/mm/ksm/pages_shared"),
      _pagesSharing(root + "/sys/kernel/mm/ksm/pages_sharing"),
      _zeroPages(root + "/sys/kernel/mm/ksm/ksm_zero_pages")
 {
@@ -35,7 +39,7 @@ MemoryReader::MemoryReader(const std::string& root)
 
 HostCtl::Resource::HostCapacity MemoryReader::ReadCapacity()
 {
-   const uint64_t hugeMb = ParseMemInfo(_meminfo.Read()).hugetlb.value_or(0) >> 10;
+   const uint64_t hugeMb = ParseMemInfo(_meminfo.Read()).hugetlb.value_or(0) / kKbPerMb;
    HostCtl::Resource::HostCapacity capacity;
    capacity.reservedMemoryMb =
       static_cast<uint32_t>(std::min<uint64_t>(hugeMb, std::numeric_limits<uint32_t>::max()));
@@ -68,14 +72,14 @@ uint64_t MemoryReader::ReadPhysicalBytes()
    if (totalKb == 0) {
       _meminfo.FailLacking("MemTotal");
    }
-   return SaturatingMultiply(totalKb, 1024);
+   return SaturatingMultiply(totalKb, kBytesPerKb);
 }
 
 void MemoryReader::AddSwapTraffic(HostCtl::Resource::HostMemoryStats& stats)
 {
    const SwapTraffic traffic = ParseSwapTraffic(_vmstat.ReadIfPresent().value_or(""));
-   stats.swapInKb = PagesToKb(traffic.in);
-   stats.swapOutKb = PagesToKb(traffic.out);
+   stats.swapInKb = PagesToKb(traffic.inPages.value_or(0));
+   stats.swapOutKb = PagesToKb(traffic.outPages.value_or(0));
 }
 
 void MemoryReader::AddMergedPages(HostCtl::Resource::HostMemoryStats& stats)
@@ -83,17 +87,6 @@ void MemoryReader::AddMergedPages(HostCtl::Resource::HostMemoryStats& stats)
    stats.sharedCommonKb = ReadPagesKb(_pagesShared);
    stats.sharedKb = SaturatingAdd(stats.sharedCommonKb, ReadPagesKb(_pagesSharing));
    stats.zeroKb = ReadPagesKb(_zeroPages);
-}
-
-uint64_t MemoryReader::PagesToKb(uint64_t pages) const
-{
-   return Scale(pages, _pageBytes, 1024);
-}
-
-/// 0 when the kernel does not have the file.
-uint64_t MemoryReader::ReadPagesKb(KernelFile& file)
-{
-   return PagesToKb(ParseNumberFile(file.ReadIfPresent().value_or("")).value_or(0));
 }
 
 } // namespace LinuxHost

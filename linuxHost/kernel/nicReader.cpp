@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::string_view kLoopback = "lo";
 
-/// In order of first mention.
+/// In the order of first occurrence.
 std::vector<std::string> WithoutRepeats(std::vector<std::string> names)
 {
    for (auto name = names.begin(); name != names.end(); ++name) {
@@ -63,7 +63,7 @@ NicReader::FindConfigured(const std::vector<InterfaceCounts>& interfaces) const
 
 std::vector<NicFigures> NicReader::FindPhysical(const std::vector<InterfaceCounts>& interfaces)
 {
-   ++_reading;
+   ++_reads;
    std::vector<NicFigures> nics;
    for (const InterfaceCounts& counts : interfaces) {
       if (HasDevice(counts.name)) {
@@ -71,7 +71,7 @@ std::vector<NicFigures> NicReader::FindPhysical(const std::vector<InterfaceCount
       }
    }
    std::erase_if(_interfaces,
-                 [this](const auto& entry) { return entry.second.lastReading != _reading; });
+                 [this](const auto& entry) { return entry.second.lastRead != _reads; });
    if (nics.empty()) {
       std::transform(interfaces.begin(), interfaces.end(), std::back_inserter(nics), MakeFigures);
    }
@@ -82,12 +82,12 @@ bool NicReader::HasDevice(std::string_view name)
 {
    auto known = _interfaces.find(name);
    if (known == _interfaces.end()) {
-      std::error_code ignored; // what cannot be looked at counts as not there
+      std::error_code ignored; // an error counts as absence
       const bool hasDevice =
          std::filesystem::exists(_netPath + std::string(name) + "/device", ignored);
       known = _interfaces.try_emplace(std::string(name), Interface{hasDevice, 0}).first;
    }
-   known->second.lastReading = _reading;
+   known->second.lastRead = _reads;
    return known->second.hasDevice;
 }
 

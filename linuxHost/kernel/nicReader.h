@@ -16,16 +16,16 @@ namespace LinuxHost {
 
 struct NicFigures {
    std::string name;
-   /// The low 32 bits of the kernel's counters; nothing for a configured NIC that is not there.
+   /// The low 32 bits of the kernel's counters; unset for a configured NIC that does not exist.
    std::optional<HostCtl::Network::PortStatistics> statistics;
 };
 
 /// Traffic of the host's physical NICs.
 ///
-/// Which those are: the configured ones; where none are configured, the interfaces that have a
-/// device behind them; where none has, all interfaces. The loopback interface is never one.
-/// Cost: one reading of /proc/net/dev. Whether an interface has a device is looked up once, for as
-/// long as its name is there.
+/// These are the configured ones; without configuration the interfaces that have a device; if none
+/// has, all interfaces. The loopback interface is never one.
+/// Cost: reads /proc/net/dev. Whether an interface has a device is looked up once, and again when
+/// its name was gone meanwhile.
 /// Errors: HostCtl::Lib::HostCtlException.
 /// Locking: none; one thread at a time.
 class NicReader {
@@ -33,13 +33,13 @@ public:
    /// `root` goes before the path of every file. A name configured twice is one NIC.
    NicReader(const std::string& root, std::vector<std::string> configured);
 
-   /// In configured order, else in the kernel's.
+   /// In the order of the configuration, else in the kernel's.
    std::vector<NicFigures> ReadNics();
 
 private:
    struct Interface {
       bool hasDevice = false;
-      uint64_t lastReading = 0;
+      uint64_t lastRead = 0; // number of the last call that met it
    };
 
    std::vector<NicFigures> FindConfigured(const std::vector<InterfaceCounts>& interfaces) const;
@@ -50,7 +50,7 @@ private:
    const std::vector<std::string> _configured;
    KernelFile _netDev;
    std::map<std::string, Interface, std::less<>> _interfaces;
-   uint64_t _reading = 0; // number of the current reading
+   uint64_t _reads = 0; // number of calls of FindPhysical
 };
 
 } // namespace LinuxHost

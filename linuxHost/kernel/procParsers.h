@@ -5,23 +5,23 @@
 #include <string_view>
 #include <vector>
 
-/// Texts of the kernel's files, taken apart. Pure functions.
+/// Parsers of the host's kernel files. Pure functions.
 ///
 /// Any text is accepted: what is missing or malformed is left out of the result, and a number of
-/// more than 64 bits comes out as the largest one. Names in results are views into the text.
+/// more than 64 bits becomes the largest one. Names in results point into the text.
 namespace LinuxHost {
 
-/// Far above what kernels are built for. Keeps a malformed number from becoming a vector's size.
+/// Far above the limit of any kernel. Keeps a malformed number from becoming a vector's size.
 constexpr uint32_t kHighestCpuNumber = 65535;
 
 /// One CPU of /proc/stat. Units: clock ticks.
 struct CpuTicks {
    uint32_t number = 0;
-   uint64_t used = 0; ///< user, nice, system, irq, softirq; guest time is inside the first two
+   uint64_t used = 0; ///< user, nice, system, irq, softirq; user and nice include guest time
    uint64_t idle = 0; ///< idle and iowait; steal is neither used nor idle
 };
 
-/// Without the line that sums all CPUs, and without numbers above kHighestCpuNumber.
+/// Without the line for all CPUs together, and without numbers above kHighestCpuNumber.
 std::vector<CpuTicks> ParseCpuTicks(std::string_view procStat);
 
 /// /proc/uptime in microseconds.
@@ -49,16 +49,16 @@ struct MemInfo {
 
 MemInfo ParseMemInfo(std::string_view procMeminfo);
 
-/// Units: pages since the host's start; 0 where the kernel counts none.
+/// Since the host's start.
 struct SwapTraffic {
-   uint64_t in = 0;
-   uint64_t out = 0;
+   std::optional<uint64_t> inPages;
+   std::optional<uint64_t> outPages;
 };
 
 SwapTraffic ParseSwapTraffic(std::string_view procVmstat);
 
-/// One line of /proc/diskstats: a disk or a partition of one. Sectors are 512 bytes whatever the
-/// disk's own are. Counts that an older kernel's shorter line does not have are 0.
+/// One line of /proc/diskstats: a disk or a partition. Sectors are 512 bytes, whatever the disk's
+/// own size is. Counts that are missing in the shorter lines of older kernels are 0.
 struct DiskCounts {
    std::string_view name;
    uint64_t reads = 0;
@@ -69,8 +69,8 @@ struct DiskCounts {
    uint64_t flushes = 0;
 };
 
-/// Lines with fewer than the eleven counts that every kernel writes for a disk are left out: they
-/// are cut short, or a partition's in an older form.
+/// Every kernel writes at least eleven counts for a disk. Lines with fewer are left out: they are
+/// truncated, or a partition's in an older form.
 std::vector<DiskCounts> ParseDiskStats(std::string_view procDiskstats);
 
 /// One interface of /proc/net/dev.
@@ -87,13 +87,13 @@ std::vector<InterfaceCounts> ParseNetDev(std::string_view procNetDev);
 /// A file of one number, decimal or hexadecimal with "0x".
 std::optional<uint64_t> ParseNumberFile(std::string_view text);
 
-/// A list of CPU numbers: how many, and the first.
+/// The size of a list of CPU numbers, and its first number.
 struct CpuList {
    uint64_t count = 0;
    uint64_t first = 0;
 };
 
-/// Takes "0-3,8". Nothing for an empty list and for one with any malformed part.
+/// Accepts "0-3,8". Unset for an empty list and for one with a malformed part.
 std::optional<CpuList> ParseCpuList(std::string_view text);
 
 /// The first "cpu MHz" of /proc/cpuinfo, in Hz.

@@ -2,14 +2,13 @@
 
 #include "corvax/format.h"
 #include "hostctl/lib.h"
-#include "linuxHost/kernel/groupParsers.h"
 #include "linuxHost/kernel/procParsers.h"
-#include "linuxHost/kernel/saturate.h"
+#include "linuxHost/kernel/processParsers.h"
+#include "linuxHost/kernel/textParts.h"
+#include "linuxHost/kernel/units.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
-#include <charconv>
 #include <filesystem>
 #include <system_error>
 #include <vector>
@@ -20,26 +19,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::optional<int32_t> ParsePid(std::string_view name)
-{
-   int32_t pid = 0;
-   const char* const end = name.data() + name.size();
-   const auto result = std::from_chars(name.data(), end, pid);
-   const bool isPid = result.ec == std::errc() && result.ptr == end && pid > 0;
-   return isPid ? std::optional(pid) : std::nullopt;
-}
-
-uint64_t PagesToKb(const std::optional<uint64_t>& pages)
-{
-   return Scale(pages.value_or(0), static_cast<uint64_t>(sysconf(_SC_PAGESIZE)), 1024);
-}
-
-bool IsNumbered(std::string_view name, std::string_view stem)
-{
-   return name.size() > stem.size() && name.starts_with(stem) &&
-          name.find_first_not_of("0123456789", stem.size()) == std::string_view::npos;
-}
-
 /// libvirt's groups inside that of a virtual machine.
 bool IsInnerGroup(std::string_view name)
 {
@@ -47,8 +26,8 @@ bool IsInnerGroup(std::string_view name)
           IsNumbered(name, "iothread");
 }
 
-/// Without what is below the virtual machine's own group.
-std::string_view VmGroup(std::string_view path)
+/// The path up to the virtual machine's own group.
+std::string_view GetVmGroup(std::string_view path)
 {
    for (size_t slash = path.rfind('/'); slash != 0 && slash != std::string_view::npos;
         slash = path.rfind('/')) {
@@ -86,28 +65,17 @@ std::map<std::string, int32_t> FindQemuProcesses(const std::string& root)
 }
 
 QemuProcess::QemuProcess(const std::string& root, int32_t pid)
-   : _pid(pid), _directory(open(Corvax::Format("%1/proc/%2", root, pid).c_str(),
-                                O_PATH | O_DIRECTORY | O_CLOEXEC)),
+   : _pid(pid), _directory(::open(Corvax::Format("%1/proc/%2", root, pid).c_str(),
+                                  O_PATH | O_DIRECTORY | O_CLOEXEC)),
      _mergingPages(PathOf("ksm_merging_pages")), _ksmStat(PathOf("ksm_stat"))
 {
 }
 
-QemuProcess::~QemuProcess()
-{
-   if (_directory >= 0) {
-      close(_directory); // nothing was written: its result says nothing of use
-   }
-}
-
 std::optional<uint64_t> QemuProcess::ReadStartUs()
 {
-   constexpr uint64_t kMicrosecondsPerSecond = 1'000'000;
    KernelFile file(PathOf("stat"));
    const std::optional<uint64_t> ticks = ParseStartTicks(Read(file));
-   if (!ticks) {
-      return std::nullopt;
-   }
-   return Scale(*ticks, kMicrosecondsPerSecond, static_cast<uint64_t>(sysconf(_SC_CLK_TCK)));
+   return ticks ? std::optional(TicksToUs(*ticks)) : std::nullopt;
 }
 
 std::string QemuProcess::ReadGroupPath()
@@ -117,7 +85,7 @@ std::string QemuProcess::ReadGroupPath()
    for (const std::string_view controller : {"", "cpu", "memory"}) {
       for (const GroupMembership& one : memberships) {
          if (one.controller == controller && one.path != "/") {
-            return std::string(VmGroup(one.path));
+            return std::string(GetVmGroup(one.path));
          }
       }
    }
@@ -126,23 +94,23 @@ std::string QemuProcess::ReadGroupPath()
 
 MergedMemory QemuProcess::ReadMergedMemory()
 {
-   return {PagesToKb(ParseNumberFile(Read(_mergingPages))),
-           PagesToKb(ParseZeroPages(Read(_ksmStat)))};
+   return {PagesToKb(ParseNumberFile(Read(_mergingPages)).value_or(0)),
+           PagesToKb(ParseZeroPages(Read(_ksmStat)).value_or(0))};
 }
 
-/// A path through the descriptor of the directory, which stays that of this process.
+/// A path through the directory's descriptor, which stays this process's.
 std::string QemuProcess::PathOf(std::string_view fileName) const
 {
-   return Corvax::Format("/proc/self/fd/%1/%2", _directory, fileName);
+   return Corvax::Format("/proc/self/fd/%1/%2", _directory.Get(), fileName);
 }
 
-/// Empty when the process or the file is not there.
+/// Empty when the process or the file does not exist.
 std::string_view QemuProcess::Read(KernelFile& file) const
 {
    try {
       return file.ReadIfPresent().value_or("");
    } catch (const HostCtl::Lib::HostCtlException& failure) {
-      // The path in it names a descriptor only.
+      // The path in its message shows a descriptor instead of the process.
       throw HostCtl::Lib::HostCtlException(
          Corvax::Format("Process %1: %2", _pid, failure.GetMessage()));
    }

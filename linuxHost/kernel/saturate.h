@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <limits>
 
-/// Arithmetic that stops at the largest figure instead of wrapping: what the kernel's text says is
-/// not ours to trust.
+/// Arithmetic that stops at the largest figure instead of wrapping: figures read from a text may
+/// have any value.
 namespace LinuxHost {
 
 inline uint64_t SaturatingAdd(uint64_t a, uint64_t b)
@@ -19,14 +19,14 @@ inline uint64_t SaturatingMultiply(uint64_t a, uint64_t b)
    return __builtin_mul_overflow(a, b, &product) ? std::numeric_limits<uint64_t>::max() : product;
 }
 
-/// 0 where the difference would be negative.
+/// 0 instead of a negative difference.
 inline uint64_t SaturatingSubtract(uint64_t a, uint64_t b)
 {
    return a > b ? a - b : 0;
 }
 
 /// value * multiplier / divisor without an intermediate overflow. `multiplier` and `divisor` are
-/// units' ratios: both below 2^32, the divisor not 0.
+/// below 2^32, the divisor is not 0.
 inline uint64_t Scale(uint64_t value, uint64_t multiplier, uint64_t divisor)
 {
    return SaturatingAdd(SaturatingMultiply(value / divisor, multiplier),

@@ -1,21 +1,22 @@
 #include "linuxHost/libvirt/domainStats.h"
 
+#include "linuxHost/kernel/textParts.h"
+#include "linuxHost/kernel/units.h"
+
 #include <algorithm>
-#include <charconv>
 #include <cstring>
+#include <iterator>
+#include <limits>
 #include <map>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 namespace LinuxHost {
 
 namespace {
 
-constexpr uint64_t kNsPerUs = 1000;
-
-/// A field of libvirt's with the figure that it fills.
+/// One of libvirt's fields, and the figure that it is stored in.
 template <class Figures>
 struct Field {
    std::string_view name;
@@ -24,18 +25,18 @@ struct Field {
 };
 
 constexpr Field<VmFigures> kDomainFields[] = {
-   {"cpu.time", &VmFigures::usedUs, kNsPerUs},
+   {"cpu.time", &VmFigures::usedUs, kNanosecondsPerMicrosecond},
    {"balloon.current", &VmFigures::balloonCurrentKb},
    {"balloon.maximum", &VmFigures::balloonMaximumKb},
    {"balloon.rss", &VmFigures::rssKb},
    {"balloon.last-update", &VmFigures::guestReportSec},
 };
 constexpr Field<VcpuFigures> kVcpuFields[] = {
-   {"time", &VcpuFigures::usedUs, kNsPerUs},
-   {"wait", &VcpuFigures::waitUs, kNsPerUs},
-   {"delay", &VcpuFigures::readyUs, kNsPerUs},
+   {"time", &VcpuFigures::usedUs, kNanosecondsPerMicrosecond},
+   {"wait", &VcpuFigures::waitUs, kNanosecondsPerMicrosecond},
+   {"delay", &VcpuFigures::readyUs, kNanosecondsPerMicrosecond},
 };
-/// libvirt has turned the tap's directions into the guest's already.
+/// libvirt has already swapped the tap's directions, so that these are the VM's.
 constexpr Field<VmCardFigures> kCardFields[] = {
    {"rx.bytes", &VmCardFigures::bytesReceived},
    {"tx.bytes", &VmCardFigures::bytesSent},
@@ -59,7 +60,7 @@ uint64_t AtLeastZero(Signed value)
    return value > 0 ? static_cast<uint64_t>(value) : 0;
 }
 
-/// Any of libvirt's integer types: which one a field has, differs between its drivers.
+/// Accepts all of libvirt's integer types: a field's type differs between its drivers.
 std::optional<uint64_t> GetInteger(const virTypedParameter& parameter)
 {
    switch (parameter.type) {
@@ -87,7 +88,7 @@ std::string_view GetName(const virTypedParameter& parameter)
    return {parameter.field, ::strnlen(parameter.field, sizeof parameter.field)};
 }
 
-/// Whether the parameter was one of the fields.
+/// False when the parameter is not one of the fields.
 template <class Figures, size_t Count>
 bool Fill(Figures& figures, const Field<Figures> (&fields)[Count], std::string_view name,
           const virTypedParameter& parameter)
@@ -102,30 +103,27 @@ bool Fill(Figures& figures, const Field<Figures> (&fields)[Count], std::string_v
    return true;
 }
 
-/// "net.2.rx.bytes" taken apart.
+/// "net.2.rx.bytes": the number 2 and the name "rx.bytes".
 struct ItemField {
    uint32_t number = 0;
    std::string_view name;
 };
 
-/// Nothing for a field of another group and for the group's count.
+/// Unset for a field of another group and for the group's count.
 std::optional<ItemField> ParseItemField(std::string_view name, std::string_view group)
 {
    if (!name.starts_with(group)) {
       return std::nullopt;
    }
    name.remove_prefix(group.size());
-   ItemField field;
-   const char* const end = name.data() + name.size();
-   const auto result = std::from_chars(name.data(), end, field.number);
-   if (result.ec != std::errc() || result.ptr == end || *result.ptr != '.') {
+   const std::optional<uint64_t> number = ParseNumber(TakePart(name, '.'));
+   if (!number || *number > std::numeric_limits<uint32_t>::max() || name.empty()) {
       return std::nullopt;
    }
-   field.name = name.substr(static_cast<size_t>(result.ptr - name.data()) + 1);
-   return field;
+   return ItemField{static_cast<uint32_t>(*number), name};
 }
 
-/// Collects a record's figures, parameter by parameter.
+/// Collects the figures of a record, parameter by parameter.
 class Record {
 public:
    void Take(const virTypedParameter& parameter)
@@ -159,10 +157,9 @@ public:
    }
 
 private:
-   /// Without the monitor a record lacks balloon.rss, balloon.last-update and the disks' counters.
-   /// The first is the one that tells: the second comes with a balloon device only and the third
-   /// with disks, but libvirt adds the process's size for every domain that runs, once it has had
-   /// the monitor to itself.
+   /// A record made without the monitor lacks balloon.rss, balloon.last-update and the disks'
+   /// counters. Only balloon.rss, the process's size, decides: libvirt adds it for every running
+   /// domain whose monitor it could use, the others only with a balloon device or with disks.
    bool WasMonitorAsked() const { return _hasRss; }
 
    void TakeVcpuField(const ItemField& field, const virTypedParameter& parameter)
@@ -196,8 +193,8 @@ private:
       }
    }
 
-   /// An image and those that it is based on have an entry each, all under the disk's name: the
-   /// first is the image that the guest uses, and its counters are all of the guest's traffic.
+   /// An image and its base images have an entry each, all under the disk's name. The first is the
+   /// image that the VM uses; its counters include all of the VM's traffic.
    void AddDisks()
    {
       std::vector<std::string> seen;

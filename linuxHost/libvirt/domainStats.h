@@ -9,15 +9,15 @@
 
 namespace LinuxHost {
 
-/// Beyond what any hypervisor starts. Keeps a wrong number from becoming a vector's size.
+/// Far above the limit of any hypervisor. Keeps a wrong number from becoming a vector's size.
 constexpr uint32_t kHighestVcpuNumber = 16383;
 
-/// Reads one domain's record of libvirt's bulk statistics, of the groups state, cpu, balloon, vcpu,
-/// interface and block. Nothing for a domain that is not running and for a record that libvirt made
-/// without asking the domain's monitor.
+/// Parses one domain's record of libvirt's bulk statistics, with the groups state, cpu, balloon,
+/// vcpu, interface and block. Unset for a domain that is not running and for a record that libvirt
+/// made without the domain's monitor.
 ///
-/// A field that is missing or no integer is 0, and so is a negative one. A card or disk without a
-/// name is left out, and so is a disk without a single counter.
+/// A field that is missing, not an integer or negative is 0. A NIC or disk without a name is left
+/// out, and so is a disk without any counter.
 std::optional<VmFigures> ParseDomainStats(std::span<const virTypedParameter> record);
 
 } // namespace LinuxHost

@@ -2,16 +2,15 @@
 
 #include "corvax/format.h"
 #include "hostctl/lib.h"
+#include "linuxHost/kernel/textParts.h"
 
 #include <pugixml.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <optional>
 #include <set>
 #include <string>
-#include <system_error>
 
 namespace LinuxHost {
 
@@ -27,36 +26,12 @@ std::string_view Trimmed(std::string_view text)
    return text.substr(0, text.find_last_not_of(kBlanks) + 1);
 }
 
-/// ASCII only: a locale has no say in units and UUIDs.
-std::string LowerCase(std::string_view text)
-{
-   std::string result(text);
-   for (char& letter : result) {
-      if (letter >= 'A' && letter <= 'Z') {
-         letter = static_cast<char>(letter - 'A' + 'a');
-      }
-   }
-   return result;
-}
-
-template <class Number>
-std::optional<Number> ParseNumber(std::string_view text)
-{
-   Number number = 0;
-   const char* const end = text.data() + text.size();
-   const auto result = std::from_chars(text.data(), end, number);
-   if (result.ptr != end || result.ec == std::errc::invalid_argument) {
-      return std::nullopt;
-   }
-   return result.ec == std::errc() ? number : std::numeric_limits<Number>::max();
-}
-
-/// The value of a scaled integer of libvirt's, in bytes. Units are "b", "byte", "bytes" or a letter
-/// that stands for a power, alone or as "KiB" of 1024, as "KB" of 1000; none at all is KiB.
+/// The value of one of libvirt's scaled integers in bytes. The unit is "b", "byte", "bytes", or the
+/// letter of a power: of 1024 alone and in "KiB", of 1000 in "KB"; without a unit it is KiB.
 uint64_t ParseBytes(std::string_view text, std::string_view unitText)
 {
    const std::string unit = LowerCase(Trimmed(unitText));
-   uint64_t bytes = ParseNumber<uint64_t>(Trimmed(text)).value_or(0);
+   uint64_t bytes = ParseNumber(Trimmed(text)).value_or(0);
    if (unit == "b" || unit == "byte" || unit == "bytes") {
       return bytes;
    }
@@ -74,20 +49,19 @@ uint64_t ParseBytes(std::string_view text, std::string_view unitText)
    return bytes;
 }
 
-/// 3 of "net3"; nothing for a name that somebody chose, or one with no place behind the first key.
+/// 3 for "net3"; unset for a name that a user chose, and for a number too large for a key.
 std::optional<int32_t> ParseCardNumber(std::string_view alias)
 {
    constexpr std::string_view kPrefix = "net";
    if (!alias.starts_with(kPrefix)) {
       return std::nullopt;
    }
-   const auto number = ParseNumber<int32_t>(alias.substr(kPrefix.size()));
-   const bool fits =
-      number && *number >= 0 && *number < std::numeric_limits<int32_t>::max() - kFirstCardKey;
-   return fits ? number : std::nullopt;
+   constexpr uint64_t kEnd = std::numeric_limits<int32_t>::max() - kFirstCardKey;
+   const std::optional<uint64_t> number = ParseNumber(alias.substr(kPrefix.size()));
+   return number && *number < kEnd ? std::optional(static_cast<int32_t>(*number)) : std::nullopt;
 }
 
-/// Whether traffic of a card of that type goes through a device of the host that belongs to it.
+/// Whether a NIC of that type has a device of the host to itself, which its traffic passes.
 bool HasHostDevice(std::string_view interfaceType)
 {
    constexpr std::string_view kTypes[] = {"network", "bridge", "ethernet", "direct"};
@@ -103,9 +77,9 @@ VmCard ParseCard(const pugi::xml_node& interface)
    return card;
 }
 
-/// A card's number is that of its alias, which it keeps while others come and go. One without takes
-/// its place among the cards, or the next number that is free: passed-through cards have aliases of
-/// another kind, and so the others' numbers need not be their places.
+/// A NIC's number is that of its alias, which it keeps while others come and go. A NIC without an
+/// alias gets its index, or the next free number: passed-through NICs have aliases of another kind,
+/// so the others' numbers may differ from their indexes.
 std::vector<VmCard> ParseCards(const pugi::xml_node& devices)
 {
    std::vector<VmCard> cards;
@@ -128,7 +102,7 @@ std::vector<VmCard> ParseCards(const pugi::xml_node& devices)
    return cards;
 }
 
-/// Nothing for a drive without a medium, and for a disk that the guest has under no name.
+/// Unset for a drive without a medium, and for a disk without a target name.
 std::optional<VmDisk> ParseDisk(const pugi::xml_node& node)
 {
    const std::string_view type = node.attribute("type").as_string("file");

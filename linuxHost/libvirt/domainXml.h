@@ -6,12 +6,12 @@
 
 namespace LinuxHost {
 
-/// Reads libvirt's XML of a domain: all of the description but the power state, which the XML does
-/// not have.
+/// Parses libvirt's XML of a domain: the whole description except the power state, which is not in
+/// the XML.
 ///
-/// What is missing or malformed beside the UUID is left out or 0; memory of more than 64 bits of
-/// bytes comes out as the largest that fits. Throws HostCtl::Lib::HostCtlException when the text is
-/// no XML, no domain or has no UUID.
+/// Anything but the UUID may be missing or malformed; it is then left out or 0. A memory size of
+/// more than 64 bits becomes the largest. Throws HostCtl::Lib::HostCtlException when the text is
+/// not XML, is not a domain or has no UUID.
 VmDescription ParseDomainXml(std::string_view xml);
 
 } // namespace LinuxHost

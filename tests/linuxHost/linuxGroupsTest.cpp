@@ -3,6 +3,7 @@
 #include "linuxHost/imageLocator.h"
 #include "linuxHost/kernel/controlGroups.h"
 #include "linuxHost/kernel/groupParsers.h"
+#include "linuxHost/kernel/processParsers.h"
 #include "linuxHost/kernel/qemuProcess.h"
 #include "linuxHost/loadHistory.h"
 #include "tests/fakes/kernelTree.h"
