@@ -8,7 +8,7 @@ namespace Agentd {
 
 namespace {
 
-/// Installs a host's provider in the kernel library for as long as the host lives.
+/// A host that is the kernel library's provider while it lives.
 template <class HostType>
 class BackendImpl : public Backend {
 public:
@@ -26,7 +26,7 @@ private:
    HostType _host;
 };
 
-/// Null, with one warning, where libvirt is not installed.
+/// Null, with one warning, if the module cannot be loaded: libvirt is not installed.
 std::shared_ptr<LinuxHost::Hypervisor> TryLoadHypervisor(const BackendOptions& options,
                                                          Corvax::Logger* logger)
 {

@@ -9,28 +9,28 @@
 
 namespace Agentd {
 
-/// Which host the agent samples, and what it was told about it.
+/// Which host the agent samples, and its settings.
 struct BackendOptions {
    enum class Kind {
-      AUTO,     ///< this machine, with the hypervisor's virtual machines where it answers
-      MACHINE,  ///< this machine alone
-      SIMULATED ///< one that is made up
+      AUTO,     ///< this machine, with its virtual machines where libvirt is installed
+      MACHINE,  ///< this machine without virtual machines
+      SIMULATED ///< a simulated host
    };
 
    Kind kind = Kind::AUTO;
    int intervalSec = 20; ///< between collections
    LinuxHost::LinuxHostOptions machine;
-   std::string hypervisorModule; ///< file of the module that knows libvirt
+   std::string hypervisorModule; ///< file of the module for libvirt
    std::string libvirtUri;
    SimHost::SimOptions simulation;
 };
 
-/// The host that the agent samples: the kernel library's provider and the services in the object
-/// registry, for as long as it lives.
+/// The host that the agent samples. While it lives, its provider is installed in the kernel library
+/// and its services are in the object registry.
 class Backend {
 public:
    virtual ~Backend() = default;
-   /// Starts what follows the host; what is found from then on is told on the channels.
+   /// Starts following the host; changes are published on the channels from then on.
    virtual void Start() = 0;
    virtual void Stop() = 0;
 };

@@ -5,6 +5,7 @@
 #include "corvax/application.h"
 #include "corvax/dateTime.h"
 #include "corvax/exception.h"
+#include "corvax/system.h"
 #include "quen/inventory.h"
 
 #include <cstdio>
@@ -15,15 +16,9 @@ namespace {
 
 using AgentdCommon::HaPerformanceManager;
 using AgentdCommon::Long;
+using Corvax::kMicrosecondsPerSecond;
 using Corvax::Ref;
-
-constexpr int64_t kMicroseconds = 1000000;
-
-int64_t MonotonicUs()
-{
-   const auto now = std::chrono::steady_clock::now().time_since_epoch();
-   return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
+using Corvax::System;
 
 Ref<HaPerformanceManager> GetPerformanceManager()
 {
@@ -51,12 +46,12 @@ void CollectionMonitor::Start()
    Ref<Quen::PerformanceManager::ProviderSummary> summary;
    GetPerformanceManager()->QueryProviderSummary(host.Get(), summary);
    _intervalSec = summary->refreshRate.value();
-   _lastRunUs = MonotonicUs();
+   _lastRunUs = System::GetMonotonicTime();
 }
 
 void CollectionMonitor::OnRun(const Corvax::TimerRun& run)
 {
-   _lastRunUs = MonotonicUs();
+   _lastRunUs = System::GetMonotonicTime();
    LogTrouble(run);
    if (_report) {
       PrintReport(run);
@@ -71,7 +66,7 @@ void CollectionMonitor::LogTrouble(const Corvax::TimerRun& run)
    if (!run.error.empty()) {
       _logger->Log(Corvax::kLogError, "A collection failed: %1", run.error);
    }
-   const int64_t intervalUs = _intervalSec * kMicroseconds;
+   const int64_t intervalUs = _intervalSec * kMicrosecondsPerSecond;
    const int64_t skipped = run.endUs / intervalUs - run.dueUs / intervalUs;
    if (skipped > 0) {
       _logger->Log(Corvax::kLogWarning,
@@ -83,7 +78,7 @@ void CollectionMonitor::LogTrouble(const Corvax::TimerRun& run)
    if (!run.morePending && !_stopping) {
       _logger->Log(Corvax::kLogError,
                    "Collection has stopped: no further run is scheduled. Restart "
-                   "the agent to go on");
+                   "the agent to resume it");
    }
 }
 
@@ -96,7 +91,7 @@ void CollectionMonitor::PrintReport(const Corvax::TimerRun& run)
    } catch (const Corvax::Exception& e) {
       _logger->Log(Corvax::kLogError, "The newest figures cannot be read: %1", e.GetMessage());
    }
-   const auto time = Corvax::DateTime::FromSeconds(run.startUs / kMicroseconds);
+   const auto time = Corvax::DateTime::FromSeconds(run.startUs / kMicrosecondsPerSecond);
    std::printf("%s cpu %s MHz memory %s KB\n", time.ToString().c_str(),
                FigureOrDash(cpuMhz).c_str(), FigureOrDash(memoryKb).c_str());
    std::fflush(stdout);
@@ -105,11 +100,11 @@ void CollectionMonitor::PrintReport(const Corvax::TimerRun& run)
 void CollectionMonitor::CheckSilence()
 {
    const int64_t lastUs = _lastRunUs;
-   const int64_t silentUs = MonotonicUs() - lastUs;
-   if (silentUs > 3 * _intervalSec * kMicroseconds && _silenceToldUs != lastUs) {
-      _silenceToldUs = lastUs; // once for each silence
-      _logger->Log(Corvax::kLogError, "No collection has ended for %1 s, at an interval of %2 s",
-                   silentUs / kMicroseconds, _intervalSec);
+   const int64_t silentUs = System::GetMonotonicTime() - lastUs;
+   if (silentUs > 3 * _intervalSec * kMicrosecondsPerSecond && _silenceLoggedUs != lastUs) {
+      _silenceLoggedUs = lastUs;
+      _logger->Log(Corvax::kLogError, "No collection has ended for %1 s; the interval is %2 s",
+                   silentUs / kMicrosecondsPerSecond, _intervalSec);
    }
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "agentd/stopSignal.h"
-#include "corvax/lockable.h"
 #include "corvax/logger.h"
 #include "corvax/scheduler.h"
 
@@ -11,24 +10,23 @@
 
 namespace Agentd {
 
-/// Watches the statistics plug-in's collection runs from outside: makes overruns, failures and
-/// silence visible in the log, prints the report, and wishes the agent to stop after a number of
-/// runs.
+/// Watches the collection runs of the statistics plug-in from outside: logs overruns, failures and
+/// silence, prints the report, and requests the agent's stop after a number of runs.
 ///
-/// Locking: OnRun is called on the plug-in's timer thread, everything else on the main thread.
+/// Locking: none; the plug-in's timer thread calls OnRun, the main thread everything else.
 class CollectionMonitor {
 public:
-   /// `runs` 0: no end.
+   /// `runs` 0: never requests a stop.
    CollectionMonitor(Corvax::Logger* logger, StopSignal& stop, int64_t runs, bool report);
 
-   /// Before the first run: the interval, in seconds, is read from the performance manager.
+   /// Call it before the first run. Gets the interval from the performance manager.
    void Start();
-   /// From now on runs that schedule no other one are no news.
+   /// From now on a run that schedules no successor is normal.
    void Stop() { _stopping = true; }
 
    void OnRun(const Corvax::TimerRun& run);
 
-   /// Says so when there has been no run for three intervals.
+   /// Logs an error, once for each silence, if no run has ended for three intervals.
    void CheckSilence();
    std::chrono::milliseconds GetCheckPeriod() const { return std::chrono::seconds(_intervalSec); }
 
@@ -44,7 +42,7 @@ private:
    int64_t _runsDone = 0;
    std::atomic<bool> _stopping{false};
    std::atomic<int64_t> _lastRunUs{0}; ///< monotonic
-   int64_t _silenceToldUs = 0;
+   int64_t _silenceLoggedUs = 0;       ///< the last run before the silence that was logged
 };
 
 } // namespace Agentd

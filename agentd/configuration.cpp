@@ -3,6 +3,7 @@
 #include "corvax/exception.h"
 #include "corvax/format.h"
 #include "corvax/logger.h"
+#include "corvax/program.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -53,7 +54,7 @@ constexpr KeyRule kKeyRules[] = {
    {"agentd/http/maxBodyBytes", ValueKind::POSITIVE},
    {"agentd/http/maxQuerySpecs", ValueKind::POSITIVE},
    {"agentd/http/requestTimeoutSec", ValueKind::POSITIVE},
-   {kNic, ValueKind::TEXT}, // may stand several times
+   {kNic, ValueKind::TEXT}, // may be repeated
    {"plugins/metrix/logLevelTemp", ValueKind::LOG_LEVEL},
    {kInterval, ValueKind::INTEGER},
    {kMockup, ValueKind::BOOLEAN},
@@ -84,13 +85,13 @@ void CheckValue(const XmlConfig& config, const std::string& where, const XmlConf
    case ValueKind::LOG_LEVEL:
       if (!Corvax::ParseLogLevel(key.value, level)) {
          throw InvalidArgumentException(
-            Format("%1: '%2' is no log level, as %3 must be; use error, warning, notice, info, "
-                   "debug or 0 to 7",
+            Format("%1: '%2' is not a log level, which %3 must be; use error, warning, notice, "
+                   "info, debug or 0 to 7",
                    where, key.value, key.path));
       }
       break;
    case ValueKind::DIRECTORY:
-      // File names are put right behind it, and kept in the depot for later starts.
+      // File names are appended to it as it is, and the depot keeps the paths for later starts.
       if (!key.value.starts_with('/') || !key.value.ends_with('/')) {
          throw InvalidArgumentException(Format(
             "%1: '%2' does not start and end with \"/\", as %3 must", where, key.value, key.path));
@@ -111,7 +112,7 @@ void CheckKeys(const XmlConfig& config, const std::string& fileName)
       const std::string where = Format("%1:%2", fileName, key.line);
       const auto rule = std::ranges::find(kKeyRules, key.path, &KeyRule::path);
       if (rule == std::end(kKeyRules)) {
-         // A section may stand empty.
+         // A section may be empty.
          const bool isSection = std::ranges::any_of(kKeyRules, [&key](const KeyRule& known) {
             return known.path.starts_with(key.path + "/");
          });
@@ -121,17 +122,16 @@ void CheckKeys(const XmlConfig& config, const std::string& fileName)
          throw InvalidArgumentException(Format("%1: unknown key %2", where, key.path));
       }
       if (!seen.insert(key.path).second && key.path != kNic) {
-         throw InvalidArgumentException(Format("%1: %2 stands a second time", where, key.path));
+         throw InvalidArgumentException(Format("%1: %2 is given twice", where, key.path));
       }
       CheckValue(config, where, key, rule->kind);
    }
 }
 
-/// A library that belongs to this program: in ../lib from its own folder.
+/// A library that is installed with this program.
 std::string InstalledLibrary(const char* fileName)
 {
-   const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe");
-   return (program.parent_path().parent_path() / "lib" / fileName).string();
+   return Corvax::GetInstallPrefix() + "/lib/" + fileName;
 }
 
 std::vector<std::string> ReadNics(const XmlConfig& config)
@@ -145,7 +145,7 @@ std::vector<std::string> ReadNics(const XmlConfig& config)
    return nics;
 }
 
-/// CheckKeys has seen to it that the value is above 0.
+/// CheckKeys has refused values below 1.
 int32_t ReadPositive(const XmlConfig& config, const std::string& path, int32_t defaultValue)
 {
    int32_t value = defaultValue;
@@ -183,10 +183,11 @@ BackendOptions::Kind ParseBackend(const std::string& name)
    if (name == "simulated") {
       return BackendOptions::Kind::SIMULATED;
    }
-   throw InvalidArgumentException(Format("'%1' is no backend; use auto, linux or simulated", name));
+   throw InvalidArgumentException(
+      Format("'%1' is not a backend; use auto, linux or simulated", name));
 }
 
-/// The interval as the plug-in will take it from the same key.
+/// The interval as the plug-in will read it from the same key.
 int ReadInterval(const XmlConfig& keys, int defaultSec)
 {
    int32_t intervalSec = defaultSec;
@@ -203,7 +204,7 @@ BackendOptions ReadBackend(const XmlConfig& keys, const Options& options)
    keys.Get(kSimulation, simulation);
    backend.kind = ParseBackend(options.backend.value_or(name));
    if (options.simulation && backend.kind != BackendOptions::Kind::SIMULATED) {
-      throw InvalidArgumentException("--sim is for --backend simulated");
+      throw InvalidArgumentException("--sim needs --backend simulated");
    }
    backend.simulation = SimHost::ParseSimOptions(options.simulation.value_or(simulation));
    backend.machine.nics = ReadNics(keys);
@@ -220,10 +221,8 @@ BackendOptions ReadBackend(const XmlConfig& keys, const Options& options)
 Configuration LoadConfiguration(const Options& options)
 {
    Configuration configuration;
-   XmlConfig& keys = [&]() -> XmlConfig& {
-      Corvax::GetXmlConfig(options.configFile, configuration.keys);
-      return *configuration.keys;
-   }();
+   Corvax::GetXmlConfig(options.configFile, configuration.keys);
+   XmlConfig& keys = *configuration.keys;
    if (!options.configFile.empty()) {
       keys.Read();
       CheckKeys(keys, options.configFile);
@@ -239,7 +238,7 @@ Configuration LoadConfiguration(const Options& options)
    configuration.stateDir = options.stateDir.value_or(configuration.stateDir);
    configuration.pluginFile = options.pluginFile.value_or(configuration.pluginFile);
    configuration.listen = options.listen.value_or(configuration.listen);
-   // Absolute, because the depot's description holds paths that must serve the next start too.
+   // Absolute, because the depot's description keeps paths, and the next start may be elsewhere.
    configuration.stateDir = std::filesystem::absolute(configuration.stateDir).lexically_normal();
    std::string depotDir;
    if (options.stateDir || !keys.Get(kDepotDir, depotDir)) {

@@ -5,6 +5,7 @@
 #include "agentd/pluginHost.h"
 #include "agentd/stopSignal.h"
 #include "agentd/version.h"
+#include "console/program.h"
 #include "corvax/application.h"
 #include "corvax/exception.h"
 #include "corvax/lockFile.h"
@@ -24,7 +25,7 @@ namespace {
 using Corvax::kLogNotice;
 using Corvax::Ref;
 
-/// The application object for as long as the agent runs.
+/// Sets the application object while it lives.
 class ApplicationScope {
 public:
    explicit ApplicationScope(const Configuration& configuration)
@@ -41,8 +42,8 @@ public:
    ApplicationScope& operator=(const ApplicationScope&) = delete;
 };
 
-/// Serves the management API. Where the address cannot be had that is an error in the log, and the
-/// agent goes on collecting.
+/// Serves the management API while it lives. If it cannot listen, it logs an error, and the agent
+/// collects without the API.
 class ApiScope {
 public:
    ApiScope(const Configuration& configuration, Corvax::Logger* logger)
@@ -72,7 +73,8 @@ private:
    Http::Server _server;
 };
 
-/// Kernel files of every virtual machine stay open: as many as the system lets this process have.
+/// The agent keeps kernel files of every virtual machine open, so it takes the highest limit that
+/// the system allows.
 void RaiseDescriptorLimit()
 {
    rlimit limit = {};
@@ -119,21 +121,15 @@ int Main(int argc, char** argv)
    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
       return *status;
    }
-   Corvax::OutOfMemoryException::InstallNewHandler();
-   try {
+   return Console::Run(kProgramName, [&options] {
       const Configuration configuration = LoadConfiguration(options);
       if (options.checkConfig) {
-         std::printf("The configuration is good.\n");
-         return EXIT_SUCCESS;
+         std::printf("The configuration is valid.\n");
+      } else {
+         Run(options, configuration);
       }
-      Run(options, configuration);
       return EXIT_SUCCESS;
-   } catch (const Corvax::Exception& e) {
-      std::fprintf(stderr, "agentd: %s\n", e.what());
-   } catch (const std::exception& e) {
-      std::fprintf(stderr, "agentd: %s\n", e.what());
-   }
-   return kExitFailure;
+   });
 }
 
 } // namespace

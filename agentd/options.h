@@ -6,26 +6,25 @@
 
 namespace Agentd {
 
-/// The command line. What is not given is unset and falls to the configuration file.
+/// The command line. The configuration file decides on options that are not given.
 struct Options {
    std::string configFile; ///< empty: none
    bool checkConfig = false;
    std::optional<std::string> stateDir;
    std::optional<int> intervalSec; ///< a divisor of 300
    bool mockup = false;
-   int64_t runs = 0; ///< collection runs after which to stop; 0: until a signal comes
+   int64_t runs = 0; ///< stop after this many collection runs; 0: only on a signal
    bool report = false;
    std::optional<std::string> pluginFile;
-   std::optional<std::string> backend;    ///< where the figures come from
-   std::optional<std::string> simulation; ///< what the simulated host has
+   std::optional<std::string> backend;    ///< "auto", "linux" or "simulated"
+   std::optional<std::string> simulation; ///< settings of the simulated host, "KEY=N,..."
    std::optional<std::string> listen;     ///< "ADDRESS:PORT", "none" for no management API
 };
 
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;
+constexpr char kProgramName[] = "agentd";
 
-/// Reads the command line. Where the process has nothing more to do (help, version, a usage error,
-/// each of which is printed) it returns the exit status, else nothing.
+/// Parses the command line. Returns the exit status if the process is done: after help, version or
+/// a usage error, each of which is printed.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options);
 
 } // namespace Agentd

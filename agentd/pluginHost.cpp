@@ -1,39 +1,22 @@
 #include "agentd/pluginHost.h"
 
 #include "corvax/exception.h"
+#include "corvax/sharedLibrary.h"
 #include "corvax/system.h"
 
-#include <dlfcn.h>
-
 namespace Agentd {
-
-namespace {
-
-Corvax::PluginEntry LoadEntry(const std::string& fileName)
-{
-   // A name without a slash would be searched for among the system's libraries.
-   const std::string path = fileName.find('/') == std::string::npos ? "./" + fileName : fileName;
-   void* const library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-   if (library == nullptr) {
-      throw Corvax::Exception(Corvax::Format("Cannot load plug-in %1: %2", fileName, ::dlerror()));
-   }
-   void* const entry = ::dlsym(library, Corvax::kPluginEntryName);
-   if (entry == nullptr) {
-      throw Corvax::Exception(Corvax::Format("%1 is no plug-in: it does not export %2", fileName,
-                                             Corvax::kPluginEntryName));
-   }
-   return reinterpret_cast<Corvax::PluginEntry>(entry);
-}
-
-} // namespace
 
 PluginHost::PluginHost(const std::string& fileName,
                        std::function<void(const Corvax::TimerRun&)> observer)
 {
+   const Corvax::SharedLibrary library(fileName);
+   auto* const entry =
+      library.GetFunction<std::remove_pointer_t<Corvax::PluginEntry>>(Corvax::kPluginEntryName);
    Corvax::Plugin* plugin = nullptr;
-   LoadEntry(fileName)(Corvax::kPluginInterfaceMajor, Corvax::kPluginInterfaceMinor, &plugin);
+   entry(Corvax::kPluginInterfaceMajor, Corvax::kPluginInterfaceMinor, &plugin);
    if (plugin == nullptr) {
-      throw Corvax::Exception(Corvax::Format("%1 gave no plug-in", fileName));
+      throw Corvax::Exception(
+         Corvax::Format("%1 of %2 returned no plug-in", Corvax::kPluginEntryName, fileName));
    }
    _plugin = Corvax::Ref<Corvax::Plugin>(plugin);
    plugin->Release(); // the reference that the entry took
@@ -65,8 +48,8 @@ void PluginHost::Start()
 
 void PluginHost::Stop()
 {
-   constexpr int64_t kPatienceUs = 30 * 1000000;
-   _plugin->WaitStop(kPatienceUs);
+   constexpr int64_t kTimeoutUs = 30 * Corvax::kMicrosecondsPerSecond;
+   _plugin->WaitStop(kTimeoutUs);
    _timer->Stop();
 }
 

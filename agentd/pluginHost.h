@@ -10,13 +10,10 @@
 namespace Agentd {
 
 /// A loaded plug-in with a timer thread of its own, on which everything that it schedules runs.
-///
-/// The library stays loaded for the rest of the process: objects of its classes may live longer
-/// than this one.
 class PluginHost {
 public:
-   /// Loads the library and takes the plug-in from its entry. Runtime exception, naming the file
-   /// and the reason, when either fails. `observer` is called on the timer thread after each run.
+   /// Loads the library and takes the plug-in from its entry; Exception, naming the file and the
+   /// reason, if either fails. `observer` is called on the timer thread after each run.
    PluginHost(const std::string& fileName, std::function<void(const Corvax::TimerRun&)> observer);
    ~PluginHost();
    PluginHost(const PluginHost&) = delete;
@@ -26,7 +23,7 @@ public:
 
    void Init() { _plugin->Init(); }
    void Start();
-   /// Waits for a run under way.
+   /// Waits for a run in progress.
    void Stop();
 
 private:

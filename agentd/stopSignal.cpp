@@ -3,14 +3,11 @@
 #include "corvax/exception.h"
 
 #include <poll.h>
-#include <pthread.h>
+#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <cstdint>
 
 namespace Agentd {
 
@@ -21,31 +18,23 @@ StopSignal::StopSignal()
    ::sigaddset(&set, SIGTERM);
    ::sigaddset(&set, SIGINT);
    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-   ::signal(SIGPIPE, SIG_IGN); // a reader of the report that goes away ends nothing
-   _signals = ::signalfd(-1, &set, SFD_CLOEXEC);
-   _requests = ::eventfd(0, EFD_CLOEXEC);
-   if (_signals < 0 || _requests < 0) {
+   ::signal(SIGPIPE, SIG_IGN); // the agent must survive the reader of its report
+   _signals = Corvax::Descriptor(::signalfd(-1, &set, SFD_CLOEXEC));
+   _requests = Corvax::Descriptor(::eventfd(0, EFD_CLOEXEC));
+   if (!_signals || !_requests) {
       throw Corvax::PlatformException("wait for signals", errno);
    }
 }
 
-StopSignal::~StopSignal()
-{
-   ::close(_signals);
-   ::close(_requests);
-}
-
 void StopSignal::Request()
 {
-   const uint64_t one = 1;
-   // It fails only when it was called 2^64 times.
-   [[maybe_unused]] const ssize_t written = ::write(_requests, &one, sizeof one);
+   ::eventfd_write(_requests.Get(), 1); // it fails only after 2^64 calls
 }
 
-bool StopSignal::Wait(std::chrono::milliseconds atMost)
+bool StopSignal::Wait(std::chrono::milliseconds timeout)
 {
-   pollfd descriptors[] = {{_signals, POLLIN, 0}, {_requests, POLLIN, 0}};
-   return ::poll(descriptors, 2, static_cast<int>(atMost.count())) > 0;
+   pollfd descriptors[] = {{_signals.Get(), POLLIN, 0}, {_requests.Get(), POLLIN, 0}};
+   return ::poll(descriptors, 2, static_cast<int>(timeout.count())) > 0;
 }
 
 } // namespace Agentd

@@ -1,28 +1,27 @@
 #pragma once
 
+#include "corvax/descriptor.h"
+
 #include <chrono>
 
 namespace Agentd {
 
-/// The wish to stop: SIGTERM, SIGINT or a part of the agent itself.
+/// A request to stop: SIGTERM, SIGINT, or one made by the agent itself.
 class StopSignal {
 public:
-   /// Takes over both signals; to be made before any other thread starts, so that none of them gets
-   /// a signal itself. PlatformException.
+   /// Blocks both signals, so construct it before any other thread starts: threads inherit that.
+   /// PlatformException if the descriptors cannot be created.
    StopSignal();
-   ~StopSignal();
-   StopSignal(const StopSignal&) = delete;
-   StopSignal& operator=(const StopSignal&) = delete;
 
    /// From any thread.
    void Request();
 
-   /// Waits until a stop is wished, at most so long; whether it is.
-   bool Wait(std::chrono::milliseconds atMost);
+   /// Waits for a request for at most this long; true if there is one.
+   bool Wait(std::chrono::milliseconds timeout);
 
 private:
-   int _signals;  ///< readable once a signal came
-   int _requests; ///< readable once Request was called
+   Corvax::Descriptor _signals;  ///< readable after a signal
+   Corvax::Descriptor _requests; ///< readable after Request
 };
 
 } // namespace Agentd

@@ -106,11 +106,11 @@ room(linuxHost/libvirt
    SEES linuxHost linuxHost/kernel ${interfaces} TAKES locks threads libvirt xml)
 room(simHost SEES inventory ${services} ${interfaces} TAKES locks)
 
-room(http SEES corvax TAKES sockets polling locks files httplib)
+room(http SEES corvax TAKES sockets polling locks httplib)
 room(managementApi SEES http ${services} quen plexa corvax TAKES json)
-room(agentd SEES managementApi http linuxHost simHost inventory ${services} ${interfaces}
-   TAKES files polling threads processes modules commandLine)
 room(console SEES corvax TAKES commandLine)
+room(agentd SEES console managementApi http linuxHost simHost inventory ${services} ${interfaces}
+   TAKES files polling processes commandLine)
 room(qsh SEES qsh/framework console corvax TAKES processes terminal lineEditing commandLine)
 room(agentctl SEES console corvax TAKES polling threads processes terminal json httplib commandLine)
 

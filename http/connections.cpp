@@ -7,7 +7,6 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -99,16 +98,13 @@ void Connections::Answer(uint64_t connection, std::string response, bool close) 
       const std::lock_guard guard(_mutex);
       _answers.push_back({connection, std::move(response), close});
    }
-   const uint64_t one = 1;
-   // It fails only after 2^64 writes without a read.
-   [[maybe_unused]] const ssize_t written = ::write(_wakeUp.Get(), &one, sizeof one);
+   ::eventfd_write(_wakeUp.Get(), 1); // it fails only after 2^64 writes without a read
 }
 
 void Connections::StopAccepting()
 {
    _stopping = true;
-   const uint64_t one = 1;
-   [[maybe_unused]] const ssize_t written = ::write(_wakeUp.Get(), &one, sizeof one);
+   ::eventfd_write(_wakeUp.Get(), 1);
 }
 
 void Connections::End()
@@ -130,8 +126,8 @@ void Connections::HandleEvent(uint64_t id, uint32_t events)
 
 void Connections::HandleWakeUp()
 {
-   uint64_t count = 0;
-   [[maybe_unused]] const ssize_t got = ::read(_wakeUp.Get(), &count, sizeof count);
+   eventfd_t count = 0;
+   ::eventfd_read(_wakeUp.Get(), &count);
    if (_stopping && _listener) {
       _listener = Descriptor();
       _acceptAgain = Clock::time_point::max();

@@ -166,7 +166,7 @@ refusals)
       [ "$wanted" -eq 0 ] || [ "$(grep -c . "$dir/err")" -le 4 ] || fail "$* says too much"
    }
    expect 2 "agentd: The following argument was not expected: --nonsense" --nonsense
-   expect 2 "agentd: --interval: '7' is no divisor of 300 seconds" --interval 7
+   expect 2 "agentd: --interval: '7' does not divide 300 seconds" --interval 7
    expect 2 "agentd: --runs" --runs 0
    expect 0 "agentd 1." --version
    expect 1 "agentd: Cannot open $dir/none.xml for reading: No such file or directory" \
@@ -178,15 +178,15 @@ refusals)
    config '<plugins><metrix><depotDir>stats</depotDir></metrix></plugins>'
    expect 1 "agentd: $dir/c.xml:2: 'stats' does not start and end with" --check-config --config "$dir/c.xml"
    config '<agentd><logLevel>loud</logLevel></agentd>'
-   expect 1 "agentd: $dir/c.xml:2: 'loud' is no log level" --config "$dir/c.xml"
+   expect 1 "agentd: $dir/c.xml:2: 'loud' is not a log level" --config "$dir/c.xml"
    config '<agentd><logLevel>3</logLevel><logLevel>4</logLevel></agentd>'
-   expect 1 "agentd: $dir/c.xml:2: agentd/logLevel stands a second time" --config "$dir/c.xml"
+   expect 1 "agentd: $dir/c.xml:2: agentd/logLevel is given twice" --config "$dir/c.xml"
    config '<agentd>'
    expect 1 "agentd: File Format Exception: $dir/c.xml:3: not well-formed XML" --config "$dir/c.xml"
    config '<agentd><logLevel>debug</logLevel><nics><nic>a</nic><nic>b</nic></nics></agentd><plugins/>'
-   expect 0 "The configuration is good." --check-config --config "$dir/c.xml"
-   expect 1 "agentd: Cannot load plug-in $dir/none.so" --plugin "$dir/none.so"
-   expect 1 "libcorvax.so is no plug-in: it does not export CorvaxPluginEntry" \
+   expect 0 "The configuration is valid." --check-config --config "$dir/c.xml"
+   expect 1 "agentd: Cannot load $dir/none.so: " --plugin "$dir/none.so"
+   expect 1 "libcorvax.so does not export CorvaxPluginEntry" \
       --plugin "$build/lib/libcorvax.so"
    ;;
 
