@@ -8,7 +8,7 @@ namespace {
 
 using Quen::PerformanceManager;
 
-/// A cell's text: in quotes where it holds what separates cells or lines.
+/// The text of a cell, quoted if it contains a separator or a quote.
 std::string Quote(const std::string& text)
 {
    if (text.find_first_of(",\"\r\n") == std::string::npos) {
@@ -27,7 +27,7 @@ std::string FormatCsvTable(const Plexa::DataArray<PerformanceManager::EntityMetr
                            const Counters& counters)
 {
    std::string text = "time";
-   std::map<Corvax::DateTime, std::map<size_t, int64_t>> lines; // cells by column
+   std::map<Corvax::DateTime, std::map<size_t, int64_t>> lines; // by time, then by column
    size_t columns = 0;
    for (const auto& base : results) {
       const auto& result = dynamic_cast<const PerformanceManager::EntityMetric&>(*base);

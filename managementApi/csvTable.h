@@ -6,9 +6,9 @@
 
 namespace ManagementApi {
 
-/// Results of a query as one table: a header line, then a line a time stamp, oldest first, with a
-/// column a metric; unset values are empty cells. Where there are several results, columns are
-/// named "ENTITY/metric". All results are in normal form.
+/// Results of a query, all in normal form, as one table: a header line, then one line per time
+/// stamp, oldest first, with one column per metric. Unset values are empty cells. With several
+/// results, columns are named "ENTITY/metric".
 std::string
 FormatCsvTable(const Plexa::DataArray<Quen::PerformanceManager::EntityMetricBase>& results,
                const Counters& counters);

@@ -2,7 +2,7 @@
 
 namespace ManagementApi {
 
-/// The OpenAPI 3.0 document of the management API: openapi.json of this room.
+/// The OpenAPI 3.0 document of the management API: the text of openapi.json.
 extern const char kOpenApi[];
 
 } // namespace ManagementApi
