@@ -100,7 +100,7 @@ room(metrix/dynamic SEES metrix/metrix metrix/qshCommands qsh/framework corvax)
 room(inventory SEES ${services} ${interfaces} TAKES locks)
 room(linuxHost/kernel SEES hostctl corvax TAKES files)
 room(linuxHost
-   SEES linuxHost/kernel inventory ${services} ${interfaces} TAKES files locks threads modules)
+   SEES linuxHost/kernel inventory ${services} ${interfaces} TAKES files locks threads)
 # The only room that knows the hypervisor's library.
 room(linuxHost/libvirt
    SEES linuxHost linuxHost/kernel ${interfaces} TAKES locks threads libvirt xml)

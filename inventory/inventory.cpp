@@ -28,8 +28,8 @@ void Publish(const std::string& path, Ref<Corvax::Object> message)
    Corvax::Service::GetApp()->GetChannels()->Publish(path, std::move(message));
 }
 
-/// The virtual-machine service. It does not outlive the inventory: that takes it out of the
-/// registry when it goes.
+/// The virtual machine service. Not to be used after the inventory's destructor, which unregisters
+/// it.
 class GuestsvcImpl : public Guestsvc::Guestsvc, public Corvax::ObjectImpl {
 public:
    explicit GuestsvcImpl(const Inventory& inventory) : _inventory(inventory) {}
@@ -164,7 +164,7 @@ void Inventory::AddPool(const std::string& id, const std::string& name, const st
    const auto parent = _pools.find(parentId);
    if (parent == _pools.end()) {
       throw InvalidArgumentException(
-         Format("There is no resource pool '%1' to put '%2' in", parentId, id));
+         Format("Cannot add the resource pool '%1': its parent '%2' does not exist", id, parentId));
    }
    const auto pool = MakeRef<PoolObject>(id, name, parent->second->GetMoRef());
    Registry().Register(id, pool);

@@ -60,7 +60,7 @@ bool VmObject::SetPowerState(Quen::Vm::PowerState state)
    if (_runtime->powerState == state) {
       return false;
    }
-   // A new record: somebody may still be reading the old one.
+   // A new record: another thread may still be reading the old one.
    _runtime = MakeRef<Quen::Vm::RuntimeInfo>();
    _runtime->powerState = state;
    return true;

@@ -7,11 +7,11 @@
 
 namespace Inventory {
 
-/// What every backend's virtual machine has in common: identity, name, pool, configuration and
-/// power state. A backend adds where its figures come from.
+/// The part of a virtual machine that is the same for every backend: identity, name, pool,
+/// configuration and power state. A backend adds the source of its figures.
 ///
-/// Locking: name, pool, configuration and power state have a lock of their own, a leaf, so that
-/// they can be changed while a user of the object holds it locked.
+/// Locking: name, pool, configuration and power state have a leaf lock, so that they can be changed
+/// while the object itself is locked.
 class VmObject : public Guestsvc::HaVirtualMachine, public Corvax::LockableObjectImpl {
 public:
    /// `id` is at most kMaxIdBytes long.
@@ -32,7 +32,7 @@ public:
    void SetConfig(Corvax::Ref<Quen::Vm::ConfigInfo> config);
    /// Null for none.
    void SetPool(Corvax::Ref<Plexa::MoRef> pool);
-   /// False when it is the state that it was in.
+   /// False when the state does not change.
    bool SetPowerState(Quen::Vm::PowerState state);
 
 private:

@@ -1,5 +1,6 @@
 #include "linuxHost/groupTree.h"
 
+#include "corvax/format.h"
 #include "inventory/inventory.h"
 #include "linuxHost/kernel/textParts.h"
 
@@ -27,7 +28,7 @@ bool IsMachineGroup(std::string_view name)
           std::end(kMachineGroups);
 }
 
-/// False, and the name as it was, when it has no such ending or is nothing else.
+/// False, and the name is unchanged, when it has no such ending or nothing before it.
 bool RemoveEnding(std::string_view& name, std::string_view ending)
 {
    if (name.size() <= ending.size() || !name.ends_with(ending)) {
@@ -42,8 +43,7 @@ bool IsPool(std::string_view group)
    return RemoveEnding(group, kPartitionEnding) || RemoveEnding(group, kSliceEnding);
 }
 
-/// Takes systemd's "\x2d" for "-". What would come out as a control character or a slash stays as
-/// it is.
+/// Turns systemd's "\x2d" into "-". An escape of a control character or a slash stays as it is.
 std::string UnescapeHex(std::string_view text)
 {
    constexpr size_t kEscapeBytes = 4;
@@ -61,8 +61,9 @@ std::string UnescapeHex(std::string_view text)
    return plain;
 }
 
-/// A slice's name repeats its parent's: "machine-gold-web.slice" in "machine-gold.slice" is "web".
-std::string PoolName(std::string_view group, std::string_view parentGroup)
+/// A slice's name starts with its parent's: "machine-gold-web.slice" in "machine-gold.slice" is
+/// "web".
+std::string GetPoolName(std::string_view group, std::string_view parentGroup)
 {
    if (!RemoveEnding(group, kSliceEnding)) {
       RemoveEnding(group, kPartitionEnding);
@@ -76,12 +77,12 @@ std::string PoolName(std::string_view group, std::string_view parentGroup)
 }
 
 /// `namePath` has a slash before each name, "/gold/web".
-std::string PoolId(std::string_view namePath)
+std::string GetPoolId(std::string_view namePath)
 {
    return namePath.empty() ? kRootPoolId : BoundedId("pool:" + std::string(namePath.substr(1)));
 }
 
-/// One walk down the tree.
+/// Collects the pools of a tree, top down.
 class PoolSearch {
 public:
    explicit PoolSearch(const ControlGroups& groups) : _groups(groups) {}
@@ -98,11 +99,11 @@ public:
          if (!IsPool(child)) {
             continue;
          }
-         const std::string name = PoolName(child, group);
-         const std::string childNames = namePath + "/" + name;
-         const std::string childPath = path + "/" + child;
-         if (_ids.insert(PoolId(childNames)).second) {
-            _pools.push_back({PoolId(childNames), name, PoolId(namePath), childPath});
+         const std::string name = GetPoolName(child, group);
+         const std::string childNames = Corvax::Format("%1/%2", namePath, name);
+         const std::string childPath = Corvax::Format("%1/%2", path, child);
+         if (_ids.insert(GetPoolId(childNames)).second) {
+            _pools.push_back({GetPoolId(childNames), name, GetPoolId(namePath), childPath});
          }
          AddBelow(childPath, child, childNames, depth + 1);
       }
@@ -116,7 +117,7 @@ private:
    std::vector<PoolGroup> _pools;
 };
 
-/// The machine groups that there are, in the order of precedence.
+/// The existing machine groups, in the order of precedence.
 std::vector<std::string> FindMachineGroups(const ControlGroups& groups)
 {
    const std::vector<std::string> top = groups.ListChildren("/");
@@ -129,7 +130,7 @@ std::vector<std::string> FindMachineGroups(const ControlGroups& groups)
    return found;
 }
 
-/// Makes the node of a group with `levels` levels below it.
+/// The node of a group, with `levels` levels below it.
 Corvax::Ref<SystemResourceInfo> MakeNode(const ControlGroups& groups, const std::string& path,
                                          size_t levels, std::map<std::string, std::string>& paths)
 {
@@ -147,7 +148,7 @@ Corvax::Ref<SystemResourceInfo> MakeNode(const ControlGroups& groups, const std:
       if (!node->child) {
          node->child = Corvax::MakeRef<Plexa::DataArray<SystemResourceInfo>>();
       }
-      const std::string childPath = isRoot ? "/" + child : path + "/" + child;
+      const std::string childPath = Corvax::Format("%1/%2", isRoot ? "" : path, child);
       node->child->Append(MakeNode(groups, childPath, levels - 1, paths));
    }
    return node;
@@ -174,13 +175,13 @@ std::string PoolIdOfPartition(std::string_view partition)
          continue;
       }
       if (!parent.empty()) {
-         namePath += "/" + PoolName(group, parent);
+         namePath += "/" + GetPoolName(group, parent);
       } else if (!IsMachineGroup(group)) {
          break;
       }
       parent = group;
    }
-   return PoolId(namePath);
+   return GetPoolId(namePath);
 }
 
 bool IsInMachineGroup(std::string_view path)

@@ -1,6 +1,7 @@
 #include "linuxHost/groupWatcher.h"
 
 #include "agentdCommon/wellKnown.h"
+#include "corvax/system.h"
 #include "corvax/thread.h"
 #include "linuxHost/groupTree.h"
 
@@ -10,23 +11,10 @@
 
 namespace LinuxHost {
 
-namespace {
-
-constexpr auto kLoadPeriod = std::chrono::microseconds(LoadHistory::kSamplePeriodUs);
-
-int64_t MonotonicUs()
-{
-   return std::chrono::duration_cast<std::chrono::microseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
-} // namespace
-
 GroupWatcher::GroupWatcher(const std::string& root, int periodSec, Inventory::Inventory& inventory,
                            LinuxVms& vms, Corvax::Logger* logger)
-   : _period(periodSec), _inventory(inventory), _vms(vms), _logger(logger), _groups(root),
-     _cpu(root)
+   : _periodUs(periodSec * Corvax::kMicrosecondsPerSecond), _inventory(inventory), _vms(vms),
+     _logger(logger), _groups(root), _cpu(root)
 {
 }
 
@@ -37,7 +25,7 @@ GroupWatcher::~GroupWatcher()
 
 void GroupWatcher::Start()
 {
-   Guarded([this] { WatchPools(); });
+   Guarded([this] { UpdatePools(); });
    _thread = Corvax::StartThread("groups", [this](const std::stop_token& stop) { Run(stop); });
 }
 
@@ -51,19 +39,20 @@ void GroupWatcher::Stop()
 
 void GroupWatcher::Run(const std::stop_token& stop)
 {
-   const auto period = std::min<std::chrono::steady_clock::duration>(_period, kLoadPeriod);
-   auto loadsDue = std::chrono::steady_clock::now();
+   int64_t loadsDueUs = Corvax::System::GetMonotonicTime();
    while (!stop.stop_requested()) {
       Guarded([&] {
-         WatchPools();
-         if (std::chrono::steady_clock::now() >= loadsDue) {
-            loadsDue += kLoadPeriod;
-            ReadLoads(MonotonicUs());
+         UpdatePools();
+         const int64_t nowUs = Corvax::System::GetMonotonicTime();
+         if (nowUs >= loadsDueUs) {
+            loadsDueUs += LoadHistory::kSamplePeriodUs;
+            ReadLoads(nowUs);
          }
       });
-      const auto wait = std::min(std::chrono::steady_clock::now() + period, loadsDue);
+      const std::chrono::microseconds wait(
+         std::min(_periodUs, loadsDueUs - Corvax::System::GetMonotonicTime()));
       std::unique_lock lock(_mutex);
-      _wake.wait_until(lock, stop, wait, [] { return false; });
+      _wake.wait_for(lock, stop, wait, [] { return false; });
    }
 }
 
@@ -72,16 +61,16 @@ void GroupWatcher::Guarded(const Operation& operation)
 {
    try {
       operation();
-      _isFailureTold = false;
+      _isFailureLogged = false;
    } catch (const std::exception& e) {
-      if (!_isFailureTold) {
-         _logger->Log(Corvax::kLogWarning, "Cannot follow the host's control groups: %1", e.what());
+      if (!_isFailureLogged) {
+         _logger->Log(Corvax::kLogWarning, "Cannot read the host's control groups: %1", e.what());
       }
-      _isFailureTold = true;
+      _isFailureLogged = true;
    }
 }
 
-void GroupWatcher::WatchPools()
+void GroupWatcher::UpdatePools()
 {
    const std::vector<PoolGroup> pools = FindPools(_groups);
    std::map<std::string, std::string> paths{{kRootPoolId, FindMachinePath(_groups)}};
@@ -141,8 +130,7 @@ void GroupWatcher::ReadLoads(int64_t timeUs)
    std::erase_if(_loads, [&seen](const auto& load) { return !seen.contains(load.first); });
 }
 
-/// What the host's CPUs did, from the same source as the host's other CPU figures; nothing limits
-/// the host.
+/// CPU use from the same source as the host's other CPU figures. Nothing limits the host.
 GroupCpu GroupWatcher::ReadHostLoad()
 {
    GroupCpu load;

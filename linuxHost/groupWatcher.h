@@ -9,6 +9,7 @@
 #include "linuxHost/loadHistory.h"
 
 #include <condition_variable>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -17,60 +18,58 @@
 
 namespace LinuxHost {
 
-/// Follows the host's control groups on a thread of its own: keeps the resource pools of the
-/// inventory as the groups below the machine group are, and keeps the load histories of the host,
-/// of the pools and of running virtual machines.
+/// Watches the host's control groups on its own thread: keeps the inventory's resource pools the
+/// same as the groups below the machine group, and keeps the load histories of the host, the pools
+/// and the running virtual machines.
 ///
-/// Units: a load is CPU time; what waits for a CPU is counted once however many threads wait, as
-/// the kernel's pressure figures have it. Errors: a group that cannot be read has no load for that
-/// time; one warning is logged until reading works again. Locking: its own, a leaf but for the
-/// readers'; any thread may ask.
+/// Units: a load is CPU time. Waiting time counts once however many threads wait, as in the
+/// kernel's pressure figures. Errors: a group that cannot be read has no load for that time; one
+/// warning is logged until reading works again. Locking: its own, a leaf; any thread may call.
 class GroupWatcher {
 public:
    /// Inventory and virtual machines outlive it; `root` goes before the path of every kernel file.
-   /// Pools are looked for once a period, at least once a load's period.
+   /// Pools are looked up every `periodSec` seconds, at least every LoadHistory::kSamplePeriodUs.
    GroupWatcher(const std::string& root, int periodSec, Inventory::Inventory& inventory,
                 LinuxVms& vms, Corvax::Logger* logger);
    ~GroupWatcher();
    GroupWatcher(const GroupWatcher&) = delete;
    GroupWatcher& operator=(const GroupWatcher&) = delete;
 
-   /// Finds the pools that are there, then starts the thread.
+   /// Adds the existing pools to the inventory, then starts the thread.
    void Start();
    void Stop();
 
-   /// The control group of a resource pool; empty for none.
+   /// Path of a resource pool's control group; empty when it has none.
    std::string GetPoolPath(const std::string& poolId) const;
 
-   /// By the id of a virtual machine, a pool or the host; nothing until two readings were made.
+   /// Of a virtual machine, a pool or the host by its id; unset until it was read twice.
    std::optional<HostCtl::Resource::CpuLoadHistory> GetLoad(const std::string& id) const;
 
-   /// One look at the pools, and one reading of all loads at a monotonic time in microseconds. On
-   /// the thread, or in its place while it is not started.
-   void WatchPools();
-   void ReadLoads(int64_t timeUs);
-
 private:
+   /// An entity with a load, and its control group.
    struct Subject {
       std::string id;
       std::string path;
    };
 
    void Run(const std::stop_token& stop);
+   void UpdatePools();
+   /// `timeUs` is the monotonic time.
+   void ReadLoads(int64_t timeUs);
    std::vector<Subject> FindSubjects() const;
    GroupCpu ReadHostLoad();
    void AddReading(const std::string& id, int64_t timeUs, const GroupCpu& reading);
    template <class Operation>
    void Guarded(const Operation& operation);
 
-   const std::chrono::seconds _period;
+   const int64_t _periodUs;
    Inventory::Inventory& _inventory;
    LinuxVms& _vms;
    const Corvax::Ref<Corvax::Logger> _logger;
-   // The thread's own.
+   // Used by the thread only.
    ControlGroups _groups;
    CpuReader _cpu;
-   bool _isFailureTold = false;
+   bool _isFailureLogged = false;
 
    mutable std::mutex _mutex;
    std::condition_variable_any _wake;

@@ -9,24 +9,24 @@
 #include <string>
 #include <vector>
 
-/// The hypervisor that runs the virtual machines of this host, as the backend needs it.
+/// The backend's interface to the hypervisor that runs the virtual machines of this host.
 namespace LinuxHost {
 
-/// A virtual machine's network card.
+/// A virtual machine's NIC.
 struct VmCard {
-   int32_t key = 0;        ///< the device key, 4000 + the card's number
+   int32_t key = 0;        ///< the device key, 4000 + the NIC's number
    bool onNetwork = false; ///< its traffic passes a device of the host, the tap
    bool linkUp = false;
-   std::string tap; ///< the device's name; empty while there is none
+   std::string tap; ///< the device's name; empty when there is none
 };
 
 /// A virtual machine's disk.
 struct VmDisk {
    enum class Image { FILE, BLOCK_DEVICE, NETWORK, NONE };
 
-   std::string target; ///< as the guest's bus has it, "vda"
+   std::string target; ///< name on the VM's bus, "vda"
    Image image = Image::NONE;
-   std::string path; ///< of a FILE or BLOCK_DEVICE
+   std::string path; ///< for FILE and BLOCK_DEVICE
 };
 
 struct VmDescription {
@@ -39,14 +39,14 @@ struct VmDescription {
    std::vector<VmDisk> disks;
 };
 
-/// Times of a virtual CPU since the virtual machine's start, microseconds.
+/// Times of a virtual CPU since the virtual machine's start.
 struct VcpuFigures {
    uint64_t usedUs = 0;
    uint64_t waitUs = 0;  ///< blocked
-   uint64_t readyUs = 0; ///< could have run, but had no CPU
+   uint64_t readyUs = 0; ///< ready, but without a CPU
 };
 
-/// Traffic of a card as its guest sees it, since the virtual machine's start.
+/// Traffic of a NIC since the virtual machine's start; directions as seen by the VM.
 struct VmCardFigures {
    std::string tap;
    uint64_t bytesReceived = 0;
@@ -68,59 +68,58 @@ struct VmDiskFigures {
 struct VmFigures {
    uint64_t usedUs = 0;            ///< CPU time of the whole virtual machine
    std::vector<VcpuFigures> vcpus; ///< by number; one that is off has zeroes
-   uint64_t balloonCurrentKb = 0;  ///< memory that the guest has now
+   uint64_t balloonCurrentKb = 0;  ///< current size of the guest memory
    uint64_t balloonMaximumKb = 0;
-   uint64_t rssKb = 0; ///< host memory that the process holds
-   /// When the guest's balloon driver last reported, seconds; 0: never.
+   uint64_t rssKb = 0; ///< resident memory of the process
+   /// Time of the balloon driver's last report; 0: never.
    uint64_t guestReportSec = 0;
    std::vector<VmCardFigures> cards;
    std::vector<VmDiskFigures> disks;
 };
 
-/// All running virtual machines that answered, at one time.
+/// Figures of all running virtual machines that answered, from one call.
 struct VmSnapshot {
-   int64_t takenUs = 0;                  ///< wall clock before the call that gave it
+   int64_t takenUs = 0;                  ///< wall clock before that call
    std::map<std::string, VmFigures> vms; ///< by id
 };
 
-/// What a connection tells on a thread of its own. The handlers return soon and call no connection.
+/// A connection calls these on a thread of its own. They return soon and do not call a connection.
 class HypervisorListener {
 public:
    virtual ~HypervisorListener();
-   /// The virtual machine came, went, or is not what it was.
+   /// The virtual machine is new, gone or changed.
    virtual void OnVmChanged(const std::string& id) = 0;
    virtual void OnConnectionLost(const std::string& reason) = 0;
 };
 
-/// Its destructor closes it; no handler is called after that.
+/// Its destructor closes it; the listener is not called after that.
 ///
-/// Errors: HostCtl::Lib::HostCtlException naming what was asked and why it failed.
-/// Locking: its own; any thread may call. Threads that must not wait for each other's calls have a
-/// connection each. Not to be destroyed while a lock is held that the listener's handlers take.
+/// Errors: HostCtl::Lib::HostCtlException naming what was tried and why it failed.
+/// Locking: its own; any thread may call. Threads that must not wait for each other's calls need a
+/// connection each. Do not destroy it while holding a lock that the listener takes.
 class HypervisorConnection {
 public:
    virtual ~HypervisorConnection();
 
    /// All virtual machines, running or not.
    virtual std::vector<VmDescription> ListVms() = 0;
-   /// Nothing when there is none of that id.
+   /// Unset when there is no VM with that id.
    virtual std::optional<VmDescription> DescribeVm(const std::string& id) = 0;
-   /// One bulk call. A virtual machine that is not running is left out, and so is one whose monitor
-   /// is held by another call; one whose monitor stops answering now holds the call up.
+   /// One bulk call. Leaves out a virtual machine that is not running and one whose monitor another
+   /// call is waiting for; a monitor that stops answering blocks this call.
    virtual VmSnapshot ReadSnapshot() = 0;
 };
 
 class Hypervisor {
 public:
    virtual ~Hypervisor();
-   /// `listener`, unless null, outlives the connection. HostCtlException where there is none to be
-   /// had.
+   /// `listener` outlives the connection; null for none. HostCtlException when it cannot connect.
    virtual std::unique_ptr<HypervisorConnection> Connect(HypervisorListener* listener) = 0;
 };
 
-/// The hypervisor's library is a module of its own, loaded where it is installed: the name of its
-/// one entry, which returns a new Hypervisor for a URI such as "qemu:///system".
+/// Entry of the module that uses the hypervisor's library; the module is loaded where that library
+/// is installed. Returns a new Hypervisor for a URI such as "qemu:///system".
 constexpr char kHypervisorEntryName[] = "NewHypervisor";
-using HypervisorEntry = Hypervisor* (*)(const char* uri);
+using HypervisorEntry = Hypervisor*(const char* uri);
 
 } // namespace LinuxHost

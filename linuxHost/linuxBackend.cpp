@@ -2,6 +2,8 @@
 
 #include "agentdCommon/wellKnown.h"
 #include "corvax/application.h"
+#include "corvax/exception.h"
+#include "corvax/sharedLibrary.h"
 #include "linuxHost/groupTree.h"
 #include "linuxHost/groupWatcher.h"
 #include "linuxHost/linuxHostSystem.h"
@@ -10,13 +12,11 @@
 #include "linuxHost/snapshotPoller.h"
 #include "linuxHost/vmWatcher.h"
 
-#include <dlfcn.h>
-
 namespace LinuxHost {
 
 namespace {
 
-/// Where virtual machines are not followed, there are no figures of any.
+/// For a host without a hypervisor.
 class NoSnapshots : public SnapshotSource {
 public:
    std::shared_ptr<const VmSnapshot> GetSnapshot() const override { return nullptr; }
@@ -24,7 +24,7 @@ public:
 
 } // namespace
 
-class LinuxBackend::Parts : public HostAddenda {
+class LinuxBackend::Parts : public ExtraFigures {
 public:
    Parts(const LinuxHostOptions& options, std::shared_ptr<Hypervisor> hypervisor, int intervalSec,
          Corvax::Logger* logger)
@@ -53,7 +53,7 @@ public:
 
    void Start()
    {
-      // Pools first, for virtual machines are put into them.
+      // Pools first: virtual machines refer to them.
       _groups.Start();
       if (_watcher) {
          _watcher->Start();
@@ -96,7 +96,7 @@ private:
       return _poller ? static_cast<const SnapshotSource&>(*_poller) : _noSnapshots;
    }
 
-   // In the order in which they need each other.
+   // Each may use those before it.
    const NoSnapshots _noSnapshots;
    Inventory::Inventory _inventory;
    const std::unique_ptr<SnapshotPoller> _poller;
@@ -139,14 +139,13 @@ void LinuxBackend::Stop()
 
 std::shared_ptr<Hypervisor> LoadHypervisor(const std::string& moduleFile, const std::string& uri)
 {
-   // Never closed: a call that hangs may be inside to the very end.
-   void* const module = ::dlopen(moduleFile.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-   void* const entry = module ? ::dlsym(module, kHypervisorEntryName) : nullptr;
-   if (entry == nullptr) {
-      throw HostCtl::Lib::HostCtlException(
-         Corvax::Format("Cannot load the hypervisor's library: %1", ::dlerror()));
+   try {
+      const Corvax::SharedLibrary module(moduleFile);
+      auto* const entry = module.GetFunction<HypervisorEntry>(kHypervisorEntryName);
+      return std::shared_ptr<Hypervisor>(entry(uri.c_str()));
+   } catch (const Corvax::Exception& e) {
+      throw HostCtl::Lib::HostCtlException(e.GetMessage());
    }
-   return std::shared_ptr<Hypervisor>(reinterpret_cast<HypervisorEntry>(entry)(uri.c_str()));
 }
 
 } // namespace LinuxHost

@@ -12,12 +12,12 @@ namespace LinuxHost {
 /// registry the host system, the resource manager and, where there is a hypervisor, its virtual
 /// machines.
 ///
-/// Lives while there is an application object; its destructor takes everything out of the registry.
-/// Who installs it as the provider takes it out again.
+/// Needs the application object for as long as it lives; its destructor unregisters everything. The
+/// installer must also uninstall it as the provider.
 class LinuxBackend : public HostCtl::HostProvider {
 public:
-   /// `hypervisor` is null where virtual machines are not to be followed. `intervalSec` is the
-   /// collection interval.
+   /// Without a hypervisor (null) there are no virtual machines. `intervalSec` is the collection
+   /// interval.
    LinuxBackend(const LinuxHostOptions& options, std::shared_ptr<Hypervisor> hypervisor,
                 int intervalSec, Corvax::Logger* logger);
    ~LinuxBackend() override;
@@ -27,7 +27,7 @@ public:
    HostCtl::Host* GetHost() override;
    HostCtl::Network::Port* GetPort(uint32_t portId) override;
 
-   /// Starts the threads that follow hypervisor and groups.
+   /// Starts the threads that watch hypervisor and control groups.
    void Start();
    void Stop();
 
@@ -36,8 +36,8 @@ private:
    const std::unique_ptr<Parts> _parts;
 };
 
-/// Loads the hypervisor module and its library. HostCtlException with the reason when one of them
-/// is not there.
+/// Loads the hypervisor module and, with it, the hypervisor's library. HostCtlException with the
+/// reason when one of them cannot be loaded.
 std::shared_ptr<Hypervisor> LoadHypervisor(const std::string& moduleFile, const std::string& uri);
 
 } // namespace LinuxHost

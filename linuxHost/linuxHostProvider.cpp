@@ -15,8 +15,8 @@ namespace LinuxHost {
 
 namespace {
 
-/// Runs the operation; whatever it throws comes out in the library's own exception family. Lack of
-/// memory comes first: it may be of two families at once, and its text must need no memory.
+/// Runs the operation and turns any exception into HostCtlException. bad_alloc has its own handler,
+/// whose message is short enough to need no memory.
 template <class Operation>
 auto Translated(const Operation& operation)
 {
@@ -32,16 +32,16 @@ auto Translated(const Operation& operation)
    }
 }
 
-/// All that reads kernel files. Locking: the mutex is held while any of the readers is used; no
-/// other lock is taken under it.
+/// All readers of kernel files. Locking: the mutex protects the readers; only the logger's lock is
+/// taken under it.
 struct Readers {
-   Readers(LinuxHostOptions options, HostAddenda* guestFigures, Corvax::Logger* logger)
-      : addenda(guestFigures), cpu(options.root), memory(options.root), disks(options.root),
+   Readers(LinuxHostOptions options, ExtraFigures* extraFigures, Corvax::Logger* logger)
+      : extra(extraFigures), cpu(options.root), memory(options.root), disks(options.root),
         nics(options.root, std::move(options.nics)), hardware(options.root, options.cpuMhz, logger)
    {
    }
 
-   /// One operation on the readers, alone and with its failures translated.
+   /// Runs an operation on the readers under the mutex and translates its exceptions.
    template <class Operation>
    auto Use(const Operation& operation)
    {
@@ -51,7 +51,7 @@ struct Readers {
       });
    }
 
-   HostAddenda* const addenda; // has locks of its own
+   ExtraFigures* const extra; // has its own locks
    std::mutex mutex;
    CpuReader cpu;
    MemoryReader memory;
@@ -66,7 +66,7 @@ T* New(Args&&... args)
    return Translated([&] { return new T(std::forward<Args>(args)...); });
 }
 
-/// Hands objects out as the raw pointers that the caller will own: one for each of `sources`.
+/// Creates an object for each of `sources`; the caller owns them.
 template <class Interface, class T, class Source>
 std::vector<Interface*> NewEach(std::vector<Source> sources)
 {
@@ -90,7 +90,7 @@ public:
    HostCtl::Resource::CpuLoadHistory* GetCpuLoadHistory() override
    {
       return Translated([this]() -> HostCtl::Resource::CpuLoadHistory* {
-         const auto load = _readers.addenda ? _readers.addenda->GetHostLoad() : std::nullopt;
+         const auto load = _readers.extra ? _readers.extra->GetHostLoad() : std::nullopt;
          return load ? new HostCtl::Resource::CpuLoadHistory(*load) : nullptr;
       });
    }
@@ -128,7 +128,7 @@ private:
    Readers& _readers;
 };
 
-/// A disk with the part that each virtual machine has in its traffic.
+/// A disk, with each virtual machine's part of its traffic.
 struct Lun {
    DiskFigures figures;
    std::vector<HostCtl::Storage::WorldStatistics> worlds;
@@ -171,10 +171,10 @@ private:
          luns.push_back({std::move(disk), {}});
       }
       return Translated([&] {
-         if (_readers.addenda == nullptr) {
+         if (_readers.extra == nullptr) {
             return luns;
          }
-         for (auto& [name, worlds] : _readers.addenda->GetDiskWorlds()) {
+         for (auto& [name, worlds] : _readers.extra->GetDiskWorlds()) {
             const auto byName = [](const Lun& lun) -> const std::string& {
                return lun.figures.name;
             };
@@ -315,8 +315,8 @@ private:
 
 class LinuxHostProviderImpl : public HostCtl::HostProvider {
 public:
-   LinuxHostProviderImpl(LinuxHostOptions options, HostAddenda* addenda, Corvax::Logger* logger)
-      : _readers(std::move(options), addenda, logger)
+   LinuxHostProviderImpl(LinuxHostOptions options, ExtraFigures* extra, Corvax::Logger* logger)
+      : _readers(std::move(options), extra, logger)
    {
    }
 
@@ -324,7 +324,7 @@ public:
    HostCtl::Network::Port* GetPort(uint32_t portId) override
    {
       return Translated([&]() -> HostCtl::Network::Port* {
-         const auto figures = _readers.addenda ? _readers.addenda->FindPort(portId) : std::nullopt;
+         const auto figures = _readers.extra ? _readers.extra->FindPort(portId) : std::nullopt;
          return figures ? new PortImpl(*figures) : nullptr;
       });
    }
@@ -336,10 +336,10 @@ private:
 } // namespace
 
 std::unique_ptr<HostCtl::HostProvider>
-NewLinuxHostProvider(LinuxHostOptions options, HostAddenda* addenda, Corvax::Logger* logger)
+NewLinuxHostProvider(LinuxHostOptions options, ExtraFigures* extra, Corvax::Logger* logger)
 {
    return Translated([&]() -> std::unique_ptr<HostCtl::HostProvider> {
-      return std::make_unique<LinuxHostProviderImpl>(std::move(options), addenda, logger);
+      return std::make_unique<LinuxHostProviderImpl>(std::move(options), extra, logger);
    });
 }
 

@@ -13,34 +13,34 @@ namespace LinuxHost {
 
 struct LinuxHostOptions {
    /// Goes before the path of every kernel file: empty for this machine, else a directory that
-   /// holds a tree of such files ("ROOT/proc/stat").
+   /// contains a tree of such files ("ROOT/proc/stat").
    std::string root;
-   /// Physical NICs by name. Empty: those with a device behind them, else all but the loopback.
+   /// Names of the physical NICs. Empty: those with a device, else all but the loopback.
    std::vector<std::string> nics;
-   /// Speed of one CPU. 0: as the kernel tells it, which not every machine's does.
+   /// Speed of one CPU. 0: the kernel's figure, which not every machine has.
    uint32_t cpuMhz = 0;
 };
 
-/// What virtual machines and groups add to the host's figures. Any thread may ask.
-class HostAddenda {
+/// Figures that virtual machines and control groups add to the host's. Any thread may call.
+class ExtraFigures {
 public:
-   virtual ~HostAddenda() = default;
-   /// Traffic by the host's disk that it goes to; names that are no disk of the host become disks
-   /// of their own, without traffic of the host itself.
+   virtual ~ExtraFigures() = default;
+   /// Traffic of the virtual machines by the name of the host's disk. Any other name becomes a disk
+   /// of its own, without traffic of the host.
    virtual std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>>
    GetDiskWorlds() = 0;
    virtual std::optional<HostCtl::Network::PortStatistics> FindPort(uint32_t portId) = 0;
    virtual std::optional<HostCtl::Resource::CpuLoadHistory> GetHostLoad() = 0;
 };
 
-/// This Linux machine's figures, from procfs and sysfs; docs/operations.md says which file gives
-/// which. Nothing is read before it is asked for; a list of disks or NICs is read whole, and its
-/// elements keep the figures of that reading.
+/// Reads this Linux machine's figures from procfs and sysfs; docs/operations.md lists the source of
+/// each. Every call reads the kernel's files; the elements of a list of disks or NICs keep the
+/// figures that were read with the list.
 ///
-/// Ownership: a reference on the logger is taken; null for none. The addenda, null for none,
-/// outlive the provider. Locking: any thread may ask; one at a time is served. Errors:
+/// Ownership: takes a reference to the logger; null for none. `extra`, null for none, outlives the
+/// provider. Locking: any thread may call; calls are serialised. Errors:
 /// HostCtl::Lib::HostCtlException from this and from every operation.
 std::unique_ptr<HostCtl::HostProvider>
-NewLinuxHostProvider(LinuxHostOptions options, HostAddenda* addenda, Corvax::Logger* logger);
+NewLinuxHostProvider(LinuxHostOptions options, ExtraFigures* extra, Corvax::Logger* logger);
 
 } // namespace LinuxHost

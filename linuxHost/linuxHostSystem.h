@@ -6,7 +6,7 @@
 
 namespace LinuxHost {
 
-/// This machine in the inventory, under the given id; its name is the machine's host name.
+/// This machine as a managed object with the given id; its name is the host name.
 Corvax::Ref<Quen::HostSystem> NewLinuxHostSystem(const std::string& id);
 
 } // namespace LinuxHost

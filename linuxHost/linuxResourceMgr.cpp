@@ -25,7 +25,7 @@ T* NewIfAny(const std::optional<T>& record)
    return record ? new T(*record) : nullptr;
 }
 
-/// Memory of one virtual machine, from all its sources at one time.
+/// Memory of a virtual machine, read from all its sources together.
 struct VmMemory {
    MemoryStats stats;
    SwapInfo swap;
@@ -45,7 +45,7 @@ public:
    Ref<MoRef> GetRootResourcePool() override
    {
       const std::lock_guard guard(_readersMutex);
-      // The collector asks for the pools once in a pass.
+      // Once in a run: the collector's walk over the pools starts here.
       _groups.BeginReading();
       return _inventory.GetRootPool();
    }
@@ -97,7 +97,8 @@ public:
 
    MemoryStats* GetVmMemoryStats(MoRef* vm) override
    {
-      // The first of the three that a pass asks for, so the other two fit it.
+      // The first of the three memory records that a run reads; the other two are from this
+      // reading.
       const auto memory = Read<VmMemory>([&] { return ReadVmMemory(*vm); });
       return memory ? new MemoryStats(memory->stats) : nullptr;
    }
@@ -120,8 +121,8 @@ public:
    }
 
 private:
-   /// One reading under the readers' lock. A group or process that fails to be read is as one that
-   /// is gone: nobody else's figures suffer for it.
+   /// Runs the operation under the readers' lock. A group or process that cannot be read counts as
+   /// gone, so that all other figures are read.
    template <class T, class Operation>
    std::optional<T> Read(const Operation& operation)
    {
@@ -129,12 +130,12 @@ private:
       try {
          return operation();
       } catch (const std::exception& e) {
-         _logger->Log(Corvax::kLogDebug, "No figure: %1", e.what());
+         _logger->Log(Corvax::kLogDebug, "Cannot read a figure: %1", e.what());
          return std::nullopt;
       }
    }
 
-   /// The machine's part of the newest snapshot, null when it is not there.
+   /// The machine's part of the newest snapshot; null when it is missing there.
    std::shared_ptr<const VmFigures> FindFigures(const MoRef& vm) const
    {
       const auto snapshot = _snapshots.GetSnapshot();
@@ -210,7 +211,7 @@ private:
    {
       VmMemory memory;
       MemoryStats& stats = memory.stats;
-      // The process holds the guest's memory as far as the guest has touched it, and its own.
+      // The resident memory consists of the guest memory that was used, and the process's own.
       stats.grantedKb = std::min(figures.rssKb, figures.balloonCurrentKb);
       stats.overheadKb = figures.rssKb - stats.grantedKb;
       stats.activeKb = std::min(group.activeKb, stats.grantedKb);
@@ -233,8 +234,8 @@ private:
       return found == _vmMemory.end() ? std::nullopt : std::optional(found->second);
    }
 
-   /// What the kernel counts by group comes from the pool's group, the rest is the sum over the
-   /// virtual machines in the pool and below it, as this pass has read them.
+   /// Figures that the kernel counts by group come from the pool's group; the others are the sum
+   /// over the virtual machines in the pool and below it, as read in this run.
    std::optional<MemoryStats> ReadPoolMemory(const MoRef& pool)
    {
       const std::string path = GetPoolPath(pool);
@@ -273,11 +274,11 @@ private:
    const SnapshotSource& _snapshots;
    const GroupWatcher& _groupWatcher;
    const Ref<Corvax::Logger> _logger;
-   std::mutex _readersMutex; // no reader is used without it
+   std::mutex _readersMutex; // protects everything below
    ControlGroups _groups;
    CpuReader _cpu;
    std::map<std::string, std::string> _systemGroupPaths; // by key
-   std::map<std::string, VmMemory> _vmMemory;            // by id, as the newest pass read it
+   std::map<std::string, VmMemory> _vmMemory;            // by id, from the latest run
 };
 
 } // namespace

@@ -10,9 +10,10 @@ namespace LinuxHost {
 /// groups, virtual machines from the hypervisor's newest snapshot, their processes and their
 /// control groups. docs/operations.md has every figure with its source.
 ///
-/// Everything given outlives it; `root` goes before the path of every kernel file.
-/// Errors: what is gone or cannot be read has no record; no operation throws for it.
-/// Locking: besides the object's own lock one for the readers; one at a time is served.
+/// All arguments outlive it; `root` goes before the path of every kernel file.
+/// Errors: a group or process that is gone or cannot be read has no record; this is not an
+/// exception. Locking: besides the object's own lock one for the readers, which serialises the
+/// calls.
 Corvax::Ref<Hostsvc::ResourceMgr>
 NewLinuxResourceMgr(const std::string& root, const Inventory::Inventory& inventory,
                     const LinuxVms& vms, const SnapshotSource& snapshots,

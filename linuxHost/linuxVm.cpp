@@ -9,8 +9,8 @@ using Quen::Vm::PowerState;
 
 namespace {
 
-/// One run may fall between a machine's start and the first snapshot with it.
-constexpr uint64_t kRunsMissedUntilTold = 2;
+/// The first run after a machine's start may come before the first snapshot with it.
+constexpr uint64_t kRunsMissedUntilLogged = 2;
 
 } // namespace
 
@@ -38,21 +38,21 @@ bool LinuxVm::IsStatsAvailable()
    }
    const auto snapshot = _snapshots.GetSnapshot();
    if (!snapshot) {
-      return false; // no figures of any virtual machine: not this one's doing
+      return false; // all virtual machines are missing, which is not this one's fault
    }
-   const bool isThere = snapshot->vms.contains(GetId());
-   if (isThere) {
-      if (_runsMissed >= kRunsMissedUntilTold) {
-         _logger->Log(Corvax::kLogNotice, "Virtual machine %1 (%2) gives figures again", GetName(),
+   const bool isPresent = snapshot->vms.contains(GetId());
+   if (isPresent) {
+      if (_runsMissed >= kRunsMissedUntilLogged) {
+         _logger->Log(Corvax::kLogNotice, "Virtual machine %1 (%2) has statistics again", GetName(),
                       GetId());
       }
       _runsMissed = 0;
-   } else if (++_runsMissed == kRunsMissedUntilTold) {
+   } else if (++_runsMissed == kRunsMissedUntilLogged) {
       _logger->Log(Corvax::kLogWarning,
-                   "Virtual machine %1 (%2) gives no figures: it does not answer the hypervisor",
+                   "Virtual machine %1 (%2) has no statistics: it does not answer the hypervisor",
                    GetName(), GetId());
    }
-   return isThere;
+   return isPresent;
 }
 
 uint64_t LinuxVm::GetHeartbeatCount()

@@ -14,10 +14,10 @@
 
 namespace LinuxHost {
 
-/// Where on this host the parts of a running virtual machine are. Immutable.
+/// The parts of this host that belong to a running virtual machine. Immutable.
 struct VmPlaces {
    struct Disk {
-      std::string target;   ///< as the guest's bus has it
+      std::string target;   ///< name on the VM's bus
       std::string hostDisk; ///< the host's disk that holds the image
    };
    struct Card {
@@ -26,34 +26,34 @@ struct VmPlaces {
       std::string tap;
    };
 
-   std::shared_ptr<QemuProcess> process; ///< null when there is none to be found
+   std::shared_ptr<QemuProcess> process; ///< null when it was not found
    int32_t pid = -1;
    std::string groupPath; ///< its control group; empty for none
-   uint64_t startUs = 0;  ///< of the process, since the host's start; 0: not known
+   uint64_t startUs = 0;  ///< time from the host's start to the process's; 0: unknown
    std::vector<Disk> disks;
-   std::vector<Card> cards; ///< those that are on a tap
+   std::vector<Card> cards; ///< those with a tap
 };
 
 /// A virtual machine of the hypervisor in the agent's inventory.
 ///
-/// Locking: as the base class; what it keeps itself is behind a leaf lock too.
+/// Locking: as in the base class; its own members have a leaf lock, too.
 class LinuxVm : public Inventory::VmObject {
 public:
    /// Inventory and snapshots outlive it.
    LinuxVm(const std::string& id, const Inventory::Inventory& inventory,
            const SnapshotSource& snapshots, Corvax::Logger* logger);
 
-   /// The pool of its partition; the root pool for as long as the host has no such group.
+   /// The pool of its partition; the root pool while the host has no such group.
    Corvax::Ref<Plexa::MoRef> GetParent() override;
 
-   /// Powered on and in the newest snapshot. Says so in the log when a running machine is missing
-   /// there twice in a row, and when it is back.
+   /// Powered on and in the newest snapshot. Logs when a running machine is missing there in two
+   /// consecutive runs, and when it is back.
    bool IsStatsAvailable() override;
-   /// How often the guest's balloon driver has reported, as far as it was seen.
+   /// Number of reports of the guest's balloon driver that were seen.
    uint64_t GetHeartbeatCount() override;
-   /// The process that runs it.
+   /// Id of the process that runs it, -1 for none.
    int32_t GetWorldId() override;
-   /// 0, which is no port, for a card without one.
+   /// 0 for a NIC without a port.
    uint32_t GetPortId(Quen::Vm::Device::VirtualEthernetCard* card) override;
 
    void SetPoolId(const std::string& poolId);
@@ -67,7 +67,7 @@ private:
    mutable std::mutex _placesMutex;
    std::string _poolId;
    std::shared_ptr<const VmPlaces> _places;
-   // Of the thread that samples it, under the object's lock.
+   // Used by the collector, under the object's lock.
    uint64_t _runsMissed = 0;
    uint64_t _heartbeatCount = 0;
    uint64_t _lastReportSec = 0;

@@ -88,7 +88,7 @@ void LinuxVms::Update(const VmDescription& description)
 
 void LinuxVms::Update(const VmDescription& description, const Processes& processes)
 {
-   // Looking at images may take its time, on a network's file system for one: before the lock.
+   // Before the lock: access to the images may be slow, as on a network file system.
    const auto places = FindPlaces(description, processes);
    const std::lock_guard guard(_mutex);
    AssignPorts(description, *places);
@@ -97,7 +97,7 @@ void LinuxVms::Update(const VmDescription& description, const Processes& process
    if (isNew) {
       vm = MakeRef<LinuxVm>(description.id, _inventory, _snapshots, _logger.Get());
    }
-   // What belongs to the new state is there before anybody hears of that state.
+   // Before the new state is published: subscribers to it find everything else up to date.
    vm->SetConfig(MakeConfig(description));
    vm->SetPoolId(PoolIdOfPartition(description.partition));
    vm->SetPlaces(places);
@@ -194,7 +194,7 @@ std::optional<HostCtl::Network::PortStatistics> LinuxVms::GetPort(uint32_t portI
    if (card == vm->second.cards.end()) {
       return std::nullopt;
    }
-   // The port's counters have 32 bits.
+   // The high halves are dropped on purpose: a port's counters have 32 bits.
    return HostCtl::Network::PortStatistics{
       static_cast<uint32_t>(card->bytesReceived), static_cast<uint32_t>(card->bytesSent),
       static_cast<uint32_t>(card->packetsReceived), static_cast<uint32_t>(card->packetsSent)};

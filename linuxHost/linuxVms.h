@@ -18,31 +18,31 @@ namespace LinuxHost {
 /// The hypervisor's virtual machines: keeps the inventory as the hypervisor describes them, and
 /// finds their processes, ports and images on this host.
 ///
-/// Locking: its own, taken before the inventory's and the objects'. Replace, Update and Remove are
-/// one thread's; any thread may call the rest.
+/// Locking: its own, taken before the inventory's and the objects'. One thread at a time may call
+/// Replace, Update and Remove; any thread may call the others.
 class LinuxVms {
 public:
-   /// All but the options outlive it; `root` goes before the path of every kernel file.
+   /// Inventory and snapshots outlive it; `root` goes before the path of every kernel file.
    LinuxVms(const std::string& root, Inventory::Inventory& inventory,
             const SnapshotSource& snapshots, Corvax::Logger* logger);
 
-   /// These are all there are: what is not among them is unregistered.
+   /// Updates all of these and unregisters all others.
    void Replace(const std::vector<VmDescription>& descriptions);
-   /// One that is new or has changed.
+   /// For a virtual machine that is new or has changed.
    void Update(const VmDescription& description);
    void Remove(const std::string& id);
 
-   /// Null when there is none.
+   /// Null when there is no such VM.
    Corvax::Ref<LinuxVm> Find(const std::string& id) const;
    std::vector<Corvax::Ref<LinuxVm>> GetAll() const;
 
-   /// Counted from the guest's side, the low 32 bits. Nothing for an unknown port and one of a
-   /// machine that is not in the newest snapshot.
+   /// The low 32 bits; directions as seen by the VM. Unset for an unknown port and for that of a VM
+   /// that is not in the newest snapshot.
    std::optional<HostCtl::Network::PortStatistics> GetPort(uint32_t portId) const;
 
-   /// Traffic of each virtual machine by the host's disk that holds its images, one record a
-   /// machine and disk, in blocks of kBlockSizeBytes. "network" and "other" stand for images that
-   /// no disk of the host holds.
+   /// Traffic of the virtual machines by the host's disk that holds their images, with one record
+   /// for a VM on a disk, in blocks of kBlockSizeBytes. Images that are not on a disk of the host
+   /// count under "network" and "other".
    std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>> GetDiskWorlds() const;
 
 private:

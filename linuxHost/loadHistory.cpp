@@ -1,5 +1,6 @@
 #include "linuxHost/loadHistory.h"
 
+#include "corvax/clock.h"
 #include "linuxHost/kernel/saturate.h"
 
 #include <algorithm>
@@ -9,7 +10,7 @@ namespace LinuxHost {
 
 namespace {
 
-constexpr int64_t kMinuteUs = 60'000'000;
+constexpr int64_t kMinuteUs = 60 * Corvax::kMicrosecondsPerSecond;
 constexpr int64_t kKeptUs = 15 * kMinuteUs;
 constexpr int64_t kMaxGapUs = 2 * LoadHistory::kSamplePeriodUs;
 
@@ -25,7 +26,7 @@ void LoadHistory::Add(int64_t timeUs, uint64_t activeUs, uint64_t waitingUs, uin
 {
    const Reading reading{timeUs, activeUs, waitingUs, limitedUs};
    if (_newest && timeUs < _newest->timeUs) {
-      _samples.clear(); // of times to come: they would never grow old
+      _samples.clear(); // they end in the future and would not expire
    }
    const std::optional<Sample> sample = _newest ? MakeSample(*_newest, reading) : std::nullopt;
    if (sample) {

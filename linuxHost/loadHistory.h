@@ -9,26 +9,25 @@
 
 namespace LinuxHost {
 
-/// The load of a group over the last minutes, made from readings of its cumulative times: the
-/// kernel keeps no such averages for groups, and no peaks for anything. To be fed every
-/// kSamplePeriodUs.
+/// The load of a group over the last minutes, computed from its cumulative times: the kernel keeps
+/// no averages of groups, and no peaks at all. Add is to be called every kSamplePeriodUs.
 ///
-/// Units: percent of one core, cut to whole numbers.
+/// Units: percent of one core, rounded down.
 /// Locking: none; one thread at a time.
 class LoadHistory {
 public:
    static constexpr int64_t kSamplePeriodUs = 6'000'000;
    static constexpr size_t kMaxSamples = 150; ///< fifteen minutes
 
-   /// `timeUs` is of a clock that does not step. Makes a sample of the time since the reading
-   /// before, except where that says nothing: for the first reading, after more than two periods
-   /// without one, and when a counter went back, as at a restart.
+   /// `timeUs` is monotonic. Adds a sample of the time since the previous reading, except for the
+   /// first reading, after more than two periods without one, and when a counter has decreased, as
+   /// at a restart.
    void Add(int64_t timeUs, uint64_t activeUs, uint64_t waitingUs, uint64_t limitedUs);
 
    /// Whether there is no sample of the last fifteen minutes.
    bool IsEmpty() const;
 
-   /// Over the last 1, 5 and 15 minutes before the newest reading; 0 where there is no sample.
+   /// Of the last 1, 5 and 15 minutes before the newest reading; 0 without a sample.
    HostCtl::Resource::CpuLoadHistory Get() const;
 
 private:
@@ -53,7 +52,7 @@ private:
 
    std::optional<Reading> _newest;
    std::vector<Sample> _samples; // a ring once it is full
-   size_t _oldest = 0;           // place that the next sample takes then
+   size_t _oldest = 0;           // index that the next sample overwrites then
 };
 
 } // namespace LinuxHost

@@ -12,11 +12,9 @@ namespace {
 using Corvax::kLogDebug;
 using Corvax::kLogWarning;
 
-constexpr int64_t kMicroseconds = 1000000;
-
-/// Calls left to themselves at one time. Each hanging virtual machine holds one; when the
-/// hypervisor itself hangs, there is no sense in asking ever again.
-constexpr size_t kMostCallsLeft = 8;
+/// Abandoned calls at one time. Each hanging virtual machine holds one. When the hypervisor itself
+/// hangs, every further call would hang, too.
+constexpr size_t kMaxAbandonedCalls = 8;
 
 } // namespace
 
@@ -44,7 +42,7 @@ public:
    {
    }
 
-   /// The thread keeps the caller alive, for a call that hangs may outlast everything else.
+   /// The thread keeps the caller alive: a call that hangs may outlast everything else.
    void Start()
    {
       Corvax::StartThread("vm-stats-call", [self = shared_from_this()](const std::stop_token&) {
@@ -52,20 +50,20 @@ public:
       }).detach();
    }
 
-   /// False when the call has not returned in that time.
-   bool Call(std::chrono::microseconds patience)
+   /// False when the call has not returned before the timeout.
+   bool Call(std::chrono::microseconds timeout)
    {
       std::unique_lock lock(_mutex);
-      _isWanted = true;
+      _isRequested = true;
       _changed.notify_all();
-      return _changed.wait_for(lock, patience, [this] { return !_isWanted; });
+      return _changed.wait_for(lock, timeout, [this] { return !_isRequested; });
    }
 
-   /// No further call is made; the thread ends when the call under way returns.
-   void Leave()
+   /// There are no further calls; the thread ends when the current one returns.
+   void Abandon()
    {
       const std::lock_guard guard(_mutex);
-      _isLeft = true;
+      _isAbandoned = true;
       _changed.notify_all();
    }
 
@@ -80,14 +78,14 @@ private:
    {
       std::unique_lock lock(_mutex);
       while (true) {
-         _changed.wait(lock, [this] { return _isWanted || _isLeft; });
-         if (!_isWanted) {
+         _changed.wait(lock, [this] { return _isRequested || _isAbandoned; });
+         if (!_isRequested) {
             break;
          }
          lock.unlock();
          MakeCall();
          lock.lock();
-         _isWanted = false;
+         _isRequested = false;
          _changed.notify_all();
       }
       lock.unlock();
@@ -105,18 +103,19 @@ private:
          _newest->Offer(_connection->ReadSnapshot());
       } catch (const std::exception& e) {
          _connection.reset();
-         _logger->Log(kLogDebug, "No figures of virtual machines: %1", e.what());
+         _logger->Log(kLogDebug, "Cannot read the statistics of the virtual machines: %1",
+                      e.what());
       }
    }
 
    const std::shared_ptr<Hypervisor> _hypervisor;
    const std::shared_ptr<Newest> _newest;
    const Corvax::Ref<Corvax::Logger> _logger;
-   std::unique_ptr<HypervisorConnection> _connection; // the thread's own
+   std::unique_ptr<HypervisorConnection> _connection; // used by the thread only
    mutable std::mutex _mutex;
    std::condition_variable _changed;
-   bool _isWanted = false;
-   bool _isLeft = false;
+   bool _isRequested = false;
+   bool _isAbandoned = false;
    bool _hasEnded = false;
 };
 
@@ -144,14 +143,15 @@ void SnapshotPoller::Stop()
       _thread.join();
    }
    if (_caller) {
-      _caller->Leave();
+      _caller->Abandon();
       _caller.reset();
    }
 }
 
 std::shared_ptr<const VmSnapshot> SnapshotPoller::GetSnapshot() const
 {
-   const int64_t oldestUs = Corvax::System::GetTime() - _intervalSec * kMicroseconds;
+   const int64_t oldestUs =
+      Corvax::System::GetTime() - _intervalSec * Corvax::kMicrosecondsPerSecond;
    const std::lock_guard guard(_newest->mutex);
    const bool isRecent = _newest->snapshot && _newest->snapshot->takenUs >= oldestUs;
    return isRecent ? _newest->snapshot : nullptr;
@@ -159,7 +159,7 @@ std::shared_ptr<const VmSnapshot> SnapshotPoller::GetSnapshot() const
 
 int64_t SnapshotPoller::GetDelayToNextPoll(int64_t nowUs, int intervalSec)
 {
-   const int64_t intervalUs = intervalSec * kMicroseconds;
+   const int64_t intervalUs = intervalSec * Corvax::kMicrosecondsPerSecond;
    const int64_t sinceLastUs = (nowUs + intervalUs / 2) % intervalUs;
    return intervalUs - sinceLastUs;
 }
@@ -178,37 +178,39 @@ void SnapshotPoller::Run(const std::stop_token& stop)
 void SnapshotPoller::Poll()
 {
    if (!Call() && !Call()) {
-      _logger->Log(kLogDebug, "Two calls for the figures of virtual machines have not returned");
+      _logger->Log(kLogDebug, "Reading the statistics of the virtual machines timed out twice");
    }
 }
 
 bool SnapshotPoller::Call()
 {
-   std::erase_if(_left, [](const std::shared_ptr<Caller>& caller) { return caller->HasEnded(); });
+   std::erase_if(_abandoned,
+                 [](const std::shared_ptr<Caller>& caller) { return caller->HasEnded(); });
    if (!_caller) {
-      if (_left.size() >= kMostCallsLeft) {
+      if (_abandoned.size() >= kMaxAbandonedCalls) {
          return false;
       }
       _caller = std::make_shared<Caller>(_hypervisor, _newest, _logger);
       _caller->Start();
    }
-   const std::chrono::microseconds patience(_intervalSec * kMicroseconds / 4);
-   if (_caller->Call(patience)) {
+   const std::chrono::microseconds timeout(_intervalSec * Corvax::kMicrosecondsPerSecond / 4);
+   if (_caller->Call(timeout)) {
       return true;
    }
-   LeaveCaller();
+   AbandonCaller();
    return false;
 }
 
-void SnapshotPoller::LeaveCaller()
+void SnapshotPoller::AbandonCaller()
 {
-   _caller->Leave();
-   _left.push_back(std::move(_caller));
+   _caller->Abandon();
+   _abandoned.push_back(std::move(_caller));
    _caller.reset();
-   _logger->Log(kLogWarning,
-                "The call for the figures of virtual machines has not returned in time; it is left "
-                "to itself, with %1 such calls in all",
-                _left.size());
+   _logger->Log(
+      kLogWarning,
+      "Reading the statistics of the virtual machines timed out: a virtual machine or the "
+      "hypervisor does not answer; %1 such calls are abandoned",
+      _abandoned.size());
 }
 
 } // namespace LinuxHost

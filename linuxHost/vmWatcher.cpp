@@ -10,8 +10,8 @@ namespace LinuxHost {
 
 namespace {
 
-constexpr int kFirstPauseSec = 1;
-constexpr int kLongestPauseSec = 60;
+constexpr int kFirstBackOffSec = 1;
+constexpr int kLongestBackOffSec = 60;
 
 } // namespace
 
@@ -42,15 +42,15 @@ void VmWatcher::Stop()
 void VmWatcher::OnVmChanged(const std::string& id)
 {
    const std::lock_guard guard(_mutex);
-   _news.changed.insert(id);
+   _pending.changedVms.insert(id);
    _changed.notify_all();
 }
 
 void VmWatcher::OnConnectionLost(const std::string& reason)
 {
    const std::lock_guard guard(_mutex);
-   _news.isLost = true;
-   _news.lossReason = reason;
+   _pending.isConnectionLost = true;
+   _pending.lossReason = reason;
    _changed.notify_all();
 }
 
@@ -58,10 +58,10 @@ void VmWatcher::Run(const std::stop_token& stop)
 {
    while (!stop.stop_requested()) {
       if (Connect()) {
-         Follow(stop);
+         HandleEvents(stop);
          _connection.reset();
       }
-      Pause(stop);
+      BackOff(stop);
    }
 }
 
@@ -69,42 +69,42 @@ bool VmWatcher::Connect()
 {
    {
       const std::lock_guard guard(_mutex);
-      _news = {};
+      _pending = {};
    }
    try {
-      // Events first: what happens while the list is read is looked at afterwards.
+      // Connected first: changes during the listing arrive as events.
       _connection = _hypervisor->Connect(this);
       const std::vector<VmDescription> descriptions = _connection->ListVms();
       _vms.Replace(descriptions);
       _logger->Log(Corvax::kLogNotice, "Connected to the hypervisor: %1 virtual machines",
                    descriptions.size());
-      _isFailureTold = false;
-      _pauseSec = 0;
+      _isFailureLogged = false;
+      _backOffSec = 0;
       return true;
    } catch (const std::exception& e) {
-      LogFailure(Corvax::Format("The hypervisor does not answer, virtual machines are not sampled "
-                                "until it does: %1",
+      LogFailure(Corvax::Format("Cannot connect to the hypervisor, virtual machines are not "
+                                "sampled until it works: %1",
                                 e.what()));
       _connection.reset();
       return false;
    }
 }
 
-void VmWatcher::Follow(const std::stop_token& stop)
+void VmWatcher::HandleEvents(const std::stop_token& stop)
 {
    try {
       while (true) {
-         const News news = WaitForNews(stop);
+         const Events events = WaitForEvents(stop);
          if (stop.stop_requested()) {
             return;
          }
-         if (news.isLost) {
+         if (events.isConnectionLost) {
             LogFailure(Corvax::Format("The connection to the hypervisor was lost, virtual machines "
                                       "are not sampled until it is back: %1",
-                                      news.lossReason));
+                                      events.lossReason));
             return;
          }
-         for (const std::string& id : news.changed) {
+         for (const std::string& id : events.changedVms) {
             if (const auto description = _connection->DescribeVm(id)) {
                _vms.Update(*description);
             } else {
@@ -113,29 +113,30 @@ void VmWatcher::Follow(const std::stop_token& stop)
          }
       }
    } catch (const std::exception& e) {
-      LogFailure(
-         Corvax::Format("Cannot follow the virtual machines, connecting anew: %1", e.what()));
+      LogFailure(Corvax::Format(
+         "Cannot update the virtual machines, reconnecting to the hypervisor: %1", e.what()));
    }
 }
 
-VmWatcher::News VmWatcher::WaitForNews(const std::stop_token& stop)
+VmWatcher::Events VmWatcher::WaitForEvents(const std::stop_token& stop)
 {
    std::unique_lock lock(_mutex);
-   _changed.wait(lock, stop, [this] { return _news.isLost || !_news.changed.empty(); });
-   return std::exchange(_news, {});
+   _changed.wait(lock, stop,
+                 [this] { return _pending.isConnectionLost || !_pending.changedVms.empty(); });
+   return std::exchange(_pending, {});
 }
 
-void VmWatcher::Pause(const std::stop_token& stop)
+void VmWatcher::BackOff(const std::stop_token& stop)
 {
-   _pauseSec = std::clamp(_pauseSec * 2, kFirstPauseSec, kLongestPauseSec);
+   _backOffSec = std::clamp(_backOffSec * 2, kFirstBackOffSec, kLongestBackOffSec);
    std::unique_lock lock(_mutex);
-   _changed.wait_for(lock, stop, std::chrono::seconds(_pauseSec), [] { return false; });
+   _changed.wait_for(lock, stop, std::chrono::seconds(_backOffSec), [] { return false; });
 }
 
 void VmWatcher::LogFailure(const std::string& text)
 {
-   _logger->Log(_isFailureTold ? Corvax::kLogDebug : Corvax::kLogWarning, "%1", text);
-   _isFailureTold = true;
+   _logger->Log(_isFailureLogged ? Corvax::kLogDebug : Corvax::kLogWarning, "%1", text);
+   _isFailureLogged = true;
 }
 
 } // namespace LinuxHost

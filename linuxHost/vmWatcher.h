@@ -13,14 +13,13 @@
 
 namespace LinuxHost {
 
-/// Follows the hypervisor's virtual machines through one connection, on a thread of its own.
+/// Keeps LinuxVms up to date through one connection to the hypervisor, on its own thread.
 ///
-/// An event says only that a virtual machine is not what it was: the hypervisor is then asked what
-/// it is now, so that the order and number of events do not matter. When the connection is lost, it
-/// is made again with a pause that grows from one second to a minute, and everything is asked anew;
-/// what was missed meanwhile comes out as changes. The first failure in a row is a warning, further
-/// ones go to the debug log.
-/// Locking: its own, a leaf.
+/// An event only marks a virtual machine as changed: its description is then read, so that the
+/// order and number of events do not matter. When the connection is lost, the watcher reconnects,
+/// backing off from one second to a minute, and reads all descriptions again, which yields the
+/// changes that it missed. The first of consecutive failures is logged as a warning, the others at
+/// debug level. Locking: its own, a leaf.
 class VmWatcher : private HypervisorListener {
 public:
    /// `vms` outlives it.
@@ -30,13 +29,13 @@ public:
    VmWatcher& operator=(const VmWatcher&) = delete;
 
    void Start();
-   /// Waits for a call under way.
+   /// Waits for the current call.
    void Stop();
 
 private:
-   struct News {
-      std::set<std::string> changed;
-      bool isLost = false;
+   struct Events {
+      std::set<std::string> changedVms;
+      bool isConnectionLost = false;
       std::string lossReason;
    };
 
@@ -44,10 +43,10 @@ private:
    void OnConnectionLost(const std::string& reason) override;
 
    void Run(const std::stop_token& stop);
-   void Follow(const std::stop_token& stop);
    bool Connect();
-   News WaitForNews(const std::stop_token& stop);
-   void Pause(const std::stop_token& stop);
+   void HandleEvents(const std::stop_token& stop);
+   Events WaitForEvents(const std::stop_token& stop);
+   void BackOff(const std::stop_token& stop);
    void LogFailure(const std::string& text);
 
    const std::shared_ptr<Hypervisor> _hypervisor;
@@ -55,11 +54,11 @@ private:
    const Corvax::Ref<Corvax::Logger> _logger;
    std::mutex _mutex;
    std::condition_variable_any _changed;
-   News _news;
-   // The thread's own.
+   Events _pending;
+   // Used by the thread only.
    std::unique_ptr<HypervisorConnection> _connection;
-   int _pauseSec = 0;
-   bool _isFailureTold = false;
+   int _backOffSec = 0;
+   bool _isFailureLogged = false;
    std::jthread _thread;
 };
 

@@ -1,12 +1,12 @@
 #include "linuxHost/libvirt/eventLoop.h"
 
 #include "corvax/format.h"
+#include "corvax/thread.h"
 #include "hostctl/lib.h"
 #include "linuxHost/libvirt/libvirtObjects.h"
 
 #include <libvirt/libvirt.h>
 #include <libvirt/virterror.h>
-#include <pthread.h>
 
 #include <cstdint>
 #include <mutex>
@@ -16,25 +16,25 @@ namespace LinuxHost {
 
 namespace {
 
-constexpr char kAttempt[] = "run the event loop of libvirt";
+constexpr char kAttempt[] = "run libvirt's event loop";
 
-/// Once a process: libvirt takes no second registration, and forgets none.
+/// Once per process: libvirt accepts only one registration, and it is permanent.
 void PrepareLibvirt()
 {
-   // First of all calls: before it, libvirt has no place for a thread's last error.
+   // The first call of all: without it, libvirt cannot store a thread's last error.
    if (::virInitialize() < 0) {
       throw HostCtl::Lib::HostCtlException("Cannot initialise libvirt");
    }
-   // Without a function of ours, libvirt prints every error to standard error.
+   // Without a handler libvirt prints every error to standard error.
    ::virSetErrorFunc(nullptr, [](void*, virErrorPtr) {});
    if (::virEventRegisterDefaultImpl() < 0) {
       Fail(kAttempt);
    }
 }
 
-/// All use of the loop of this process. Locking: the mutex is held while the loop comes and goes,
-/// so that there are never two; no handler of a connection takes it. Nothing here is destroyed at
-/// the process's end, when a thread may still hang in a call.
+/// The loop of this process and its users. Locking: the mutex is held while the loop is created and
+/// destroyed, so that there are never two; no handler of a connection takes it. Never destroyed: at
+/// the process's end a thread may still hang in a call.
 struct SharedLoop {
    std::mutex mutex;
    bool isPrepared = false;
@@ -52,9 +52,8 @@ SharedLoop& GetSharedLoop()
 
 EventLoop::EventLoop()
 {
-   // The timer never fires. It is there for its end: what is removed from libvirt's loop is
-   // released on the loop's thread later and in turn, the timer's argument after all that was
-   // removed before it.
+   // The timer never fires; its purpose is to be removed. libvirt releases removed items later, on
+   // the loop's thread and in order: the timer's argument after everything removed before it.
    _timer = ::virEventAddTimeout(
       -1, [](int, void*) {}, &_ended,
       [](void* ended) { *static_cast<std::atomic<bool>*>(ended) = true; });
@@ -62,14 +61,13 @@ EventLoop::EventLoop()
       Fail(kAttempt);
    }
    try {
-      _thread = std::thread([this] { Run(); });
+      _thread = Corvax::StartThread("libvirt", [this](const std::stop_token&) { Run(); });
    } catch (const std::system_error& failure) {
       ::virEventRemoveTimeout(_timer);
-      Run(); // here, as nobody else does: libvirt must let go of this object
+      Run(); // in place of the thread: libvirt must release its pointer to this object
       throw HostCtl::Lib::HostCtlException(
          Corvax::Format("Cannot %1: %2", kAttempt, failure.what()));
    }
-   ::pthread_setname_np(_thread.native_handle(), "libvirt");
 }
 
 EventLoop::~EventLoop()
@@ -81,7 +79,7 @@ EventLoop::~EventLoop()
 void EventLoop::Run()
 {
    while (!_ended) {
-      // It fails only where no loop was registered.
+      // It fails only without a registered loop.
       static_cast<void>(::virEventRunDefaultImpl());
    }
 }

@@ -5,13 +5,14 @@
 
 namespace LinuxHost {
 
-/// libvirt's event loop on a thread of its own, "libvirt". Connections that are opened while it
-/// runs send and answer keepalives, and tell events on it.
+/// libvirt's event loop on its own thread, "libvirt". Connections that are opened while it runs use
+/// it for keepalives and events.
 class EventLoop {
 public:
-   /// HostCtl::Lib::HostCtlException where there is no loop or no thread to be had.
+   /// HostCtl::Lib::HostCtlException when the loop or the thread cannot be created.
    EventLoop();
-   /// Ends the thread when it has released what was deregistered so far. Not on that thread.
+   /// Ends the thread once it has released everything that was deregistered before. Not to be
+   /// called on that thread.
    ~EventLoop();
    EventLoop(const EventLoop&) = delete;
    EventLoop& operator=(const EventLoop&) = delete;
@@ -21,11 +22,11 @@ private:
 
    std::atomic<bool> _ended = false;
    int _timer = -1;
-   std::thread _thread;
+   std::jthread _thread;
 };
 
-/// While one of these lives, the process has its event loop; there is one for all, because libvirt
-/// knows no other. Errors: the loop's.
+/// The process has its event loop while at least one of these exists. All share one loop, because
+/// libvirt supports only one. Errors: those of EventLoop.
 class EventLoopUse {
 public:
    EventLoopUse();

@@ -15,7 +15,7 @@ namespace LinuxHost {
 
 namespace {
 
-/// A connection whose other end is silent is lost after this long, seconds times tries.
+/// A connection that is silent for seconds times tries is lost.
 constexpr int kKeepaliveSec = 5;
 constexpr unsigned kKeepaliveTries = 3;
 
@@ -30,7 +30,7 @@ Quen::Vm::PowerState GetPowerState(int state)
    switch (state) {
    case VIR_DOMAIN_RUNNING:
    case VIR_DOMAIN_BLOCKED:
-   case VIR_DOMAIN_SHUTDOWN: // it is being shut down, and runs until it is
+   case VIR_DOMAIN_SHUTDOWN: // shutting down, still running
       return Quen::Vm::PowerState::POWERED_ON;
    case VIR_DOMAIN_PAUSED:
    case VIR_DOMAIN_PMSUSPENDED:
@@ -40,7 +40,7 @@ Quen::Vm::PowerState GetPowerState(int state)
    }
 }
 
-/// After a call that failed: nothing where the reason is that the domain has gone.
+/// After a failed call: returns if the reason is that the domain has gone, else throws.
 std::nullopt_t FailUnlessGone(std::string_view attempt)
 {
    if (::virGetLastErrorCode() != VIR_ERR_NO_DOMAIN) {
@@ -49,8 +49,8 @@ std::nullopt_t FailUnlessGone(std::string_view attempt)
    return std::nullopt;
 }
 
-/// Nothing when the domain has gone. Neither call asks the domain's monitor: both answer from what
-/// the daemon knows.
+/// Unset when the domain has gone. Neither call uses the domain's monitor: the daemon knows the
+/// answers.
 std::optional<VmDescription> Describe(virDomainPtr domain)
 {
    const std::string id = GetUuid(domain);
@@ -66,17 +66,17 @@ std::optional<VmDescription> Describe(virDomainPtr domain)
    vm.powerState = GetPowerState(state);
    if (vm.powerState == Quen::Vm::PowerState::POWERED_OFF) {
       for (VmCard& card : vm.cards) {
-         card.tap.clear(); // a name for the next start, with no device behind it
+         card.tap.clear(); // a name for the next start, not an existing device
       }
    }
    return vm;
 }
 
-/// Writing to a connection that is lost raises SIGPIPE, which the process must ignore.
+/// Writing to a lost connection raises SIGPIPE, which the process must ignore.
 ///
-/// Locking: libvirt's own. Threads that must not wait for each other have a connection each: while
-/// one waits in a call, libvirt 9.0.0 may leave another's on the same connection lying until the
-/// next packet comes, which is one of the keepalive's at the latest (measured: 5.0 s).
+/// Locking: libvirt's own. Threads that must not wait for each other need a connection each: while
+/// one waits in a call, libvirt 9.0.0 may delay another's call on the same connection until the
+/// next packet arrives, at the latest that of the keepalive (measured: 5.0 s).
 class LibvirtConnection : public HypervisorConnection {
 public:
    LibvirtConnection(const std::string& uri, HypervisorListener* listener)
@@ -85,10 +85,10 @@ public:
       if (!_connection) {
          Fail(Corvax::Format("connect to %1", uri));
       }
-      // A driver that is part of this process has nothing to keep alive.
+      // A driver inside this process has no connection to keep alive.
       if (::virConnectSetKeepAlive(_connection.get(), kKeepaliveSec, kKeepaliveTries) < 0 &&
           ::virGetLastErrorCode() != VIR_ERR_NO_SUPPORT) {
-         Fail(Corvax::Format("keep the connection to %1 alive", uri));
+         Fail(Corvax::Format("enable keepalive on the connection to %1", uri));
       }
       if (listener != nullptr) {
          _subscription = std::make_unique<Subscription>(_connection.get(), *listener);
@@ -143,7 +143,7 @@ public:
    }
 
 private:
-   // Ended from the last to the first: each needs those before it to its end.
+   // Destroyed in reverse order: each needs those before it until its end.
    EventLoopUse _loop;
    ConnectionHandle _connection;
    std::unique_ptr<Subscription> _subscription;

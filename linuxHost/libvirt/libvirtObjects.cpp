@@ -18,7 +18,7 @@ void DomainListReleaser::operator()(virDomainPtr* list) const
 std::string GetUuid(virDomainPtr domain)
 {
    char text[VIR_UUID_STRING_BUFLEN] = "";
-   ::virDomainGetUUIDString(domain, text); // fails only for what is no domain
+   ::virDomainGetUUIDString(domain, text); // fails only for an invalid domain
    return text;
 }
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-/// Owners of what libvirt hands out, and its errors. Any call of libvirt's, a release too, clears
+/// Owners of libvirt's objects, and its errors. Every call of libvirt, including a release, clears
 /// the thread's last error: read it first.
 namespace LinuxHost {
 
@@ -20,7 +20,7 @@ struct Releaser {
    }
 };
 
-/// Ends a list by its null.
+/// Frees a list that ends with a null.
 struct DomainListReleaser {
    void operator()(virDomainPtr* list) const;
 };
@@ -35,7 +35,7 @@ using Text = std::unique_ptr<char, Releaser<std::free>>;
 /// Lower case, as libvirt writes it. Clears the last error.
 std::string GetUuid(virDomainPtr domain);
 
-/// Throws HostCtl::Lib::HostCtlException: "Cannot " + what was tried + libvirt's last error.
+/// Throws HostCtl::Lib::HostCtlException: "Cannot " + `attempt` + ": " + libvirt's last error.
 [[noreturn]] void Fail(std::string_view attempt);
 
 } // namespace LinuxHost

@@ -11,22 +11,22 @@
 
 namespace LinuxHost {
 
-/// Where a callback finds the listener, until it is taken away.
+/// Where a callback finds the listener, until the subscription ends.
 struct ListenerSlot {
    explicit ListenerSlot(HypervisorListener* given) : listener(given) {}
 
    std::mutex mutex;
    HypervisorListener* listener;
-   /// Not under the mutex: the thread that meets the loss must not wait for a handler.
+   /// Not under the mutex: the thread that finds the connection lost must not wait for a handler.
    std::atomic<int> closeReason = 0;
 };
 
 namespace {
 
-/// The slots of all subscriptions by key. Keys are what libvirt gets to hold: numbers, each used
-/// once, which say nothing any more when their slot has gone. So it does not matter how long after
-/// its deregistration a callback comes, nor that libvirt does not say of every argument when it is
-/// done with it. Locking: its own; no other lock is taken under it.
+/// The slots of all subscriptions by key. libvirt stores the keys as the callbacks' arguments:
+/// numbers that are used once and find nothing when their slot has gone. So a callback may come at
+/// any time after its deregistration, and libvirt need not report when it has released an argument.
+/// Locking: its own; no other lock is taken under it.
 class SlotTable {
 public:
    /// Never destroyed: the event loop may still run at the process's end.
@@ -62,36 +62,36 @@ private:
    std::map<uintptr_t, std::shared_ptr<ListenerSlot>> _slots;
 };
 
-/// Exceptions end here: the caller is C. What a handler fails to take is lost.
-template <class Message>
-void Tell(void* key, const Message& message) noexcept
+/// Catches all exceptions, because the caller is C code. If the listener throws, the event is lost.
+template <class Event>
+void Notify(void* key, const Event& event) noexcept
 {
    try {
       if (const std::shared_ptr<ListenerSlot> slot = SlotTable::GetInstance().Find(key)) {
          const std::lock_guard guard(slot->mutex);
          if (slot->listener != nullptr) {
-            message(*slot->listener, slot->closeReason);
+            event(*slot->listener, slot->closeReason);
          }
       }
    } catch (...) { // NOLINT(bugprone-empty-catch)
    }
 }
 
-void TellChange(virDomainPtr domain, void* key)
+void NotifyOfChange(virDomainPtr domain, void* key)
 {
-   Tell(key, [&](HypervisorListener& listener, int) { listener.OnVmChanged(GetUuid(domain)); });
+   Notify(key, [&](HypervisorListener& listener, int) { listener.OnVmChanged(GetUuid(domain)); });
 }
 
 int OnLifecycle(virConnectPtr /*connection*/, virDomainPtr domain, int /*event*/, int /*detail*/,
                 void* key)
 {
-   TellChange(domain, key);
+   NotifyOfChange(domain, key);
    return 0;
 }
 
 void OnDevice(virConnectPtr /*connection*/, virDomainPtr domain, const char* /*alias*/, void* key)
 {
-   TellChange(domain, key);
+   NotifyOfChange(domain, key);
 }
 
 const char* GetReasonText(int closeReason)
@@ -100,29 +100,29 @@ const char* GetReasonText(int closeReason)
    case VIR_CONNECT_CLOSE_REASON_EOF:
       return "libvirt closed the connection";
    case VIR_CONNECT_CLOSE_REASON_KEEPALIVE:
-      return "libvirt answered no more";
+      return "libvirt stopped answering";
    case VIR_CONNECT_CLOSE_REASON_CLIENT:
-      return "the connection was closed on this side";
+      return "the agent closed the connection";
    default:
       return "reading from or writing to libvirt failed";
    }
 }
 
-void TellLoss(int timer, void* key)
+void NotifyOfLoss(int timer, void* key)
 {
    ::virEventRemoveTimeout(timer);
-   Tell(key, [](HypervisorListener& listener, int closeReason) {
+   Notify(key, [](HypervisorListener& listener, int closeReason) {
       listener.OnConnectionLost(GetReasonText(closeReason));
    });
 }
 
-/// libvirt calls this from whatever thread meets the loss, one that is in the middle of a call of
-/// its user's too: the event loop's thread takes over.
+/// libvirt calls this on the thread that finds the connection lost, perhaps inside a call of ours.
+/// The listener is called later, on the event loop's thread.
 void OnClosed(virConnectPtr /*connection*/, int reason, void* key)
 {
    if (const std::shared_ptr<ListenerSlot> slot = SlotTable::GetInstance().Find(key)) {
       slot->closeReason = reason;
-      ::virEventAddTimeout(0, TellLoss, key, nullptr); // fails for lack of memory only
+      ::virEventAddTimeout(0, NotifyOfLoss, key, nullptr); // fails only when out of memory
    }
 }
 
@@ -137,7 +137,7 @@ Subscription::Subscription(virConnectPtr connection, HypervisorListener& listene
 void Subscription::Start()
 {
    if (::virConnectRegisterCloseCallback(_connection, OnClosed, _key, nullptr) < 0) {
-      Fail("be told when libvirt closes the connection");
+      Fail("subscribe to the loss of the connection");
    }
    Register(VIR_DOMAIN_EVENT_ID_LIFECYCLE, VIR_DOMAIN_EVENT_CALLBACK(OnLifecycle));
    Register(VIR_DOMAIN_EVENT_ID_DEVICE_ADDED, VIR_DOMAIN_EVENT_CALLBACK(OnDevice));
@@ -149,7 +149,7 @@ void Subscription::Register(int eventId, virConnectDomainEventGenericCallback ca
    const int id =
       ::virConnectDomainEventRegisterAny(_connection, nullptr, eventId, callback, _key, nullptr);
    if (id < 0) {
-      Fail("be told of changes of virtual machines");
+      Fail("subscribe to changes of virtual machines");
    }
    _callbackIds.push_back(id);
 }
@@ -161,7 +161,7 @@ Subscription::~Subscription()
       const std::lock_guard guard(_slot->mutex); // waits for a handler that is running
       _slot->listener = nullptr;
    }
-   // On a lost connection these fail, having ended what is on this side.
+   // On a lost connection these fail, but still remove the callbacks on this side.
    for (const int id : _callbackIds) {
       ::virConnectDomainEventDeregisterAny(_connection, id);
    }

@@ -11,10 +11,10 @@ namespace LinuxHost {
 
 struct ListenerSlot;
 
-/// The way of a connection's events to its listener. After its destructor no handler is called.
+/// Delivers a connection's events to its listener. After its destructor the listener is not called.
 ///
-/// Locking: a handler runs with the slot's mutex held, and the destructor takes it: whoever ends a
-/// subscription holds no lock that a handler takes.
+/// Locking: the listener is called with the slot's mutex held, and the destructor takes that mutex:
+/// do not destroy a subscription while holding a lock that the listener takes.
 class Subscription {
 public:
    /// `connection` outlives the subscription.
@@ -23,7 +23,7 @@ public:
    Subscription(const Subscription&) = delete;
    Subscription& operator=(const Subscription&) = delete;
 
-   /// HostCtl::Lib::HostCtlException where libvirt refuses; what was begun ends with the object.
+   /// HostCtl::Lib::HostCtlException when libvirt refuses; the destructor undoes what was done.
    void Start();
 
 private:

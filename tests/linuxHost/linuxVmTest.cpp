@@ -284,7 +284,7 @@ TEST_F(LinuxVmTest, AHangingMonitorCostsNobodyElseASnapshot)
       EXPECT_TRUE(snapshot->vms.contains(kOther));
       EXPECT_FALSE(snapshot->vms.contains(kVm));
    }
-   EXPECT_EQ(_agent.logger->Count("has not returned in time"), 1);
+   EXPECT_EQ(_agent.logger->Count("virtual machines timed out"), 1);
    _hypervisor->Hang("");
    WaitFor([&] {
       poller.Poll();

@@ -1,9 +1,9 @@
 #include "corvax/format.h"
+#include "corvax/sharedLibrary.h"
 #include "hostctl/lib.h"
 #include "linuxHost/libvirt/domainStats.h"
 #include "linuxHost/libvirt/domainXml.h"
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -213,11 +213,9 @@ TEST(DomainStatsTest, AnyIntegerTypeIsTakenAndNoneIsNegative)
 // libvirt's own test driver needs no daemon; it lists domains but has no figures of them.
 TEST(HypervisorModuleTest, AnswersAndEnds)
 {
-   void* const module = ::dlopen(HYPERVISOR_MODULE, RTLD_NOW | RTLD_LOCAL);
-   ASSERT_NE(nullptr, module) << ::dlerror();
-   const auto entry = reinterpret_cast<LinuxHost::HypervisorEntry>(
-      ::dlsym(module, LinuxHost::kHypervisorEntryName));
-   ASSERT_NE(nullptr, entry) << ::dlerror();
+   const Corvax::SharedLibrary module(HYPERVISOR_MODULE);
+   auto* const entry =
+      module.GetFunction<LinuxHost::HypervisorEntry>(LinuxHost::kHypervisorEntryName);
    struct : LinuxHost::HypervisorListener {
       void OnVmChanged(const std::string&) override {}
       void OnConnectionLost(const std::string&) override {}
