@@ -2,23 +2,23 @@
 #include "bench/filledDepot.h"
 #include "bench/keepAliveClient.h"
 #include "bench/meters.h"
+#include "bench/processFigures.h"
 #include "bench/resultLines.h"
 #include "bench/workload.h"
 #include "corvax/exception.h"
-
-#include <unistd.h>
+#include "corvax/system.h"
+#include "corvax/thread.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <random>
 #include <string_view>
 #include <thread>
 
-/// What is measured of the agent as a process, on its simulated host.
+/// Measurements of the agent as a process, on its simulated host.
 namespace Bench {
 
 namespace {
@@ -26,9 +26,9 @@ namespace {
 constexpr unsigned kRepetitions = 5;
 constexpr unsigned kRequests = 2000;
 constexpr unsigned kClients = 8;
-constexpr size_t kFewestSamples = kFineSamples - 1; // of an hour, before the newest run has come
-constexpr int kSettleSec = 3;                       // after a run
-constexpr unsigned kIdleSec = 12;                   // that and kSettleSec lie within an interval
+constexpr size_t kMinSamples = kFineSamples - 1; // of an hour, before the newest run has ended
+constexpr int kSettleSec = 3;                    // after a run
+constexpr unsigned kIdleSec = 12;                // fits in an interval together with kSettleSec
 constexpr unsigned kCountedRuns = 12;
 
 void SleepSeconds(double seconds)
@@ -36,11 +36,15 @@ void SleepSeconds(double seconds)
    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-/// Sleeps until the next collection has ended for certain.
+int64_t GetTimeSec()
+{
+   return Corvax::System::GetTime() / Corvax::kMicrosecondsPerSecond;
+}
+
+/// Sleeps until the next run has certainly ended.
 void WaitForNextRun()
 {
-   SleepSeconds(
-      static_cast<double>(kFinePeriodSec - std::time(nullptr) % kFinePeriodSec + kSettleSec));
+   SleepSeconds(static_cast<double>(kFinePeriodSec - GetTimeSec() % kFinePeriodSec + kSettleSec));
 }
 
 std::string PercentEncode(const std::string& text)
@@ -58,7 +62,7 @@ std::string PercentEncode(const std::string& text)
 std::vector<std::string> MakeRequests(const StatPlan& plan)
 {
    const Metrix::StatsMetadata metadata;
-   std::mt19937 random; // the same requests every time
+   std::mt19937 random; // default seed: the same requests every time
    std::vector<std::string> requests;
    for (unsigned i = 0; i < kRequests; ++i) {
       const PlannedStat& stat = plan[random() % plan.size()];
@@ -79,8 +83,8 @@ void CheckAnswer(const std::string& body)
    for (size_t at = body.find(kValue); at != body.npos; at = body.find(kValue, at + 1)) {
       ++samples;
    }
-   if (samples < kFewestSamples) {
-      throw Corvax::Exception("The agent's answer is short of samples: " + body);
+   if (samples < kMinSamples) {
+      throw Corvax::Exception("The agent's answer lacks samples: " + body);
    }
 }
 
@@ -92,7 +96,7 @@ public:
    {
       const std::string stats = _full.GetPath() + "stats/";
       Corvax::System::GetFactory().CreateDirectory(stats);
-      MakeFilledDepot(stats, _plan, static_cast<Metrix::TimeStamp>(std::time(nullptr)));
+      MakeFilledDepot(stats, _plan, static_cast<Metrix::TimeStamp>(GetTimeSec()));
    }
 
    void Run()
@@ -118,7 +122,7 @@ private:
               _host.options, "--interval", std::to_string(intervalSec)};
    }
 
-   /// From the process's start to its first answer, files in the page cache.
+   /// From the process's start to its first answer, with the files in the page cache.
    void MeasureStart()
    {
       for (unsigned i = 0; i < _repetitions; ++i) {
@@ -131,22 +135,24 @@ private:
       }
    }
 
-   /// Against an agent on the same host that has not collected anything yet.
+   /// Compares with an agent on the same host that has not collected anything yet.
    void MeasureMemory(const AgentProcess& full)
    {
       const ScratchDirectory scratch;
       AgentProcess empty(_program, scratch.GetPath(), Arguments(kCoarsePeriodSec));
       empty.WaitForPort();
-      _lines.Add("resident-more-mib", kOurs, "MiB", full.GetResidentMib() - empty.GetResidentMib());
-      _lines.Add("resident-mib", kOurs, "MiB", full.GetResidentMib());
+      const double fullMib = GetResidentMib(full.GetId());
+      _lines.Add("resident-more-mib", kOurs, "MiB", fullMib - GetResidentMib(empty.GetId()));
+      _lines.Add("resident-mib", kOurs, "MiB", fullMib);
    }
 
    void MeasureIdle(const AgentProcess& agent)
    {
       const unsigned seconds = Scaled(kIdleSec);
-      const double beforeUs = agent.GetCpuUs();
+      const double beforeUs = GetThreadsCpuUs(agent.GetId());
       SleepSeconds(seconds);
-      _lines.Add("idle-ms-per-s", kOurs, "ms/s", (agent.GetCpuUs() - beforeUs) / 1e3 / seconds);
+      const double usedUs = GetThreadsCpuUs(agent.GetId()) - beforeUs;
+      _lines.Add("idle-ms-per-s", kOurs, "ms/s", usedUs / 1e3 / seconds);
    }
 
    void MeasureOneClient(int port)
@@ -171,18 +177,22 @@ private:
          const double startUs = GetWallUs();
          std::atomic<unsigned> failures = 0;
          std::vector<std::jthread> clients;
+         clients.reserve(kClients);
          for (unsigned k = 0; k < kClients; ++k) {
-            clients.emplace_back([&, k] { failures += !SendAll(port, k); });
+            clients.push_back(
+               Corvax::StartThread("client-" + std::to_string(k), [&, k](const std::stop_token&) {
+                  failures += SendAll(port, k) ? 0 : 1;
+               }));
          }
          clients.clear();
          if (failures > 0) {
-            throw Corvax::Exception("Not all requests of 8 clients were answered");
+            throw Corvax::Exception("Not all requests of the clients were answered");
          }
          _lines.Add("http-8", kOurs, "1/s", kClients * kRequests / ((GetWallUs() - startUs) / 1e6));
       }
    }
 
-   /// All requests on a connection of its own, from another one on for each client.
+   /// Sends all requests on a new connection, beginning at a different one for each client.
    bool SendAll(int port, unsigned number) const
    {
       try {
@@ -197,7 +207,7 @@ private:
       }
    }
 
-   /// Of runs a second apart, none of which rolls up.
+   /// The runs are a second apart and roll nothing up.
    void CountCalls()
    {
       const ScratchDirectory scratch;

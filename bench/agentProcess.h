@@ -1,5 +1,7 @@
 #pragma once
 
+#include "corvax/descriptor.h"
+
 #include <sys/types.h>
 
 #include <string>
@@ -7,29 +9,24 @@
 
 namespace Bench {
 
-/// The agent as a process of its own, ended with this object.
+/// The agent as a process of its own, which ends with this object.
 ///
-/// Errors: Exception of the runtime where it cannot be started or ends before it serves.
+/// Errors: Exception if it cannot be started or ends before it serves the API.
 class AgentProcess {
 public:
-   /// Starts it on the loopback, at a port that it chooses itself, with these arguments besides.
+   /// Starts it with these arguments, and on a free port of the loopback interface.
    AgentProcess(const std::string& program, const std::string& stateDirectory,
                 const std::vector<std::string>& arguments);
    ~AgentProcess();
    AgentProcess(const AgentProcess&) = delete;
    AgentProcess& operator=(const AgentProcess&) = delete;
 
-   /// Waits until the management API is served.
+   /// Waits until the agent serves the management API, and returns its port.
    int WaitForPort();
    std::string GetId() const { return std::to_string(_process); }
 
-   /// Resident memory without the pages of mapped files, MiB.
-   double GetResidentMib() const;
-   /// CPU time of all threads up to now, microseconds.
-   double GetCpuUs() const;
-
 private:
-   int _log; ///< read end of its standard error
+   Corvax::Descriptor _log; ///< read end of its standard error
    pid_t _process = -1;
 };
 

@@ -1,5 +1,6 @@
 #include "bench/measurement.h"
 #include "bench/meters.h"
+#include "bench/processFigures.h"
 #include "bench/resultLines.h"
 #include "bench/workload.h"
 #include "linuxHost/linuxHostProvider.h"
@@ -10,15 +11,15 @@ namespace Bench {
 
 namespace {
 
-constexpr unsigned kRuns = 3 * kPassesPerRollup;
-constexpr unsigned kHostPasses = 200;
+constexpr unsigned kRuns = 3 * kStampsPerRollup;
+constexpr unsigned kHostReads = 200;
 
 /// Whole runs of the collector: collect, name, buffer, flush.
 void WholeRun(Measurement& measurement)
 {
    const QuietAgent agent;
    SimulatedCollection collection(kSimulatedHost, agent.GetLogger());
-   for (unsigned i = 0; i <= 2 * kPassesPerRollup; ++i) {
+   for (unsigned i = 0; i <= 2 * kStampsPerRollup; ++i) {
       collection.Run();
    }
    collection.TakeLongestHoldUs();
@@ -30,7 +31,7 @@ void WholeRun(Measurement& measurement)
       meter.Start();
       collection.Run();
       meter.Stop();
-      double& longest = i % kPassesPerRollup == 0 ? longestRollupUs : longestUs;
+      double& longest = i % kStampsPerRollup == 0 ? longestRollupUs : longestUs;
       longest = std::max(longest, collection.TakeLongestHoldUs());
    }
    const IoCounts io = IoCounts::Read("self") - before;
@@ -49,7 +50,7 @@ std::unique_ptr<T> Own(T* object)
    return std::unique_ptr<T>(object);
 }
 
-/// Everything that a run asks of the host itself.
+/// Reads all that a run reads of the host itself.
 void ReadHost(HostCtl::HostProvider& provider)
 {
    const auto host = Own(provider.GetHost());
@@ -71,23 +72,23 @@ void ReadHost(HostCtl::HostProvider& provider)
    }
 }
 
-void HostPass(Measurement& measurement)
+void HostRead(Measurement& measurement)
 {
    const QuietAgent agent;
    const auto provider = LinuxHost::NewLinuxHostProvider({}, nullptr, agent.GetLogger());
    ReadHost(*provider); // opens the files
    CpuMeter meter;
    meter.Start();
-   for (unsigned i = 0; i < kHostPasses; ++i) {
+   for (unsigned i = 0; i < kHostReads; ++i) {
       ReadHost(*provider);
    }
    meter.Stop();
-   measurement.Report("host-pass", "us", meter.GetTotalUs() / kHostPasses);
+   measurement.Report("host-read", "us", meter.GetTotalUs() / kHostReads);
 }
 
 const Registration kRegistrations[] = {
    {"run", kOurs, WholeRun},
-   {"host-pass", kOurs, HostPass},
+   {"host-read", kOurs, HostRead},
 };
 
 } // namespace

@@ -1,9 +1,7 @@
 #include "bench/filledDepot.h"
 
-#include "corvax/exception.h"
+#include "corvax/system.h"
 #include "metrix/storeFormat.h"
-
-#include <fstream>
 
 namespace Bench {
 
@@ -19,10 +17,10 @@ class StoreWriter {
 public:
    StoreWriter(const std::string& directory, int periodSec, unsigned samples, TimeStamp newest)
       : _period(static_cast<uint32_t>(periodSec)), _samples(samples),
-        _newest(newest - newest % _period),
-        _file(directory + kDepotName + "-" + std::to_string(periodSec) + ".stats",
-              std::ios::binary | std::ios::trunc)
+        _newest(newest - newest % _period), _file(Corvax::System::GetFactory().NewFileHandle())
    {
+      _file->Open(directory + kDepotName + "-" + std::to_string(periodSec) + ".stats",
+                  Corvax::FILE_WRITE, Corvax::FileCreation::CREATE_ALWAYS);
    }
 
    void Write(const RowsInUse& rows)
@@ -44,23 +42,15 @@ public:
          }
          Append(rows[row] ? usedRow : freeRow);
       }
-      _file.close();
-      if (!_file) {
-         throw Corvax::Exception("Cannot write a store to measure on");
-      }
    }
 
 private:
-   void Append(const std::vector<std::byte>& bytes)
-   {
-      _file.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
-   }
+   void Append(const std::vector<std::byte>& bytes) { _file->WriteAll(bytes.data(), bytes.size()); }
 
    const uint32_t _period;
    const uint32_t _samples;
    const TimeStamp _newest;
-   std::ofstream _file;
+   const Corvax::Ref<Corvax::FileHandle> _file;
 };
 
 } // namespace
@@ -69,7 +59,7 @@ void MakeFilledDepot(const std::string& directory, const StatPlan& plan, TimeSta
 {
    const QuietAgent agent;
    CreateStats(*NewDepot(directory, agent.GetLogger()), plan);
-   // A new depot gives out ids in order: to a stat's raw series, then to its rollups.
+   // A new depot assigns ids in order: to a stat's raw series, then to its rollups.
    RowsInUse fine;
    RowsInUse coarse;
    for (const PlannedStat& stat : plan) {

@@ -4,9 +4,9 @@
 
 namespace Bench {
 
-/// Makes a depot whose series are all full: every column of both intervals has a sample of every
-/// stat, the newest ones at or just before `newest`. That would be a day and a half of collecting;
-/// the stores are written as docs/formats/store.md has them instead.
+/// Makes a depot with a sample of every stat in every column of both intervals, the newest column
+/// at or just before `newest`. Collecting that much takes a day and a half, so the stores are
+/// written directly, in the format of docs/formats/store.md.
 void MakeFilledDepot(const std::string& directory, const StatPlan& plan, Metrix::TimeStamp newest);
 
 } // namespace Bench

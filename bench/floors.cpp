@@ -20,14 +20,14 @@ namespace Format = Metrix::StoreFormat;
 constexpr size_t kRowBytes = Format::RowSize(kFineSamples);
 constexpr size_t kRowsPerBlock = 64;
 
-void Check(bool isDone, const char* operation)
+void Check(bool hasSucceeded, const char* operation)
 {
-   if (!isDone) {
-      throw Corvax::Exception(std::string("The floor's file: cannot ") + operation);
+   if (!hasSucceeded) {
+      throw Corvax::Exception(std::string("Cannot ") + operation + " the floor's file");
    }
 }
 
-/// The three stores of a sample.
+/// The three writes of a sample: flag, stamp and value.
 void PutSample(std::byte* row, uint64_t value)
 {
    const uint32_t used = 1;
@@ -44,50 +44,51 @@ FloorFile::FloorFile(const std::string& directory, size_t rows)
      _file(::open((directory + "floor").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)),
      _mapping(nullptr), _buffer(kRowsPerBlock * kRowBytes)
 {
-   Check(_file >= 0, "create it");
+   Check(static_cast<bool>(_file), "create");
    for (size_t row = 0; row < rows; ++row) {
-      Check(::write(_file, _buffer.data(), kRowBytes) == static_cast<ssize_t>(kRowBytes),
-            "fill it");
+      Check(::write(_file.Get(), _buffer.data(), kRowBytes) == static_cast<ssize_t>(kRowBytes),
+            "fill");
    }
    void* const mapping =
-      ::mmap(nullptr, rows * kRowBytes, PROT_READ | PROT_WRITE, MAP_SHARED, _file, 0);
-   Check(mapping != MAP_FAILED, "map it");
+      ::mmap(nullptr, rows * kRowBytes, PROT_READ | PROT_WRITE, MAP_SHARED, _file.Get(), 0);
+   Check(mapping != MAP_FAILED, "map");
    _mapping = static_cast<std::byte*>(mapping);
 }
 
 FloorFile::~FloorFile()
 {
    ::munmap(_mapping, _rows * kRowBytes);
-   ::close(_file);
 }
 
-void FloorFile::PassByRow(uint64_t value)
+void FloorFile::StoreByRow(uint64_t value)
 {
-   PassByRuns(1, value);
+   StoreByRanges(1, value);
 }
 
-void FloorFile::PassByBlock(uint64_t value)
+void FloorFile::StoreByBlock(uint64_t value)
 {
-   PassByRuns(kRowsPerBlock, value);
+   StoreByRanges(kRowsPerBlock, value);
 }
 
-void FloorFile::PassByRuns(size_t rowsPerRun, uint64_t value)
+void FloorFile::StoreByRanges(size_t rowsPerRange, uint64_t value)
 {
-   for (size_t first = 0; first < _rows; first += rowsPerRun) {
-      const size_t rows = std::min(rowsPerRun, _rows - first);
+   for (size_t first = 0; first < _rows; first += rowsPerRange) {
+      const size_t rows = std::min(rowsPerRange, _rows - first);
       const size_t sizeBytes = rows * kRowBytes;
       const auto offset = static_cast<off_t>(first * kRowBytes);
-      Check(::pread(_file, _buffer.data(), sizeBytes, offset) == static_cast<ssize_t>(sizeBytes),
-            "read it");
+      Check(::pread(_file.Get(), _buffer.data(), sizeBytes, offset) ==
+               static_cast<ssize_t>(sizeBytes),
+            "read");
       for (size_t row = 0; row < rows; ++row) {
          PutSample(_buffer.data() + row * kRowBytes, value);
       }
-      Check(::pwrite(_file, _buffer.data(), sizeBytes, offset) == static_cast<ssize_t>(sizeBytes),
-            "write it");
+      Check(::pwrite(_file.Get(), _buffer.data(), sizeBytes, offset) ==
+               static_cast<ssize_t>(sizeBytes),
+            "write");
    }
 }
 
-void FloorFile::PassByMapping(uint64_t value)
+void FloorFile::StoreByMapping(uint64_t value)
 {
    for (size_t row = 0; row < _rows; ++row) {
       PutSample(_mapping + row * kRowBytes, value);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "corvax/descriptor.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -7,9 +9,9 @@
 
 namespace Bench {
 
-/// The least that a sample costs on this machine: bare loops which put one number into each row of
-/// a file, without looking up, checking or rolling up anything. The rows are of the size of the
-/// finest interval's, and neighbours.
+/// The least that a sample can cost on this machine: bare loops that store one number in each row
+/// of a file, without lookups, checks or rollups. The rows are contiguous and as long as those of
+/// the finest interval.
 class FloorFile {
 public:
    /// Writes the file, full of rows.
@@ -18,19 +20,19 @@ public:
    FloorFile(const FloorFile&) = delete;
    FloorFile& operator=(const FloorFile&) = delete;
 
-   // One pass over all rows each.
+   // Each stores the value in all rows.
    /// F1: a pread and a pwrite of every row.
-   void PassByRow(uint64_t value);
+   void StoreByRow(uint64_t value);
    /// A pread and a pwrite of 64 rows at a time.
-   void PassByBlock(uint64_t value);
-   /// Stores into a mapping of the file.
-   void PassByMapping(uint64_t value);
+   void StoreByBlock(uint64_t value);
+   /// By a mapping of the file.
+   void StoreByMapping(uint64_t value);
 
 private:
-   void PassByRuns(size_t rowsPerRun, uint64_t value);
+   void StoreByRanges(size_t rowsPerRange, uint64_t value);
 
    const size_t _rows;
-   int _file;
+   const Corvax::Descriptor _file;
    std::byte* _mapping;
    std::vector<std::byte> _buffer;
 };

@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace Bench {
 
@@ -13,7 +12,7 @@ namespace {
 
 [[noreturn]] void Fail(const std::string& reason)
 {
-   throw Corvax::Exception("The management API to be measured: " + reason);
+   throw Corvax::Exception("Cannot measure the management API: " + reason);
 }
 
 } // namespace
@@ -26,16 +25,10 @@ KeepAliveClient::KeepAliveClient(int port)
    address.sin_port = htons(static_cast<uint16_t>(port));
    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
    const int on = 1;
-   ::setsockopt(_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-   if (::connect(_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-      ::close(_socket);
-      Fail("no connection");
+   ::setsockopt(_socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+   if (::connect(_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      Fail("no connection to port " + std::to_string(port));
    }
-}
-
-KeepAliveClient::~KeepAliveClient()
-{
-   ::close(_socket);
 }
 
 std::string KeepAliveClient::FormatRequest(const std::string& target)
@@ -45,9 +38,9 @@ std::string KeepAliveClient::FormatRequest(const std::string& target)
 
 const std::string& KeepAliveClient::Send(const std::string& request)
 {
-   if (::send(_socket, request.data(), request.size(), MSG_NOSIGNAL) !=
+   if (::send(_socket.Get(), request.data(), request.size(), MSG_NOSIGNAL) !=
        static_cast<ssize_t>(request.size())) {
-      Fail("a request could not be sent");
+      Fail("a request cannot be sent");
    }
    const std::string kLength = "Content-Length: ";
    _received.clear();
@@ -57,7 +50,7 @@ const std::string& KeepAliveClient::Send(const std::string& request)
    }
    const size_t length = _received.find(kLength);
    if (!_received.starts_with("HTTP/1.1 200") || length > headerEnd) {
-      Fail("it answers " + _received);
+      Fail("it answered " + _received);
    }
    const size_t bodyBegin = headerEnd + 4;
    const size_t end = bodyBegin + std::stoul(_received.substr(length + kLength.size(), 20));
@@ -70,9 +63,9 @@ const std::string& KeepAliveClient::Send(const std::string& request)
 void KeepAliveClient::Receive()
 {
    char buffer[16384];
-   const ssize_t size = ::recv(_socket, buffer, sizeof buffer, 0);
+   const ssize_t size = ::recv(_socket.Get(), buffer, sizeof buffer, 0);
    if (size <= 0) {
-      Fail("the connection is closed");
+      Fail("it closed the connection");
    }
    _received.append(buffer, static_cast<size_t>(size));
 }

@@ -18,7 +18,7 @@ using Metrix::TimeStamp;
 constexpr int kPurged = 1000;
 constexpr char kOneEntity[] = "vm-with-all";
 
-/// The plan's stats, all of one entity.
+/// The plan's stats, but all of one entity.
 StatPlan OfOneEntity(StatPlan plan)
 {
    size_t number = 0;
@@ -50,8 +50,8 @@ void CreateAndDelete(Measurement& measurement)
    create.Stop();
    measurement.Report("create", "ms", create.GetTotalUs() / 1e3);
 
-   for (unsigned i = 0; i <= kPassesPerRollup + 1; ++i) {
-      AddSamples(*depot, plan, kFirstPass + i * kFinePeriodSec);
+   for (unsigned i = 0; i <= kStampsPerRollup + 1; ++i) {
+      AddSamples(*depot, plan, GetStamp(i));
    }
    CpuMeter remove;
    remove.Start();
@@ -63,8 +63,8 @@ void CreateAndDelete(Measurement& measurement)
    measurement.Report("delete", "ms", remove.GetTotalUs() / 1e3);
 }
 
-/// A depot in which all stats but one have fallen silent so long ago that they are about to be
-/// purged, at most `maxPurged` of them at a time.
+/// A depot in which all stats but one have been silent for so long that they are about to be
+/// purged, at most `maxPurged` at a time.
 class SilentDepot {
 public:
    SilentDepot(const StatPlan& plan, int maxPurged, Corvax::Logger* logger)
@@ -76,10 +76,10 @@ public:
       CreateStats(*_depot, plan);
       _depot->CreateStat(kLive, "sys-uptime", StatsDepot::STATTYPE_ABSOLUTE, 1,
                          {StatsDepot::ROLLUP_LAST});
-      AddSamples(*_depot, plan, kFirstPass);
+      AddSamples(*_depot, plan, kFirstStamp);
    }
 
-   /// CPU microseconds of the next sample of the stat that is not silent.
+   /// Returns the CPU time of the next sample of the live stat, microseconds.
    double AddLiveSample()
    {
       _ts += kFinePeriodSec;
@@ -104,19 +104,19 @@ private:
 
    const ScratchDirectory _scratch;
    Ref<StatsDepot> _depot;
-   TimeStamp _ts = kFirstPass;
+   TimeStamp _ts = kFirstStamp;
 };
 
-/// A purge comes with a roll-up; what it costs is what the same roll-up takes more than in a depot
-/// that never purges.
+/// A purge follows a rollup. It costs the difference between that rollup with purge and the same
+/// one in a depot that never purges.
 void Purge(Measurement& measurement)
 {
-   constexpr unsigned kMostPasses = 10 * kPassesPerRollup;
+   constexpr unsigned kMaxStamps = 10 * kStampsPerRollup;
    const StatPlan plan = OfOneEntity(CapturePlan(kStats));
    const QuietAgent agent;
    SilentDepot purging(plan, kPurged, agent.GetLogger());
    SilentDepot keeping(plan, 0, agent.GetLogger());
-   for (unsigned i = 0; i < kMostPasses; ++i) {
+   for (unsigned i = 0; i < kMaxStamps; ++i) {
       const double purgeUs = purging.AddLiveSample();
       const double keepUs = keeping.AddLiveSample();
       if (purging.CountSilent() == kStats - kPurged) {
@@ -127,11 +127,11 @@ void Purge(Measurement& measurement)
    throw Corvax::Exception("Nothing was purged");
 }
 
-/// In the process; agentBench has the way from a process's start to its first answer.
+/// The load alone; agentBench measures from the agent's start to its first answer.
 void Load(Measurement& measurement)
 {
    const ScratchDirectory scratch;
-   MakeFilledDepot(scratch.GetPath(), WithThreeRollups(CapturePlan(kStats)), kFirstPass);
+   MakeFilledDepot(scratch.GetPath(), WithThreeRollups(CapturePlan(kStats)), kFirstStamp);
    const QuietAgent agent;
    Ref<StatsDepot> depot;
    Metrix::GetStatsDepot(scratch.GetPath(), kDepotName, agent.GetLogger(), kPurged, depot);

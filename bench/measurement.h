@@ -6,7 +6,7 @@
 
 namespace Bench {
 
-/// One repetition of a measurement, which reports its figures here.
+/// One repetition of a measurement, which reports its figures to this object.
 class Measurement {
 public:
    explicit Measurement(benchmark::State& state) : _state(state) {}
@@ -22,8 +22,8 @@ private:
    benchmark::State& _state;
 };
 
-/// A measurement that the program offers. It makes what it works on itself, times its own parts and
-/// is called once a repetition; repetitions of all measurements are mixed.
+/// A measurement of the program. It creates the data it works on, times its own parts and is called
+/// once per repetition; repetitions of all measurements are interleaved.
 class Registration {
 public:
    Registration(const std::string& name, const std::string& who, void (*measure)(Measurement&));

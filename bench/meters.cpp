@@ -1,21 +1,20 @@
 #include "bench/meters.h"
 
-#include "corvax/exception.h"
+#include "corvax/system.h"
 
-#include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <vector>
 
 namespace Bench {
 
 namespace {
 
-constexpr int64_t kSmallestFlushBytes = 64 << 20; // where the cache's size is not told
+constexpr int64_t kMinFlushBytes = 64 << 20; // in case the cache's size is unknown
 constexpr size_t kCacheLineBytes = 64;
 
 double GetClockUs(clockid_t clock)
@@ -37,32 +36,10 @@ double GetWallUs()
    return GetClockUs(CLOCK_MONOTONIC);
 }
 
-IoCounts IoCounts::Read(const std::string& process)
-{
-   const std::string path = "/proc/" + process + "/io";
-   std::ifstream file(path);
-   IoCounts counts;
-   std::string name;
-   double value = 0;
-   bool isCounted = false;
-   while (file >> name >> value) {
-      if (name == "syscr:" || name == "syscw:") {
-         counts.calls += value;
-         isCounted = true;
-      } else if (name == "rchar:" || name == "wchar:") {
-         counts.bytes += value;
-      }
-   }
-   if (!isCounted) {
-      throw Corvax::Exception("Cannot read system calls from " + path);
-   }
-   return counts;
-}
-
 void FlushCpuCaches()
 {
-   static std::vector<uint8_t> buffer(static_cast<size_t>(
-      std::max<int64_t>(2 * ::sysconf(_SC_LEVEL3_CACHE_SIZE), kSmallestFlushBytes)));
+   static std::vector<uint8_t> buffer(
+      static_cast<size_t>(std::max<int64_t>(2 * ::sysconf(_SC_LEVEL3_CACHE_SIZE), kMinFlushBytes)));
    for (size_t i = 0; i < buffer.size(); i += kCacheLineBytes) {
       volatile uint8_t& line = buffer[i];
       line = static_cast<uint8_t>(line + 1);
@@ -72,11 +49,9 @@ void FlushCpuCaches()
 void SyncFiles(const std::string& directory)
 {
    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
-      const int file = ::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC);
-      if (file >= 0) {
-         ::fdatasync(file);
-         ::close(file);
-      }
+      const auto file = Corvax::System::GetFactory().NewFileHandle();
+      file->Open(entry.path(), Corvax::FILE_READ, Corvax::FileCreation::OPEN_EXISTING);
+      file->Flush();
    }
 }
 

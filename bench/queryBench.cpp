@@ -38,12 +38,12 @@ StatPlan PlanWithEntityOf50()
    return plan;
 }
 
-/// The performance manager over a depot whose series are full.
+/// The performance manager and its depot, whose series are full.
 class Queries {
 public:
    Queries() : _plan(PlanWithEntityOf50())
    {
-      MakeFilledDepot(_scratch.GetPath(), _plan, kFirstPass);
+      MakeFilledDepot(_scratch.GetPath(), _plan, kFirstStamp);
       _agent.emplace();
       _agent->GetConfig().Set("plugins/metrix/depotDir", _scratch.GetPath());
       _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent->GetLogger());
@@ -51,11 +51,11 @@ public:
       _depot->Load();
    }
 
-   /// Microseconds of so many series read from the depot itself, each of a random stat, all its
-   /// samples of an interval.
+   /// Reads series of random stats from the depot itself, all samples of an interval each. Returns
+   /// the time of each call, microseconds.
    std::vector<double> ReadSeries(const char* interval, int periodSec, unsigned samples)
    {
-      const TimeStamp begin = kFirstPass - static_cast<TimeStamp>(periodSec) * samples;
+      const TimeStamp begin = kFirstStamp - static_cast<TimeStamp>(periodSec) * samples;
       std::vector<double> times;
       std::vector<Metrix::StatVal> values;
       std::vector<TimeStamp> stamps;
@@ -67,32 +67,31 @@ public:
          const double startUs = GetWallUs();
          {
             const Corvax::Locker lock(_depot.Get());
-            _depot->GetSamples(stat.entityId, stat.statName, begin, kFirstPass, values, &stamps,
+            _depot->GetSamples(stat.entityId, stat.statName, begin, kFirstStamp, values, &stamps,
                                interval, rollup);
          }
          times.push_back(GetWallUs() - startUs);
          if (values.size() != samples) {
-            throw Corvax::Exception("A series was not read in full");
+            throw Corvax::Exception("A series lacks samples");
          }
       }
       times.erase(times.begin(), times.begin() + kWarmUp);
       return times;
    }
 
-   /// Microseconds of so many queries, each of one series of a random stat, all its
-   /// samples of an interval.
-   std::vector<double> AskForSeries(int periodSec, unsigned samples)
+   /// The same through the performance manager, one series per query.
+   std::vector<double> QuerySeries(int periodSec, unsigned samples)
    {
       std::vector<Ref<Specs>> queries;
       for (unsigned i = 0; i < kWarmUp + Scaled(kQueries); ++i) {
          queries.push_back(MakeRef<Specs>());
          queries.back()->Append(SpecOf(_plan[_random() % _plan.size()], periodSec, samples));
       }
-      return Ask(queries, 1, samples);
+      return TimeQueries(queries, 1, samples);
    }
 
-   /// The same for all stats of the entity that has 50, an hour of each.
-   std::vector<double> AskForEntity()
+   /// Queries an hour of all stats of the entity that has 50.
+   std::vector<double> QueryEntity()
    {
       auto spec = NewSpec(kEntityOf50, kFinePeriodSec, kFineSamples);
       std::vector<Ref<Specs>> queries;
@@ -100,7 +99,7 @@ public:
          queries.push_back(MakeRef<Specs>());
          queries.back()->Append(spec);
       }
-      return Ask(queries, kStatsOfEntity, kFineSamples);
+      return TimeQueries(queries, kStatsOfEntity, kFineSamples);
    }
 
 private:
@@ -111,15 +110,15 @@ private:
       auto spec = MakeRef<PerformanceManager::QuerySpec>();
       spec->entity = MakeRef<Plexa::MoRef>(Quen::VirtualMachine::GetManagedType(), entityId);
       spec->intervalId = periodSec;
-      spec->startTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstPass) - spanSec);
-      spec->endTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstPass));
+      spec->startTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstStamp) - spanSec);
+      spec->endTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstStamp));
       return spec;
    }
 
    Ref<PerformanceManager::QuerySpec> SpecOf(const PlannedStat& stat, int periodSec,
                                              unsigned samples) const
    {
-      // A counter of its own stands for each rollup; real-time series are the raw values.
+      // Each rollup has a counter of its own; real-time series have the raw values.
       const auto* const data = _metadata.GetStatsDepotData(stat.statName);
       const int32_t counterId =
          periodSec == kFinePeriodSec ? data->GetId() : data->GetCounterIds().front();
@@ -130,7 +129,8 @@ private:
       return spec;
    }
 
-   std::vector<double> Ask(const std::vector<Ref<Specs>>& queries, size_t series, size_t samples)
+   std::vector<double> TimeQueries(const std::vector<Ref<Specs>>& queries, size_t series,
+                                   size_t samples)
    {
       std::vector<double> times;
       for (const Ref<Specs>& query : queries) {
@@ -151,18 +151,18 @@ private:
                                 : nullptr;
       if (metric == nullptr || metric->value->GetSize() != series ||
           metric->sampleInfo->GetSize() != samples) {
-         throw Corvax::Exception("A query was not answered in full");
+         throw Corvax::Exception("The answer to a query lacks series or samples");
       }
    }
 
    const StatPlan _plan;
    const ScratchDirectory _scratch;
    std::optional<QuietAgent> _agent;
-   const SteppedTime _time{kFirstPass};
+   const SteppedTime _time{kFirstStamp};
    const Metrix::StatsMetadata _metadata;
    Ref<Metrix::PerformanceManagerImpl> _manager;
    Ref<Metrix::StatsDepot> _depot;
-   std::mt19937 _random; // the same queries in every repetition
+   std::mt19937 _random; // default seed: the same queries in every repetition
 };
 
 void Query(Measurement& measurement)
@@ -174,12 +174,12 @@ void Query(Measurement& measurement)
    std::vector<double> dayUs = queries.ReadSeries(kCoarseName, kCoarsePeriodSec, kCoarseSamples);
    measurement.Report("query-36h", "us", GetPercentile(dayUs, 0.5));
    measurement.Report("query-36h-p99", "us", GetPercentile(dayUs, 0.99));
-   std::vector<double> askedHourUs = queries.AskForSeries(kFinePeriodSec, kFineSamples);
-   const double oneUs = GetPercentile(askedHourUs, 0.5);
+   std::vector<double> apiHourUs = queries.QuerySeries(kFinePeriodSec, kFineSamples);
+   const double oneUs = GetPercentile(apiHourUs, 0.5);
    measurement.Report("query-api-1h", "us", oneUs);
-   std::vector<double> askedDayUs = queries.AskForSeries(kCoarsePeriodSec, kCoarseSamples);
-   measurement.Report("query-api-36h", "us", GetPercentile(askedDayUs, 0.5));
-   std::vector<double> entityUs = queries.AskForEntity();
+   std::vector<double> apiDayUs = queries.QuerySeries(kCoarsePeriodSec, kCoarseSamples);
+   measurement.Report("query-api-36h", "us", GetPercentile(apiDayUs, 0.5));
+   std::vector<double> entityUs = queries.QueryEntity();
    const double allUs = GetPercentile(entityUs, 0.5);
    measurement.Report("query-entity", "us", allUs);
    measurement.Report("query-entity-ratio", "x", allUs / oneUs);

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Makes the table of all measurements: reads JSON lines of results, writes JSON and Markdown.
+"""Makes the table of all measurements: reads results as JSON lines, writes JSON and Markdown.
 
-A result is {"work", "who", "value", "unit"}, with "low", "high" and "repetitions" or a "note" where
-there is one. Ours are of "metrix", a bare loop's of "floor ...", all others of peers.
+A result is {"work", "who", "value", "unit"}, some with "low", "high" and "repetitions" or a "note".
+The "who" of our own results is "metrix", that of a bare loop "floor ..."; all others are peers.
 """
 import argparse
 import dataclasses
@@ -19,7 +19,7 @@ FLOOR = ("ingest-hot", "floor F1")
 
 @dataclasses.dataclass(frozen=True)
 class Row:
-    """A work of the table. The target is `limit`, times the figure `of` where that is given."""
+    """A row of the table for one work. The target is `limit`, or `limit` times the figure `of`."""
 
     work: str
     text: str
@@ -30,18 +30,18 @@ class Row:
 
 
 ROWS = (
-    Row("ingest-hot", "ingest, hot: a sample of 10,000 stats with the catalogue's rollups, roll-ups included", 0.65, FLOOR),
-    Row("ingest-hot-calls", "ingest, hot: read and write calls a sample"),
-    Row("ingest-hot-bytes", "ingest, hot: bytes read and written a sample"),
+    Row("ingest-hot", "ingest, hot, 10,000 stats with the catalogue's rollups, per sample, rollups included", 0.65, FLOOR),
+    Row("ingest-hot-calls", "ingest, hot: read and write calls per sample"),
+    Row("ingest-hot-bytes", "ingest, hot: bytes read and written per sample"),
     Row("ingest-three-rollups", "ingest, hot, three rollups for every stat", 0.85, FLOOR),
-    Row("ingest-cold", "ingest at a real cadence: files synced and CPU caches flushed between passes", 1.0, FLOOR,
+    Row("ingest-cold", "ingest at a real cadence: files synced and CPU caches emptied before each stamp", 1.0, FLOOR,
         below_peers=True),
     Row("ingest-1k", "ingest, hot, 1,000 stats"),
     Row("ingest-100k", "ingest, hot, 100,000 stats", 1.3, ("ingest-hot", OURS)),
-    Row("run", "whole run on a simulated host of 200 VMs: collect, name, buffer, flush, a sample", 1.2, FLOOR),
+    Row("run", "whole run on a simulated host of 200 VMs: collect, name, buffer, flush, per sample", 1.2, FLOOR),
     Row("run-samples", "whole run: samples"),
-    Row("run-calls", "whole run: read and write calls, roll-ups included"),
-    Row("run-bytes", "whole run: bytes read and written a sample, roll-ups included"),
+    Row("run-calls", "whole run: read and write calls, rollups included"),
+    Row("run-bytes", "whole run: bytes read and written per sample, rollups included"),
     Row("hold", "whole run: longest hold of the depot's lock", 10),
     Row("hold-rollup", "whole run that rolls up: longest hold of the depot's lock", 100),
     Row("query-1h", "query in process (the depot's GetSamples), one hour at 20 s, p50", 2),
@@ -54,31 +54,31 @@ ROWS = (
     Row("query-entity-ratio", "QueryStats, all 50 stats of an entity against one series, p50", 40),
     Row("http-1", "query over HTTP, keep-alive, one client, one hour at 20 s, p50 at the client", 120),
     Row("http-1-p99", "query over HTTP, keep-alive, one client, one hour at 20 s, p99 at the client"),
-    Row("http-8", "query over HTTP, keep-alive, 8 clients, queries in all", 10000, at_least=True),
+    Row("http-8", "query over HTTP, keep-alive, 8 clients, queries of all together", 10000, at_least=True),
     Row("load", "load of a depot of 10,000 stats, 40,000 ids, in process"),
     Row("start", "start of the agent on a depot of 10,000 stats, 40,000 ids, to its first answer", 40),
     Row("create", "create 10,000 stats", 80),
     Row("delete", "delete an entity of 10,000 stats", 80),
     Row("purge", "purge 1,000 stats of 10,000", 10),
-    Row("resident-more-mib", "resident memory of the agent with 10,000 stats, more than with none", 24),
-    Row("resident-mib", "resident memory of the agent with 10,000 stats, mapped file pages apart"),
+    Row("resident-more-mib", "resident memory of the agent, 10,000 stats compared with none", 24),
+    Row("resident-mib", "resident memory of the agent with 10,000 stats, without mapped file pages"),
     Row("idle-ms-per-s", "idle CPU of the agent between runs", 0.2),
-    Row("agent-calls", "read and write calls of the agent in a run on a simulated host, 10,000 samples", 2000),
-    Row("host-pass", "host pass on Linux, all host figures", 200),
+    Row("agent-calls", "read and write calls of the agent per run on a simulated host, 10,000 samples", 2000),
+    Row("host-read", "reading all host figures on Linux", 200),
 )
 
 HOW_TO_READ = """\
 # Performance
 
-`scripts/bench` wrote this page: it measures, and asserts nothing. A row whose target is not met says so.
+`scripts/bench` wrote this page. It only measures: a missed target is shown in the table, and nothing fails.
 
-- **Time** is CPU time, user and system, of the process that does the work. It is wall time where a wait is the point: how long a lock is held, a query or a start takes.
-- **A figure** is the median of {repetitions} repetitions, with the lowest and the highest behind it. Repetitions of all measurements are mixed, so that whatever else the machine does meets ours and the floor alike.
-- **A floor** is a bare loop on a file of as many rows of the same size (1,452 bytes) that stores one number in each row, and looks up, checks and rolls up nothing. *F1* reads and writes row by row with `pread` and `pwrite`, *blocks* 64 neighbouring rows at a time, *mapping* stores into a mapped file. Ours, above it, does all that.
-- **x floor** is the figure divided by F1, hot. A peer's is divided by the F1 that ran with the peer.
-- **At a real cadence** a pass finds what it finds 20 seconds later: clean pages and cold caches.
-- **Noise**: ratios of one session are good to about 20 %, absolute times only to what else the machine does. Compare ratios.
-- Read and write calls are the kernel's count (`/proc/PID/io`). Work on mapped files does not appear in it, nor do the lists of writes that go out through native asynchronous I/O at intervals of five seconds and less; `strace -c -f` shows those as `io_submit`.
+- **Time** is CPU time, user and system, of the process that does the work. Where waiting matters, it is wall time: how long a lock is held, a query or a start takes.
+- **Figures** are medians of {repetitions} repetitions, with the lowest and the highest beside them. Repetitions of all measurements are interleaved, so that other load on the machine affects ours and the floor alike.
+- **Floors** are bare loops on a file of as many rows of the same size (1,452 bytes). They store one number in each row, without lookups, checks or rollups: *F1* row by row with `pread` and `pwrite`, *blocks* 64 neighbouring rows at a time, *mapping* in a mapped file. Our figures include all of that.
+- **x floor** is the figure divided by F1, hot. A peer's is divided by the F1 that was measured with the peers.
+- **A real cadence** means that each stamp finds the machine as 20 seconds after the last one: clean pages and cold caches.
+- **Noise**: ratios within one measurement are good to about 20 %, absolute times depend on the machine's other load. Compare ratios.
+- Read and write calls are the kernel's count (`/proc/PID/io`). It does not include work on mapped files, nor the lists of writes that go out through native asynchronous I/O at intervals of five seconds and less; `strace -c -f` shows those as `io_submit`.
 """
 
 
@@ -90,7 +90,7 @@ def read_results(name):
 
 
 def find(results, work, who):
-    """What stands behind a comma in a result's "who" explains it."""
+    """Ignores the text after a comma in a result's "who", which only explains it."""
     return next((r for r in results if r["work"] == work and r["who"].split(",")[0] == who), None)
 
 
@@ -115,14 +115,14 @@ def spread(result):
 
 
 def ratio(result, floor):
-    """How many times the floor a time a sample is; None where that says nothing."""
+    """The figure as a multiple of the floor; None unless it is a time per sample."""
     if floor is None or result["unit"] != "us" or not result["work"].startswith(("ingest", "run")):
         return None
     return result["value"] / floor["value"]
 
 
 def target_of(row, ours):
-    """The limit in the figure's own unit and its text; None where there is none."""
+    """The limit in the figure's unit, None without one, and its text."""
     if row.limit is None:
         return None, ""
     kind = "at least" if row.at_least else "at most"
@@ -138,7 +138,7 @@ def target_of(row, ours):
 
 
 def rivals_of(row, peers):
-    """The peers' figures of the work, the best one first."""
+    """The peers' figures for the work, the best one first."""
     return sorted((p for p in peers if p["work"] == row.work and not is_floor(p)), key=lambda p: p["value"])
 
 
@@ -149,7 +149,7 @@ def beats_peers(row, result, ours, peers):
 
 
 def judge(row, ours, peers):
-    """"yes" or "no"; "" where there is no target, "not measured" where there is no figure."""
+    """"yes" or "no", "" without a target, "not measured" without a figure."""
     result = find(ours, row.work, OURS)
     limit, _ = target_of(row, ours)
     if result is None:
@@ -176,7 +176,7 @@ def line_of(result, text, floor, target="", met=""):
 
 
 def lines_of_row(row, ours, peers):
-    """Ours first, then the floors, then the peers, the best one of them first."""
+    """Ours, then the floors, then the peers with the best one first."""
     target = target_of(row, ours)[1]
     if row.below_peers:
         target += ", below every peer" if rivals_of(row, peers) else ", below every peer (none measured)"
@@ -193,7 +193,7 @@ def lines_of_row(row, ours, peers):
     for place, peer in enumerate(rivals_of(row, peers)):
         lines.append(line_of(peer, "best peer" if place == 0 else "", peer_floor))
     for floor in (p for p in of_work if is_floor(p)):
-        lines.append(line_of({**floor, "who": floor["who"] + ", beside the peers"}, "", peer_floor))
+        lines.append(line_of({**floor, "who": floor["who"] + ", measured with the peers"}, "", peer_floor))
     return lines
 
 
@@ -237,7 +237,7 @@ def describe_machine(arguments):
         "measured": datetime.date.today().isoformat(),
         "commit": arguments.commit,
         "load of the machine at the start": arguments.load,
-        "other stores measured": "shortly (--quick-peers)" if arguments.quick_peers else "in full",
+        "other stores measured": "briefly (--quick-peers)" if arguments.quick_peers else "in full",
     }
 
 
@@ -248,9 +248,9 @@ def write_markdown(name, machine, lines, peers, repetitions):
         file.write("\n## This measurement\n\n")
         file.writelines(f"- {key}: {value}\n" for key, value in machine.items())
         if float(machine["load of the machine at the start"]) > 0.5:
-            file.write("\nThe machine was at other work, too: times are longer than it needs.\n")
+            file.write("\nThe machine had other work: times are longer than on an idle one.\n")
         if not peers:
-            file.write("\nPeers were left out.\n")
+            file.write("\nThe peers were not measured.\n")
         file.write("\n" + format_markdown(lines))
         if notes:
             file.write("\n## About the peers\n\n" + "\n".join(notes) + "\n")
@@ -260,7 +260,7 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--results", required=True)
     parser.add_argument("--peers")
-    parser.add_argument("--data", required=True, help="a directory where the files lay")
+    parser.add_argument("--data", required=True, help="a directory on the file system of the measured files")
     parser.add_argument("--load", required=True)
     parser.add_argument("--quick-peers", action="store_true")
     parser.add_argument("--commit", default="")

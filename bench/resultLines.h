@@ -6,11 +6,12 @@
 
 namespace Bench {
 
-/// Who the figures of the project's own code are of.
+/// The `who` of this project's own figures.
 extern const char kOurs[];
 
-/// The figures of a program: one a work, who did it and repetition. Printed as JSON, a line for
-/// each work and who, with the median and the lowest and highest of the repetitions.
+/// The figures of a program, one per work, `who` and repetition; `who` is what did the work.
+/// Printed as JSON, one line per work and `who`, with the repetitions' median, lowest and highest
+/// figure.
 class ResultLines {
 public:
    void Add(const std::string& work, const std::string& who, const std::string& unit, double value);
@@ -26,8 +27,8 @@ private:
    std::vector<Line> _lines; ///< in the order of their first figures
 };
 
-/// The value that the given share (0 to 1) of the values does not exceed; they are sorted by it.
-/// At least one value.
+/// The value that the given share (0 to 1) of the values does not exceed. Sorts the values, of
+/// which there must be at least one.
 double GetPercentile(std::vector<double>& values, double share);
 
 } // namespace Bench

@@ -20,7 +20,7 @@ using Metrix::StatsDepot;
 using Metrix::StatVal;
 using Metrix::TimeStamp;
 
-constexpr char kRestOfHost[] = ",pools=20,disks=8,nics=4"; // beside the virtual machines
+constexpr char kRestOfHost[] = ",pools=20,disks=8,nics=4"; // apart from its VMs
 
 class SilentLogger : public Corvax::Logger, public Corvax::ObjectImpl {
 public:
@@ -72,7 +72,7 @@ unsigned Scaled(unsigned full)
 ScratchDirectory::ScratchDirectory() : _path(GetSettings().directory + "XXXXXX")
 {
    if (::mkdtemp(_path.data()) == nullptr) {
-      throw Corvax::Exception("Cannot make a directory in " + GetSettings().directory);
+      throw Corvax::Exception("Cannot create a directory in " + GetSettings().directory);
    }
    _path += '/';
 }
@@ -95,7 +95,8 @@ QuietAgent::~QuietAgent()
 }
 
 SteppedTime::SteppedTime(TimeStamp nowSec)
-   : _nowUs(static_cast<int64_t>(nowSec) * 1000000), _scheduler(MakeRef<IdleScheduler>())
+   : _nowUs(static_cast<int64_t>(nowSec) * Corvax::kMicrosecondsPerSecond),
+     _scheduler(MakeRef<IdleScheduler>())
 {
    Corvax::System::SetClock(this);
    Corvax::System::SetThisThread(_scheduler.Get());
@@ -127,7 +128,7 @@ void CreateStats(StatsDepot& depot, const StatPlan& plan)
    }
 }
 
-/// Passes everything on to a depot; notes how long its lock was held and which stats were created.
+/// Forwards to a depot, and records how long its lock was held and which stats were created.
 class SimulatedCollection::ObservedDepot : public StatsDepot, public Corvax::ObjectImpl {
 public:
    explicit ObservedDepot(Ref<StatsDepot> depot) : _depot(std::move(depot)) {}
@@ -209,8 +210,8 @@ public:
 
 private:
    const Ref<StatsDepot> _depot;
-   int _depth = 0;       // under the lock
-   double _lockedUs = 0; // likewise
+   int _depth = 0;       // guarded by the lock
+   double _lockedUs = 0; // guarded by the lock
 };
 
 SimulatedCollection::SimulatedCollection(const std::string& options, Corvax::Logger* logger)
@@ -260,7 +261,7 @@ CapturedHost CaptureHostOf(size_t vms)
 
 CapturedHost CaptureHost(size_t count)
 {
-   // Nearly the same number of stats comes with each virtual machine.
+   // Each VM has nearly the same number of stats.
    constexpr size_t kProbedVms = 10;
    const size_t base = CaptureHostOf(0).plan.size();
    const size_t probed = CaptureHostOf(kProbedVms).plan.size();

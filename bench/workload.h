@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-/// The work that is measured: the stats of a simulated host, in the agent's own intervals.
+/// The work under measurement: the stats of a simulated host, in the agent's own intervals.
 namespace Bench {
 
 constexpr int kFinePeriodSec = 20;
@@ -22,22 +22,27 @@ constexpr unsigned kCoarseSamples = 432;
 constexpr char kFineName[] = "RealTime";
 constexpr char kCoarseName[] = "5min";
 constexpr char kDepotName[] = "hostAgentStats";
-constexpr Metrix::TimeStamp kFirstPass = 1767225600; ///< a multiple of both periods
+constexpr Metrix::TimeStamp kFirstStamp = 1767225600; ///< a multiple of both periods
 constexpr size_t kStats = 10000;
-constexpr unsigned kPassesPerRollup = kCoarsePeriodSec / kFinePeriodSec;
+constexpr unsigned kStampsPerRollup = kCoarsePeriodSec / kFinePeriodSec;
 
-/// What the program was told: where its files go ("/" at the end), and whether figures may be
-/// rough.
+/// The time of the stamp with that index.
+constexpr Metrix::TimeStamp GetStamp(uint64_t index)
+{
+   return kFirstStamp + index * kFinePeriodSec;
+}
+
+/// From the command line.
 struct Settings {
-   std::string directory;
-   bool isQuick = false;
+   std::string directory; ///< of the files, with "/" at the end
+   bool isQuick = false;  ///< figures may be rough
 };
 Settings& GetSettings();
 
-/// `full`, or a quarter of it where figures may be rough.
+/// `full`, or a quarter of it if figures may be rough.
 unsigned Scaled(unsigned full);
 
-/// A directory below that of the settings, removed at the end. The path ends with "/".
+/// A new directory below that of the settings, removed at the end. The path ends with "/".
 class ScratchDirectory {
 public:
    ScratchDirectory();
@@ -51,7 +56,7 @@ private:
    std::string _path;
 };
 
-/// The application object for the length of a scope, with loggers that print nothing.
+/// The application object for the length of a scope. Its loggers print nothing.
 class QuietAgent {
 public:
    QuietAgent();
@@ -67,7 +72,7 @@ private:
    Corvax::Ref<Corvax::XmlConfig> _config;
 };
 
-/// The wall clock, and a timer facility that never calls, for the length of a scope.
+/// Replaces the clock, and the timers by some that never fire, for the length of a scope.
 class SteppedTime : public Corvax::Clock {
 public:
    explicit SteppedTime(Metrix::TimeStamp nowSec);
@@ -78,7 +83,7 @@ public:
    int64_t GetTime() override { return _nowUs; }
    int64_t GetMonotonicTime() override { return _nowUs; }
    void GetCpuTime(int64_t& userUs, int64_t& systemUs) override { userUs = systemUs = 0; }
-   void Advance(int64_t seconds) { _nowUs += seconds * 1000000; }
+   void Advance(int64_t seconds) { _nowUs += seconds * Corvax::kMicrosecondsPerSecond; }
 
 private:
    int64_t _nowUs;
@@ -92,27 +97,27 @@ struct PlannedStat {
    int scalingFactor;
    std::vector<Metrix::StatsDepot::RollupType> rollups;
 };
-/// In the order in which a collector's run comes to them.
+/// In the order of a run's samples.
 using StatPlan = std::vector<PlannedStat>;
 
 /// A depot with the agent's intervals and no stats.
 Corvax::Ref<Metrix::StatsDepot> NewDepot(const std::string& directory, Corvax::Logger* logger);
 void CreateStats(Metrix::StatsDepot& depot, const StatPlan& plan);
 
-/// The collector on a simulated host, writing into a depot of its own. Needs an application object.
+/// The collector on a simulated host, with its own depot. Needs an application object.
 class SimulatedCollection {
 public:
-   /// `options` as ParseSimOptions reads them.
+   /// `options` as for ParseSimOptions.
    SimulatedCollection(const std::string& options, Corvax::Logger* logger);
    ~SimulatedCollection();
    SimulatedCollection(const SimulatedCollection&) = delete;
    SimulatedCollection& operator=(const SimulatedCollection&) = delete;
 
-   /// One run, 20 seconds after the one before.
+   /// Makes a run, 20 seconds after the last one.
    void Run();
-   /// Longest time in microseconds that the depot's lock was held since this was asked last.
+   /// The longest time that the depot's lock was held since the last call, microseconds.
    double TakeLongestHoldUs();
-   /// The stats that the runs have made.
+   /// The stats that the runs have created.
    const StatPlan& GetPlan() const;
    const std::string& GetDirectory() const { return _scratch.GetPath(); }
 
@@ -120,26 +125,26 @@ private:
    class ObservedDepot;
 
    const ScratchDirectory _scratch;
-   SteppedTime _time{kFirstPass};
+   SteppedTime _time{kFirstStamp};
    SimHost::SimHost _host;
    const Corvax::Ref<ObservedDepot> _depot;
    const Corvax::Ref<Metrix::HykStatsCollector> _collector;
 };
 
-/// The simulated host whose whole runs are measured.
+/// The simulated host of the measurements of whole runs.
 extern const char kSimulatedHost[];
 
-/// A simulated host, as options for ParseSimOptions, and the stats that its runs bring.
+/// A simulated host, as options for ParseSimOptions, and the stats of its runs.
 struct CapturedHost {
    std::string options;
    StatPlan plan;
 };
-/// The smallest one whose runs bring at least `count` samples; types and rollups are the
+/// The smallest host whose runs have at least `count` samples. Types and rollups are the
 /// catalogue's.
 CapturedHost CaptureHost(size_t count);
-/// So many of its stats; captured once for each number.
+/// The first `count` of its stats. Each count is captured once.
 const StatPlan& CapturePlan(size_t count);
-/// The same with average, maximum and minimum of every stat.
+/// The same stats, but all with average, maximum and minimum.
 StatPlan WithThreeRollups(StatPlan plan);
 
 } // namespace Bench
