@@ -58,7 +58,7 @@ struct QuerySpec {
    std::vector<std::string> metrics; ///< such as "cpu.usage:0"; none: all
    std::string from;
    std::string to;
-   std::optional<int64_t> maxSample;
+   std::optional<int64_t> maxSample; ///< in periods; the real-time interval only
    int64_t intervalSec = 0;
 };
 
@@ -93,7 +93,7 @@ public:
    std::string QueryCsv(const QuerySpec& spec);
    /// The same as indented JSON in ASCII; `hasData` becomes whether there is any data.
    std::string QueryJson(const QuerySpec& spec, bool& hasData);
-   /// The newest two samples of each metric of several entities. Sends one request per 64 entities,
+   /// The samples of the newest two periods of several entities. Sends one request per 64 entities,
    /// which is the agent's default limit.
    std::vector<EntitySeries> QueryNewest(const std::vector<Entity>& entities,
                                          const std::vector<Metric>& metrics, int64_t intervalSec);

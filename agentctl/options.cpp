@@ -48,7 +48,9 @@ void AddQuery(CLI::App& app, Options& options, std::string& format)
    query->add_option("--from", options.from, "Samples after this time")->type_name("T");
    CLI::Option* const to =
       query->add_option("--to", options.to, "Samples up to this time")->type_name("T");
-   query->add_option("--max", options.maxSample, "Maximum number of samples")
+   query
+      ->add_option("--max", options.maxSample,
+                   "Only the newest N sampling periods of the real-time interval")
       ->type_name("N")
       ->check(AtLeast(1));
    query->add_option("--format", format, "Output format")

@@ -23,7 +23,7 @@ struct Options {
    std::optional<int64_t> intervalSec; ///< unset: the entity's real-time interval
    std::string from;
    std::string to;
-   std::optional<int64_t> maxSample;
+   std::optional<int64_t> maxSample; ///< in periods of the real-time interval
    QueryFormat format = QueryFormat::TABLE;
    bool watch = false;
    bool utc = false;
