@@ -105,8 +105,9 @@ terminal)
    shows "rix/statsDepot/"
    printf 'lo\t%s/stats/ hostAgentStats\r' "$dir" >&3
    shows "qsh> "
-   printf 'never/run\003\003' >&3 # drops a line and an empty line
+   printf 'never/run\003' >&3 # drops the line
    shows "qsh> "
+   printf '\003' >&3 # drops an empty line
    shows "qsh> "
    printf 'help %s/g\t\r' "$depot" >&3
    shows "Get the names of all stats"
