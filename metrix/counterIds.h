@@ -6,7 +6,7 @@
 ///
 /// The high 16 bits number the group, the low 16 bits the counter within it. A composite counter is
 /// followed by its three derived counters: + 1 average, + 2 maximum, + 3 minimum. 0x1001C to
-/// 0x1001F are not used.
+/// 0x1001F are never to be used.
 namespace Metrix {
 
 constexpr int32_t kCpuUsage = 0x00000;
