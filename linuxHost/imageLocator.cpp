@@ -46,7 +46,7 @@ std::string ImageLocator::FindDisk(const VmDisk& disk) const
    if (identity->device) {
       return FindDiskOfDevice(*identity->device);
    }
-   // The file system of a node in /dev says nothing about the disk.
+   // A block device's path that leads to anything else has no disk.
    return disk.image == VmDisk::Image::FILE ? FindDiskOfFileSystem(*identity) : kOtherDisk;
 }
 

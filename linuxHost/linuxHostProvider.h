@@ -34,8 +34,8 @@ public:
 };
 
 /// Reads this Linux machine's figures from procfs and sysfs; docs/operations.md lists the source of
-/// each. Every call reads the kernel's files; the elements of a list of disks or NICs keep the
-/// figures that were read with the list.
+/// each. Nothing is read in advance; a list of disks or NICs is read as a whole, and its elements
+/// keep those figures.
 ///
 /// Ownership: takes a reference to the logger; null for none. `extra`, null for none, outlives the
 /// provider. Locking: any thread may call; calls are serialised. Errors:

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// Keeps what is logged, as "LEVEL text".
+/// Keeps the logged lines as "LEVEL text".
 class CaptureLogger : public Corvax::Logger, public Corvax::ObjectImpl {
 public:
    bool IsEnabled(int /*level*/) const override { return true; }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "corvax/system.h"
 #include "hostctl/lib.h"
 #include "linuxHost/hypervisor.h"
 
@@ -7,7 +8,8 @@
 #include <condition_variable>
 #include <mutex>
 
-/// A hypervisor whose virtual machines the test sets. Each change is told to the listener.
+/// A hypervisor whose virtual machines are set by the test. The listener is notified of each
+/// change.
 class FakeHypervisor : public LinuxHost::Hypervisor {
 public:
    std::unique_ptr<LinuxHost::HypervisorConnection>
@@ -15,7 +17,7 @@ public:
    {
       const std::lock_guard guard(_mutex);
       if (_isDown) {
-         throw HostCtl::Lib::HostCtlException("nobody listens");
+         throw HostCtl::Lib::HostCtlException("connection refused");
       }
       if (listener) {
          _listener = listener;
@@ -47,8 +49,8 @@ public:
       }
    }
    void ComeBack() { Assign(_isDown, false); }
-   /// The monitor stops answering: the next call waits for it, and others leave the machine out.
-   /// Until it hangs no more, with an empty id.
+   /// The VM's monitor stops answering: the next call waits for it, and others leave the VM out. An
+   /// empty id ends that.
    void Hang(const std::string& id) { Assign(_hung, id); }
 
 private:
@@ -105,15 +107,16 @@ private:
    {
       std::unique_lock lock(_mutex);
       if (_isDown) {
-         throw HostCtl::Lib::HostCtlException("nobody listens");
+         throw HostCtl::Lib::HostCtlException("connection refused");
       }
       LinuxHost::VmSnapshot snapshot;
-      snapshot.takenUs = Corvax::System::GetTime();
-      const std::string leftOut = _isWaited ? _hung : "";
-      if (!_hung.empty() && !_isWaited) {
-         _isWaited = true;
+      // Newer than the last one, even if the clock does not move.
+      snapshot.takenUs = Corvax::System::GetTime() + ++_snapshots;
+      const std::string leftOut = _isCallWaiting ? _hung : "";
+      if (!_hung.empty() && !_isCallWaiting) {
+         _isCallWaiting = true;
          _changed.wait(lock, [this] { return _hung.empty(); });
-         _isWaited = false;
+         _isCallWaiting = false;
       }
       for (const auto& [id, vm] : _vms) {
          if (vm.powerState == Quen::Vm::PowerState::POWERED_ON && id != leftOut) {
@@ -129,6 +132,7 @@ private:
    std::map<std::string, LinuxHost::VmDescription> _vms;
    std::map<std::string, LinuxHost::VmFigures> _figures;
    bool _isDown = false;
+   int64_t _snapshots = 0;
    std::string _hung;
-   bool _isWaited = false;
+   bool _isCallWaiting = false;
 };

@@ -6,9 +6,9 @@
 #include <cerrno>
 #include <functional>
 
-/// The real file system that counts what is read and written, and fails on command: the operation
-/// that `failAt` counts down to fails, and with `failAll` every one from there on. With `cutWrites`
-/// only writes count, and come out short.
+/// The real file system, which counts reads and writes and fails on command: `failAt` counts down
+/// to the operation that fails, with `failAll` all later ones fail, too. With `cutWrites` only
+/// writes count, and they are truncated.
 class FaultyFiles : public Corvax::SystemFactory {
 public:
    FaultyFiles() : _real(Corvax::NewPosixFactory()) { Corvax::System::SetFactory(this); }
@@ -17,10 +17,10 @@ public:
    int failAt = 0; ///< 1: the next operation; 0: none
    bool failAll = false;
    bool cutWrites = false;
-   uint64_t calls = 0; ///< reads and writes that the platform would need
+   uint64_t calls = 0; ///< system calls that read or write
    uint64_t bytes = 0; ///< read and written
 
-   /// From now on nothing fails.
+   /// Nothing fails any more.
    void Recover()
    {
       failAt = 0;
@@ -65,7 +65,7 @@ private:
    void Step()
    {
       if (!cutWrites && IsDue()) {
-         throw Corvax::PlatformException("do what the test forbids", ENOSPC);
+         throw Corvax::PlatformException("access a file of the test", ENOSPC);
       }
    }
 
@@ -99,7 +99,7 @@ private:
       {
          _files.Step();
          _files.Count(sizeBytes);
-         // Up to eight bytes, within one page, go whole or not at all.
+         // A write of at most eight bytes is never split: it is within one page.
          const bool cut = _files.cutWrites && sizeBytes > 8 && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
       }

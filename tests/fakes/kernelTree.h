@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-/// What the kernel library hands out, with its owner.
+/// Takes ownership of an object of the kernel library.
 template <class T>
 std::unique_ptr<T> Owned(T* object)
 {
@@ -17,12 +17,12 @@ std::unique_ptr<T> Owned(T* object)
 /// A tree of kernel files in a directory of its own.
 class KernelTree {
 public:
-   /// Without a slash behind.
+   /// Without a slash at the end.
    std::string GetRoot() const { return _scratch.Path().substr(0, _scratch.Path().size() - 1); }
    std::string Path(const std::string& path = "") const { return _scratch.Path() + path; }
 
-   /// Writes in place, as a kernel file changes under a descriptor that stays open. A path that
-   /// ends with a slash makes a directory.
+   /// Overwrites a file in place, so that an open descriptor sees the new text, as with a kernel
+   /// file. A path that ends with a slash creates a directory.
    void Write(const std::vector<std::pair<std::string, std::string>>& files) const
    {
       for (const auto& [path, text] : files) {

@@ -19,14 +19,14 @@ public:
       userUs = cpuUs;
       systemUs = 0;
    }
-   void SetSeconds(int64_t seconds) { nowUs = seconds * 1000000; }
+   void SetSeconds(int64_t seconds) { nowUs = seconds * Corvax::kMicrosecondsPerSecond; }
 
    std::atomic<int64_t> nowUs{0}; // a server's threads read it
    std::atomic<int64_t> monotonicUs{0};
    int64_t cpuUs = 0;
 };
 
-/// The timer facility of the test's thread: items run when the test says so.
+/// The timer facility of the test's thread: the test runs the items.
 class ManualScheduler : public Corvax::Scheduler, public Corvax::ObjectImpl {
 public:
    explicit ManualScheduler(ManualClock& clock) : _clock(clock)
@@ -44,7 +44,7 @@ public:
       return item;
    }
 
-   /// Due time of the earliest waiting item, -1 when there is none.
+   /// Due time of the earliest pending item, -1 when there is none.
    int64_t GetDueUs()
    {
       std::erase_if(_items, [](const auto& entry) { return !entry.second->functor; });
@@ -62,7 +62,7 @@ public:
       _clock.nowUs = std::max(_clock.nowUs.load(), GetDueUs());
       TakeNext()->operator()();
    }
-   /// The earliest item's functor, as a thread holds it that is about to call it.
+   /// Removes the earliest item and returns its functor, like a thread that is about to call it.
    Corvax::Ref<Corvax::Functor<>> TakeNext()
    {
       GetDueUs();

@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// The text of what an action throws, empty when it throws nothing.
+/// The message of the exception that an action throws; empty when it throws none.
 template <class Thrown = Corvax::Exception, class Action>
 std::string MessageOf(const Action& action)
 {

@@ -32,8 +32,8 @@ private:
    const std::string _path;
 };
 
-/// The bytes of a text of hexadecimal digits and white space; "*N" repeats the byte before N times
-/// in all.
+/// The bytes of a text of hexadecimal digits and white space. "*N" after a byte stands for N such
+/// bytes in all.
 inline std::string FromHex(const std::string& text)
 {
    std::string bytes;

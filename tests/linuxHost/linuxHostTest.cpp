@@ -1,16 +1,13 @@
 #include "linuxHost/linuxHostProvider.h"
 
 #include "corvax/format.h"
-#include "linuxHost/kernel/kernelFile.h"
 #include "tests/fakes/captureLogger.h"
 #include "tests/fakes/kernelTree.h"
 #include "tests/fakes/messageOf.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <functional>
 #include <memory>
 
@@ -19,7 +16,7 @@ namespace {
 using Corvax::Format;
 using HostCtl::Lib::HostCtlException;
 
-/// A tree of kernel files and a provider that reads it.
+/// A tree of kernel files, and the provider that reads it.
 class LinuxHostTest : public testing::Test, protected KernelTree {
 protected:
    HostCtl::Host& Host()
@@ -83,9 +80,9 @@ protected:
    std::unique_ptr<HostCtl::Host> _host;
 };
 
-TEST_F(LinuxHostTest, CpuTimesNeverStepBackAndAnOfflineCpuKeepsItsPlace)
+TEST_F(LinuxHostTest, CpuTimesNeverDecreaseAndAnOfflineCpuKeepsItsIndex)
 {
-   // Fields: user nice system idle iowait; a tick is 10 ms wherever the tests run.
+   // Fields: user nice system idle iowait.
    ASSERT_EQ(100, sysconf(_SC_CLK_TCK));
    const std::pair<const char*, const char*> readings[] = {
       {"cpu0 1 0 1 5 5\ncpu1 2 0 0 7 0\ncpu2 3 0 0 8 0\n", "20000/100000 20000/70000 30000/80000 "},
@@ -102,7 +99,7 @@ TEST_F(LinuxHostTest, CpuTimesNeverStepBackAndAnOfflineCpuKeepsItsPlace)
 
 TEST_F(LinuxHostTest, MemoryFiguresComeFromTheirFields)
 {
-   // Each field is a power of two of its own, so that a sum shows what went into it.
+   // Each field is another power of two, so that a sum identifies its terms.
    Write("proc/meminfo", "MemTotal: 1048576 kB\nMemFree: 1 kB\nMemAvailable: 2 kB\nActive: 4 kB\n"
                          "Active(anon): 9 kB\nSwapTotal: 24 kB\nSwapFree: 8 kB\n"
                          "SwapCached: 9 kB\nAnonPages: 32 kB\nShmem: 64 kB\n"
@@ -128,17 +125,17 @@ TEST_F(LinuxHostTest, MemoryFiguresComeFromTheirFields)
                 Resources()->GetCapacity().reservedMemoryMb, PhysicalBytes()}));
 }
 
-TEST_F(LinuxHostTest, WhatTheKernelDoesNotKeepIsZero)
+TEST_F(LinuxHostTest, AFigureThatTheKernelLacksIsZero)
 {
    Write("proc/meminfo", "MemFree: 400 kB\nSwapFree: 9 kB\nKernelStack: 7 kB\n");
    const auto stats = Resources()->GetMemoryStats();
    EXPECT_EQ(400U, stats.freeKb);
-   EXPECT_EQ(7U, stats.sysUsageKb); // stacks count by themselves where VmallocUsed is not filled in
+   EXPECT_EQ(7U, stats.sysUsageKb); // stacks alone, as VmallocUsed does not include them here
    EXPECT_EQ(0U, stats.sharedKb + stats.zeroKb + stats.swapInKb + stats.swapOutKb +
                     stats.grantedKb + stats.swapUsedKb);
 }
 
-TEST_F(LinuxHostTest, OnlyWholeDisksThatHoldTheirOwnDataAreCounted)
+TEST_F(LinuxHostTest, OnlyWholeDisksWithDataOfTheirOwnAreCounted)
 {
    const std::string counts = " 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17\n";
    const std::string none = " 0 0 0 0 0 0 0 0 0 0 0\n";
@@ -159,14 +156,14 @@ TEST_F(LinuxHostTest, OnlyWholeDisksThatHoldTheirOwnDataAreCounted)
              Disks());
 }
 
-TEST_F(LinuxHostTest, DisksAreFollowedWhileTheyComeAndGo)
+TEST_F(LinuxHostTest, DisksMayComeAndGo)
 {
    const std::string counts = " 1 0 1 0 0 0 0 0 0 0 0\n";
    const std::string loop = "7 0 loop0" + counts;
    const std::string disk = "8 0 sda" + counts;
    Write("proc/diskstats", loop + "253 0 dm-0" + counts + disk);
    Write("sys/block/loop0/size", "0\n");
-   Write("sys/block/dm-0/size", "0\n"); // created, and given its members only later
+   Write("sys/block/dm-0/size", "0\n"); // created, without members yet
    EXPECT_EQ("", Disks()) << "no disk has a directory or a size yet";
 
    Write("sys/block/loop0/size", "8\n");
@@ -179,21 +176,21 @@ TEST_F(LinuxHostTest, DisksAreFollowedWhileTheyComeAndGo)
    EXPECT_EQ("", Disks());
    Remove("sys/block/dm-0/slaves");
    Write("sys/block/dm-0/size", "8\n");
-   EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "made anew, of no other disk";
+   EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "recreated, without members";
 
    MakeDirectory("sys/block/sda");
-   EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "a name's kind is looked up once";
+   EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "the kind of a device is looked up once";
    Write("proc/diskstats", loop);
    EXPECT_EQ("", Disks());
    Write("proc/diskstats", loop + disk);
-   EXPECT_EQ("sda:1/0/1/0/1/0 ", Disks()) << "and anew after it was gone";
+   EXPECT_EQ("sda:1/0/1/0/1/0 ", Disks()) << "and again after it was gone";
 }
 
 constexpr char kThreeInterfaces[] = "lo: 9 9 0 0 0 0 0 0 9 9\n"
                                     "br0: 1 2 0 0 0 0 0 0 3 4\n"
                                     "eth0:4294967301 4294967295 0 0 0 0 0 0 8589934592 7\n";
 
-TEST_F(LinuxHostTest, NicsWithADeviceAreCountedInThirtyTwoBitsElseAllButTheLoopback)
+TEST_F(LinuxHostTest, NicsAreThoseWithADeviceElseAllButTheLoopback)
 {
    Write("proc/net/dev", kThreeInterfaces);
    MakeDirectory("sys/class/net/br0");
@@ -204,7 +201,7 @@ TEST_F(LinuxHostTest, NicsWithADeviceAreCountedInThirtyTwoBitsElseAllButTheLoopb
    EXPECT_EQ("", Nics());
    MakeDirectory("sys/class/net/eth0/device");
    Write("proc/net/dev", kThreeInterfaces);
-   EXPECT_EQ("eth0:5/0/4294967295/7 ", Nics()) << "the name is looked up anew after it was gone";
+   EXPECT_EQ("eth0:5/0/4294967295/7 ", Nics()) << "looked up again after it was gone";
 }
 
 TEST_F(LinuxHostTest, ConfiguredNicsAreCountedOnceInTheirOrder)
@@ -214,7 +211,7 @@ TEST_F(LinuxHostTest, ConfiguredNicsAreCountedOnceInTheirOrder)
    EXPECT_EQ("eth7:none br0:1/3/2/4 lo:none ", Nics());
 }
 
-TEST_F(LinuxHostTest, CpuSpeedIsTheFirstOneTold)
+TEST_F(LinuxHostTest, CpuSpeedIsTheFirstThatTheKernelReports)
 {
    const std::tuple<const char*, const char*, uint64_t> sources[] = {
       {"proc/cpuinfo", "processor : 2\ncpu MHz : 1500.25\n", 1500250000},
@@ -234,7 +231,7 @@ TEST_F(LinuxHostTest, CpuSpeedIsTheFirstOneTold)
       }
    }
    _host = nullptr;
-   _cpuMhz = 1234; // a configured speed stands over all
+   _cpuMhz = 1234; // a configured speed replaces all others
    for (auto* cpu : Cpus()->GetCpus()) {
       EXPECT_EQ(1234000000U, Owned(cpu)->GetSpeedHz());
    }
@@ -254,9 +251,9 @@ TEST_F(LinuxHostTest, CoresAreCountedUpToTheLimitWithOneWarning)
    EXPECT_EQ(1, _logger->CountLevel(Corvax::kLogWarning));
 }
 
-TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
+TEST_F(LinuxHostTest, AnExceptionNamesTheFileThatIsMissingOrLacksItsFigure)
 {
-   // Some may be empty: no disks, no NICs and no memory set aside are figures too.
+   // Some may be empty: there may be no disks, no NICs and no reserved memory.
    const std::tuple<const char*, bool, std::function<void()>> readings[] = {
       {"proc/stat", false, [this] { CpuTimes(); }},
       {"proc/stat", false, [this] { Cpus()->GetCoreCount(); }},
@@ -268,7 +265,7 @@ TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
       {"proc/net/dev", true, [this] { Nics(); }},
    };
    for (const auto& [path, mayBeEmpty, read] : readings) {
-      _host = nullptr; // a new provider, which has no file open yet
+      _host = nullptr; // a new provider, which has not opened a file yet
       Remove(path);
       EXPECT_EQ("Cannot read " + Path(path) + ": No such file or directory",
                 MessageOf<HostCtlException>(read));
@@ -277,29 +274,6 @@ TEST_F(LinuxHostTest, FilesMissingOrWithoutTheirFigureAreNamed)
       EXPECT_TRUE(mayBeEmpty ? message.empty() : message.ends_with(" in " + Path(path)))
          << path << ": " << message;
    }
-}
-
-TEST_F(LinuxHostTest, FileOfADeviceThatCameBackIsReadAnew)
-{
-   // The file of a process serves: like a device's, it fails once its owner is gone.
-   const pid_t child = fork();
-   if (child == 0) {
-      pause();
-      _exit(0);
-   }
-   const std::string ofChild = Format("/proc/%1/stat", child);
-   Link("stat", ofChild);
-   LinuxHost::KernelFile gone(ofChild);
-   LinuxHost::KernelFile back(Path("stat"));
-   EXPECT_TRUE(gone.Read().starts_with(std::to_string(child) + " "));
-   EXPECT_TRUE(back.Read().starts_with(std::to_string(child) + " "));
-   kill(child, SIGKILL);
-   waitpid(child, nullptr, 0);
-   Remove("stat");
-   Write("stat", std::string(5000, 'x')); // longer than the first buffer, too
-   EXPECT_EQ(std::string(5000, 'x'), back.Read());
-   EXPECT_FALSE(gone.ReadIfPresent());
-   EXPECT_THROW(gone.Read(), HostCtlException);
 }
 
 } // namespace

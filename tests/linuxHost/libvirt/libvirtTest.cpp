@@ -30,7 +30,7 @@ std::string Show(const LinuxHost::VmDescription& vm)
    return text;
 }
 
-/// The domain's XML with more in it, described; without what each domain has.
+/// The description of a domain with these elements, without the part that is the same in all.
 std::string Parse(std::string_view more)
 {
    const std::string start = "u n ";
@@ -39,34 +39,33 @@ std::string Parse(std::string_view more)
    return text.starts_with(start) ? text.substr(start.size()) : text;
 }
 
-/// Name, text and what it gives.
+/// Name, text and expected result.
 using Case = std::tuple<const char*, const char*, const char*>;
 
 const Case kXmlCases[] = {
    {"no memory, no devices", "", "0MB "},
-   {"memory in KiB unless told", "<memory>2097151</memory>", "2047MB "},
+   {"memory without a unit is in KiB", "<memory>2097151</memory>", "2047MB "},
    {"bytes", "<memory unit='bytes'>1048575</memory>", "0MB "},
    {"powers of 1000", "<memory unit='GB'> 2 </memory>", "1907MB "},
    {"a letter alone", "<memory unit='T'>1</memory>", "1048576MB "},
    {"unit in small letters", "<memory unit='mib'>7</memory>", "7MB "},
-   {"memory stops at the largest", "<memory unit='GiB'>99999999999999999999</memory>",
-    "17592186044415MB "},
-   {"memory that is none", "<memory unit='KiB'>-5</memory>", "0MB "},
+   {"memory saturates", "<memory unit='GiB'>99999999999999999999</memory>", "17592186044415MB "},
+   {"negative memory", "<memory unit='KiB'>-5</memory>", "0MB "},
    {"unknown unit", "<memory unit='pages'>4096</memory>", "0MB "},
    {"partition", "<resource><partition>/machine/a &amp; b</partition></resource>",
     "0MB /machine/a & b"},
-   {"a card's key is its alias's, others' the next free",
+   {"a NIC's key is its alias's, else the next free one",
     "<devices><interface type='hostdev'><alias name='hostdev0'/></interface>"
     "<interface type='bridge'><target dev='vnet7'/><alias name='net0'/></interface>"
     "<interface type='ethernet'><link state='down'/><alias name='net5'/></interface></devices>",
     "0MB  4001:up, 4000:net,up,vnet7 4005:net,"},
-   {"aliases that are no numbers of ours",
+   {"aliases that are not numbers of libvirt's",
     "<devices><interface type='network'><alias name='net'/></interface>"
     "<interface type='direct'><alias name='net-1'/></interface>"
     "<interface type='user'><alias name='net2147480000'/></interface>"
     "<interface type='vdpa'><alias name='ua-net9'/></interface></devices>",
     "0MB  4000:net,up, 4001:net,up, 4002:up, 4003:up,"},
-   {"disks by what is behind them; empty drives are none",
+   {"disks by the kind of their image, without empty drives",
     "<devices><disk type='file'><source file='/a'/><target dev='vda'/></disk>"
     "<disk type='block'><source dev='/dev/b'/><target dev='vdb'/></disk>"
     "<disk type='network'><source name='c'/><target dev='vdc'/></disk>"
@@ -77,20 +76,20 @@ const Case kXmlCases[] = {
     "<disk type='block' device='floppy'><target dev='fda'/></disk>"
     "<disk device='cdrom'><source file='/i.iso'/><target dev='hdc'/></disk></devices>",
     "0MB  vda:0,/a vdb:1,/dev/b vdc:2, vdd:3, vde:3, hdc:0,/i.iso"},
-   {"a base image is no source of the disk",
+   {"a base image is not the image of the disk",
     "<devices><disk type='file'><backingStore><source file='/base'/></backingStore>"
     "<source file='/top'/><target dev='vda'/></disk></devices>",
     "0MB  vda:0,/top"},
 };
 
-TEST(DomainXmlTest, TextsGiveTheseDescriptions)
+TEST(DomainXmlTest, TextsYieldTheseDescriptions)
 {
    for (const auto& [name, xml, expected] : kXmlCases) {
       EXPECT_EQ(expected, Parse(xml)) << name;
    }
 }
 
-TEST(DomainXmlTest, WhatIsNoDomainIsRefused)
+TEST(DomainXmlTest, TextsThatAreNotADomainAreRefused)
 {
    for (const std::string_view xml :
         {"", "nonsense", "<domain><uuid>u</uuid>", "<domain><name>n</name></domain>",
@@ -99,14 +98,14 @@ TEST(DomainXmlTest, WhatIsNoDomainIsRefused)
    }
 }
 
-/// A record as libvirt builds them.
+/// A record like libvirt's.
 class Record {
 public:
    ~Record() { ::virTypedParamsFree(_parameters, _count); }
-   /// "FIELD=VALUE ..." with numbers as libvirt's largest type and anything else as a text.
+   /// "FIELD=VALUE ...", numbers as libvirt's largest type and everything else as a text.
    explicit Record(std::string_view fields = "")
    {
-      EXPECT_EQ(0, ::virInitialize()); // libvirt's errors of a thread have no place before
+      EXPECT_EQ(0, ::virInitialize()); // libvirt cannot store errors before that
       for (size_t end = 0; !fields.empty();
            fields.remove_prefix(std::min(fields.size(), end + 1))) {
          end = std::min(fields.find(' '), fields.size());
@@ -160,7 +159,7 @@ const Case kStatCases[] = {
    {"shut off, with the daemon's own time", "state.state=5 cpu.time=5180000000 balloon.rss=1",
     "none"},
    {"paused", "state.state=3 balloon.rss=1", "none"},
-   {"monitor not asked",
+   {"made without the monitor",
     "state.state=1 cpu.time=9 balloon.current=5 balloon.maximum=6 vcpu.0.time=7 net.0.name=t "
     "net.0.rx.bytes=90 block.count=1 block.0.name=vda block.0.backingIndex=1",
     "none"},
@@ -174,31 +173,32 @@ const Case kStatCases[] = {
     "block.0.path=/p block.0.rd.reqs=13 block.0.rd.bytes=14 block.0.rd.times=77 block.0.wr.reqs=15 "
     "block.0.wr.bytes=16 block.0.fl.reqs=17 block.0.fl.times=77",
     "7000 2/3/4 @5 6/7/8 t:9/11/10/12 vda:14/16/13/15/17"},
-   {"a virtual CPU that is off leaves a hole",
+   {"a virtual CPU that is off has zeroes",
     "state.state=1 balloon.rss=1 vcpu.2.time=3000 vcpu.0.time=1000 vcpu.16384.time=5000 "
     "vcpu.99999999999.time=1 vcpu.x.time=1 vcpu.1=1",
     "0 0/0/1 @0 1/0/0 0/0/0 3/0/0"},
-   {"a card that is not counted has no name",
+   {"a NIC without a name is left out",
     "state.state=1 balloon.rss=1 net.count=2 net.1.name=b net.1.rx.bytes=3 net.0.rx.bytes=1",
     "0 0/0/1 @0 b:3/0/0/0"},
-   {"the images below a disk's are not counted again",
+   {"base images are not counted again",
     "state.state=1 balloon.rss=1 block.0.name=vda block.0.backingIndex=1 block.0.rd.bytes=10 "
     "block.1.name=vda block.1.backingIndex=3 block.1.rd.bytes=10 block.10.name=vdc "
     "block.10.wr.bytes=5 block.2.name=vdb block.2.rd.bytes=7",
     "0 0/0/1 @0 vda:10/0/0/0/0 vdb:7/0/0/0/0 vdc:0/5/0/0/0"},
    {"a disk without counters", "state.state=1 balloon.rss=1 block.0.name=vda block.0.path=/p",
     "0 0/0/1 @0"},
-   {"no text is a number", "state.state=1 balloon.rss=1 cpu.time=soon net.0.name=7", "0 0/0/1 @0"},
+   {"a text is not a number", "state.state=1 balloon.rss=1 cpu.time=soon net.0.name=7",
+    "0 0/0/1 @0"},
 };
 
-TEST(DomainStatsTest, RecordsGiveTheseFigures)
+TEST(DomainStatsTest, RecordsYieldTheseFigures)
 {
    for (const auto& [name, fields, expected] : kStatCases) {
       EXPECT_EQ(expected, Record(fields).Show()) << name;
    }
 }
 
-TEST(DomainStatsTest, AnyIntegerTypeIsTakenAndNoneIsNegative)
+TEST(DomainStatsTest, AllIntegerTypesAreAcceptedAndNegativeOnesAreZero)
 {
    Record record;
    record.Add(::virTypedParamsAddInt, "state.state", 1)
@@ -210,8 +210,8 @@ TEST(DomainStatsTest, AnyIntegerTypeIsTakenAndNoneIsNegative)
    EXPECT_EQ("0 9223372036854775807/0/4294967295 @0", record.Show());
 }
 
-// libvirt's own test driver needs no daemon; it lists domains but has no figures of them.
-TEST(HypervisorModuleTest, AnswersAndEnds)
+// libvirt's own test driver needs no daemon; it lists domains but has no statistics.
+TEST(HypervisorModuleTest, ConnectsAndListsTheDomains)
 {
    const Corvax::SharedLibrary module(HYPERVISOR_MODULE);
    auto* const entry =

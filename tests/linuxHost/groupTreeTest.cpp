@@ -1,0 +1,86 @@
+#include "linuxHost/groupTree.h"
+#include "corvax/format.h"
+#include "tests/fakes/kernelTree.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Corvax::Format;
+using LinuxHost::ControlGroups;
+
+const std::string kTop = "sys/fs/cgroup/";
+
+class GroupTreeTest : public testing::Test, protected KernelTree {
+protected:
+   GroupTreeTest() { Write(kTop + "unified/cgroup.controllers", ""); }
+};
+
+TEST_F(GroupTreeTest, PartitionsAndSlicesBelowTheMachineGroupsArePools)
+{
+   const std::string slice = kTop + "unified/machine.slice/";
+   Write({{slice + "machine-g.slice/machine-g-w\\x2d1\\x2f\\x.slice/", ""},
+          {slice + "machine-g.slice/machine-qemu\\x2d1.scope/in.slice/", ""},
+          {slice + ".slice/", ""},
+          {slice + "machine-.slice/", ""},
+          {kTop + "memory/machine/g.partition/a.partition/qemu-1-a.libvirt-qemu/emulator/", ""},
+          {kTop + "memory/machine/plain/x.partition/", ""}});
+   const ControlGroups groups(Path());
+   std::string text;
+   for (const auto& pool : LinuxHost::FindPools(groups)) {
+      text += Format("%1 %2 %3 %4\n", pool.id, pool.name, pool.parentId, pool.path);
+   }
+   EXPECT_EQ("pool:machine- machine- ha-root-pool /machine.slice/machine-.slice\n"
+             "pool:g g ha-root-pool /machine.slice/machine-g.slice\n"
+             "pool:g/w-1\\x2f\\x w-1\\x2f\\x pool:g "
+             "/machine.slice/machine-g.slice/machine-g-w\\x2d1\\x2f\\x.slice\n"
+             "pool:g/a a pool:g /machine/g.partition/a.partition\n",
+             text);
+   EXPECT_EQ("/machine.slice", LinuxHost::FindMachinePath(groups));
+}
+
+TEST_F(GroupTreeTest, PoolsEndAtTheSixteenthLevel)
+{
+   std::string deep = kTop + "unified/machine/";
+   for (int depth = 1; depth <= 17; ++depth) {
+      deep += "d.partition/";
+   }
+   MakeDirectory(deep);
+   EXPECT_EQ(16U, LinuxHost::FindPools(ControlGroups(Path())).size());
+}
+
+TEST_F(GroupTreeTest, SystemGroupsAreAllOthersTwoLevelsDeep)
+{
+   const std::string longPath = "/system.slice/" + std::string(250, 'n');
+   Write({{kTop + "unified/system.slice/ssh.service/deep/", ""},
+          {kTop + "memory" + longPath + "/", ""},
+          {kTop + "unified/init.scope/", ""},
+          {kTop + "unified/machine.slice/machine-g.slice/", ""},
+          {kTop + "memory/machine/g.partition/", ""}});
+   const auto system = LinuxHost::FindSystemGroups(ControlGroups(Path()));
+   ASSERT_EQ(2U, system.root->child->GetSize());
+   const auto& services = *(*system.root->child)[1]->child;
+   ASSERT_EQ(2U, services.GetSize());
+   EXPECT_EQ(longPath, system.pathByKey.at(services[0]->key));
+   EXPECT_EQ("/system.slice/ssh.service", services[1]->key);
+   EXPECT_EQ(5U, system.pathByKey.size());
+}
+
+TEST(PoolIdTest, APartitionHasTheIdOfItsPool)
+{
+   const std::string longName(251, 'x');
+   const std::pair<std::string, std::string> cases[] = {
+      {"", "ha-root-pool"},
+      {"/other/gold", "ha-root-pool"},
+      {"/machine//gold/web", "pool:gold/web"},
+      {"/machine/gold.partition/web.partition", "pool:gold/web"},
+      {"/machine.slice/another-x.slice", "pool:another-x"},
+      {"/machine.slice/machine-gold.slice/machine-gold-web\\x2d1.slice", "pool:gold/web-1"},
+      {"/machine/" + longName, LinuxHost::PoolIdOfPartition("/machine/" + longName + ".partition")},
+   };
+   for (const auto& [partition, id] : cases) {
+      EXPECT_EQ(id, LinuxHost::PoolIdOfPartition(partition)) << partition;
+   }
+}
+
+} // namespace

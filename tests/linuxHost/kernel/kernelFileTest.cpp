@@ -1,0 +1,41 @@
+#include "linuxHost/kernel/kernelFile.h"
+#include "corvax/format.h"
+#include "hostctl/lib.h"
+#include "tests/fakes/kernelTree.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+namespace {
+
+using LinuxHost::KernelFile;
+
+class KernelFileTest : public testing::Test, protected KernelTree {};
+
+TEST_F(KernelFileTest, AFileOfADeviceThatCameBackIsOpenedAgain)
+{
+   // The file of a process behaves like a device's: it fails when its owner is gone.
+   const pid_t child = fork();
+   if (child == 0) {
+      pause();
+      _exit(0);
+   }
+   const std::string childStat = Corvax::Format("/proc/%1/stat", child);
+   Link("stat", childStat);
+   KernelFile gone(childStat);
+   KernelFile back(Path("stat"));
+   EXPECT_TRUE(gone.Read().starts_with(std::to_string(child) + " "));
+   EXPECT_TRUE(back.Read().starts_with(std::to_string(child) + " "));
+   kill(child, SIGKILL);
+   waitpid(child, nullptr, 0);
+   Remove("stat");
+   Write("stat", std::string(5000, 'x')); // also longer than the first buffer
+   EXPECT_EQ(std::string(5000, 'x'), back.Read());
+   EXPECT_FALSE(gone.ReadIfPresent());
+   EXPECT_THROW(gone.Read(), HostCtl::Lib::HostCtlException);
+}
+
+} // namespace
