@@ -4,16 +4,15 @@
 
 #include <vector>
 
-/// Rollups: what the fine samples of one coarse period are summarised to. The samples are oldest
-/// first and may be unset; only valid ones, that is those that are set, count. The result is unset
-/// if none is valid.
+/// Rollups: each function summarises the fine samples of one coarse period, oldest first. Unset
+/// samples are ignored; if all are unset, so is the result.
 namespace Metrix {
 
 using RollupFunction = StatVal (*)(const std::vector<StatVal>& samples);
 
 /// Always unset.
 StatVal CalculateNop(const std::vector<StatVal>& samples);
-/// The sum, which wraps, divided by the number of valid samples, rounded down.
+/// The sum, which wraps, divided by the number of samples that are set, rounded down.
 StatVal CalculateAverage(const std::vector<StatVal>& samples);
 StatVal CalculateMax(const std::vector<StatVal>& samples);
 StatVal CalculateMin(const std::vector<StatVal>& samples);

@@ -23,8 +23,8 @@ namespace Metrix {
 ///
 /// A row that the file does not hold whole reads as zero bytes.
 /// Errors: PlatformException if the file system fails, AssertionException if it writes rows only in
-/// part. The changes of the failed write are lost, and later reads return what the file has; other
-/// changes stay pending.
+/// part. The changes of the failed write are lost, and later reads return the file's content;
+/// other changes stay pending.
 /// Locking: none; one thread at a time.
 class RowWindow {
 public:

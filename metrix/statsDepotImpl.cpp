@@ -123,7 +123,7 @@ void StatsDepotImpl::Lock()
 }
 
 /// Writes the pending rows before others can access the files. A failure is only logged: a caller
-/// who wants to know calls Flush first.
+/// that needs to know calls Flush first.
 void StatsDepotImpl::Unlock()
 {
    if (IsLocked() && --_lockDepth == 0) {

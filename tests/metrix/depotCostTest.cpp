@@ -1,6 +1,7 @@
 #include "metrix/statsDepot.h"
 #include "tests/fakes/captureLogger.h"
 #include "tests/fakes/faultyFiles.h"
+#include "tests/fakes/messageOf.h"
 #include "tests/fakes/scratch.h"
 
 #include <gtest/gtest.h>
@@ -11,16 +12,19 @@
 namespace {
 
 thread_local uint64_t allocations = 0;
+thread_local uint64_t failingAllocation = 0; ///< 1: the next one fails; 0: none
 
 } // namespace
 
 void* operator new(size_t sizeBytes)
 {
    ++allocations;
-   if (void* const bytes = std::malloc(sizeBytes)) {
-      return bytes;
+   void* const bytes =
+      failingAllocation > 0 && --failingAllocation == 0 ? nullptr : std::malloc(sizeBytes);
+   if (bytes == nullptr) {
+      throw std::bad_alloc();
    }
-   throw std::bad_alloc();
+   return bytes;
 }
 void operator delete(void* bytes) noexcept
 {
@@ -39,11 +43,13 @@ using Metrix::TimeStamp;
 const std::string kEntity = "an entity of some length";
 constexpr int kStats = 1000;
 constexpr TimeStamp kStart = 1800000000;
+const std::vector<StatsDepot::RollupType> kRollups = {
+   StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX, StatsDepot::ROLLUP_MIN};
 
-/// A depot with stats of three rollups each, under an interval of so many seconds.
+/// A depot with one interval and stats of three rollups each.
 class DepotCostTest : public testing::Test {
 protected:
-   void Make(int periodSec, int stats = kStats, unsigned columns = 0)
+   void Build(int periodSec, int stats = kStats, unsigned columns = 0)
    {
       _periodSec = static_cast<TimeStamp>(periodSec);
       Metrix::GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 10, _depot);
@@ -52,39 +58,58 @@ protected:
                           columns > 0 ? columns : 3600U / static_cast<unsigned>(periodSec));
       for (int i = 0; i < stats; ++i) {
          _names.push_back("a stat of some length " + std::to_string(i));
-         _depot->CreateStat(
-            kEntity, _names.back(), StatsDepot::STATTYPE_ABSOLUTE, 1,
-            {StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX, StatsDepot::ROLLUP_MIN});
+         _depot->CreateStat(kEntity, _names.back(), StatsDepot::STATTYPE_ABSOLUTE, 1, kRollups);
       }
    }
-   /// One sample of every stat, as a collection records them.
-   void Pass(bool isLocked = true)
+   /// One sample of every stat, or of all but one.
+   void AddSamples(size_t leftOut = SIZE_MAX)
    {
-      ++_passes;
-      if (isLocked) {
-         _depot->Lock();
-      }
+      ++_runs;
       for (size_t i = 0; i < _names.size(); ++i) {
-         _depot->AddSample(kEntity, _names[i], Now(), Value(i), 0);
+         if (i != leftOut) {
+            _depot->AddSample(kEntity, _names[i], Now(), Value(i), 0);
+         }
       }
    }
-   void EndPass()
+   /// As a collection run does it.
+   void Collect(size_t leftOut = SIZE_MAX)
    {
+      const Corvax::Locker lock(_depot.Get());
+      AddSamples(leftOut);
       _depot->Flush();
-      _depot->Unlock();
    }
-   TimeStamp Now() const { return kStart + _passes * _periodSec; }
-   Metrix::StatVal Value(size_t stat) const { return _passes * 1000000 + stat; }
+   /// Long rows whose ring has wrapped, so that every column holds old samples.
+   void BuildWrapped()
+   {
+      constexpr unsigned kColumns = 600;
+      Build(1, 20, kColumns);
+      while (_runs < kColumns + 5) {
+         Collect();
+      }
+   }
+   void ExpectFlushFails()
+   {
+      const Corvax::Locker lock(_depot.Get());
+      AddSamples();
+      _files.failAt = 1;
+      EXPECT_THROW(_depot->Flush(), Corvax::Exception);
+   }
+   void ResetCounts() { _files.calls = _files.bytes = allocations = 0; }
+   TimeStamp Now() const { return kStart + _runs * _periodSec; }
+   Metrix::StatVal Value(size_t stat) const { return _runs * 1000000 + stat; }
 
-   /// The newest samples as another depot on the same files finds them.
+   Metrix::StatVal Read(StatsDepot& depot, size_t stat, TimeStamp ts)
+   {
+      return depot.GetSample(kEntity, _names[stat], ts, "", StatsDepot::ROLLUP_NONE);
+   }
+   /// Another depot on the same files has the newest samples.
    void ExpectInFiles()
    {
       Corvax::Ref<StatsDepot> other;
       Metrix::GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 10, other);
       other->Load();
       for (size_t i = 0; i < _names.size(); ++i) {
-         ASSERT_EQ(other->GetSample(kEntity, _names[i], Now(), "", StatsDepot::ROLLUP_NONE),
-                   Value(i));
+         ASSERT_EQ(Read(*other, i, Now()), Value(i));
       }
    }
 
@@ -94,99 +119,125 @@ protected:
    Corvax::Ref<StatsDepot> _depot;
    std::vector<std::string> _names;
    TimeStamp _periodSec = 0;
-   TimeStamp _passes = 0;
+   TimeStamp _runs = 0;
 };
 
-TEST_F(DepotCostTest, ALockedDepotMovesRunsOfRowsAndHoldsNothingBackBeyondTheLock)
+TEST_F(DepotCostTest, LockedDepotReadsAndWritesRowsInRanges)
 {
-   Make(20);
-   Pass();
-   EndPass();
-   _files.calls = _files.bytes = 0;
-   allocations = 0;
-   Pass();
-   _depot->Flush();
+   Build(20);
+   Collect();
+   ResetCounts();
+   Collect();
    EXPECT_LE(_files.calls, 25);
    EXPECT_LE(_files.bytes / kStats, 2 * 4 * 1452 + 100);
    EXPECT_LE(allocations, 10);
-   _depot->Unlock();
-   ExpectInFiles();
-
-   _files.calls = 0;
-   Pass(false);
-   EXPECT_EQ(_files.calls, 2 * kStats + 1) << "alone, a row read and written, and the column once";
-   ExpectInFiles();
-
-   Pass();
-   _depot->Unlock(); // Flush was forgotten
    ExpectInFiles();
 }
 
-TEST_F(DepotCostTest, SamplesOfLongRowsGoOutAlone)
+TEST_F(DepotCostTest, UnlockedDepotReadsAndWritesEachRowAtOnce)
 {
-   Make(1);
-   Pass(); // learns the rows' stamps
-   EndPass();
-   _files.calls = _files.bytes = 0;
-   Pass();
-   EndPass();
+   Build(20);
+   Collect();
+   ResetCounts();
+   AddSamples();
+   EXPECT_EQ(_files.calls, 2 * kStats + 1) << "a read and a write per row, and one column stamp";
+   ExpectInFiles();
+}
+
+TEST_F(DepotCostTest, UnlockingWritesRowsThatWereNotFlushed)
+{
+   Build(20);
+   {
+      const Corvax::Locker lock(_depot.Get());
+      AddSamples();
+   }
+   ExpectInFiles();
+}
+
+TEST_F(DepotCostTest, SamplesOfLongRowsAreWrittenWithoutTheRows)
+{
+   Build(1);
+   Collect(); // caches the rows' stamps
+   ResetCounts();
+   Collect();
    EXPECT_LE(_files.calls, 10);
    EXPECT_LE(_files.bytes / kStats, 17);
    ExpectInFiles();
-   ++_passes; // a run was missed: what the column holds must go
-   Pass();
-   EndPass();
-   ExpectInFiles();
-   EXPECT_EQ(_depot->GetSample(kEntity, _names[7], Now() - 1, "", StatsDepot::ROLLUP_NONE),
-             Metrix::kUnset);
 }
 
-TEST_F(DepotCostTest, WhatCannotBeWrittenIsToldAndTheNextPassGoesOn)
+TEST_F(DepotCostTest, ASampleThatALongRowMissedIsUnsetAfterTheRingHasWrapped)
+{
+   BuildWrapped();
+   Collect(7);
+   const TimeStamp missed = Now();
+   Collect();
+   ExpectInFiles();
+   EXPECT_EQ(Read(*_depot, 7, missed), Metrix::kUnset) << "not the sample before the wrap";
+   EXPECT_NE(Read(*_depot, 8, missed), Metrix::kUnset);
+}
+
+TEST_F(DepotCostTest, AfterAFailedFlushTheNextRunIsStored)
 {
    for (const int periodSec : {20, 1}) {
       _names.clear();
-      Make(periodSec);
-      Pass();
-      EndPass();
-      Pass();
-      _files.failAt = 1;
-      EXPECT_THROW(_depot->Flush(), Corvax::Exception);
-      _depot->Unlock();
-      Pass();
-      _files.failAt = 1;
-      const int before = _logger->Count("Samples are lost");
-      _depot->Unlock();
-      EXPECT_EQ(_logger->Count("Samples are lost"), before + 1);
-      Pass();
-      EndPass();
+      Build(periodSec);
+      Collect();
+      ExpectFlushFails();
+      Collect();
       ExpectInFiles();
    }
 }
 
-/// A column is used again after 600 passes; what it held then must not come back for a sample that
-/// was lost.
-TEST_F(DepotCostTest, ALostSampleOfALongRowShowsNothingOfAnEarlierRound)
+TEST_F(DepotCostTest, AFailureInUnlockIsLoggedAndTheNextRunIsStored)
 {
-   constexpr unsigned kColumns = 600;
-   Make(1, 20, kColumns);
-   while (_passes < kColumns + 5) {
-      Pass();
-      EndPass();
+   for (const int periodSec : {20, 1}) {
+      _names.clear();
+      Build(periodSec);
+      Collect();
+      const int before = _logger->Count("Samples are lost");
+      {
+         const Corvax::Locker lock(_depot.Get());
+         AddSamples();
+         _files.failAt = 1;
+      }
+      EXPECT_EQ(_logger->Count("Samples are lost"), before + 1);
+      Collect();
+      ExpectInFiles();
    }
-   Pass();
-   _files.failAt = 1;
-   EXPECT_THROW(_depot->Flush(), Corvax::Exception);
-   _depot->Unlock();
+}
+
+TEST_F(DepotCostTest, ALostSampleOfALongRowIsUnsetAfterTheRingHasWrapped)
+{
+   BuildWrapped();
+   ExpectFlushFails();
    const TimeStamp lost = Now();
-   for (int i = 0; i < 2; ++i) {
-      Pass();
-      EndPass();
-   }
+   Collect();
+   Collect();
    ExpectInFiles();
-   for (const std::string& name : _names) {
-      EXPECT_EQ(_depot->GetSample(kEntity, name, lost, "", StatsDepot::ROLLUP_NONE),
-                Metrix::kUnset);
+   for (size_t i = 0; i < _names.size(); ++i) {
+      EXPECT_EQ(Read(*_depot, i, lost), Metrix::kUnset) << "not the sample before the wrap";
    }
+}
+
+TEST_F(DepotCostTest, AStatWhoseCreationRanOutOfMemoryCanBeCreatedAgain)
+{
+   Build(20, 0);
+   bool hasFailed = true;
+   uint64_t failures = 0;
+   for (; hasFailed; failures += hasFailed ? 1 : 0) {
+      const std::string entity = kEntity + std::to_string(failures);
+      const auto create = [&] {
+         _depot->CreateStat(entity, "a stat", StatsDepot::STATTYPE_RATE, 1, kRollups);
+      };
+      failingAllocation = failures + 1;
+      hasFailed = MessageOf<std::exception>(create) != "";
+      failingAllocation = 0;
+      ASSERT_NE(_depot->AddSample(entity, "a stat", kStart, 1, 0), hasFailed) << failures;
+      if (hasFailed) {
+         create();
+      }
+   }
+   EXPECT_GT(failures, 10u);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// Drives a depot with random operations and holds it against a naive model of what it must answer.
+// Applies random operations to a depot and to a naive model, and compares their answers.
 
 #include "corvax/exception.h"
 #include "metrix/slotUsageMap.h"
@@ -20,7 +20,7 @@ namespace {
 
 using namespace Metrix;
 
-/// What a store answers: columns in time order, and for each row the samples up to its last.
+/// A store: columns in time order, and for each row the samples up to its last.
 struct ModelStore {
    struct Row {
       TimeStamp last;
@@ -128,7 +128,7 @@ struct ModelDepot {
       next = kUnset;
    }
 
-   /// False where the depot must refuse the reading.
+   /// False if the depot must refuse the reading.
    bool Add(const Name& name, TimeStamp ts, StatVal value, StatVal maxVal)
    {
       Stat& stat = stats.at(name);
@@ -194,7 +194,7 @@ struct ModelDepot {
    {
       ModelStore& coarse = intervals[level].store;
       const auto add = [&](StatId target, TimeStamp end, StatVal value) {
-         for (const auto& [begin, missing] : due) { // columns come in order
+         for (const auto& [begin, missing] : due) { // columns are added in order
             if (missing < end && (coarse.columns.empty() || missing > coarse.Latest())) {
                ASSERT_TRUE(coarse.Add(target, missing, kUnset));
             }
@@ -202,9 +202,9 @@ struct ModelDepot {
          ASSERT_TRUE(coarse.Add(target, end, value));
       };
       for (const auto& [begin, end] : due) {
-         std::vector<StatVal> run;
+         std::vector<StatVal> samples;
          std::vector<TimeStamp> times;
-         if (intervals[level - 1].store.Read(id, begin, end, run, times) == 0) {
+         if (intervals[level - 1].store.Read(id, begin, end, samples, times) == 0) {
             if (id == 0) {
                add(0, end, kUnset);
             }
@@ -213,24 +213,24 @@ struct ModelDepot {
          for (const auto& [name, stat] : stats) {
             for (const auto& [rollup, statId] : stat.ids) {
                if (statId == id && id != stat.ids[0].second) {
-                  add(id, end, Summary(rollup, run));
+                  add(id, end, Summary(rollup, samples));
                } else if (stat.ids[0].second == id && rollup != StatsDepot::ROLLUP_NONE) {
-                  add(statId, end, Summary(rollup, run));
+                  add(statId, end, Summary(rollup, samples));
                }
             }
          }
       }
    }
 
-   static StatVal Summary(StatsDepot::RollupType rollup, std::vector<StatVal> run)
+   static StatVal Summary(StatsDepot::RollupType rollup, std::vector<StatVal> samples)
    {
-      std::erase(run, kUnset);
-      const StatVal sum = std::accumulate(run.begin(), run.end(), StatVal{0});
+      std::erase(samples, kUnset);
+      const StatVal sum = std::accumulate(samples.begin(), samples.end(), StatVal{0});
       const std::map<StatsDepot::RollupType, StatVal> summaries = {
-         {StatsDepot::ROLLUP_AVERAGE, sum / run.size()},
-         {StatsDepot::ROLLUP_MAX, std::ranges::max(run)},
-         {StatsDepot::ROLLUP_MIN, std::ranges::min(run)},
-         {StatsDepot::ROLLUP_LAST, run.back()},
+         {StatsDepot::ROLLUP_AVERAGE, sum / samples.size()},
+         {StatsDepot::ROLLUP_MAX, std::ranges::max(samples)},
+         {StatsDepot::ROLLUP_MIN, std::ranges::min(samples)},
+         {StatsDepot::ROLLUP_LAST, samples.back()},
          {StatsDepot::ROLLUP_SUM, sum},
          {StatsDepot::ROLLUP_NONE, kUnset}};
       return summaries.at(rollup);
@@ -268,7 +268,7 @@ class DepotModelTest : public testing::Test {
 protected:
    using Shape = std::vector<std::pair<int, unsigned>>; ///< period and samples of each interval
 
-   void Run(const Shape& shape, uint64_t seed)
+   void Play(const Shape& shape, uint64_t seed)
    {
       SCOPED_TRACE("METRIX_SEED=" + std::to_string(seed));
       std::cout << "METRIX_SEED=" << seed << "\n";
@@ -329,19 +329,19 @@ private:
    void Add(const ModelDepot::Name& name, TimeStamp ts)
    {
       StatVal& counter = _counters[name];
-      counter = Below(20) == 0 ? Below(10) : counter + Below(1000); // now and then a reset
+      counter = Below(20) == 0 ? Below(10) : counter + Below(1000); // sometimes a reset
       const StatVal maxVal = Below(4) == 0 ? 50 : 0;
       if (!_model.stats.contains(name)) {
          ASSERT_FALSE(_depot->AddSample(name.first, name.second, ts, counter, maxVal));
          Create(name);
       }
-      bool taken = true;
+      bool isStored = true;
       try {
          ASSERT_TRUE(_depot->AddSample(name.first, name.second, ts, counter, maxVal));
       } catch (const Corvax::InvalidArgumentException&) {
-         taken = false;
+         isStored = false;
       }
-      ASSERT_EQ(taken, _model.Add(name, ts, counter, maxVal)) << "reading at " << ts;
+      ASSERT_EQ(isStored, _model.Add(name, ts, counter, maxVal)) << "reading at " << ts;
    }
 
    void Create(const ModelDepot::Name& name)
@@ -426,7 +426,7 @@ private:
    TimeStamp _now = 0;
 };
 
-TEST_F(DepotModelTest, AnswersAsTheModelDoes)
+TEST_F(DepotModelTest, DepotAndModelGiveTheSameAnswers)
 {
    const Shape shapes[] = {
       {{10, 3}, {30, 2}},          {{10, 2}, {20, 3}},           {{10, 6}, {30, 3}},
@@ -434,9 +434,9 @@ TEST_F(DepotModelTest, AnswersAsTheModelDoes)
    };
    const char* const fixed = std::getenv("METRIX_SEED");
    uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();
-   for (int round = 0; round < 5 && !HasFailure(); ++round) {
+   for (int repeat = 0; repeat < 5 && !HasFailure(); ++repeat) {
       for (const Shape& shape : shapes) {
-         Run(shape, seed);
+         Play(shape, seed);
          if (HasFailure()) {
             return;
          }

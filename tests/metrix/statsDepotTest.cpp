@@ -1,7 +1,9 @@
 #include "metrix/statsDepot.h"
 
 #include "corvax/exception.h"
+#include "metrix/idMapFormat.h"
 #include "metrix/selfTest.h"
+#include "metrix/storeFormat.h"
 #include "tests/fakes/captureLogger.h"
 #include "tests/fakes/faultyFiles.h"
 #include "tests/fakes/messageOf.h"
@@ -13,6 +15,7 @@ namespace {
 
 using namespace Metrix;
 using Corvax::InvalidArgumentException;
+using IdMapFormat::kRecordSize;
 
 const std::vector<StatsDepot::RollupType> kAverageMax = {StatsDepot::ROLLUP_AVERAGE,
                                                          StatsDepot::ROLLUP_MAX};
@@ -87,7 +90,7 @@ TEST_F(StatsDepotTest, IntervalsAreAddedFinestFirst)
    EXPECT_FALSE(std::ifstream(_scratch.Path() + "d-3600.stats").good());
 }
 
-TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsDocumented)
+TEST_F(StatsDepotTest, DescriptionIsByteForByteAsDocumented)
 {
    Create({{20, 3}});
    EXPECT_EQ(_scratch.Read("d.xml"), "<?xml version=\"1.0\"?>\n"
@@ -103,6 +106,11 @@ TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsDocumented)
                                         "    </interval>\n"
                                         "  </intervals>\n"
                                         "</config>\n");
+}
+
+TEST_F(StatsDepotTest, IdMapIsByteForByteAsDocumented)
+{
+   Create({{20, 3}});
    _depot->CreateStat("e", "one", StatsDepot::STATTYPE_RATE, -2, kAverageMax);
    _depot->CreateStat("e", "two", StatsDepot::STATTYPE_DELTA, 1, {StatsDepot::ROLLUP_SUM});
    EXPECT_EQ(_logger->Count("7 Added statId 2 for e-one-2"), 1);
@@ -119,7 +127,7 @@ TEST_F(StatsDepotTest, DescriptionAndIdMapAreByteForByteAsDocumented)
                 Record("", "one", "02000000 02000000 feffffff"));
 }
 
-TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsWhatTheyLeaveBehind)
+TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsStatsWithoutARawSeries)
 {
    Create();
    _scratch.Write("d.idMap", Record("e", "whole", "00000000 00000000 01000000") +
@@ -144,10 +152,11 @@ TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsWhatTheyLeaveBehind)
    _depot->GetAvailableStatNames(std::string(256, 'n'), 0, 0, names);
    EXPECT_EQ(names.size(), 1u);
    AddStat("new", StatsDepot::STATTYPE_ABSOLUTE, {});
-   EXPECT_EQ(_scratch.Read("d.idMap").substr(2 * 524, 1), "e"); // the duplicate's slot was free
+   EXPECT_EQ(_scratch.Read("d.idMap").substr(2 * kRecordSize + 256, 3), "new")
+      << "the duplicate's slot is free";
 }
 
-TEST_F(StatsDepotTest, LoadMakesADamagedStoreAfreshButNoForeignFile)
+TEST_F(StatsDepotTest, LoadRecreatesADamagedStore)
 {
    Create({{20, 3}, {300, 5}});
    _scratch.Write("d-20.stats", FromHex("04000000 14000000 ff*32"));
@@ -157,7 +166,11 @@ TEST_F(StatsDepotTest, LoadMakesADamagedStoreAfreshButNoForeignFile)
                      "match expected value"),
       1);
    EXPECT_EQ(_scratch.Read("d-20.stats"), FromHex("03000000 14000000 ff*24"));
+}
 
+TEST_F(StatsDepotTest, LoadNeverOverwritesAForeignFile)
+{
+   Create({{20, 3}, {300, 5}});
    std::string description = _scratch.Read("d.xml");
    const std::string own = "d-20.stats";
    description.replace(description.find(own), own.size(), "foreign.txt");
@@ -168,7 +181,7 @@ TEST_F(StatsDepotTest, LoadMakesADamagedStoreAfreshButNoForeignFile)
    EXPECT_EQ(_scratch.Read("foreign.txt"), "somebody's text");
 }
 
-TEST_F(StatsDepotTest, LoadRefusesADescriptionThatSaysTooLittle)
+TEST_F(StatsDepotTest, LoadRefusesAnIncompleteDescription)
 {
    Create();
    const std::string description = _scratch.Read("d.xml");
@@ -186,13 +199,17 @@ TEST_F(StatsDepotTest, LoadRefusesADescriptionThatSaysTooLittle)
    }
 }
 
-TEST_F(StatsDepotTest, RefusesBadArgumentsAndUseBeforeItIsOpen)
+TEST_F(StatsDepotTest, RefusesUseBeforeItIsOpen)
 {
    Open();
    EXPECT_THROW(AddStat("s"), Corvax::AssertionException);
    EXPECT_THROW(_depot->AddInterval("i", 20, 3), Corvax::AssertionException);
    EXPECT_THROW(_depot->AddSample("e", "s", 1, 1, 0), Corvax::AssertionException);
    EXPECT_THROW(_depot->GetLatestTimeStamp(), Corvax::AssertionException);
+}
+
+TEST_F(StatsDepotTest, RefusesBadArguments)
+{
    Create();
    EXPECT_EQ(_depot->GetLatestTimeStamp(), kUnset);
    EXPECT_THROW(AddStat(""), InvalidArgumentException);
@@ -206,13 +223,20 @@ TEST_F(StatsDepotTest, RefusesBadArgumentsAndUseBeforeItIsOpen)
    AddStat(longest);
    EXPECT_THROW(_depot->AddSample("e", longest, kUnset, 1, 0), InvalidArgumentException);
    EXPECT_THROW(Read(longest, 1, "no such interval"), InvalidArgumentException);
-   // A second creation is the caller's error and leaves the first whole.
-   EXPECT_THROW(AddStat(longest), Corvax::AssertionException);
-   EXPECT_TRUE(_depot->AddSample("e", longest, 20, 7, 0));
+}
+
+TEST_F(StatsDepotTest, CreatingAStatTwiceFailsAndLeavesTheFirstWhole)
+{
+   Create();
+   AddStat("s");
+   EXPECT_THROW(AddStat("s"), Corvax::AssertionException);
+   EXPECT_TRUE(_depot->AddSample("e", "s", 20, 7, 0));
    TimeStamp ts = 0;
-   EXPECT_EQ(_depot->GetRawSample("e", longest, ts), 7u);
+   EXPECT_EQ(_depot->GetRawSample("e", "s", ts), 7u);
    Reload();
-   EXPECT_EQ(_depot->GetRawSample("e", longest, ts), kUnset);
+   EXPECT_EQ(_logger->Count("5 StatId 3 for e-s is a duplicate"), 1);
+   EXPECT_EQ(_depot->GetRawSample("e", "s", ts), kUnset) << "readings are not stored";
+   EXPECT_EQ(Read("s", 20), 7u);
 }
 
 TEST_F(StatsDepotTest, DeletionFreesTheRowsOfEveryStore)
@@ -222,39 +246,42 @@ TEST_F(StatsDepotTest, DeletionFreesTheRowsOfEveryStore)
    for (TimeStamp ts = 1000; ts <= 1040; ts += 10) {
       _depot->AddSample("e", "gone", ts, 7, 0);
    }
-   const size_t firstRow = 8 + 3 * 8;
-   for (const char byte : {'\1', '\0'}) {
-      EXPECT_EQ(_scratch.Read("d-10.stats").at(firstRow), byte);
-      EXPECT_EQ(_scratch.Read("d-30.stats").at(firstRow + 36), byte);
+   const size_t rawRow = StoreFormat::RowsPos(3);
+   const size_t averageRow = rawRow + StoreFormat::RowSize(3);
+   for (const char used : {'\1', '\0'}) {
+      EXPECT_EQ(_scratch.Read("d-10.stats").at(rawRow), used);
+      EXPECT_EQ(_scratch.Read("d-30.stats").at(averageRow), used);
       _depot->DeleteStat("e", "gone");
    }
 }
 
-TEST_F(StatsDepotTest, NewStatNeverShowsWhatACrashLeftInItsRow)
+TEST_F(StatsDepotTest, NewStatNeverShowsSamplesThatACrashLeftInItsRow)
 {
    Create({{10, 3}, {30, 3}});
    AddStat("old");
    _depot->AddSample("e", "old", 1000, 7, 0);
-   // The record is gone, the row is not: as when the process ended between the two.
-   _scratch.Write("d.idMap", std::string(3 * 524, '\0'));
+   // As if the process had died between clearing the records and freeing the rows.
+   _scratch.Write("d.idMap", std::string(3 * kRecordSize, '\0'));
    Reload();
    AddStat("new");
    EXPECT_EQ(Read("new", 1000), kUnset);
    _depot->AddSample("e", "new", 1010, 1, 0);
    EXPECT_EQ(Read("new", 1000), kUnset);
+}
 
-   // A file that has lost its end, between the records of a stat.
-   _depot->DeleteEntityStats("e");
-   AddStat("first");
-   AddStat("second");
-   AddStat("third");
+TEST_F(StatsDepotTest, LoadDropsAStatWhoseRecordsATruncationMayHaveCut)
+{
+   Create({{10, 3}, {30, 3}});
+   for (const char* const name : {"first", "second", "third"}) {
+      AddStat(name);
+   }
    _depot->AddSample("e", "third", 1020, 1, 0);
-   _scratch.Write("d.idMap", _scratch.Read("d.idMap").substr(0, 5 * 524));
+   _scratch.Write("d.idMap", _scratch.Read("d.idMap").substr(0, 5 * kRecordSize));
    Reload();
    EXPECT_EQ(Names(), (std::vector<std::string>{"first"}));
 }
 
-TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataAndKeepsToItsLimit)
+TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataUpToItsLimit)
 {
    Create({{10, 3}, {30, 2}});
    for (int i = 0; i < 5; ++i) {
@@ -274,33 +301,34 @@ TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataAndKeepsToItsLimit)
    EXPECT_EQ(Names(), (std::vector<std::string>{"fresh"}));
 }
 
-TEST_F(StatsDepotTest, SelfTestOfAScratchDepotHolds)
+TEST_F(StatsDepotTest, SelfTestPassesAndNoticesAShortWrite)
 {
    EXPECT_NO_THROW(TestScratchDepot(_logger.Get()));
-   // It notices a file system that loses a write.
    FaultyFiles files;
    files.failAt = 200;
    files.cutWrites = true;
    EXPECT_THROW(TestScratchDepot(_logger.Get()), Corvax::Exception);
 }
 
-/// What happens when a file operation fails.
+/// How file operations fail.
 struct Fault {
    const char* name;
-   bool lasts;
-   bool cutsWrites;
-   bool endsProcess; ///< the depot is not used again, but opened anew
+   bool lasts;       ///< all operations fail from the first one on
+   bool cutsWrites;  ///< only writes fail, and write a part
+   bool endsProcess; ///< after the first failure the depot is loaded again before it is used
 
    friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
 };
 
-/// Every file operation in turn fails.
+/// Creates a depot and collects samples, while each file operation in turn fails.
 class FaultTest : public testing::TestWithParam<Fault> {
 protected:
-   static constexpr TimeStamp kStart = 1200;
    static constexpr int kStats = 3;
 
-   void Rebuild()
+   static std::string Name(int stat) { return "s" + std::to_string(stat); }
+   static StatVal Value(TimeStamp ts, int stat) { return ts + static_cast<StatVal>(stat); }
+
+   void Build()
    {
       GetStatsDepot(_scratch.Path() + "d/", "d", _logger.Get(), 1000, _depot);
       _depot->Create();
@@ -314,85 +342,90 @@ protected:
       Corvax::RefVector<StatsDepotInterval> intervals;
       _depot->GetIntervals(intervals);
       if (intervals.size() < 2) {
-         Rebuild();
+         Build();
       }
    }
-   void Collect(TimeStamp ts)
+   void Collect()
    {
       for (int i = 0; i < kStats; ++i) {
-         const std::string name = "s" + std::to_string(i);
-         const StatVal value = ts + static_cast<StatVal>(i);
-         if (!_depot->AddSample("e", name, ts, value, 0)) {
-            _depot->CreateStat("e", name, StatsDepot::STATTYPE_ABSOLUTE, 1, kAverageMax);
-            _depot->AddSample("e", name, ts, value, 0);
+         if (!_depot->AddSample("e", Name(i), _now, Value(_now, i), 0)) {
+            _depot->CreateStat("e", Name(i), StatsDepot::STATTYPE_ABSOLUTE, 1, kAverageMax);
+            _depot->AddSample("e", Name(i), _now, Value(_now, i), 0);
          }
       }
+   }
+   /// Returns the number of runs that failed.
+   int CollectRuns(int runs)
+   {
+      int failed = 0;
+      for (; runs > 0; --runs, _now += 10) {
+         if (GetParam().endsProcess && _hasFailed) {
+            continue;
+         }
+         _isBuilt = _isBuilt || Try([this] { Build(); });
+         failed += _isBuilt && Try([this] { Collect(); }) ? 0 : 1;
+      }
+      return failed;
    }
    template <class Action>
    bool Try(const Action& action)
    {
-      const std::string failure = MessageOf(action);
-      _lastFailure = failure.empty() ? _lastFailure : failure;
-      return failure.empty();
+      _lastFailure = MessageOf(action);
+      _hasFailed = _hasFailed || !_lastFailure.empty();
+      return _lastFailure.empty();
+   }
+   /// Collects while operation `failAt` fails, then without faults. Returns whether it failed.
+   bool Play(int failAt)
+   {
+      _files.Remove(_scratch.Path() + "d");
+      _files.failAt = failAt;
+      _files.cutWrites = GetParam().cutsWrites;
+      _files.failAll = GetParam().lasts;
+      _now = 1200;
+      _hasFailed = false;
+      _isBuilt = Try([this] { Build(); });
+      int failed = _isBuilt ? 0 : 1;
+      failed += CollectRuns(10);
+      EXPECT_TRUE(GetParam().lasts || failed <= 1) << "one fault made " << failed << " runs fail";
+      _files.Recover();
+      const bool hasFailed = _hasFailed;
+      if (hasFailed && GetParam().endsProcess) {
+         _isBuilt = Try([this] { Reopen(); });
+         _hasFailed = false;
+      }
+      EXPECT_EQ(CollectRuns(20), 0) << _lastFailure;
+      return hasFailed;
+   }
+   void ExpectNewestSamples()
+   {
+      for (TimeStamp ts = _now - 60; ts < _now; ts += 10) {
+         for (int i = 0; i < kStats; ++i) {
+            ASSERT_EQ(_depot->GetSample("e", Name(i), ts, "", StatsDepot::ROLLUP_NONE),
+                      Value(ts, i));
+         }
+      }
+      ASSERT_EQ(_depot->GetSample("e", "s2", 1410, "coarse", StatsDepot::ROLLUP_AVERAGE), 1402u);
    }
 
-   std::string _lastFailure;
+   FaultyFiles _files;
    const Scratch _scratch;
    const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
    Corvax::Ref<StatsDepot> _depot;
+   TimeStamp _now = 0;
+   bool _isBuilt = false;
+   bool _hasFailed = false;
+   std::string _lastFailure;
 };
 
-TEST_P(FaultTest, DepotGoesOnAfterAnyFailedFileOperation)
+TEST_P(FaultTest, DepotRecoversFromEveryFailedFileOperation)
 {
-   const Fault& fault = GetParam();
    int failures = 0;
-   for (int failAt = 1;; ++failAt) {
+   for (int failAt = 1; !HasFailure() && Play(failAt); ++failAt) {
       SCOPED_TRACE(failAt);
-      Corvax::System::GetFactory().Remove(_scratch.Path() + "d");
-      FaultyFiles files;
-      files.failAt = failAt;
-      files.cutWrites = fault.cutsWrites;
-      files.failAll = fault.lasts;
-      bool built = Try([this] { Rebuild(); });
-      int failed = built ? 0 : 1;
-      TimeStamp ts = kStart;
-      const auto collect = [&](int runs) {
-         for (; runs > 0; --runs, ts += 10) {
-            if (fault.endsProcess && failed > 0) {
-               continue;
-            }
-            built = built || Try([this] { Rebuild(); });
-            failed += built && Try([&] { Collect(ts); }) ? 0 : 1;
-         }
-      };
-      collect(10);
-      files.Recover();
-      const int failedBefore = failed;
-      if (fault.endsProcess) {
-         built = Try([this] { Reopen(); });
-         failed = 0;
-      }
-      collect(20);
-      ASSERT_EQ(failed, fault.endsProcess ? 0 : failedBefore) << _lastFailure;
-      failed = failedBefore;
-      if (failed == 0) {
-         break; // that many operations are not made
-      }
       ++failures;
-      ASSERT_TRUE(built);
-      EXPECT_TRUE(fault.lasts || failed <= 1);
-      // What was acknowledged since is there, in the running depot and after loading it.
-      for (int opened = 0; opened < 2; ++opened) {
-         for (TimeStamp t = ts - 60; t < ts; t += 10) {
-            for (int i = 0; i < kStats; ++i) {
-               ASSERT_EQ(
-                  _depot->GetSample("e", "s" + std::to_string(i), t, "", StatsDepot::ROLLUP_NONE),
-                  t + static_cast<StatVal>(i));
-            }
-         }
-         ASSERT_EQ(_depot->GetSample("e", "s2", 1410, "coarse", StatsDepot::ROLLUP_AVERAGE), 1402u);
-         Reopen();
-      }
+      ExpectNewestSamples();
+      Reopen();
+      ExpectNewestSamples();
    }
    EXPECT_GT(failures, 50);
 }

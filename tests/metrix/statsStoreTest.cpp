@@ -37,7 +37,7 @@ TEST_F(StatsStoreTest, FileIsByteForByteAsDocumented)
    store->AddSample(0, 20, 3);
    store->AddSample(0, 30, 4);
    store->AddSample(0, 40, 5);                  // reuses the first column
-   store->AddSample(2, 40, 0x0102030405060708); // its last sample has left the circle
+   store->AddSample(2, 40, 0x0102030405060708); // its last column is reused
    EXPECT_TRUE(store->DeleteStat(0));
    EXPECT_FALSE(store->DeleteStat(3));
    const std::string wanted =
@@ -49,7 +49,7 @@ TEST_F(StatsStoreTest, FileIsByteForByteAsDocumented)
    EXPECT_EQ(_scratch.Read("s.stats"), FromHex(wanted));
 }
 
-TEST_F(StatsStoreTest, RefusesWhatIsNoStore)
+TEST_F(StatsStoreTest, LoadRefusesADamagedHeader)
 {
    const std::string path = _scratch.Path() + "s.stats";
    const std::string size = "File Format Exception: Invalid file size for StatsStore " + path;
@@ -63,19 +63,30 @@ TEST_F(StatsStoreTest, RefusesWhatIsNoStore)
       {"no column", FromHex("00000000 0a000000 ff*24"), header},
       {"no period", FromHex("03000000 00000000 ff*24"), header},
       {"negative period", FromHex("03000000 ffffffff ff*24"), header},
+      {"smallest valid", FromHex("03000000 0a000000 ff*24"), ""},
    };
    for (const auto& [name, bytes, message] : cases) {
       _scratch.Write("s.stats", bytes);
       EXPECT_EQ(MessageOf([this] { Open()->Load(); }), message) << name;
    }
-   _scratch.Write("s.stats", FromHex("03000000 0a000000 ff*24"));
-   EXPECT_EQ(MessageOf([this] { Open()->Load(); }), "");
+}
+
+TEST_F(StatsStoreTest, CreateRefusesNumbersBelowOneAndLeavesTheFileAlone)
+{
+   _scratch.Write("s.stats", "untouched");
    for (const auto& [period, samples] : {std::pair{0, 3}, {10, 0}, {-10, 3}, {10, -1}}) {
       EXPECT_THROW(Open()->Create(period, samples), Corvax::InvalidArgumentException);
    }
-   EXPECT_EQ(_scratch.Read("s.stats").size(), 32u); // untouched
-   EXPECT_THROW(Open()->AddSample(0, 1, 1), Corvax::AssertionException);
+   EXPECT_EQ(_scratch.Read("s.stats"), "untouched");
+}
+
+TEST_F(StatsStoreTest, RefusesUseBeforeAFileIsLoaded)
+{
    EXPECT_THROW(Open()->GetLatestTimeStamp(), Corvax::AssertionException);
+   _scratch.Write("s.stats", FromHex("00000000 0a000000 ff*24"));
+   const auto store = Open();
+   EXPECT_THROW(store->Load(), Corvax::FileFormatException);
+   EXPECT_THROW(store->AddSample(0, 1, 1), Corvax::AssertionException);
 }
 
 } // namespace
