@@ -33,7 +33,8 @@ void IntervalTable::AddInterval(const std::string& name, const std::string& stor
    // greater period, if there is one, and intervals can only be added finest first. On purpose.
    const int count = GetNumIntervals();
    int pos = 0;
-   while (pos < count && GetIntervalAt(pos++)->_samplingPeriod <= samplingPeriod) {
+   for (bool isGreater = false; pos < count && !isGreater; ++pos) {
+      isGreater = GetIntervalAt(pos)->_samplingPeriod > samplingPeriod;
    }
    if (pos >= 1) {
       const int prevPeriod = GetIntervalAt(pos - 1)->_samplingPeriod;

@@ -109,11 +109,11 @@ constexpr Argument kCreateDummyStatsArguments[] = {
 
 /// A command's handler: checks the arguments, runs the operation and reports its exceptions as the
 /// command's error.
-template <const auto& description, auto operation>
+template <const auto& Description, auto Operation>
 int Handle(TessQshState* state, const char* /*name*/, int argc, const char* const* argv)
 {
    return QshFramework::RunGuarded(
-      *state, [&] { operation(*state, CmdArgProcessor(description, argc, argv)); });
+      *state, [&] { Operation(*state, CmdArgProcessor(Description, argc, argv)); });
 }
 
 constexpr Command kCommands[] = {

@@ -16,7 +16,7 @@ using Corvax::Assert;
 
 /// Large, because the kernel's cost of a read or write is mostly per call and per page-cache folio,
 /// hardly per byte.
-constexpr size_t kMaxRangeBytes = 1024 * 1024;
+constexpr size_t kMaxRangeBytes = size_t{1} << 20;
 
 /// Longer rows are handled one by one: copying the rows between two that are used would cost more
 /// than the system calls that it saves.

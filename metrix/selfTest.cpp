@@ -31,13 +31,17 @@ const std::vector<StatsDepot::RollupType> kRollups = {
 
 class ScratchDirectory {
 public:
-   ScratchDirectory() : _path(System::GetFactory().NewScratchDirectory()) {}
+   explicit ScratchDirectory(Corvax::Logger* logger)
+      : _logger(logger), _path(System::GetFactory().NewScratchDirectory())
+   {
+   }
    ~ScratchDirectory()
    {
       try {
          System::GetFactory().Remove(_path);
-      } catch (const Corvax::Exception&) {
-         // What is left is in the directory for temporary files.
+      } catch (const Corvax::Exception& e) {
+         _logger->Log(Corvax::kLogWarning, "Cannot remove the self-test's files: %1",
+                      e.GetMessage());
       }
    }
    ScratchDirectory(const ScratchDirectory&) = delete;
@@ -46,6 +50,7 @@ public:
    const std::string& Path() const { return _path; }
 
 private:
+   Corvax::Logger* const _logger;
    const std::string _path;
 };
 
@@ -97,7 +102,7 @@ void CheckCoarse(StatsDepot& depot)
 
 void TestScratchDepot(Corvax::Logger* logger)
 {
-   const ScratchDirectory directory;
+   const ScratchDirectory directory(logger);
    Ref<StatsDepot> depot;
    GetStatsDepot(directory.Path(), "scratch", logger, 1, depot);
    {

@@ -73,6 +73,7 @@ public:
    using IntervalTable = Metrix::IntervalTable;
 
    /// By rollup type.
+   // NOLINTNEXTLINE(readability-identifier-naming)
    static constexpr std::array<RollupFunction, 6> _rollupFunctions = {
       CalculateNop, CalculateAverage, CalculateMax, CalculateMin, CalculateLast, CalculateSum,
    };

@@ -133,6 +133,7 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
       // cut short has no raw series in the file, and Load drops such stats.
       const IdMapFile::Entry raw = addSeries(ROLLUP_NONE);
       std::vector<IdMapFile::Entry> entries;
+      entries.reserve(rollups.size());
       for (const RollupType rollup : rollups) {
          entries.push_back(addSeries(rollup));
       }

@@ -58,7 +58,11 @@ private:
    }
    bool IsDue()
    {
-      const bool due = _failing || (failAt > 0 && --failAt == 0);
+      bool due = _failing;
+      if (!due && failAt > 0) {
+         --failAt;
+         due = failAt == 0;
+      }
       _failing = due && failAll;
       return due;
    }

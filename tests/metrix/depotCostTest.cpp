@@ -19,8 +19,9 @@ thread_local uint64_t failingAllocation = 0; ///< 1: the next one fails; 0: none
 void* operator new(size_t sizeBytes)
 {
    ++allocations;
-   void* const bytes =
-      failingAllocation > 0 && --failingAllocation == 0 ? nullptr : std::malloc(sizeBytes);
+   const bool fails = failingAllocation == 1;
+   failingAllocation -= failingAllocation > 0 ? 1 : 0;
+   void* const bytes = fails ? nullptr : std::malloc(sizeBytes);
    if (bytes == nullptr) {
       throw std::bad_alloc();
    }
@@ -230,7 +231,7 @@ TEST_F(DepotCostTest, AStatWhoseCreationRanOutOfMemoryCanBeCreatedAgain)
          _depot->CreateStat(entity, "a stat", StatsDepot::STATTYPE_RATE, 1, kRollups);
       };
       failingAllocation = failures + 1;
-      hasFailed = MessageOf<std::exception>(create) != "";
+      hasFailed = !MessageOf<std::exception>(create).empty();
       failingAllocation = 0;
       ASSERT_NE(_depot->AddSample(entity, "a stat", kStart, 1, 0), hasFailed) << failures;
       if (hasFailed) {

@@ -26,7 +26,7 @@ protected:
    {
       GetStatsDepot(_scratch.Path(), "d", _logger.Get(), maxStatsPurged, _depot);
    }
-   void Create(std::vector<std::pair<int, unsigned>> intervals = {{20, 180}, {300, 432}})
+   void Create(const std::vector<std::pair<int, unsigned>>& intervals = {{20, 180}, {300, 432}})
    {
       Open();
       _depot->Create();
@@ -40,7 +40,7 @@ protected:
       _depot->Load();
    }
    void AddStat(const std::string& name, StatsDepot::StatType type = StatsDepot::STATTYPE_ABSOLUTE,
-                std::vector<StatsDepot::RollupType> rollups = kAverageMax)
+                const std::vector<StatsDepot::RollupType>& rollups = kAverageMax)
    {
       _depot->CreateStat("e", name, type, 1, rollups);
    }
@@ -121,7 +121,7 @@ TEST_F(StatsDepotTest, IdMapIsByteForByteAsDocumented)
                                           Record("e", "two", "05000000 01000000 01000000"));
    _depot->DeleteStat("e", "one");
    _depot->CreateStat("e", "three", StatsDepot::STATTYPE_ABSOLUTE, 1, {});
-   EXPECT_EQ(_scratch.Read("d.idMap").substr(0, 3 * 524),
+   EXPECT_EQ(_scratch.Read("d.idMap").substr(0, 3 * kRecordSize),
              Record("e", "three", "00000000 00000000 01000000") +
                 Record("", "one", "01000000 02000000 feffffff") +
                 Record("", "one", "02000000 02000000 feffffff"));
