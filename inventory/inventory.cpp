@@ -212,6 +212,7 @@ std::vector<std::string> Inventory::GetPoolIds() const
 {
    const std::lock_guard guard(_mutex);
    std::vector<std::string> ids;
+   ids.reserve(_pools.size());
    for (const auto& [id, pool] : _pools) {
       ids.push_back(id);
    }

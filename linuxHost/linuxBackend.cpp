@@ -26,8 +26,8 @@ public:
 
 class LinuxBackend::Parts : public ExtraFigures {
 public:
-   Parts(const LinuxHostOptions& options, std::shared_ptr<Hypervisor> hypervisor, int intervalSec,
-         Corvax::Logger* logger)
+   Parts(const LinuxHostOptions& options, const std::shared_ptr<Hypervisor>& hypervisor,
+         int intervalSec, Corvax::Logger* logger)
       : _inventory(kRootPoolId, "host"),
         _poller(hypervisor ? std::make_unique<SnapshotPoller>(hypervisor, intervalSec, logger)
                            : nullptr),
@@ -106,9 +106,10 @@ private:
    const std::unique_ptr<HostCtl::HostProvider> _provider;
 };
 
-LinuxBackend::LinuxBackend(const LinuxHostOptions& options, std::shared_ptr<Hypervisor> hypervisor,
-                           int intervalSec, Corvax::Logger* logger)
-   : _parts(std::make_unique<Parts>(options, std::move(hypervisor), intervalSec, logger))
+LinuxBackend::LinuxBackend(const LinuxHostOptions& options,
+                           const std::shared_ptr<Hypervisor>& hypervisor, int intervalSec,
+                           Corvax::Logger* logger)
+   : _parts(std::make_unique<Parts>(options, hypervisor, intervalSec, logger))
 {
 }
 

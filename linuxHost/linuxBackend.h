@@ -18,7 +18,7 @@ class LinuxBackend : public HostCtl::HostProvider {
 public:
    /// Without a hypervisor (null) there are no virtual machines. `intervalSec` is the collection
    /// interval.
-   LinuxBackend(const LinuxHostOptions& options, std::shared_ptr<Hypervisor> hypervisor,
+   LinuxBackend(const LinuxHostOptions& options, const std::shared_ptr<Hypervisor>& hypervisor,
                 int intervalSec, Corvax::Logger* logger);
    ~LinuxBackend() override;
    LinuxBackend(const LinuxBackend&) = delete;

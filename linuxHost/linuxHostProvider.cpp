@@ -72,6 +72,7 @@ std::vector<Interface*> NewEach(std::vector<Source> sources)
 {
    return Translated([&] {
       std::vector<std::unique_ptr<T>> owned;
+      owned.reserve(sources.size());
       for (Source& source : sources) {
          owned.push_back(std::make_unique<T>(std::move(source)));
       }

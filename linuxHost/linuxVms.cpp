@@ -172,6 +172,7 @@ std::vector<Ref<LinuxVm>> LinuxVms::GetAll() const
 {
    std::vector<Ref<LinuxVm>> vms;
    const std::lock_guard guard(_mutex);
+   vms.reserve(_vms.size());
    for (const auto& [id, vm] : _vms) {
       vms.push_back(vm);
    }

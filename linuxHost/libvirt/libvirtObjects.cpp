@@ -12,7 +12,7 @@ void DomainListReleaser::operator()(virDomainPtr* list) const
    for (virDomainPtr* domain = list; *domain != nullptr; ++domain) {
       ::virDomainFree(*domain);
    }
-   std::free(list);
+   std::free(static_cast<void*>(list));
 }
 
 std::string GetUuid(virDomainPtr domain)

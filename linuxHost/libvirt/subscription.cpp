@@ -94,6 +94,14 @@ void OnDevice(virConnectPtr /*connection*/, virDomainPtr domain, const char* /*a
    NotifyOfChange(domain, key);
 }
 
+/// libvirt stores the callbacks of all events as one type.
+template <class Callback>
+virConnectDomainEventGenericCallback ToGeneric(Callback* callback)
+{
+   return reinterpret_cast<virConnectDomainEventGenericCallback>(
+      reinterpret_cast<void (*)()>(callback));
+}
+
 const char* GetReasonText(int closeReason)
 {
    switch (closeReason) {
@@ -139,9 +147,9 @@ void Subscription::Start()
    if (::virConnectRegisterCloseCallback(_connection, OnClosed, _key, nullptr) < 0) {
       Fail("subscribe to the loss of the connection");
    }
-   Register(VIR_DOMAIN_EVENT_ID_LIFECYCLE, VIR_DOMAIN_EVENT_CALLBACK(OnLifecycle));
-   Register(VIR_DOMAIN_EVENT_ID_DEVICE_ADDED, VIR_DOMAIN_EVENT_CALLBACK(OnDevice));
-   Register(VIR_DOMAIN_EVENT_ID_DEVICE_REMOVED, VIR_DOMAIN_EVENT_CALLBACK(OnDevice));
+   Register(VIR_DOMAIN_EVENT_ID_LIFECYCLE, ToGeneric(OnLifecycle));
+   Register(VIR_DOMAIN_EVENT_ID_DEVICE_ADDED, ToGeneric(OnDevice));
+   Register(VIR_DOMAIN_EVENT_ID_DEVICE_REMOVED, ToGeneric(OnDevice));
 }
 
 void Subscription::Register(int eventId, virConnectDomainEventGenericCallback callback)

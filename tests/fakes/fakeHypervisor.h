@@ -69,6 +69,7 @@ private:
       {
          const std::lock_guard guard(hypervisor._mutex);
          std::vector<LinuxHost::VmDescription> all;
+         all.reserve(hypervisor._vms.size());
          for (const auto& [id, vm] : hypervisor._vms) {
             all.push_back(vm);
          }

@@ -3,6 +3,7 @@
 #include "corvax/exception.h"
 #include "corvax/system.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <functional>
 

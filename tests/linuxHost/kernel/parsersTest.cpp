@@ -62,11 +62,11 @@ std::string Number(std::string_view text)
 {
    return Text(Parse(text));
 }
-constexpr auto Uptime = Number<LinuxHost::ParseUptimeUs>;
-constexpr auto NumberFile = Number<LinuxHost::ParseNumberFile>;
-constexpr auto Speed = Number<LinuxHost::ParseCpuInfoHz>;
-constexpr auto Pressure = Number<LinuxHost::ParsePressureUs>;
-constexpr auto Start = Number<LinuxHost::ParseStartTicks>;
+constexpr auto kUptime = Number<LinuxHost::ParseUptimeUs>;
+constexpr auto kNumberFile = Number<LinuxHost::ParseNumberFile>;
+constexpr auto kSpeed = Number<LinuxHost::ParseCpuInfoHz>;
+constexpr auto kPressure = Number<LinuxHost::ParsePressureUs>;
+constexpr auto kStart = Number<LinuxHost::ParseStartTicks>;
 
 std::string CpuList(std::string_view text)
 {
@@ -104,30 +104,30 @@ const struct {
    {"colon in the name", Interfaces, "eth0:1: 1 2 0 0 0 0 0 0 9 10 0", "eth0:1:1/2/9/10 "},
    {"truncated or malformed", Interfaces,
     "eth0: 1 2 3 4 5 6 7 8 9\n: 1 2 3 4 5 6 7 8 9 10\neth1:\neth2: a\n:", ""},
-   {"hundredths", Uptime, "1592.05 3143.55\n", "1592050000"},
-   {"not a number", Uptime, "1.x2\n", "none"},
-   {"empty", Uptime, "", "none"},
-   {"saturates", Uptime, "18446744073709551615.9", "18446744073709551615"},
-   {"hexadecimal", NumberFile, "0x1f\n", "31"},
-   {"no digits", NumberFile, "0x\n", "none"},
-   {"more than digits", NumberFile, "12a\n", "none"},
+   {"hundredths", kUptime, "1592.05 3143.55\n", "1592050000"},
+   {"not a number", kUptime, "1.x2\n", "none"},
+   {"empty", kUptime, "", "none"},
+   {"saturates", kUptime, "18446744073709551615.9", "18446744073709551615"},
+   {"hexadecimal", kNumberFile, "0x1f\n", "31"},
+   {"no digits", kNumberFile, "0x\n", "none"},
+   {"more than digits", kNumberFile, "12a\n", "none"},
    {"ranges and singles", CpuList, "2-3,8,10-11\n", "5 from 2"},
    {"reversed range", CpuList, "0,5-2\n", "none"},
    {"open range", CpuList, "0-\n", "none"},
    {"empty", CpuList, "\n", "none"},
    {"everything", CpuList, "0-18446744073709551615", "18446744073709551615 from 0"},
-   {"decimals", Speed, "cpu family : 6\ncpu MHz\t\t: 2593.905\ncpu MHz\t\t: 1.0\n", "2593905000"},
-   {"no colon", Speed, "processor : 0\ncpu MHz\n", "none"},
+   {"decimals", kSpeed, "cpu family : 6\ncpu MHz\t\t: 2593.905\ncpu MHz\t\t: 1.0\n", "2593905000"},
+   {"no colon", kSpeed, "processor : 0\ncpu MHz\n", "none"},
    {"longer key, word for a number", GroupCpu,
     "usage_usec 5\nusage_usecs 6\nsystem_usec x\nthrottled_time 7", "5 none none 7"},
    {"key alone, beyond 64 bits", GroupCpu, "\nusage_usec\nthrottled_usec 99999999999999999999",
     "none none 18446744073709551615 none"},
-   {"some, not full", Pressure, "full avg10=0 total=9\nsome avg10=0.00 total=8\n", "8"},
-   {"empty value", Pressure, "some total=\nsome total=7", "none"},
-   {"parentheses in the name", Start,
+   {"some, not full", kPressure, "full avg10=0 total=9\nsome avg10=0.00 total=8\n", "8"},
+   {"empty value", kPressure, "some total=\nsome total=7", "none"},
+   {"parentheses in the name", kStart,
     "7 (a) b) c) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23\n", "22"},
-   {"last field", Start, "7 (a) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22\n", "22"},
-   {"truncated", Start, "7 (a) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", "none"},
+   {"last field", kStart, "7 (a) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22\n", "22"},
+   {"truncated", kStart, "7 (a) S 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21", "none"},
 };
 
 TEST(ParsersTest, TextsYieldTheseFigures)
