@@ -1,3 +1,4 @@
+#include "bench/peers/descriptor.h"
 #include "bench/peers/measure.h"
 #include "bench/peers/work.h"
 
@@ -17,30 +18,28 @@ constexpr size_t kRowBytes = 1452; // 180 samples of 8 bytes and a head of 12
 constexpr size_t kHeadBytes = 12;
 constexpr size_t kSampleBytes = 8;
 
-/** Rows of all series in one file, read and written back whole, some neighbours at a time. */
+/** Rows of all series in one file, read and written back whole, in ranges of neighbouring rows. */
 class RowLoop : public Store {
 public:
    RowLoop(const std::string& path, size_t rowsPerCall)
-      : _rowsPerCall(rowsPerCall), _rows(rowsPerCall * kRowBytes)
+      : _rowsPerCall(rowsPerCall), _rows(rowsPerCall * kRowBytes),
+        _file(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600))
    {
-      _fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-      if (_fd < 0) {
+      if (!_file) {
          ThrowErrno("open " + path);
       }
-      // Row by row, as a store makes its file. Laid down by one large write, the page cache holds
-      // it in large folios, and each small write to one of those costs two to three times as much.
+      // Row by row, as a store creates its file. One large write would put the file into large
+      // folios of the page cache, and a small write to one of those costs two to three times as
+      // much.
       for (size_t row = 0; row < kSeriesCount; ++row) {
-         if (pwrite(_fd, _rows.data(), kRowBytes, static_cast<off_t>(row * kRowBytes)) !=
+         if (pwrite(_file.Get(), _rows.data(), kRowBytes, static_cast<off_t>(row * kRowBytes)) !=
              static_cast<ssize_t>(kRowBytes)) {
             ThrowErrno("pwrite " + path);
          }
       }
    }
-   ~RowLoop() override { close(_fd); }
-   RowLoop(const RowLoop&) = delete;
-   RowLoop& operator=(const RowLoop&) = delete;
 
-   void Prepare(int) override {}
+   void Prepare(int /*stamp*/) override {}
 
    void Write(int stamp) override
    {
@@ -54,7 +53,7 @@ private:
    {
       const size_t size = count * kRowBytes;
       const off_t at = static_cast<off_t>(first * kRowBytes);
-      if (pread(_fd, _rows.data(), size, at) != static_cast<ssize_t>(size)) {
+      if (pread(_file.Get(), _rows.data(), size, at) != static_cast<ssize_t>(size)) {
          ThrowErrno("pread of a row");
       }
       const size_t column = static_cast<size_t>(stamp % kStampCount);
@@ -63,30 +62,31 @@ private:
          std::memcpy(row, &stamp, sizeof(stamp));
          std::memcpy(row + kHeadBytes + column * kSampleBytes, &stamp, sizeof(stamp));
       }
-      if (pwrite(_fd, _rows.data(), size, at) != static_cast<ssize_t>(size)) {
+      if (pwrite(_file.Get(), _rows.data(), size, at) != static_cast<ssize_t>(size)) {
          ThrowErrno("pwrite of a row");
       }
    }
 
    size_t _rowsPerCall;
    std::vector<unsigned char> _rows;
-   int _fd = -1;
+   Descriptor _file;
 };
 
 void MeasureLoop(const Options& options, size_t rowsPerCall, const std::string& who)
 {
-   // Passes of one stamp: the loop has no roll-ups, and the median rides over what others do here.
-   const Plan plan{.passes = options.quick ? 15 : 45,
-                   .stampsPerPass = 1,
+   // One stamp per repetition: the loop has no rollups, and the median hides the machine's other
+   // load.
+   const Plan plan{.repetitions = options.quick ? 15 : 45,
+                   .stampsPerRepetition = 1,
                    .coldWarmUp = 1,
                    .coldStamps = options.quick ? 5 : 15};
    int stamp = 0;
    RowLoop loop(options.scratch + "/rows", rowsPerCall);
-   Chiller chiller(options.scratch);
-   const std::string note = "no roll-ups, one file of 10,000 rows";
+   const CacheFlusher flusher(options.scratch);
+   const std::string note = "no rollups, one file of 10,000 rows";
    Report("ingest-hot", who, HotCostUs(loop, plan, stamp), "us", note);
-   Report("ingest-cold", who, ColdCostUs(loop, plan, chiller, stamp), "us",
-          note + "; synced and CPU caches emptied before each pass");
+   Report("ingest-cold", who, ColdCostUs(loop, plan, flusher, stamp), "us",
+          note + "; synced and CPU caches emptied before each stamp");
 }
 
 void Measure(const Options& options)

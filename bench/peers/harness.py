@@ -1,4 +1,4 @@
-"""What the peers that are driven from Python share: the work, servers, clocks, results."""
+"""Shared by the peers that are driven from Python: the work, servers, clocks, results."""
 
 import argparse
 import json
@@ -25,7 +25,7 @@ IDLE_SEC = 5
 
 
 def options(variants=()):
-    """How a peer was called: [--quick] --scratch DIR [VARIANT]."""
+    """Parses a peer's command line: [--quick] --scratch DIR [VARIANT]."""
     parser = argparse.ArgumentParser()
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--scratch", required=True)
@@ -40,13 +40,13 @@ def report(work, who, value, unit, note=""):
 
 
 def package_version(package):
-    """Upstream's part of the version of an installed Debian package."""
+    """The upstream version of an installed Debian package."""
     query = ["dpkg-query", "-W", "-f", "${Version}", package]
     return re.match(r"[0-9.]+", subprocess.check_output(query, text=True)).group()
 
 
 def value(series, stamp):
-    """A gauge or a rate as a host shows it: two decimals, its own level, never twice the same."""
+    """A gauge or a rate like a host's: two decimals, a level of its own, a new value every time."""
     level = (series * 7919) % 9973
     return level + ((series * 31 + stamp * 7877) % 4001) / 100
 
@@ -56,23 +56,23 @@ def us_per_sample(cpu_ns, stamps):
 
 
 def span_median_us(cpu_at_ns, span):
-    """Microseconds a sample: the median over whole spans of the clock's readings, one a stamp."""
+    """Microseconds per sample: the median of spans, from the clock's readings, one per stamp."""
     ends = range(span, len(cpu_at_ns), span)
     return statistics.median(us_per_sample(cpu_at_ns[end] - cpu_at_ns[end - span], span) for end in ends)
 
 
-class Chiller:
-    """Files synced and CPU caches emptied, as a pass finds them 20 s later."""
+class CacheFlusher:
+    """Syncs files and empties the CPU caches, so that a stamp finds them as 20 s later."""
 
     def __init__(self, place):
         self._process = subprocess.Popen(
-            [os.path.join(PROGRAMS, "chill"), "--scratch", place],
+            [os.path.join(PROGRAMS, "flushCaches"), "--scratch", place],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0)
 
-    def chill(self):
+    def flush(self):
         self._process.stdin.write(b"c")
         if self._process.stdout.read(1) != b"c":
-            raise RuntimeError("the program that empties the caches ended")
+            raise RuntimeError("the program that empties the caches has ended")
 
     def stop(self):
         self._process.stdin.close()
@@ -80,7 +80,7 @@ class Chiller:
 
 
 class Server:
-    """A peer's server on a free port of loopback. Ends with `stop`, or with this process."""
+    """A peer's server on a free loopback port. It ends with `stop` or with this process."""
 
     def __init__(self, name, scratch, make_arguments):
         self.port = free_port()
@@ -104,7 +104,7 @@ class Server:
         raise RuntimeError(f"{self.name} was not ready within {READY_SEC} s")
 
     def cpu_ns(self):
-        # The clock of another process as the kernel numbers it: all threads, user + system.
+        # The kernel's number for another process's CPU clock: all threads, user + system.
         return time.clock_gettime_ns((~self._process.pid << 3) | 2)
 
     def resident_mib(self):
@@ -132,7 +132,7 @@ def free_port():
 
 
 class Connection:
-    """HTTP/1.1 kept alive over a bare socket: little of a latency is this client's own."""
+    """HTTP/1.1 with keep-alive on a bare socket, so that this client adds little to a latency."""
 
     def __init__(self, port):
         self._socket = socket.create_connection(("127.0.0.1", port), timeout=30)
@@ -146,7 +146,7 @@ class Connection:
         return self._exchange(head.encode() + body)
 
     def _exchange(self, request):
-        """The body of the answer, chunk heads left in; at least one byte, so that it is true."""
+        """Returns the answer's body, with chunk heads; at least one byte, so that it is true."""
         self._socket.sendall(request)
         answer = b""
         while b"\r\n\r\n" not in answer:
@@ -171,7 +171,7 @@ class Connection:
 
 
 def latency_p50_us(count, query):
-    """Wall time of `count` calls on series as good as random, after a tenth unseen."""
+    """The median wall time of `count` calls on random series, after a tenth as many not counted."""
     took = []
     for ix in range(-count // 10, count):
         series = (7919 * (ix + count)) % SERIES_COUNT

@@ -19,13 +19,13 @@ namespace Peers {
 
 namespace {
 
-constexpr size_t kSmallestWalkBytes = size_t{64} << 20;
+constexpr size_t kMinWalkBytes = size_t{64} << 20;
 constexpr size_t kCacheLineBytes = 64;
 
 size_t WalkBytes()
 {
    const long lastLevel = sysconf(_SC_LEVEL3_CACHE_SIZE);
-   return std::max(kSmallestWalkBytes, lastLevel > 0 ? 2 * static_cast<size_t>(lastLevel) : 0);
+   return std::max(kMinWalkBytes, lastLevel > 0 ? 2 * static_cast<size_t>(lastLevel) : 0);
 }
 
 std::vector<int> AllowedCpus()
@@ -44,7 +44,7 @@ std::vector<int> AllowedCpus()
    return cpus;
 }
 
-/** Reads each line of the buffer on one CPU; the sum keeps the compiler from leaving it out. */
+/** Reads each line of the buffer on one CPU. The sum keeps the compiler from removing the loop. */
 void WalkOn(int cpu, const unsigned char* buffer, size_t sizeBytes)
 {
    cpu_set_t only;
@@ -78,7 +78,8 @@ int64_t CpuNs(pid_t pid)
 {
    clockid_t clock = CLOCK_PROCESS_CPUTIME_ID;
    if (pid != 0 && clock_getcpuclockid(pid, &clock) != 0) {
-      throw std::runtime_error("process " + std::to_string(pid) + " has no CPU clock: it ended");
+      throw std::runtime_error("process " + std::to_string(pid) +
+                               " has no CPU clock: it has ended");
    }
    timespec now{};
    if (clock_gettime(clock, &now) != 0) {
@@ -99,38 +100,36 @@ double ResidentMib(pid_t pid)
    return static_cast<double>(residentPages * sysconf(_SC_PAGESIZE)) / (1 << 20);
 }
 
-Chiller::Chiller(const std::string& place) : _sizeBytes(WalkBytes())
+CacheFlusher::CacheFlusher(const std::string& place)
+   : _place(open(place.c_str(), O_RDONLY | O_CLOEXEC)), _sizeBytes(WalkBytes())
 {
-   _placeFd = open(place.c_str(), O_RDONLY | O_CLOEXEC);
-   if (_placeFd < 0) {
+   if (!_place) {
       ThrowErrno("open " + place);
    }
-   // Populated: pages never written would all be the one zero page and push nothing out.
+   // Populated: pages never written would all be the one zero page, which displaces nothing.
    void* mapped = mmap(nullptr, _sizeBytes, PROT_READ | PROT_WRITE,
                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
    if (mapped == MAP_FAILED) {
-      close(_placeFd);
       ThrowErrno("mmap of the buffer that empties the caches");
    }
    _buffer = static_cast<unsigned char*>(mapped);
    std::fill(_buffer, _buffer + _sizeBytes, static_cast<unsigned char>(1));
 }
 
-Chiller::~Chiller()
+CacheFlusher::~CacheFlusher()
 {
    munmap(_buffer, _sizeBytes);
-   close(_placeFd);
 }
 
-void Chiller::Chill()
+void CacheFlusher::Flush() const
 {
-   if (syncfs(_placeFd) != 0) {
+   if (syncfs(_place.Get()) != 0) {
       ThrowErrno("syncfs");
    }
    WalkOnEveryCpu();
 }
 
-void Chiller::WalkOnEveryCpu()
+void CacheFlusher::WalkOnEveryCpu() const
 {
    std::vector<std::thread> walkers;
    for (const int cpu : AllowedCpus()) {
@@ -143,33 +142,33 @@ void Chiller::WalkOnEveryCpu()
 
 Plan QuickPlan()
 {
-   return {.passes = 1, .stampsPerPass = 30, .coldWarmUp = 0, .coldStamps = 15};
+   return {.repetitions = 1, .stampsPerRepetition = 30, .coldWarmUp = 0, .coldStamps = 15};
 }
 
 double HotCostUs(Store& store, const Plan& plan, int& nextStamp)
 {
-   std::vector<double> passCostUs;
-   for (int pass = 0; pass < plan.passes; ++pass) {
-      store.BeginPass();
+   std::vector<double> costsUs;
+   for (int repetition = 0; repetition < plan.repetitions; ++repetition) {
+      store.BeginRepetition();
       int64_t cpuNs = 0;
-      for (int ix = 0; ix < plan.stampsPerPass; ++ix) {
+      for (int ix = 0; ix < plan.stampsPerRepetition; ++ix) {
          cpuNs += TimedWriteNs(store, nextStamp++);
       }
-      passCostUs.push_back(UsPerSample(cpuNs, plan.stampsPerPass));
+      costsUs.push_back(UsPerSample(cpuNs, plan.stampsPerRepetition));
    }
-   return Median(passCostUs);
+   return Median(costsUs);
 }
 
-double ColdCostUs(Store& store, const Plan& plan, Chiller& chiller, int& nextStamp)
+double ColdCostUs(Store& store, const Plan& plan, const CacheFlusher& flusher, int& nextStamp)
 {
-   store.BeginPass();
+   store.BeginRepetition();
    for (int ix = 0; ix < plan.coldWarmUp; ++ix) {
       TimedWriteNs(store, nextStamp++);
    }
    int64_t cpuNs = 0;
    for (int ix = 0; ix < plan.coldStamps; ++ix) {
       store.Prepare(nextStamp);
-      chiller.Chill();
+      flusher.Flush();
       const int64_t before = store.StoreCpuNs();
       store.Write(nextStamp++);
       cpuNs += store.StoreCpuNs() - before;
@@ -182,7 +181,7 @@ double LatencyP50Us(int count, const std::function<void(int)>& query)
    using Clock = std::chrono::steady_clock;
    std::vector<double> tookUs;
    for (int ix = -count / 10; ix < count; ++ix) {
-      // A multiplicative walk: as good as random here, and the same in every run.
+      // A multiplicative walk: random enough here, and always the same.
       const int series =
          static_cast<int>((uint64_t{7919} * static_cast<uint64_t>(ix + count)) % kSeriesCount);
       const Clock::time_point before = Clock::now();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "bench/peers/descriptor.h"
+
 #include <sys/types.h>
 
 #include <cstddef>
@@ -10,66 +12,70 @@
 
 namespace Peers {
 
-/** CPU time (user + system, all threads) of a process in nanoseconds; 0 stands for the caller. */
+/** CPU time (user + system, all threads) of a process in nanoseconds; 0: the caller. */
 int64_t CpuNs(pid_t pid = 0);
 
-/** Resident memory of a process in MiB, mapped files included; 0 stands for the caller. */
+/** Resident memory of a process in MiB, with mapped files; 0: the caller. */
 double ResidentMib(pid_t pid = 0);
 
 /**
- * Makes the machine as a pass finds it 20 s later: what was written is on the disk, so that pages
- * are clean again, and the CPU caches hold other things.
+ * Puts the machine into the state of 20 s later: everything written is on the disk, so that its
+ * pages are clean, and the CPU caches hold other data.
  */
-class Chiller {
+class CacheFlusher {
 public:
    /** `place` is any path on the file system of the store. */
-   explicit Chiller(const std::string& place);
-   ~Chiller();
-   Chiller(const Chiller&) = delete;
-   Chiller& operator=(const Chiller&) = delete;
+   explicit CacheFlusher(const std::string& place);
+   ~CacheFlusher();
+   CacheFlusher(const CacheFlusher&) = delete;
+   CacheFlusher& operator=(const CacheFlusher&) = delete;
 
-   void Chill();
+   void Flush() const;
 
 private:
-   void WalkOnEveryCpu();
+   void WalkOnEveryCpu() const;
 
-   int _placeFd;
+   Descriptor _place;
    size_t _sizeBytes; // twice the last-level cache
    unsigned char* _buffer;
 };
 
-/** A store under the work. Only Write is on the clock. */
+/** A store that does the work. Only Write is timed. */
 class Store {
 public:
    virtual ~Store() = default;
 
-   /** Called before each pass: a store that only grows begins anew here. */
-   virtual void BeginPass() {}
-   /** What the client does for a stamp before it calls the store: formatting, mostly. */
+   /** Called before each repetition: a store that only grows is recreated here. */
+   virtual void BeginRepetition() {}
+   /** The client's work on a stamp before it calls the store, mostly formatting. */
    virtual void Prepare(int stamp) = 0;
-   /** Hands the stamp's samples over and, where they are due, makes the roll-ups. */
+   /** Stores the stamp's samples and, when they are due, the rollups. */
    virtual void Write(int stamp) = 0;
-   /** CPU time of the store's side; a server's own where the store is one. */
+   /** CPU time of the store: of this process, or of the server if the store is one. */
    virtual int64_t StoreCpuNs() const { return CpuNs(); }
 };
 
-/** How often what is measured; in stamps, and whole roll-up spans so that each has its share. */
+/**
+ * The extent of a measurement. Its parts are whole rollup periods, so that each has its share of
+ * the rollups.
+ */
 struct Plan {
-   int passes = 3;
-   int stampsPerPass = 180;
-   int coldWarmUp = 0; // stamps of the cold pass that nobody counts
+   int repetitions = 3;
+   int stampsPerRepetition = 180;
+   int coldWarmUp = 0; // stamps before the cold ones, not counted
    int coldStamps = 30;
 };
 
 Plan QuickPlan();
 
-/** Microseconds of StoreCpuNs a sample: the median over the plan's passes. */
+/** Microseconds of StoreCpuNs per sample: the median of the plan's repetitions. */
 double HotCostUs(Store& store, const Plan& plan, int& nextStamp);
 
-/** The same over one pass, each stamp after a Chill that nobody counts. */
-double ColdCostUs(Store& store, const Plan& plan, Chiller& chiller, int& nextStamp);
+/** The same for the plan's cold stamps, each after a Flush that is not counted. */
+double ColdCostUs(Store& store, const Plan& plan, const CacheFlusher& flusher, int& nextStamp);
 
-/** The 50th percentile of the wall time of `count` calls in microseconds, after a tenth unseen. */
+/** The median wall time of `count` calls in microseconds, after a tenth as many that do not count.
+ */
 double LatencyP50Us(int count, const std::function<void(int)>& query);
 
 double Median(std::vector<double> values);

@@ -1,4 +1,4 @@
-"""Prometheus: scrapes an exposition of all series at a compressed cadence, with or without rules."""
+"""Prometheus: scrapes all series at a compressed cadence, with or without recording rules."""
 
 import json
 import os
@@ -22,7 +22,7 @@ def labels(series):
 
 
 class Exposition:
-    """Answers each scrape with the next stamp and reads the server's clock as the scrape arrives."""
+    """Answers each scrape with the next stamp; reads the server's clock when the scrape arrives."""
 
     def __init__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
@@ -31,7 +31,7 @@ class Exposition:
         self._body = self._render(0)
         self._arrived = threading.Condition()
         self.server = None
-        self.chiller = None
+        self.flusher = None
         self.cpu_at_ns = []
         threading.Thread(target=self._accept, daemon=True).start()
 
@@ -49,7 +49,7 @@ class Exposition:
         try:
             self._answer_scrapes(connection)
         except OSError:
-            pass  # the server ended or gave the scrape up; what it took is counted at its side
+            pass  # the server has ended or given up the scrape; it counts the samples that it took
 
     def _answer_scrapes(self, connection):
         request = b""
@@ -58,8 +58,8 @@ class Exposition:
             if not request.endswith(b"\r\n\r\n"):
                 continue
             request = b""
-            if self.chiller:
-                self.chiller.chill()
+            if self.flusher:
+                self.flusher.flush()
             head = ("HTTP/1.1 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\n"
                     f"Content-Length: {len(self._body)}\r\n\r\n")
             with self._arrived:
@@ -86,7 +86,7 @@ class Prometheus:
         exposition.server = self.server
 
     def _configure(self, cadence_ms):
-        """The scrape at a cadence, the rules at 15 times that; neither at 0."""
+        """Scrapes every `cadence_ms`, and rules every 15 scrapes; neither if it is 0."""
         config = ["global: {scrape_interval: 1m}"]
         if cadence_ms:
             config += ["scrape_configs:", "- job_name: host", f"  scrape_interval: {cadence_ms}ms",
@@ -109,7 +109,7 @@ class Prometheus:
     def samples_appended(self):
         metrics = harness.Connection(self.server.port).get("/metrics")
         found = re.search(rb"\nprometheus_tsdb_head_samples_appended_total\S* (\S+)", metrics)
-        return float(found.group(1)) if found else 0  # not there before the first sample
+        return float(found.group(1)) if found else 0  # missing before the first sample
 
     def query(self, connection, text, at_sec):
         query = urllib.parse.urlencode({"query": text, "time": f"{at_sec:.3f}"})
@@ -122,14 +122,14 @@ def write(path, lines):
 
 
 def run_scrapes(prometheus, exposition, stamps, cadence_ms):
-    """Readings of the server's clock at stamps + 1 scrapes that follow each other."""
+    """Returns the server's clock at stamps + 1 consecutive scrapes."""
     first = len(exposition.cpu_at_ns) + WARM_UP
     before = prometheus.samples_appended()
     exposition.wait_for(first + stamps + 1, (WARM_UP + stamps + 1) * cadence_ms / 1000 * 1.5 + 5)
-    # A scrape that timed out was answered and yet cost nothing.
+    # A scrape that timed out was answered, but cost the server nothing.
     appended = prometheus.samples_appended() - before
     if appended < (WARM_UP + stamps) * harness.SERIES_COUNT:
-        raise RuntimeError(f"of {stamps} scrapes only {appended:.0f} samples were taken")
+        raise RuntimeError(f"{stamps} scrapes stored only {appended:.0f} samples")
     return exposition.cpu_at_ns[first:first + stamps + 1]
 
 
@@ -138,7 +138,7 @@ def check_rollups(prometheus, at_sec):
     for rollup in FUNCTIONS:
         answer = prometheus.query(connection, f"count(host_stat:{rollup})", at_sec).decode()
         if f'"{harness.SERIES_COUNT}"' not in answer:
-            raise RuntimeError(f"the rule of host_stat:{rollup} made something else: {answer[:300]}")
+            raise RuntimeError(f"host_stat:{rollup} lacks series: {answer[:300]}")
 
 
 def report_queries(prometheus, who, stamps, end_sec):
@@ -151,7 +151,7 @@ def report_queries(prometheus, who, stamps, end_sec):
     text = re.search(rb"\{.*\}", query(1234)).group()
     found = len(json.loads(text)["data"]["result"][0]["values"])
     if found < stamps * 0.9:
-        raise RuntimeError(f"a query gave {found} of {stamps} samples")
+        raise RuntimeError(f"a query returned {found} of {stamps} samples")
     harness.report("query-1h", who, harness.latency_p50_us(2000, query), "us",
                    f"{found} samples by HTTP, kept alive, a Python client on a bare socket")
 
@@ -162,8 +162,8 @@ def measure():
     stamps = 30 if options.quick else harness.STAMP_COUNT
     who = f"Prometheus {harness.package_version('prometheus')}, scrape"
     who += ", recording rules" if with_rules else ", no roll-ups"
-    note = (f"CPU of the server; a text exposition of gauges every {{}} ms stands for every 20 s, so the "
-            "idle share of 20 s is not in it; " + ("three rules every 15 scrapes" if with_rules else "no rules"))
+    note = (f"CPU of the server; a text exposition of gauges every {{}} ms instead of 20 s, so the "
+            "idle share of 20 s is not included; " + ("three rules every 15 scrapes" if with_rules else "no rules"))
     exposition = Exposition()
     prometheus = Prometheus(options.scratch, exposition, with_rules)
     server = prometheus.server
@@ -173,7 +173,7 @@ def measure():
         end_sec = time.time()
         span = stamps // (1 if options.quick else 3)
         harness.report("ingest-hot", who, harness.span_median_us(cpu_at_ns, span), "us",
-                       note.format(HOT_CADENCE_MS) + f"; passes of {span} scrapes")
+                       note.format(HOT_CADENCE_MS) + f"; repetitions of {span} scrapes")
         harness.report("resident-mib", who, server.resident_mib(), "MiB", "the server after an hour's samples")
         if with_rules:
             check_rollups(prometheus, end_sec)
@@ -181,7 +181,7 @@ def measure():
         report_queries(prometheus, who, stamps, end_sec)
         harness.report("idle-ms-per-s", who, server.idle_ms_per_sec(), "ms/s", "no target, no rules")
 
-        exposition.chiller = harness.Chiller(options.scratch)
+        exposition.flusher = harness.CacheFlusher(options.scratch)
         prometheus.reload(COLD_CADENCE_MS)
         cpu_at_ns = run_scrapes(prometheus, exposition, 15 if options.quick else 30, COLD_CADENCE_MS)
         harness.report("ingest-cold", who, harness.span_median_us(cpu_at_ns, len(cpu_at_ns) - 1), "us",

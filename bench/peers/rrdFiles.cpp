@@ -14,7 +14,7 @@ constexpr int kPastSec = kRollupCount * kRollupSec;
 
 std::string SourceText(int series)
 {
-   // The heartbeat covers a whole roll-up span, so that FillPast may step by it.
+   // The heartbeat covers a whole rollup period, the step of FillPast.
    const std::string type = IsCounter(series) ? "COUNTER" : "GAUGE";
    return "DS:s" + std::to_string(series) + ":" + type + ":600:0:U";
 }
@@ -113,10 +113,10 @@ int FetchRrd(const std::string& path, int64_t endSec, int64_t spanSec, int stepS
 
 void CheckKnown(int known, int due)
 {
-   // The first value after a restart of a counter and the roll-up under way are never known.
+   // The first value after a counter's restart and the current rollup are never known.
    if (known < due - 2) {
       throw std::runtime_error(std::to_string(known) + " of " + std::to_string(due) +
-                               " values are found again");
+                               " values were found");
    }
 }
 

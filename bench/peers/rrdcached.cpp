@@ -1,3 +1,4 @@
+#include "bench/peers/descriptor.h"
 #include "bench/peers/measure.h"
 #include "bench/peers/rrdFiles.h"
 
@@ -38,7 +39,7 @@ public:
    }
    ~Daemon()
    {
-      kill(_pid, SIGKILL); // what it would still write is scratch
+      kill(_pid, SIGKILL); // its files are only scratch
       waitpid(_pid, nullptr, 0);
    }
    Daemon(const Daemon&) = delete;
@@ -53,8 +54,8 @@ private:
       dup2(STDERR_FILENO, STDOUT_FILENO);
       const std::string address = "unix:" + directory + "/sock";
       const std::string pidFile = directory + "/pid";
-      // It never writes on its own (-w, -f): the client flushes when virtual time says so. Room for
-      // 16 values at a time (-a) spares it an allocation a value.
+      // It never writes on its own (-w, -f): the client flushes by virtual time. Room for 16 values
+      // at a time (-a) saves it an allocation per value.
       execlp("rrdcached", "rrdcached", "-g", "-l", address.c_str(), "-b", directory.c_str(), "-p",
              pidFile.c_str(), "-w", "86400", "-f", "172800", "-a", "16", nullptr);
       std::perror("rrdcached");
@@ -64,7 +65,8 @@ private:
    pid_t _pid;
 };
 
-/** The daemon's line protocol. Every answer begins with a number: below 0 an error, else lines. */
+/** The daemon's line protocol. An answer begins with its number of lines, or with an error below 0.
+ */
 class Connection {
 public:
    explicit Connection(const std::string& path)
@@ -72,27 +74,24 @@ public:
       sockaddr_un address{};
       address.sun_family = AF_UNIX;
       if (path.size() >= sizeof(address.sun_path)) {
-         throw std::runtime_error("too long for the path of a socket: " + path);
+         throw std::runtime_error("the path of the socket is too long: " + path);
       }
       std::memcpy(address.sun_path, path.data(), path.size());
       for (int poll = 0; poll < kReadyPolls; ++poll) {
-         _fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-         if (connect(_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+         _socket = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+         if (connect(_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
+             0) {
             return;
          }
-         close(_fd);
          usleep(kPollUs);
       }
       ThrowErrno("connect to " + path);
    }
-   ~Connection() { close(_fd); }
-   Connection(const Connection&) = delete;
-   Connection& operator=(const Connection&) = delete;
 
    void Send(std::string_view text)
    {
       while (!text.empty()) {
-         const ssize_t sent = send(_fd, text.data(), text.size(), MSG_NOSIGNAL);
+         const ssize_t sent = send(_socket.Get(), text.data(), text.size(), MSG_NOSIGNAL);
          if (sent < 0) {
             ThrowErrno("send to rrdcached");
          }
@@ -100,7 +99,7 @@ public:
       }
    }
 
-   /** The status line's number; throws with its text when it is an error. */
+   /** The status line's number; throws with its text if it is an error. */
    int ReceiveStatus()
    {
       const std::string line = ReceiveLine();
@@ -128,14 +127,14 @@ private:
       _input.erase(0, _at);
       _at = 0;
       char chunk[65536];
-      const ssize_t got = recv(_fd, chunk, sizeof(chunk), 0);
+      const ssize_t got = recv(_socket.Get(), chunk, sizeof(chunk), 0);
       if (got <= 0) {
          throw std::runtime_error("rrdcached closed the connection");
       }
       _input.append(chunk, static_cast<size_t>(got));
    }
 
-   int _fd = -1;
+   Descriptor _socket;
    std::string _input;
    size_t _at = 0;
 };
@@ -180,7 +179,7 @@ public:
       return static_cast<double>(_clientCpuNs) / 1e3 / _stamps / kSeriesCount;
    }
 
-   /** An hour of a series as text; what is pending of it would be written first. */
+   /** Fetches an hour of a series as text; the daemon writes the series' pending values first. */
    void Fetch(int series, int64_t endSec)
    {
       _connection.Send("FETCH " + _files.Name(series) + " AVERAGE " +
@@ -192,7 +191,7 @@ public:
    }
 
 private:
-   /** FLUSHALL only queues; done is when the daemon has written each file once more. */
+   /** FLUSHALL only queues: waits until the daemon has written each file once more. */
    void FlushAll()
    {
       _connection.Send("FLUSHALL\n");
@@ -239,23 +238,24 @@ Plan MakePlan(const Options& options, int flushSec)
 {
    const int flushStamps = flushSec / kStepSec;
    if (options.quick) {
-      return {.passes = 1,
-              .stampsPerPass = std::max(30, flushStamps),
+      return {.repetitions = 1,
+              .stampsPerRepetition = std::max(30, flushStamps),
               .coldWarmUp = 0,
               .coldStamps = flushStamps};
    }
-   return {.passes = 3,
-           // A third of the hour has four flushes of 300 s; one of 3600 s needs all of it.
-           .stampsPerPass = std::max(kStampCount / 3, flushStamps),
-           .coldWarmUp = 0,
-           .coldStamps = std::max(30, flushStamps)};
+   return {
+      .repetitions = 3,
+      // A third of an hour has four flushes of 300 s; one flush of 3600 s needs the whole hour.
+      .stampsPerRepetition = std::max(kStampCount / 3, flushStamps),
+      .coldWarmUp = 0,
+      .coldStamps = std::max(30, flushStamps)};
 }
 
 void Measure(const Options& options)
 {
    const int flushSec = options.variant == "300" ? 300 : 3600;
    if (options.variant != std::to_string(flushSec)) {
-      throw std::runtime_error("takes 300 or 3600 seconds between flushes");
+      throw std::runtime_error("the variant is 300 or 3600, the seconds between flushes");
    }
    const RrdFiles files{options.scratch, 1};
    files.Create();
@@ -264,16 +264,17 @@ void Measure(const Options& options)
    const Plan plan = MakePlan(options, flushSec);
    const std::string who =
       "rrdcached " + RrdVersion() + ", flush every " + std::to_string(flushSec) + " s";
-   std::string note = "CPU of the daemon; one file a series, BATCH over a unix socket, no journal; "
-                      "virtual time: passes of " +
-                      std::to_string(plan.stampsPerPass) + " stamps back to back, FLUSHALL every " +
-                      std::to_string(flushSec / kStepSec) + " stamps";
+   std::string note =
+      "CPU of the daemon; one file per series, BATCH over a unix socket, no journal; "
+      "virtual time: repetitions of " +
+      std::to_string(plan.stampsPerRepetition) + " stamps back to back, FLUSHALL every " +
+      std::to_string(flushSec / kStepSec) + " stamps";
    int stamp = 0;
    const double hotUs = HotCostUs(cached, plan, stamp);
    const int64_t endSec = StampSec(stamp - 1);
    CheckKnown(FetchRrd(files.Path(0), endSec, 3600, kStepSec), std::min(stamp, kStampCount));
    char client[80];
-   std::snprintf(client, sizeof(client), "; the client's %.2f us a sample not counted",
+   std::snprintf(client, sizeof(client), "; the client's %.2f us per sample not counted",
                  cached.ClientUsPerSample());
    note += client;
    Report("ingest-hot", who, hotUs, "us", note);
@@ -281,8 +282,8 @@ void Measure(const Options& options)
           "us", "FETCH over the socket, nothing pending");
    Report("resident-mib", who, ResidentMib(daemon.Pid()), "MiB", "the daemon after a flush");
    Report("idle-ms-per-s", who, IdleMsPerSec(daemon), "ms/s", "");
-   Chiller chiller(options.scratch);
-   Report("ingest-cold", who, ColdCostUs(cached, plan, chiller, stamp), "us",
+   const CacheFlusher flusher(options.scratch);
+   Report("ingest-cold", who, ColdCostUs(cached, plan, flusher, stamp), "us",
           note + "; syncfs and CPU caches emptied before each stamp");
 }
 

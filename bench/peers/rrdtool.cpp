@@ -26,7 +26,7 @@ public:
       }
    }
 
-   void Write(int) override
+   void Write(int /*stamp*/) override
    {
       for (size_t file = 0; file < _texts.size(); ++file) {
          const char* text = _texts[file].c_str();
@@ -40,24 +40,24 @@ private:
    std::vector<std::string> _paths;
 };
 
-Plan MakePlan(const Options& options, bool fileASeries)
+Plan MakePlan(const Options& options, bool isFilePerSeries)
 {
    if (options.quick) {
       return QuickPlan();
    }
-   // 10,000 files take half a minute of CPU and more for the hour, so their passes are two spans
-   // of roll-ups.
-   return {.passes = 3,
-           .stampsPerPass = fileASeries ? 2 * kStampsPerRollup : kStampCount,
+   // An hour of 10,000 files takes more than half a minute of CPU, so their repetitions are two
+   // rollup periods.
+   return {.repetitions = 3,
+           .stampsPerRepetition = isFilePerSeries ? 2 * kStampsPerRollup : kStampCount,
            .coldWarmUp = 0,
-           .coldStamps = fileASeries ? kStampsPerRollup : 2 * kStampsPerRollup};
+           .coldStamps = isFilePerSeries ? kStampsPerRollup : 2 * kStampsPerRollup};
 }
 
 void ReportQueries(const RrdFiles& files, const std::string& who, int nextStamp)
 {
    const int64_t endSec = StampSec(nextStamp - 1);
    CheckKnown(FetchRrd(files.Path(0), endSec, 3600, kStepSec), std::min(nextStamp, kStampCount));
-   // The passes end with a span of roll-ups, and those took the places of the oldest.
+   // The repetitions end with a rollup period, and its rollups have replaced the oldest ones.
    constexpr int kPastSec = kRollupCount * kRollupSec;
    CheckKnown(FetchRrd(files.Path(0), endSec, kPastSec, kRollupSec), kRollupCount);
    const std::string note = "rrd_fetch_r, in process, warm";
@@ -74,32 +74,32 @@ void ReportQueries(const RrdFiles& files, const std::string& who, int nextStamp)
                           FetchRrd(files.Path(series % kFilesWithPast), endSec, kPastSec,
                                    kRollupSec);
                        }),
-          "us", note + ", 100 files that have the past");
+          "us", note + ", 100 files with 36 hours of rollups");
 }
 
 void Measure(const Options& options)
 {
    if (options.variant != "1" && options.variant != "50") {
-      throw std::runtime_error("takes 1 or 50 series a file");
+      throw std::runtime_error("the variant is 1 or 50, the series per file");
    }
    const RrdFiles files{options.scratch, std::stoi(options.variant)};
-   const bool fileASeries = files.seriesPerFile == 1;
-   const std::string who =
-      "RRDtool " + RrdVersion() + (fileASeries ? ", one file a series" : ", 50 series a file");
-   const std::string note = "rrd_update_r of librrd in process, half COUNTER, half GAUGE; making "
-                            "the update texts not counted";
+   const bool isFilePerSeries = files.seriesPerFile == 1;
+   const std::string who = "RRDtool " + RrdVersion() +
+                           (isFilePerSeries ? ", one file a series" : ", 50 series a file");
+   const std::string note = "rrd_update_r of librrd in process, half COUNTER, half GAUGE; "
+                            "formatting the updates not counted";
    files.Create();
    files.FillPast(kFilesWithPast);
 
    int stamp = 0;
-   const Plan plan = MakePlan(options, fileASeries);
+   const Plan plan = MakePlan(options, isFilePerSeries);
    RrdLibrary library(files);
    Report("ingest-hot", who, HotCostUs(library, plan, stamp), "us",
-          note + "; passes of " + std::to_string(plan.stampsPerPass) + " stamps");
+          note + "; repetitions of " + std::to_string(plan.stampsPerRepetition) + " stamps");
    ReportQueries(files, who, stamp);
    Report("resident-mib", who, ResidentMib(), "MiB", "the program with the library");
-   Chiller chiller(options.scratch);
-   Report("ingest-cold", who, ColdCostUs(library, plan, chiller, stamp), "us",
+   const CacheFlusher flusher(options.scratch);
+   Report("ingest-cold", who, ColdCostUs(library, plan, flusher, stamp), "us",
           note + "; syncfs and CPU caches emptied before each stamp");
 }
 

@@ -15,15 +15,15 @@ using namespace Peers;
 
 using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
-/** What differs between the two orders of the key. */
+/** The differences between the two orders of the key. */
 struct Layout {
    const char* name;
    const char* schema;
-   const char* rollUp; // ?1 and ?2: the first and the last second of the span
+   const char* rollUp; // ?1 and ?2: the first and the last second of the period
    const char* query;  // ?1: series, ?2 and ?3 as above
 };
 
-// A row a time in a series' own place: writes touch a page a series, reads one or two.
+// Rows sorted by series: a write touches a page per series, a read one or two pages.
 constexpr Layout kSeriesFirst{
    "key (series, time)",
    "CREATE TABLE sample (series INTEGER, time INTEGER, value REAL, PRIMARY KEY (series, time)) "
@@ -35,7 +35,7 @@ constexpr Layout kSeriesFirst{
    "GROUP BY sample.series",
    "SELECT time, value FROM sample WHERE series = ?1 AND time BETWEEN ?2 AND ?3"};
 
-// All series of a time together: writes append, reads look up a page a time.
+// Rows sorted by time: writes append, a read looks up a page per time.
 constexpr Layout kTimeFirst{
    "key (time, series)",
    "CREATE TABLE sample (time INTEGER, series INTEGER, value REAL, PRIMARY KEY (time, series)) "
@@ -50,7 +50,7 @@ constexpr Layout kTimeFirst{
 constexpr const char* kTables = "CREATE TABLE series (id INTEGER PRIMARY KEY);"
                                 "CREATE TABLE stamp (time INTEGER PRIMARY KEY);";
 
-// As safe as the page cache: the log survives the death of the process, nothing is synced.
+// As safe as the page cache: the log survives the death of the process, but nothing is synced.
 constexpr const char* kPragmas = "PRAGMA page_size = 4096; PRAGMA journal_mode = WAL;"
                                  "PRAGMA synchronous = OFF; PRAGMA cache_size = -131072;"
                                  "PRAGMA locking_mode = EXCLUSIVE; PRAGMA temp_store = MEMORY;";
@@ -79,8 +79,8 @@ public:
       return {statement, sqlite3_finalize};
    }
 
-   /** Runs a statement with integers bound to it and returns how many rows it gave. */
-   int Run(const Statement& statement, std::initializer_list<int64_t> arguments)
+   /** Executes a statement with integers bound to it and returns its number of rows. */
+   int Execute(const Statement& statement, std::initializer_list<int64_t> arguments)
    {
       int ix = 0;
       for (const int64_t argument : arguments) {
@@ -112,7 +112,7 @@ private:
    sqlite3* _db = nullptr;
 };
 
-/** A database of one layout with its statements; statements go before the connection. */
+/** A database of one layout with its statements, which are destroyed before the connection. */
 struct Session {
    Session(const std::string& path, const Layout& layout) : db(path)
    {
@@ -148,7 +148,7 @@ public:
    {
    }
 
-   void BeginPass() override
+   void BeginRepetition() override
    {
       _session.reset();
       for (const char* suffix : {"", "-wal", "-shm"}) {
@@ -169,23 +169,23 @@ public:
    {
       Session& session = *_session;
       const int64_t nowSec = StampSec(stamp);
-      session.db.Run(session.begin, {});
-      session.db.Run(session.stamp, {nowSec});
+      session.db.Execute(session.begin, {});
+      session.db.Execute(session.stamp, {nowSec});
       for (int series = 0; series < kSeriesCount; ++series) {
          sqlite3_bind_double(session.sample.get(), 3, _values[static_cast<size_t>(series)]);
-         session.db.Run(session.sample, {series, nowSec});
+         session.db.Execute(session.sample, {series, nowSec});
       }
       if ((stamp + 1) % kStampsPerRollup == 0) {
-         session.db.Run(session.rollUp, {nowSec - kRollupSec + 1, nowSec});
+         session.db.Execute(session.rollUp, {nowSec - kRollupSec + 1, nowSec});
       }
-      session.db.Run(session.commit, {});
+      session.db.Execute(session.commit, {});
    }
 
    void Query(int series, int64_t endSec, int rowsDue)
    {
-      const int rows = _session->db.Run(_session->query, {series, endSec - 3600 + 1, endSec});
+      const int rows = _session->db.Execute(_session->query, {series, endSec - 3600 + 1, endSec});
       if (rows != rowsDue) {
-         throw std::runtime_error("the query gave " + std::to_string(rows) + " rows");
+         throw std::runtime_error("the query returned " + std::to_string(rows) + " rows");
       }
    }
 
@@ -200,26 +200,29 @@ void Measure(const Options& options)
 {
    const Layout& layout = options.variant == "series-time" ? kSeriesFirst : kTimeFirst;
    if (&layout == &kTimeFirst && options.variant != "time-series") {
-      throw std::runtime_error("takes series-time or time-series");
+      throw std::runtime_error("the variant is series-time or time-series");
    }
-   const Plan plan =
-      options.quick
-         ? QuickPlan()
-         : Plan{.passes = 3, .stampsPerPass = kStampCount, .coldWarmUp = 90, .coldStamps = 30};
+   const Plan plan = options.quick ? QuickPlan()
+                                   : Plan{.repetitions = 3,
+                                          .stampsPerRepetition = kStampCount,
+                                          .coldWarmUp = 90,
+                                          .coldStamps = 30};
    const std::string who = std::string("SQLite ") + sqlite3_libversion() + ", " + layout.name;
-   const std::string note = "WITHOUT ROWID, WAL, synchronous OFF, cache 128 MiB, a transaction a "
-                            "stamp, roll-ups by SQL; a new database a pass, so no expiry";
+   const std::string note =
+      "WITHOUT ROWID, WAL, synchronous OFF, cache 128 MiB, a transaction "
+      "per stamp, rollups by SQL; a new database per repetition, so no expiry";
    int stamp = 0;
    SqliteStore store(options.scratch, layout);
    Report("ingest-hot", who, HotCostUs(store, plan, stamp), "us", note);
-   Report(
-      "query-1h", who,
-      LatencyP50Us(
-         2000, [&](int series) { store.Query(series, StampSec(stamp - 1), plan.stampsPerPass); }),
-      "us", "a prepared SELECT in process, warm");
+   Report("query-1h", who,
+          LatencyP50Us(2000,
+                       [&](int series) {
+                          store.Query(series, StampSec(stamp - 1), plan.stampsPerRepetition);
+                       }),
+          "us", "a prepared SELECT in process, warm");
    Report("resident-mib", who, ResidentMib(), "MiB", "the program with the library");
-   Chiller chiller(options.scratch);
-   Report("ingest-cold", who, ColdCostUs(store, plan, chiller, stamp), "us",
+   const CacheFlusher flusher(options.scratch);
+   Report("ingest-cold", who, ColdCostUs(store, plan, flusher, stamp), "us",
           note + "; syncfs and CPU caches emptied before each stamp, after " +
              std::to_string(plan.coldWarmUp) + " stamps not counted");
 }

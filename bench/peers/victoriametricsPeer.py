@@ -16,7 +16,7 @@ MERGE = {"average": lambda values: sum(values) / len(values), "maximum": max, "m
 
 
 class Client:
-    """Lines of 50 fields, one a VM: the shortest of the import formats."""
+    """Sends lines of 50 fields, one per VM: the shortest of the import formats."""
 
     def __init__(self, port, with_rollups):
         self._connection = harness.Connection(port)
@@ -29,7 +29,7 @@ class Client:
         return self._epoch_sec + stamp * harness.STEP_SEC
 
     def prepare(self, stamps):
-        """Makes the bodies of the next stamps ahead, so that a burst is one."""
+        """Formats the next stamps ahead, so that a burst has no pauses."""
         for stamp in range(self.next_stamp + len(self._ready), self.next_stamp + stamps):
             body = self._lines("host", stamp, lambda series, at=stamp: harness.value(series, at))
             if self._with_rollups and (stamp + 1) % harness.STAMPS_PER_ROLLUP == 0:
@@ -62,10 +62,10 @@ class Client:
                        for rollup, merge in MERGE.items())
 
 
-def burst_costs_us(server, client, passes, stamps):
-    """Each pass with the seconds after it in which the server writes and merges what it took."""
+def burst_costs_us(server, client, repetitions, stamps):
+    """Each burst with the seconds after it, in which the server writes and merges the samples."""
     costs = []
-    for _ in range(passes):
+    for _ in range(repetitions):
         client.prepare(stamps)
         before = server.cpu_ns()
         for _ in range(stamps):
@@ -75,14 +75,14 @@ def burst_costs_us(server, client, passes, stamps):
     return costs
 
 
-def run_steady(server, client, stamps, cadence_sec, chiller=None):
-    """Readings of the server's clock before each of stamps + 1 posts."""
+def run_steady(server, client, stamps, cadence_sec, flusher=None):
+    """Returns the server's clock before each of stamps + 1 posts."""
     cpu_at_ns = []
     for _ in range(stamps + 1):
         due = time.monotonic() + cadence_sec
         client.prepare(1)
-        if chiller:
-            chiller.chill()
+        if flusher:
+            flusher.flush()
         cpu_at_ns.append(server.cpu_ns())
         client.send()
         time.sleep(max(0, due - time.monotonic()))
@@ -95,7 +95,7 @@ def report_queries(client, who):
     found = len(json.loads(text)["data"]["result"][0]["values"])
     due = min(harness.STAMP_COUNT, client.next_stamp)
     if found < due - 1:
-        raise RuntimeError(f"a query gave {found} of {due} samples")
+        raise RuntimeError(f"a query returned {found} of {due} samples")
     harness.report("query-1h", who, harness.latency_p50_us(2000, lambda series: client.query(series, end_stamp)),
                    "us", f"{found} samples by HTTP, kept alive, a Python client on a bare socket")
 
@@ -110,7 +110,7 @@ def report_hot(server, client, who, note, quick, in_bursts):
     cpu_at_ns = run_steady(server, client, stamps, STEADY_CADENCE_SEC)
     span = stamps // (1 if quick else 3)
     harness.report("ingest-hot", who, harness.span_median_us(cpu_at_ns, span), "us",
-                   f"{note}; a stamp every 150 ms, passes of {span}; the idle share of 20 s is not in it")
+                   f"{note}; a stamp every 150 ms, repetitions of {span}; the idle share of 20 s is not included")
 
 
 def measure_server(options, server):
@@ -131,10 +131,10 @@ def measure_server(options, server):
     harness.report("idle-ms-per-s", who, server.idle_ms_per_sec(), "ms/s")
     if options.variant == "bursts":
         return
-    chiller = harness.Chiller(options.scratch)
+    flusher = harness.CacheFlusher(options.scratch)
     stamps = 15 if options.quick else 30
-    cpu_at_ns = run_steady(server, client, stamps, COLD_CADENCE_SEC, chiller)
-    chiller.stop()
+    cpu_at_ns = run_steady(server, client, stamps, COLD_CADENCE_SEC, flusher)
+    flusher.stop()
     harness.report("ingest-cold", who, harness.span_median_us(cpu_at_ns, stamps), "us",
                    note + "; a stamp every 600 ms, syncfs and CPU caches emptied before each")
 

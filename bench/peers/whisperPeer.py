@@ -1,4 +1,4 @@
-"""Whisper: the round-robin files of Graphite, one update call a file and sample."""
+"""Whisper: the round-robin files of Graphite, one update call per file and sample."""
 
 import os
 import statistics
@@ -11,7 +11,7 @@ import harness
 
 EPOCH_SEC = 1_700_002_800
 ARCHIVES = [(harness.STEP_SEC, harness.STAMP_COUNT), (300, harness.ROLLUP_COUNT)]
-NOTE = ("the library in process; a file each for average, maximum and minimum; no locks, no flush, "
+NOTE = ("the library in process; one file each for average, maximum and minimum; no locks, no flush, "
         "heads cached")
 
 
@@ -26,7 +26,7 @@ class Files:
                 whisper.create(path, ARCHIVES, xFilesFactor=0.5, aggregationMethod=kind)
 
     def write(self, stamp):
-        """Returns the CPU nanoseconds of the library's calls; the values are made before."""
+        """Returns the CPU nanoseconds of the library's calls; the values are computed before."""
         now = EPOCH_SEC + (stamp + 1) * harness.STEP_SEC
         values = [harness.value(series, stamp) for series in range(harness.SERIES_COUNT)]
         before = time.process_time_ns()
@@ -48,18 +48,18 @@ def measure():
     whisper.CACHE_HEADERS = True
     who = f"whisper {harness.package_version('python3-whisper')}, three files a series"
     span = harness.STAMPS_PER_ROLLUP
-    passes = 1 if options.quick else 3
+    repetitions = 1 if options.quick else 3
 
     files = Files(options.scratch)
     costs = []
-    for first in range(0, passes * span, span):
+    for first in range(0, repetitions * span, span):
         cpu_ns = sum(files.write(stamp) for stamp in range(first, first + span))
         costs.append(harness.us_per_sample(cpu_ns, span))
-    harness.report("ingest-hot", who, statistics.median(costs), "us", NOTE + "; passes of 15 stamps")
-    stamp = passes * span
+    harness.report("ingest-hot", who, statistics.median(costs), "us", NOTE + "; repetitions of 15 stamps")
+    stamp = repetitions * span
     written = [value for value in files.fetch(0, stamp - 1, 3600) if value is not None]
     if len(written) < stamp - 1:
-        raise RuntimeError(f"only {len(written)} of {stamp} samples are found again")
+        raise RuntimeError(f"only {len(written)} of {stamp} samples were found")
 
     note = "whisper.fetch in process, warm; a file is read whole, however full it is"
     harness.report("query-1h", who, harness.latency_p50_us(
@@ -71,12 +71,12 @@ def measure():
     harness.report("resident-mib", who, pages * os.sysconf("SC_PAGESIZE") / 2**20, "MiB",
                    "the interpreter with the library")
 
-    chiller = harness.Chiller(options.scratch)
+    flusher = harness.CacheFlusher(options.scratch)
     cpu_ns = 0
     for cold in range(stamp, stamp + span):
-        chiller.chill()
+        flusher.flush()
         cpu_ns += files.write(cold)
-    chiller.stop()
+    flusher.stop()
     harness.report("ingest-cold", who, harness.us_per_sample(cpu_ns, span), "us",
                    NOTE + "; syncfs and CPU caches emptied before each stamp")
 

@@ -11,7 +11,7 @@ namespace Peers {
 
 namespace {
 
-/** Well mixed and the same in every run: series of neighbouring numbers look nothing alike. */
+/** Well mixed and always the same: neighbouring series have nothing in common. */
 uint64_t Mix(int series, int stamp)
 {
    uint64_t bits = (static_cast<uint64_t>(series) << 32) | static_cast<uint32_t>(stamp);
@@ -20,7 +20,7 @@ uint64_t Mix(int series, int stamp)
    return bits ^ (bits >> 31);
 }
 
-/** How much a counter grows in one step: its own size, give or take an eighth. */
+/** A counter's growth per stamp: its own size and up to a quarter more. */
 uint64_t Growth(int series, int stamp)
 {
    const uint64_t size = 64 + Mix(series, -1) % 20'000;
@@ -31,7 +31,7 @@ uint64_t Growth(int series, int stamp)
 
 uint64_t CounterValue(int series, int stamp)
 {
-   // The sum over all steps would be exact and slow; a stamp times the largest growth never falls.
+   // Adding up all growths would be slow. A stamp times the largest growth never falls either.
    const uint64_t size = 64 + Mix(series, -1) % 20'000;
    return static_cast<uint64_t>(stamp) * (size + size / 4) + Growth(series, stamp);
 }
@@ -56,7 +56,7 @@ Options ParseOptions(int argc, char** argv)
       } else if (!argument.starts_with("-") && options.variant.empty()) {
          options.variant = argument;
       } else {
-         throw std::runtime_error("does not know the argument " + std::string(argument));
+         throw std::runtime_error("unknown argument " + std::string(argument));
       }
    }
    if (options.scratch.empty()) {
@@ -85,7 +85,7 @@ void ThrowErrno(const std::string& what)
 void Report(const std::string& work, const std::string& who, double value, const std::string& unit,
             const std::string& note)
 {
-   // No text of a program holds a quote or a backslash, so nothing needs escaping.
+   // No program's text has a quote or a backslash, so nothing needs escaping.
    std::printf(R"({"work": "%s", "who": "%s", "value": %.4g, "unit": "%s", "note": "%s"})"
                "\n",
                work.c_str(), who.c_str(), value, unit.c_str(), note.c_str());

@@ -5,15 +5,16 @@
 
 namespace Peers {
 
-// The work that every store does: one sample a series every 20 s, an hour of them kept, and rolled
-// up to 300 s as average, maximum and minimum, 36 hours of those kept.
+// The work that every store does: one sample per series every 20 s, kept for an hour, and rolled up
+// to 300 s as average, maximum and minimum, kept for 36 hours.
 constexpr int kSeriesCount = 10'000;
 constexpr int kStepSec = 20;
 constexpr int kStampCount = 180;
 constexpr int kRollupSec = 300;
 constexpr int kStampsPerRollup = kRollupSec / kStepSec;
 constexpr int kRollupCount = 432;
-// Stamps count from here; a multiple of an hour, so that spans of roll-ups begin with it.
+// The stamps are counted from this time, a multiple of an hour, so that a rollup period begins
+// here.
 constexpr int64_t kEpochSec = 1'700'002'800;
 
 inline int64_t StampSec(int stamp)
@@ -27,29 +28,29 @@ inline bool IsCounter(int series)
    return series % 2 == 0;
 }
 
-/** What the kernel would show for a counter series: never falls, of a few thousand to millions. */
+/** The kernel's figure for a counter series; never falls. */
 uint64_t CounterValue(int series, int stamp);
 
-/** What a store keeps that takes no counters: the rate a second, or the gauge itself. */
+/** The value for a store that takes no counters: the rate per second, or the gauge itself. */
 double Value(int series, int stamp);
 
-/** How a program of a peer was called: NAME [--quick] --scratch DIR [VARIANT]. */
+/** The command line of a peer's program: NAME [--quick] --scratch DIR [VARIANT]. */
 struct Options {
    std::string scratch; // an empty directory that the caller removes
    std::string variant;
-   bool quick = false; // one pass of 30 stamps: does it run at all
+   bool quick = false; // one repetition of 30 stamps: only to see that it works
 };
 
-/** Throws std::runtime_error for arguments it does not know. */
+/** Throws std::runtime_error for unknown arguments and for a missing --scratch. */
 Options ParseOptions(int argc, char** argv);
 
-/** Calls the body and turns its exceptions into a line on stderr and exit code 1. */
+/** Calls the body. An exception becomes a line on stderr and exit code 1. */
 int RunPeer(int argc, char** argv, void (*body)(const Options&));
 
 /** Throws std::runtime_error: "WHAT: text of errno". */
 [[noreturn]] void ThrowErrno(const std::string& what);
 
-/** One JSON line on stdout. */
+/** Prints one JSON line on stdout. */
 void Report(const std::string& work, const std::string& who, double value, const std::string& unit,
             const std::string& note);
 

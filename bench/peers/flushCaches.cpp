@@ -5,13 +5,12 @@
 
 namespace {
 
-/** For the peers that are not driven from C++: one chill a byte on stdin, answered with the byte.
- */
-void ChillOnDemand(const Peers::Options& options)
+/** For the peers driven from Python: each byte on stdin is answered after a flush. */
+void FlushOnDemand(const Peers::Options& options)
 {
-   Peers::Chiller chiller(options.scratch);
+   const Peers::CacheFlusher flusher(options.scratch);
    for (int byte = std::getchar(); byte != EOF; byte = std::getchar()) {
-      chiller.Chill();
+      flusher.Flush();
       std::putchar(byte);
       std::fflush(stdout);
    }
@@ -21,5 +20,5 @@ void ChillOnDemand(const Peers::Options& options)
 
 int main(int argc, char** argv)
 {
-   return Peers::RunPeer(argc, argv, ChillOnDemand);
+   return Peers::RunPeer(argc, argv, FlushOnDemand);
 }
