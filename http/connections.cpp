@@ -214,7 +214,7 @@ void Connections::Accept()
       return;
    }
    const int one = 1;
-   // Ignored if it fails: it only saves delay.
+   // A failure is ignored: it costs delay alone.
    ::setsockopt(socket.Get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
    if (!Control(_epoll.Get(), EPOLL_CTL_ADD, socket.Get(), _lastId + 1, EPOLLIN)) {
       return;
@@ -297,7 +297,7 @@ void Connections::TakeRequest(Connection& connection)
          HandOver(connection);
       }
    } catch (const Refusal& refusal) {
-      Refuse(connection, refusal); // and close: nobody knows where the next request would begin
+      Refuse(connection, refusal); // the start of the next request is unknown
    }
 }
 

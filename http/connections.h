@@ -17,7 +17,7 @@ namespace Http {
 
 /// All connections of the HTTP server, and the loop of the thread that reads and writes them. It
 /// never waits for a single client: sockets do not block, and every state of a connection has a
-/// deadline except the one in which the server owes the response.
+/// deadline except when the server owes the response.
 ///
 /// Invariant: at most one request of a connection is with the workers. Until it is answered the
 /// connection counts towards `maxConnections`, even if the client has gone; this bounds both the
@@ -53,7 +53,8 @@ public:
    /// closed once they have it.
    void StopAccepting();
 
-   /// Any thread: Run gives the earlier answers to the sockets, closes all of them and returns.
+   /// Any thread: Run sends of the earlier answers what the sockets take at once, closes all
+   /// connections and returns.
    void End();
 
 private:

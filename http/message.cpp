@@ -173,7 +173,7 @@ bool AcceptsGzip(std::string_view acceptEncoding)
    return anyCoding;
 }
 
-/// Refuses the ways of sending a body that this server does not support.
+/// How the body is sent; Refusal for ways that are not supported.
 void ApplyBodyHeaders(const Headers& headers, RequestHead& head)
 {
    if (headers.contains("transfer-encoding")) {

@@ -80,7 +80,7 @@ struct RequestHead {
 std::optional<size_t> FindHeadEnd(std::string_view received, size_t from);
 
 /// Parses request line and headers, as measured by FindHeadEnd. Refusal 400 for anything malformed
-/// or ambiguous; 411, 413, 414, 415, 417, 431 and 505 for what is not supported.
+/// or ambiguous; 411, 413, 414, 415, 417, 431 and 505 for unsupported requests.
 RequestHead ParseHead(std::string_view head);
 
 /// "%41" becomes "A". Refusal 400 for a malformed escape and for a NUL.

@@ -12,9 +12,9 @@ namespace ManagementApi {
 
 /// The management API over HTTP: one route for each operation. openapi.json describes all routes.
 ///
-/// Locking: none; several threads serve requests at once, and what they call locks itself.
-/// Errors: the handlers throw Refusals, the performance manager's faults included, and the server
-/// answers them with FormatError.
+/// Locking: none; several threads serve requests at once; the objects they use do their own
+/// locking. Errors: the handlers throw Refusals, the performance manager's faults included, and the
+/// server answers them with FormatError.
 class ApiRoutes {
 public:
    /// `maxQuerySpecs`: how many one query may have.
@@ -38,7 +38,7 @@ private:
    };
    static const RouteEntry kRoutes[];
 
-   /// Throws nothing but Refusals and what is not of the runtime's family.
+   /// Turns every exception of the runtime's family into a Refusal.
    void Serve(Handler handler, const Http::Request& request, Http::Response& response) const;
 
    void GetCounters(const Http::Request& request, Http::Response& response) const;

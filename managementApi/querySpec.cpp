@@ -116,8 +116,8 @@ private:
             throw BadArgument(Format("%1.%2", place, name), "is not a field of a metric id");
          }
       }
-      // The performance manager refuses an unknown counter only with a named instance: "*" stands
-      // for the instances that there are, which are none.
+      // The performance manager replaces "*" by the instances with data, so for an unknown counter
+      // it would return nothing instead of refusing it.
       if (metric->instance == kAllInstances &&
           FindCounter(metric->counterId, _counters) == nullptr) {
          throw BadArgument(place + ".counterId",

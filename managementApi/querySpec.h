@@ -7,8 +7,9 @@
 #include <cstddef>
 #include <string>
 
-/// Query specs as requests give them. The performance manager judges their values. Refused here is
-/// only what never becomes a value, and what it would accept and answer with nothing.
+/// Query specs in requests, from URL parameters and from JSON. Their values are checked by the
+/// performance manager; only their form is checked here, and unknown counters with the instance
+/// "*", which it does not refuse.
 ///
 /// Errors: Refusal 400 that names the parameter or field ("[0].metricId[2].counterId"), unknown
 /// ones included; 404 for an unknown entity.

@@ -9,7 +9,7 @@
 
 /// The texts in requests: times, numbers and metrics.
 ///
-/// Errors: what cannot be parsed is a BadArgument that names the argument.
+/// Errors: BadArgument, naming the argument, if a text cannot be parsed.
 namespace ManagementApi {
 
 using Counters = Plexa::DataArray<Quen::PerformanceManager::CounterInfo>;

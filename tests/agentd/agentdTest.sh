@@ -15,7 +15,7 @@ fail() {
    exit 1
 }
 
-waitFor() { # COMMAND...: until it succeeds; the bound is for what never comes
+waitFor() { # COMMAND...: until it succeeds; fails the case after two minutes
    local end=$(($(date +%s) + 120))
    until "$@"; do
       [ "$(date +%s)" -lt $end ] || fail "waited in vain for: $*"

@@ -19,7 +19,7 @@ constexpr const char* kBig = "GET /big HTTP/1.1\r\nHost: a\r\n\r\n";
 constexpr const char* kWait = "GET /wait HTTP/1.1\r\nHost: a\r\n\r\n";
 constexpr size_t kBigBytes = size_t{4} << 20;
 
-constexpr std::chrono::seconds kPatience{60}; // for what never comes
+constexpr std::chrono::seconds kPatience{60}; // ends waits that would never end
 
 /// A client with a socket of its own.
 class Client {
@@ -186,6 +186,6 @@ protected:
    const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
    std::latch _entered{1};
    std::latch _released{1};
-   std::unique_ptr<Http::Server> _server; // destroyed before what its handlers use
+   std::unique_ptr<Http::Server> _server; // destroyed before the members that its handlers use
    int _port = 0;
 };

@@ -190,7 +190,7 @@ TEST_F(ManagementApiTest, AllFormsOfAQueryReturnTheSameFigures)
    EXPECT_GT(figures, 100u);
 }
 
-/// The message as it stands in a JSON string.
+/// `message` is part of the message, before its quotes are escaped.
 void ExpectRefusal(const httplib::Result& result, int status, const std::string& message)
 {
    ASSERT_TRUE(result) << message;
