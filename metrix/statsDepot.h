@@ -26,7 +26,7 @@ struct StatsDepotInterval : Corvax::ObjectImpl {
 /// the coarser ones.
 ///
 /// Locking: the operations take no lock; callers lock the depot around a call or a group of calls.
-/// A collector's lock, if held too, is taken first. While the depot is locked, changed rows may be
+/// A collector's lock, if held too, is taken first. While the depot is locked, changes may be
 /// pending in memory; unlocking writes them.
 /// Errors: InvalidArgumentException ("Invalid argument"), FileFormatException for damaged files,
 /// PlatformException if the file system fails, AssertionException for every operation other than
@@ -52,7 +52,7 @@ public:
    virtual void Create() = 0;
    /// Opens an existing depot. A store file that cannot be used is recreated, empty.
    virtual void Load() = 0;
-   /// Writes the rows that are pending since the depot was locked. Throws if a write fails; the
+   /// Writes the changes that are pending since the depot was locked. Throws if a write fails; the
    /// samples in it are lost. Whoever recorded samples calls this before unlocking, because a
    /// failure in Unlock is only logged.
    virtual void Flush() = 0;

@@ -122,7 +122,7 @@ void StatsDepotImpl::Lock()
    }
 }
 
-/// Writes the pending rows before others can access the files. A failure is only logged: a caller
+/// Writes pending changes before others can access the files. A failure is only logged: a caller
 /// that needs to know calls Flush first.
 void StatsDepotImpl::Unlock()
 {

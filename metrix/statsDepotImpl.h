@@ -73,7 +73,6 @@ public:
    using IntervalTable = Metrix::IntervalTable;
 
    /// By rollup type.
-   // NOLINTNEXTLINE(readability-identifier-naming)
    static constexpr std::array<RollupFunction, 6> _rollupFunctions = {
       CalculateNop, CalculateAverage, CalculateMax, CalculateMin, CalculateLast, CalculateSum,
    };
@@ -91,7 +90,7 @@ private:
       Corvax::Ref<StatInfo> info;
    };
 
-   /// A batch in every store for the length of a scope. End writes the pending rows and throws if
+   /// A batch in every store for the length of a scope. End writes pending changes and throws if
    /// that fails; without End a failure is only logged. If the depot is locked, the scope ends with
    /// a new batch, which lasts until Unlock.
    class Batch {

@@ -66,7 +66,7 @@ private:
 
    const std::string _fileName;
    Corvax::Ref<Corvax::FileHandle> _storeHandle;
-   uint32_t _numStats = 0; ///< rows in the file, with new ones that are still pending
+   uint32_t _numStats = 0; ///< rows in the file, with new ones that are still dirty
    uint32_t _numSamples = 0;
    uint32_t _samplingPeriod = 0;
    ColumnRing _columns;

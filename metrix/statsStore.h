@@ -58,7 +58,7 @@ public:
    /// Between BeginBatch and EndBatch changed rows may stay in memory, so that two system calls
    /// serve a range of consecutive rows. Column stamps are always written at once.
    virtual void BeginBatch() = 0;
-   /// Writes all pending rows. Throws if a write fails; the changes in that write are lost.
+   /// Writes all pending changes. Throws if a write fails; the changes in that write are lost.
    virtual void EndBatch() = 0;
 };
 
