@@ -84,8 +84,8 @@ void Measure(const Options& options)
    }
    const RrdFiles files{options.scratch, std::stoi(options.variant)};
    const bool isFilePerSeries = files.seriesPerFile == 1;
-   const std::string who = "RRDtool " + RrdVersion() +
-                           (isFilePerSeries ? ", one file a series" : ", 50 series a file");
+   const std::string who =
+      "RRDtool " + RrdVersion() + (isFilePerSeries ? ", one file a series" : ", 50 series a file");
    const std::string note = "rrd_update_r of librrd in process, half COUNTER, half GAUGE; "
                             "formatting the updates not counted";
    files.Create();
