@@ -83,7 +83,8 @@ void LineEditor::BindKeys()
 std::optional<std::string> LineEditor::ReadLine()
 {
    _isDropped = false;
-   // The library would do this after it has shown the prompt: a Ctrl-C in between would be a signal.
+   // The library does this only after it has shown the prompt: a Ctrl-C in between would be a
+   // signal.
    ::el_set(_edit.get(), EL_PREP_TERM, 1);
    int length = 0;
    const char* const text = ::el_gets(_edit.get(), &length);

@@ -21,15 +21,19 @@ const std::string kCounters = DOCS_DIRECTORY "/counters.md";
 const std::string kOperations = DOCS_DIRECTORY "/operations.md";
 
 constexpr char kHeading[] =
-   R"(# Counters
-
-Every counter of the management API, in the order of ids. A counter whose rollup is none is a composite: it stands for the values as they were stored, and its associated counters are their average, minimum and maximum. "In the depot" names the stat that holds the counter, the type of that stat and the series that are read for the counter; raw is the series without a rollup. Percentages are in hundredths of a percent. [Operations](operations.md) has the source of each figure.
-
-The test `StatsMetadataTest.DocumentListsTheCatalogue` checks this file, and writes it where METRIX_UPDATE_DOCS is set in the environment.
-
-| Id | Decimal | Counter | Unit | Statistics type | Rollup | In the depot | Associated counters |
-|---|---|---|---|---|---|---|---|
-)";
+   "# Counters\n\n"
+   "Every counter of the management API, in the order of ids. A counter whose rollup is none is a "
+   "composite: it stands for the values as they were stored, and its associated counters are their "
+   "average, minimum and maximum. \"In the depot\" names the stat that holds the counter, the type "
+   "of that stat and the series that are read for the counter; raw is the series without a rollup. "
+   "Percentages are in hundredths of a percent. [Operations](operations.md) has the source of each "
+   "figure.\n\n"
+   "The test `StatsMetadataTest.DocumentListsTheCatalogue` checks this file. With "
+   "METRIX_UPDATE_DOCS "
+   "in the environment it writes it instead.\n\n"
+   "| Id | Decimal | Counter | Unit | Statistics type | Rollup | In the depot | Associated "
+   "counters "
+   "|\n|---|---|---|---|---|---|---|---|\n";
 
 std::string Hex(int32_t id)
 {
