@@ -87,7 +87,7 @@ struct CpuLoad {
    uint32_t activePeak = 0;
    uint32_t runAverage = 0; ///< running or waiting to run
    uint32_t runPeak = 0;
-   uint32_t maxLimited = 0; ///< held back by a limit
+   uint32_t maxLimited = 0; ///< throttled by a limit
 };
 
 struct CpuLoadHistory {
