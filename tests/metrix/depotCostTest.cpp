@@ -19,13 +19,13 @@ thread_local uint64_t failingAllocation = 0; ///< 1: the next one fails; 0: none
 void* operator new(size_t sizeBytes)
 {
    ++allocations;
-   const bool fails = failingAllocation == 1;
-   failingAllocation -= failingAllocation > 0 ? 1 : 0;
-   void* const bytes = fails ? nullptr : std::malloc(sizeBytes);
-   if (bytes == nullptr) {
+   if (failingAllocation > 0 && --failingAllocation == 0) {
       throw std::bad_alloc();
    }
-   return bytes;
+   if (void* const bytes = std::malloc(sizeBytes)) {
+      return bytes;
+   }
+   throw std::bad_alloc();
 }
 void operator delete(void* bytes) noexcept
 {
