@@ -16,7 +16,8 @@ thread_local uint64_t failingAllocation = 0; ///< 1: the next one fails; 0: none
 
 } // namespace
 
-void* operator new(size_t sizeBytes)
+// Not inlined, or the compiler sees only one of the pair and warns of a mismatch.
+[[gnu::noinline]] void* operator new(size_t sizeBytes)
 {
    ++allocations;
    if (failingAllocation > 0 && --failingAllocation == 0) {
@@ -27,11 +28,11 @@ void* operator new(size_t sizeBytes)
    }
    throw std::bad_alloc();
 }
-void operator delete(void* bytes) noexcept
+[[gnu::noinline]] void operator delete(void* bytes) noexcept
 {
    std::free(bytes);
 }
-void operator delete(void* bytes, size_t) noexcept
+[[gnu::noinline]] void operator delete(void* bytes, size_t) noexcept
 {
    std::free(bytes);
 }
