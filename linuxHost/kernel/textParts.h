@@ -25,10 +25,12 @@ inline std::string_view TakePart(std::string_view& text, char separator)
 /// Removes the next word, and the blanks before it, from the line; empty at the line's end.
 inline std::string_view TakeWord(std::string_view& line)
 {
-   constexpr std::string_view kBlanks = " \t";
-   line.remove_prefix(std::min(line.size(), line.find_first_not_of(kBlanks)));
-   const std::string_view word = line.substr(0, line.find_first_of(kBlanks));
-   line.remove_prefix(word.size());
+   // Not find_first_of, which calls memchr for each character.
+   const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+   const auto* const begin = std::find_if_not(line.begin(), line.end(), isBlank);
+   const auto* const end = std::find_if(begin, line.end(), isBlank);
+   const std::string_view word(begin, end);
+   line.remove_prefix(static_cast<size_t>(end - line.begin()));
    return word;
 }
 
