@@ -42,6 +42,6 @@ plant metrix/slotUsageMap.h "invalid case style for private member 'used_Slots'"
 plant metrix/slotUsageMap.cpp "parameter 'spare' is unused" \
    's/^int SlotUsageMap::FindFirstFreeSlot/static int Same(int number, int spare) { return number; }\n\n&/'
 plant metrix/slotUsageMap.h '^metrix/slotUsageMap.h:[0-9]*: 1[0-9]{2} columns' \
-   "s|^/// Which.*|&$(printf '%045d' 0)|"
+   "/^class SlotUsageMap/i // $(printf '%0100d' 0)"
 plant metrix/slotUsageMap.h 'clang-format' 's/^   int GetSize/int  GetSize/'
 echo "passed: every planted fault is found"
