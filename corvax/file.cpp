@@ -1,97 +1,20 @@
 #include "corvax/file.h"
 
+#include "corvax/descriptor.h"
 #include "corvax/exception.h"
+#include "corvax/lockFile.h"
 
 #include <fcntl.h>
-#include <linux/aio_abi.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cerrno>
 #include <filesystem>
-#include <mutex>
 #include <system_error>
-#include <vector>
 
 namespace Corvax {
 
 namespace {
-
-/// Native asynchronous I/O. For files in the page cache it is synchronous: one system call carries
-/// out a list of writes in order.
-class WriteQueue {
-public:
-   static constexpr size_t kLength = 512;
-
-   /// The only queue of the process. It is never destroyed: that takes milliseconds, and the kernel
-   /// does it when the process ends.
-   static WriteQueue& Get()
-   {
-      static WriteQueue* const queue = new WriteQueue;
-      return *queue;
-   }
-
-   /// Returns the number of leading extents that were written whole, at most kLength. The caller
-   /// writes the rest by other means, which also reports the error.
-   size_t Write(int descriptor, std::span<const FileExtent> extents)
-   {
-      if (!_isOpen) {
-         return 0;
-      }
-      const std::lock_guard guard(_mutex);
-      const size_t count = std::min(extents.size(), kLength);
-      for (size_t i = 0; i < count; ++i) {
-         iocb& request = _requests[i];
-         request = {};
-         request.aio_data = i;
-         request.aio_lio_opcode = IOCB_CMD_PWRITE;
-         request.aio_fildes = static_cast<uint32_t>(descriptor);
-         request.aio_buf = reinterpret_cast<uintptr_t>(extents[i].bytes);
-         request.aio_nbytes = extents[i].sizeBytes;
-         request.aio_offset = static_cast<int64_t>(extents[i].offset);
-         _pointers[i] = &request;
-      }
-      const long submitted = ::syscall(SYS_io_submit, _context, count, _pointers.data());
-      return submitted > 0 ? CountWritten(extents, static_cast<size_t>(submitted)) : 0;
-   }
-
-private:
-   WriteQueue() { _isOpen = ::syscall(SYS_io_setup, kLength, &_context) == 0; }
-
-   /// The kernel owns the requests until their events have been received.
-   size_t CountWritten(std::span<const FileExtent> extents, size_t submitted)
-   {
-      size_t written = submitted;
-      for (size_t done = 0; done < submitted;) {
-         const long count =
-            ::syscall(SYS_io_getevents, _context, 1, submitted - done, _events.data(), nullptr);
-         if (count < 0 && errno == EINTR) {
-            continue;
-         }
-         if (count <= 0) {
-            return 0;
-         }
-         for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
-            const size_t index = _events[i].data;
-            if (_events[i].res != static_cast<int64_t>(extents[index].sizeBytes)) {
-               written = std::min(written, index);
-            }
-         }
-         done += static_cast<size_t>(count);
-      }
-      return written;
-   }
-
-   std::mutex _mutex;
-   aio_context_t _context = 0;
-   bool _isOpen = false;
-   std::array<iocb, kLength> _requests = {};
-   std::array<iocb*, kLength> _pointers = {};
-   std::array<io_event, kLength> _events = {};
-};
 
 class PosixFileHandle : public FileHandle, public ObjectImpl {
 public:
@@ -103,7 +26,9 @@ public:
       int flags = O_CLOEXEC;
       flags |= accessMask == FILE_READ ? O_RDONLY : accessMask == FILE_WRITE ? O_WRONLY : O_RDWR;
       flags |= creation == FileCreation::CREATE_ALWAYS ? O_CREAT | O_TRUNC : 0;
-      _descriptor = ::open(path.c_str(), flags, 0644);
+      do {
+         _descriptor = ::open(path.c_str(), flags, 0644);
+      } while (_descriptor < 0 && errno == EINTR);
       if (_descriptor < 0) {
          const char* use = accessMask == FILE_READ ? " for reading" : " for writing";
          throw PlatformException("open " + path + use, errno);
@@ -173,23 +98,38 @@ public:
       return done;
    }
 
-   void WriteExtents(std::span<const FileExtent> extents) override
-   {
-      while (!extents.empty()) {
-         size_t written = WriteQueue::Get().Write(_descriptor, extents);
-         if (written == 0) {
-            FileHandle::WriteExtents(extents.first(1));
-            written = 1;
-         }
-         extents = extents.subspan(written);
-      }
-   }
-
    void Flush() override
    {
       if (::fdatasync(_descriptor) != 0) {
          throw PlatformException("flush " + _path + " to disk", errno);
       }
+   }
+
+   void Truncate(uint64_t sizeBytes) override
+   {
+      if (::ftruncate(_descriptor, static_cast<off_t>(sizeBytes)) != 0) {
+         throw PlatformException("set the size of " + _path + " to " + std::to_string(sizeBytes),
+                                 errno);
+      }
+   }
+
+   void Allocate(uint64_t offset, uint64_t sizeBytes) override
+   {
+      if (::fallocate(_descriptor, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                      static_cast<off_t>(sizeBytes)) != 0 &&
+          errno != EOPNOTSUPP && errno != ENOSYS) {
+         throw PlatformException("reserve " + std::to_string(sizeBytes) + " bytes at offset " +
+                                    std::to_string(offset) + " of " + _path,
+                                 errno);
+      }
+   }
+
+   bool IsAt(const std::string& path) override
+   {
+      struct stat here{};
+      struct stat there{};
+      return ::fstat(_descriptor, &here) == 0 && ::stat(path.c_str(), &there) == 0 &&
+             here.st_dev == there.st_dev && here.st_ino == there.st_ino;
    }
 
 private:
@@ -265,11 +205,42 @@ public:
          throw PlatformException("remove " + path, error.value());
       }
    }
+
+   void SyncDirectory(const std::string& path) override
+   {
+      const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      if (!directory || ::fsync(directory.Get()) != 0) {
+         throw PlatformException("flush directory " + path + " to disk", errno);
+      }
+   }
+
+   std::vector<std::string> ListDirectory(const std::string& path) override
+   {
+      std::vector<std::string> names;
+      std::error_code error;
+      std::filesystem::directory_iterator entry(path, error);
+      while (!error && entry != std::filesystem::directory_iterator()) {
+         names.push_back(entry->path().filename().string());
+         entry.increment(error);
+      }
+      if (error) {
+         throw PlatformException("list directory " + path, error.value());
+      }
+      return names;
+   }
+
+   std::unique_ptr<FileLock> Lock(const std::string& path) override
+   {
+      return std::make_unique<LockFile>(path);
+   }
+
+   int64_t GetLockHolder(const std::string& path) override { return LockFile::GetHolder(path); }
 };
 
 } // namespace
 
 FileHandle::~FileHandle() = default;
+FileLock::~FileLock() = default;
 SystemFactory::~SystemFactory() = default;
 
 void FileHandle::WriteAll(const void* buffer, size_t sizeBytes)
@@ -279,14 +250,6 @@ void FileHandle::WriteAll(const void* buffer, size_t sizeBytes)
       throw PlatformException("write more than " + std::to_string(done) + " of " +
                                  std::to_string(sizeBytes) + " bytes",
                               ENOSPC);
-   }
-}
-
-void FileHandle::WriteExtents(std::span<const FileExtent> extents)
-{
-   for (const FileExtent& extent : extents) {
-      Seek(extent.offset);
-      WriteAll(extent.bytes, extent.sizeBytes);
    }
 }
 

@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
+#include <vector>
 
 namespace Corvax {
 
@@ -21,13 +21,6 @@ enum FileAccess : uint32_t {
 enum class FileCreation {
    OPEN_EXISTING, ///< the file must exist; its content stays
    CREATE_ALWAYS, ///< the file is created, or truncated if it exists
-};
-
-/// Bytes and the offset in a file at which to write them.
-struct FileExtent {
-   uint64_t offset = 0;
-   const void* bytes = nullptr;
-   size_t sizeBytes = 0;
 };
 
 /// An open file with its own position.
@@ -56,19 +49,35 @@ public:
    /// if it took nothing.
    virtual size_t Write(const void* buffer, size_t sizeBytes) = 0;
 
-   /// Writes the extents in order, many with one system call where the platform supports that. The
-   /// position is undefined afterwards. PlatformException when one cannot be written whole; those
-   /// after it may or may not have been written.
-   virtual void WriteExtents(std::span<const FileExtent> extents);
-
-   /// Syncs the file's data to the disk.
+   /// Syncs the file's data to the disk. After a failure the data may be lost although a second
+   /// call succeeds: write it again first.
    virtual void Flush() = 0;
+
+   /// Sets the size; what is added reads as zero bytes.
+   virtual void Truncate(uint64_t sizeBytes) = 0;
+
+   /// Reserves disk space for the bytes from `offset` on; the size stays. Does nothing where the
+   /// file system cannot do it. PlatformException (ENOSPC) if the space cannot be had.
+   virtual void Allocate(uint64_t offset, uint64_t sizeBytes) = 0;
+
+   /// Whether the path still leads to this file; false once the file is replaced, renamed or
+   /// deleted.
+   virtual bool IsAt(const std::string& path) = 0;
 
    /// As Write; PlatformException if not everything was written.
    void WriteAll(const void* buffer, size_t sizeBytes);
 
 protected:
    ~FileHandle() override;
+};
+
+/// A lock on a file, held while the object lives.
+class FileLock {
+public:
+   FileLock() = default;
+   virtual ~FileLock();
+   FileLock(const FileLock&) = delete;
+   FileLock& operator=(const FileLock&) = delete;
 };
 
 /// Creates the platform's objects. A test replaces it to fail on command.
@@ -88,6 +97,15 @@ public:
    virtual std::string NewScratchDirectory() = 0;
    /// Removes a file, or a directory with its contents; a missing one is not an error.
    virtual void Remove(const std::string& path) = 0;
+   /// Brings creations, renames and removals in the directory to the disk.
+   virtual void SyncDirectory(const std::string& path) = 0;
+   /// Names of all entries, in no order.
+   virtual std::vector<std::string> ListDirectory(const std::string& path) = 0;
+   /// Locks a file, which is created if it is missing, until the result is destroyed or the process
+   /// ends. Exception, naming the process that holds the lock, if there is one.
+   virtual std::unique_ptr<FileLock> Lock(const std::string& path) = 0;
+   /// The id of the process that holds the lock on the file; 0 if none does or there is no file.
+   virtual int64_t GetLockHolder(const std::string& path) = 0;
 
    virtual std::unique_ptr<Mutex> CreateMutex() { return NewMutex(); }
 };

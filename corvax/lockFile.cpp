@@ -7,10 +7,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
 
 namespace Corvax {
 
 namespace {
+
+constexpr int kAttempts = 5;
+constexpr std::chrono::milliseconds kRetryDelay{10};
 
 std::string ReadHolder(int descriptor)
 {
@@ -27,8 +33,16 @@ LockFile::LockFile(const std::string& path)
    if (!_descriptor) {
       throw PlatformException("open " + path + " for writing", errno);
    }
-   if (::flock(_descriptor.Get(), LOCK_EX | LOCK_NB) != 0) {
-      const int reason = errno;
+   // Retried for a moment, because GetHolder takes the lock to look.
+   int reason = 0;
+   for (int attempt = 0; attempt < kAttempts; ++attempt) {
+      reason = ::flock(_descriptor.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
+      if (reason != EWOULDBLOCK) {
+         break;
+      }
+      std::this_thread::sleep_for(kRetryDelay);
+   }
+   if (reason != 0) {
       const std::string holder = ReadHolder(_descriptor.Get());
       if (reason != EWOULDBLOCK) {
          throw PlatformException("lock " + path, reason);
@@ -40,6 +54,15 @@ LockFile::LockFile(const std::string& path)
    const std::string pid = std::to_string(::getpid());
    [[maybe_unused]] const int cut = ::ftruncate(_descriptor.Get(), 0);
    [[maybe_unused]] const ssize_t written = ::pwrite(_descriptor.Get(), pid.data(), pid.size(), 0);
+}
+
+int64_t LockFile::GetHolder(const std::string& path)
+{
+   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+   if (!file || ::flock(file.Get(), LOCK_SH | LOCK_NB) == 0) {
+      return 0;
+   }
+   return std::strtoll(ReadHolder(file.Get()).c_str(), nullptr, 10);
 }
 
 } // namespace Corvax

@@ -1,7 +1,6 @@
 #include "metrix/rowWindow.h"
 
 #include "corvax/exception.h"
-#include "metrix/littleEndian.h"
 
 #include <algorithm>
 #include <cstring>
@@ -29,8 +28,6 @@ constexpr uint64_t kStepLimit = 16;
 /// The range grows by this factor while a walk continues: a lone access reads one row, a long walk
 /// soon reads full ranges, and one that ends has read less than four times the rows it passed.
 constexpr uint64_t kGrowth = 4;
-
-constexpr size_t kMaxExtents = 512;
 
 } // namespace
 
@@ -69,44 +66,9 @@ void RowWindow::MarkDirty(uint64_t row)
    }
 }
 
-void RowWindow::QueueExtent(uint64_t row, size_t pos, uint64_t value)
-{
-   if (Holds(row)) {
-      WriteBack();
-      _rowCount = 0; // the window's copy becomes stale
-   }
-   Extent& extent = _extents.emplace_back();
-   extent.offset = _firstRowPos + row * _rowSize + pos;
-   Encode(value, extent.bytes.data());
-   if (_extents.size() >= kMaxExtents) {
-      WriteExtents();
-   }
-}
-
-void RowWindow::WriteExtents()
-{
-   if (_extents.empty()) {
-      return;
-   }
-   // Taken out first: after a failure it is open which of them the file has, so none is retried.
-   const std::vector<Extent> extents = std::exchange(_extents, {});
-   std::vector<Corvax::FileExtent> writes;
-   writes.reserve(extents.size());
-   for (const Extent& extent : extents) {
-      writes.push_back({extent.offset, extent.bytes.data(), extent.bytes.size()});
-   }
-   try {
-      _file->WriteExtents(writes);
-   } catch (...) {
-      ++_failedWrites;
-      throw;
-   }
-   _extents.reserve(kMaxExtents);
-}
-
 void RowWindow::MoveTo(uint64_t row)
 {
-   WriteBack(); // the rows read below may have pending extents
+   WriteBack();
    const uint64_t count = ChooseRangeLength(row);
    _rowCount = 0; // holds nothing if reading fails
    _file->Seek(_firstRowPos + row * _rowSize);
@@ -128,7 +90,6 @@ uint64_t RowWindow::ChooseRangeLength(uint64_t row) const
 
 void RowWindow::WriteBack()
 {
-   WriteExtents();
    if (_dirtyFirst == _dirtyEnd) {
       return;
    }
@@ -141,7 +102,6 @@ void RowWindow::WriteBack()
       _file->Seek(pos);
       Assert(_file->Write(bytes, sizeBytes) == sizeBytes, "rows are written whole");
    } catch (...) {
-      ++_failedWrites;
       _rowCount = 0; // the file may have old rows or new ones
       throw;
    }

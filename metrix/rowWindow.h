@@ -2,11 +2,9 @@
 
 #include "corvax/file.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 namespace Metrix {
 
@@ -17,9 +15,6 @@ namespace Metrix {
 /// through the rows reads longer and longer ranges, and dirty rows stay in the window until it
 /// moves or the batch ends: two system calls per range instead of two per row. Clean rows between
 /// dirty ones are written back as they were read.
-///
-/// For long rows, writing only the changed bytes is cheaper than copying whole rows. In a batch
-/// such extents can be queued; many of them are written with one system call.
 ///
 /// A row that the file does not hold whole reads as zero bytes.
 /// Errors: PlatformException if the file system fails, AssertionException if it writes rows only in
@@ -41,26 +36,11 @@ public:
    /// Has the row, which Get returned last, written: in a batch later, otherwise now.
    void MarkDirty(uint64_t row);
 
-   /// Whether QueueExtent may be used, and is cheaper than Get and MarkDirty.
-   bool PrefersExtents() const { return _isBatch && _maxRows == 1; }
-
-   /// In a batch: queues the eight bytes at `pos` within a row that the file has.
-   void QueueExtent(uint64_t row, size_t pos, uint64_t value);
-
-   /// Number of failed writes of pending changes.
-   uint64_t GetFailedWrites() const { return _failedWrites; }
-
 private:
-   struct Extent {
-      uint64_t offset;
-      std::array<std::byte, 8> bytes;
-   };
-
    bool Holds(uint64_t row) const { return row >= _firstRow && row - _firstRow < _rowCount; }
    void MoveTo(uint64_t row);
    uint64_t ChooseRangeLength(uint64_t row) const;
    void WriteBack();
-   void WriteExtents();
    std::byte* At(uint64_t row) { return &_bytes[(row - _firstRow) * _rowSize]; }
 
    const Corvax::Ref<Corvax::FileHandle> _file;
@@ -73,8 +53,6 @@ private:
    uint64_t _rowCount = 0;
    uint64_t _dirtyFirst = 0; ///< the dirty rows, with the clean ones between them
    uint64_t _dirtyEnd = 0;   ///< after the last; equal to _dirtyFirst if no row is dirty
-   uint64_t _failedWrites = 0;
-   std::vector<Extent> _extents; ///< pending, in the order in which they were queued
 };
 
 } // namespace Metrix

@@ -4,6 +4,7 @@
 #include "corvax/logger.h"
 #include "metrix/statTypes.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,18 @@ struct StatsDepotInterval : Corvax::ObjectImpl {
    const int samplingPeriod; ///< seconds
    const int numSamples;
    const std::string name;
+};
+
+/// How a depot keeps its newest samples: a journal makes them durable, and the stores get them
+/// later, many at a time.
+struct JournalOptions {
+   /// How long samples of the finest interval stay in memory and journal before their rows are
+   /// written; those of the coarser ones stay twelve times as long. Both less where the ring or the
+   /// memory for it is smaller. 0: no journal, every write goes straight to the files.
+   int checkpointSec = 0;
+   /// After unlocking, the journal is synced if its last sync is at least so long ago. 0: only when
+   /// the order of writes asks for it.
+   int syncSec = 0;
 };
 
 /// All samples of a host: a directory with a description of the intervals, an id map of the stats
@@ -50,8 +63,12 @@ public:
 
    /// Creates a depot without intervals. One that exists in the directory is overwritten.
    virtual void Create() = 0;
-   /// Opens an existing depot. A store file that cannot be used is recreated, empty.
+   /// Opens an existing depot and changes none of its files. A store file that cannot be used is
+   /// set aside and recreated, empty, with the first change.
    virtual void Load() = 0;
+   /// Opens an existing depot for reading, also beside the process that writes it. Every operation
+   /// that changes the depot is then an AssertionException.
+   virtual void LoadReadOnly() = 0;
    /// Writes the changes that are pending since the depot was locked. Throws if a write fails; the
    /// samples in it are lost. Whoever recorded samples calls this before unlocking, because a
    /// failure in Unlock is only logged.
@@ -108,11 +125,28 @@ public:
    /// Deleting an unknown entity or stat is not an error.
    virtual void DeleteEntityStats(const std::string& entityId) = 0;
    virtual void DeleteStat(const std::string& entityId, const std::string& statName) = 0;
+
+   /// The rollups that a stat should have; false if its name is not known.
+   using RollupSource =
+      std::function<bool(const std::string& statName, std::vector<RollupType>& rollups)>;
+   /// Adds the rollups that stats lack, for example because the depot is from an older program.
+   virtual void AddMissingRollups(const RollupSource& source) = 0;
+
+   /// Gives up all columns newer than `ts`, in every interval: for a clock that was ahead. Costs a
+   /// read and a write of every row. Returns the number of columns given up.
+   virtual int GiveUpColumnsAfter(TimeStamp ts) = 0;
+
+   /// Lays down everything that only memory and journal have. Call it when collection stops.
+   virtual void Checkpoint() = 0;
+
+   /// Why samples are not stored at the moment, for a person; empty if they are.
+   virtual std::string GetTrouble() = 0;
 };
 
 /// Does not touch the disk: call Create or Load first. `depotDir` ends with "/". One purge removes
 /// at most `maxStatsPurged` stats.
 void GetStatsDepot(const std::string& depotDir, const std::string& depotName,
-                   Corvax::Logger* logger, int maxStatsPurged, Corvax::Ref<StatsDepot>& depot);
+                   Corvax::Logger* logger, int maxStatsPurged, Corvax::Ref<StatsDepot>& depot,
+                   const JournalOptions& journal = {});
 
 } // namespace Metrix

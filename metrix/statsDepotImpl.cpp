@@ -19,10 +19,10 @@ constexpr char kNoIntervals[] = "Couldnot find any interval infromation in depot
 } // namespace
 
 StatsDepotImpl::StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
-                               int maxStatsPurged)
+                               int maxStatsPurged, const JournalOptions& journalOptions)
    : _depotDir(std::move(depotDir)), _depotName(std::move(depotName)),
-     _maxStatsPurged(maxStatsPurged), _intervalTable(Corvax::MakeRef<IntervalTable>(logger)),
-     _logger(logger)
+     _maxStatsPurged(maxStatsPurged), _journalOptions(journalOptions),
+     _intervalTable(Corvax::MakeRef<IntervalTable>(logger)), _logger(logger)
 {
 }
 
@@ -323,10 +323,34 @@ TimeStamp StatsDepotImpl::GetLatestTimeStamp()
    return finest ? finest->GetStore().GetLatestTimeStamp() : kUnset;
 }
 
-void GetStatsDepot(const std::string& depotDir, const std::string& depotName,
-                   Corvax::Logger* logger, int maxStatsPurged, Corvax::Ref<StatsDepot>& depot)
+// Interim bodies; the journal comes with the next changes.
+void StatsDepotImpl::LoadReadOnly()
 {
-   depot = Corvax::MakeRef<StatsDepotImpl>(depotDir, depotName, logger, maxStatsPurged);
+   Load();
+}
+
+void StatsDepotImpl::AddMissingRollups(const RollupSource& /*source*/) {}
+
+int StatsDepotImpl::GiveUpColumnsAfter(TimeStamp /*ts*/)
+{
+   return 0;
+}
+
+void StatsDepotImpl::Checkpoint()
+{
+   Flush();
+}
+
+std::string StatsDepotImpl::GetTrouble()
+{
+   return {};
+}
+
+void GetStatsDepot(const std::string& depotDir, const std::string& depotName,
+                   Corvax::Logger* logger, int maxStatsPurged, Corvax::Ref<StatsDepot>& depot,
+                   const JournalOptions& journal)
+{
+   depot = Corvax::MakeRef<StatsDepotImpl>(depotDir, depotName, logger, maxStatsPurged, journal);
 }
 
 } // namespace Metrix

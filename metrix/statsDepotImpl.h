@@ -21,13 +21,14 @@ namespace Metrix {
 class StatsDepotImpl : public Corvax::LockableObjectImpl, public StatsDepot {
 public:
    StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
-                  int maxStatsPurged);
+                  int maxStatsPurged, const JournalOptions& journalOptions);
 
    void Lock() override;
    void Unlock() override;
 
    void Create() override;
    void Load() override;
+   void LoadReadOnly() override;
    void Flush() override;
    void AddInterval(const std::string& name, int samplingPeriod, unsigned int numSamples) override;
    void GetIntervals(Corvax::RefVector<StatsDepotInterval>& intervals) override;
@@ -47,6 +48,10 @@ public:
    TimeStamp GetLatestTimeStamp() override;
    void DeleteEntityStats(const std::string& entityId) override;
    void DeleteStat(const std::string& entityId, const std::string& statName) override;
+   void AddMissingRollups(const RollupSource& source) override;
+   int GiveUpColumnsAfter(TimeStamp ts) override;
+   void Checkpoint() override;
+   std::string GetTrouble() override;
 
    /// A registered stat: its ids, one per rollup, and its last reading.
    class StatInfo : public Corvax::ObjectImpl {
@@ -167,6 +172,7 @@ private:
    const std::string _depotDir;
    const std::string _depotName;
    const int _maxStatsPurged;
+   const JournalOptions _journalOptions;
    Corvax::Ref<Corvax::XmlConfig> _statsDepotConfig; ///< the description file
    IdMapFile _idMapFile;
    const Corvax::Ref<IntervalTable> _intervalTable;

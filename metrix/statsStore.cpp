@@ -53,9 +53,6 @@ private:
    std::optional<StatVector> GetStatVector(StatId statId);
    StatVector AllocStatVector(StatId statId);
    void WriteStatVector(StatId statId);
-   bool QueueSample(StatId statId, int32_t column, TimeStamp ts, StatVal value);
-   void CacheRowStamp(StatId statId, TimeStamp ts);
-   void DropStaleRowStamps();
 
    int32_t FindColumn(TimeStamp ts) const { return _columns.FindColumn(ts); }
    int32_t FindClosestColumn(TimeStamp ts) const { return _columns.FindClosestColumn(ts); }
@@ -73,8 +70,6 @@ private:
    uint64_t _statVectorPos = 0; ///< file offset of row 0
    size_t _rowSize = 0;
    std::unique_ptr<RowWindow> _rows;
-   std::vector<TimeStamp> _rowStamps; ///< by id; unset: not cached, or the row is free
-   uint64_t _failedWritesSeen = 0;    ///< those after which _rowStamps was last dropped
    const Corvax::Ref<Corvax::Logger> _logger;
 };
 
@@ -251,54 +246,12 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
       throw Corvax::InvalidArgumentException();
    }
    const int32_t column = ChooseColumn(ts);
-   if (QueueSample(statId, column, ts, value)) {
-      return;
-   }
    std::optional<StatVector> known = GetStatVector(statId);
    StatVector row = known ? *known : AllocStatVector(statId);
    InvalidateGap(row, column);
    row.SetSample(static_cast<size_t>(column), value);
    row.SetTimeStamp(ts);
    WriteStatVector(statId);
-   CacheRowStamp(statId, ts);
-}
-
-/// Stores a sample of a long row without reading the row. False, with nothing done, unless that is
-/// cheaper and the row's stamp is cached and shows that there is no gap to invalidate.
-///
-/// The sample is written before the row's stamp: without the stamp it is hidden, whereas the stamp
-/// alone would show what the column held before the ring wrapped.
-bool StatsStoreImpl::QueueSample(StatId statId, int32_t column, TimeStamp ts, StatVal value)
-{
-   DropStaleRowStamps();
-   if (!_rows->PrefersExtents() || statId >= _rowStamps.size()) {
-      return false;
-   }
-   const TimeStamp previous = _columns.GetTimeStamp(_columns.GetPrevious(column));
-   if (_rowStamps[statId] == kUnset || _rowStamps[statId] != previous) {
-      return false;
-   }
-   _rows->QueueExtent(statId, StoreFormat::SamplePos(static_cast<size_t>(column)), value);
-   _rows->QueueExtent(statId, StoreFormat::kRowTimeStampPos, ts);
-   _rowStamps[statId] = ts;
-   return true;
-}
-
-/// After a failed write the file may have older stamps than those cached.
-void StatsStoreImpl::DropStaleRowStamps()
-{
-   if (_rows->GetFailedWrites() != _failedWritesSeen) {
-      _failedWritesSeen = _rows->GetFailedWrites();
-      _rowStamps.clear();
-   }
-}
-
-void StatsStoreImpl::CacheRowStamp(StatId statId, TimeStamp ts)
-{
-   if (statId >= _rowStamps.size()) {
-      _rowStamps.resize(_numStats, kUnset);
-   }
-   _rowStamps[statId] = ts;
 }
 
 StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
@@ -360,7 +313,6 @@ bool StatsStoreImpl::DeleteStat(StatId statId)
    if (std::optional<StatVector> row = GetStatVector(statId)) {
       row->SetFree();
       WriteStatVector(statId);
-      CacheRowStamp(statId, kUnset);
    }
    return true;
 }

@@ -50,6 +50,20 @@ public:
    }
    std::string NewScratchDirectory() override { return _real->NewScratchDirectory(); }
    void Remove(const std::string& path) override { _real->Remove(path); }
+   void SyncDirectory(const std::string& path) override
+   {
+      Step();
+      _real->SyncDirectory(path);
+   }
+   std::vector<std::string> ListDirectory(const std::string& path) override
+   {
+      return _real->ListDirectory(path);
+   }
+   std::unique_ptr<Corvax::FileLock> Lock(const std::string& path) override
+   {
+      return _real->Lock(path);
+   }
+   int64_t GetLockHolder(const std::string& path) override { return _real->GetLockHolder(path); }
 
 private:
    void Count(size_t sizeBytes)
@@ -108,22 +122,22 @@ private:
          const bool cut = _files.cutWrites && sizeBytes > 8 && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
       }
-      void WriteExtents(std::span<const Corvax::FileExtent> extents) override
-      {
-         if (_files.failAt > 0 || _files._failing) {
-            return FileHandle::WriteExtents(extents); // each of them may fail
-         }
-         for (const Corvax::FileExtent& extent : extents) {
-            _files.bytes += extent.sizeBytes;
-         }
-         ++_files.calls;
-         _real->WriteExtents(extents);
-      }
       void Flush() override
       {
          _files.Step();
          _real->Flush();
       }
+      void Truncate(uint64_t sizeBytes) override
+      {
+         _files.Step();
+         _real->Truncate(sizeBytes);
+      }
+      void Allocate(uint64_t offset, uint64_t sizeBytes) override
+      {
+         _files.Step();
+         _real->Allocate(offset, sizeBytes);
+      }
+      bool IsAt(const std::string& path) override { return _real->IsAt(path); }
 
    private:
       FaultyFiles& _files;

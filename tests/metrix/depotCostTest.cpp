@@ -156,17 +156,6 @@ TEST_F(DepotCostTest, UnlockingWritesRowsThatWereNotFlushed)
    ExpectInFiles();
 }
 
-TEST_F(DepotCostTest, SamplesOfLongRowsAreWrittenWithoutTheRows)
-{
-   Build(1);
-   Collect(); // caches the rows' stamps
-   ResetCounts();
-   Collect();
-   EXPECT_LE(_files.calls, 10);
-   EXPECT_LE(_files.bytes / kStats, 17);
-   ExpectInFiles();
-}
-
 TEST_F(DepotCostTest, ASampleThatALongRowMissedIsUnsetAfterTheRingHasWrapped)
 {
    BuildWrapped();
@@ -205,19 +194,6 @@ TEST_F(DepotCostTest, AFailureInUnlockIsLoggedAndTheNextRunIsStored)
       EXPECT_EQ(_logger->Count("Samples are lost"), before + 1);
       Collect();
       ExpectInFiles();
-   }
-}
-
-TEST_F(DepotCostTest, ALostSampleOfALongRowIsUnsetAfterTheRingHasWrapped)
-{
-   BuildWrapped();
-   ExpectFlushFails();
-   const TimeStamp lost = Now();
-   Collect();
-   Collect();
-   ExpectInFiles();
-   for (size_t i = 0; i < _names.size(); ++i) {
-      EXPECT_EQ(Read(*_depot, i, lost), Metrix::kUnset) << "not the sample before the wrap";
    }
 }
 
