@@ -48,7 +48,7 @@ public:
       _agent->GetConfig().Set("plugins/metrix/depotDir", _scratch.GetPath());
       _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent->GetLogger());
       Metrix::GetStatsDepot(_scratch.GetPath(), kDepotName, _agent->GetLogger(), 0, _depot);
-      _depot->Load();
+      _depot->LoadReadOnly();
    }
 
    /// Reads series of random stats from the depot itself, all samples of an interval each. Returns

@@ -65,13 +65,25 @@ room(metrix/columnRing SEES metrix/statTypes)
 room(metrix/rollupFunctions SEES metrix/statTypes)
 room(metrix/slotUsageMap SEES corvax)
 room(metrix/rowWindow SEES metrix/littleEndian corvax)
-room(metrix/statsStore
-   SEES metrix/rowWindow metrix/columnRing metrix/storeFormat metrix/statTypes corvax)
+room(metrix/crc32c SEES metrix/littleEndian)
+room(metrix/journalEntries SEES metrix/statTypes corvax)
+room(metrix/journalFormat SEES metrix/crc32c metrix/littleEndian metrix/statTypes)
+room(metrix/journalReader SEES metrix/journalFormat metrix/statTypes corvax)
+room(metrix/journal
+   SEES metrix/journalReader metrix/journalEntries metrix/journalFormat metrix/statTypes corvax)
+room(metrix/storeHead
+   SEES metrix/journalEntries metrix/columnRing metrix/storeFormat metrix/statTypes corvax)
+set(store metrix/storeHead metrix/journalEntries metrix/journalFormat metrix/rowWindow
+   metrix/columnRing metrix/storeFormat metrix/statTypes corvax)
+room(metrix/statsStore SEES metrix/statsStoreImpl ${store})
+room(metrix/statsStoreImpl SEES metrix/statsStore ${store})
+room(metrix/statsStoreHead SEES metrix/statsStoreImpl metrix/statsStore ${store})
 room(metrix/idMapFile SEES metrix/rowWindow metrix/idMapFormat metrix/statTypes corvax)
 room(metrix/intervalTable SEES metrix/statsStore corvax)
 room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
-foreach(part IN ITEMS Impl Registry Deletion Propagation)
+foreach(part IN ITEMS Impl Registry Deletion Propagation Recovery Checkpoint)
    room(metrix/statsDepot${part} SEES metrix/statsDepotImpl metrix/statsDepot metrix/intervalTable
+      metrix/statsStore metrix/journal metrix/journalReader metrix/journalEntries
       metrix/idMapFile metrix/slotUsageMap metrix/rollupFunctions corvax)
 endforeach()
 room(metrix/statsMetadata SEES metrix/statsDepot quen plexa corvax)

@@ -30,6 +30,8 @@ public:
 
    int32_t GetEarliest() const { return _earliestTsCol; }
    int32_t GetLatest() const { return _latestTsCol; }
+   /// By column, unset for those not in use.
+   const std::vector<TimeStamp>& GetAllTimeStamps() const { return _timeStamps; }
    TimeStamp GetTimeStamp(int32_t column) const { return _timeStamps[static_cast<size_t>(column)]; }
    /// Unset when no column is in use.
    TimeStamp GetEarliestTimeStamp() const;

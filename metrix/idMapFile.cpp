@@ -20,18 +20,46 @@ constexpr uint64_t kRecordsPerRead = 1024;
 
 void IdMapFile::Create(const std::string& path)
 {
-   Open(path, FileCreation::CREATE_ALWAYS);
+   Open(path, Corvax::FILE_READ_WRITE, FileCreation::CREATE_ALWAYS);
 }
 
-void IdMapFile::Open(const std::string& path)
+void IdMapFile::Open(const std::string& path, bool readOnly)
 {
-   Open(path, FileCreation::OPEN_EXISTING);
+   Open(path, readOnly ? Corvax::FILE_READ : Corvax::FILE_READ_WRITE, FileCreation::OPEN_EXISTING);
 }
 
-void IdMapFile::Open(const std::string& path, FileCreation creation)
+void IdMapFile::Open(const std::string& path, uint32_t access, FileCreation creation)
 {
    _idMapFileHandle = Corvax::System::GetFactory().NewFileHandle();
-   _idMapFileHandle->Open(path, Corvax::FILE_READ_WRITE, creation);
+   _idMapFileHandle->Open(path, access, creation);
+   _path = path;
+   _reserved = 0;
+}
+
+/// In steps, because each is a system call.
+void IdMapFile::Reserve(uint64_t count)
+{
+   if (count <= _reserved) {
+      return;
+   }
+   const uint64_t end = count * kRecordSize;
+   const uint64_t size = std::min(GetSizeBytes(), end);
+   try {
+      _idMapFileHandle->Allocate(size, end - size + kRecordsPerRead * kRecordSize);
+      _reserved = count + kRecordsPerRead;
+   } catch (const Corvax::PlatformException&) {
+      _idMapFileHandle->Allocate(size, end - size);
+      _reserved = count;
+   }
+}
+
+/// A record that is cut off at the end of the file reads as free once records follow it.
+void IdMapFile::CutIncompleteRecord(uint64_t end)
+{
+   const uint64_t size = GetSizeBytes();
+   if (end > size && size % kRecordSize != 0) {
+      _idMapFileHandle->Truncate(size - size % kRecordSize);
+   }
 }
 
 void IdMapFile::ReadRecords(uint64_t count,
@@ -60,6 +88,7 @@ void IdMapFile::WriteRecords(const std::vector<Entry>& entries)
       bytes.resize(bytes.size() + kRecordSize);
       IdMapFormat::EncodeRecord(record, &bytes[bytes.size() - kRecordSize]);
       if (i + 1 == entries.size() || entries[i + 1].id != id + 1) {
+         CutIncompleteRecord((id + 1) * kRecordSize);
          _idMapFileHandle->Seek((id + 1) * kRecordSize - bytes.size());
          _idMapFileHandle->WriteAll(bytes.data(), bytes.size());
          bytes.clear();

@@ -25,7 +25,7 @@ public:
    /// Creates the file, or empties it if it exists.
    void Create(const std::string& path);
    /// The file must exist.
-   void Open(const std::string& path);
+   void Open(const std::string& path, bool readOnly);
 
    uint64_t GetSizeBytes() { return _idMapFileHandle->GetSize(); }
 
@@ -44,10 +44,20 @@ public:
    /// Brings everything written to the disk.
    void Sync() { _idMapFileHandle->Flush(); }
 
-private:
-   void Open(const std::string& path, Corvax::FileCreation creation);
+   /// Reserves space for that many records; PlatformException (ENOSPC) if there is none.
+   void Reserve(uint64_t count);
 
+   /// Whether the file is still at the path that it was opened at.
+   bool IsInPlace() { return _idMapFileHandle->IsAt(_path); }
+
+private:
+   void Open(const std::string& path, uint32_t access, Corvax::FileCreation creation);
+
+   void CutIncompleteRecord(uint64_t end);
+
+   std::string _path;
    Corvax::Ref<Corvax::FileHandle> _idMapFileHandle;
+   uint64_t _reserved = 0; ///< records
 };
 
 } // namespace Metrix

@@ -63,12 +63,12 @@ void IntervalTable::Refuse(const char* pattern, int period, int otherPeriod) con
    throw Corvax::InvalidArgumentException();
 }
 
-void IntervalTable::LoadInterval(const std::string& name)
+void IntervalTable::LoadInterval(const std::string& name, bool readOnly)
 {
    Interval& interval = GetInterval(name);
    Corvax::Ref<StatsStore> store;
    GetStatsStore(interval._storeName, _logger.Get(), store);
-   store->Load();
+   readOnly ? store->LoadReadOnly() : store->Load();
    if (store->GetNumSamples() != interval._numSamples) {
       _logger->Log(kLogError, "Number of samples %1 in StatsStore doesnt match expectedValue %2",
                    store->GetNumSamples(), interval._numSamples);
@@ -84,6 +84,21 @@ void IntervalTable::InitInterval(const std::string& name)
    GetStatsStore(interval._storeName, _logger.Get(), store);
    store->Create(interval._samplingPeriod, static_cast<int>(interval._numSamples));
    interval._statsStore = store;
+}
+
+void IntervalTable::PlanInterval(const std::string& name)
+{
+   Interval& interval = GetInterval(name);
+   Corvax::Ref<StatsStore> store;
+   GetStatsStore(interval._storeName, _logger.Get(), store);
+   store->Plan(interval._samplingPeriod, static_cast<int>(interval._numSamples));
+   interval._statsStore = store;
+}
+
+void IntervalTable::RemoveInterval(const std::string& name)
+{
+   std::erase_if(_intervalList,
+                 [&name](const auto& interval) { return interval->_intervalName == name; });
 }
 
 Interval& IntervalTable::GetInterval(const std::string& name) const

@@ -43,7 +43,13 @@ public:
 
    /// Opens the store file. Exception when it cannot be used, or has another number of columns than
    /// the interval; the interval then has no store.
-   void LoadInterval(const std::string& name);
+   void LoadInterval(const std::string& name, bool readOnly = false);
+
+   /// Gives the interval an empty store, whose file is not created yet.
+   void PlanInterval(const std::string& name);
+
+   /// Takes the interval out of the table.
+   void RemoveInterval(const std::string& name);
 
    /// Creates an empty store file, over one that exists.
    void InitInterval(const std::string& name);

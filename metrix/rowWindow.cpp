@@ -29,11 +29,14 @@ constexpr uint64_t kStepLimit = 16;
 /// soon reads full ranges, and one that ends has read less than four times the rows it passed.
 constexpr uint64_t kGrowth = 4;
 
+constexpr uint64_t kPageBytes = 4096;
+
 } // namespace
 
 RowWindow::RowWindow(Corvax::Ref<Corvax::FileHandle> file, uint64_t firstRowPos,
-                     size_t rowSizeBytes)
+                     size_t rowSizeBytes, size_t headSizeBytes)
    : _file(std::move(file)), _firstRowPos(firstRowPos), _rowSize(rowSizeBytes),
+     _headSize(headSizeBytes),
      _maxRows(rowSizeBytes > kMaxRowBytesInRange ? 1 : kMaxRangeBytes / rowSizeBytes),
      _bytes(new(std::nothrow) std::byte[_maxRows * _rowSize])
 {
@@ -71,12 +74,28 @@ void RowWindow::MoveTo(uint64_t row)
    WriteBack();
    const uint64_t count = ChooseRangeLength(row);
    _rowCount = 0; // holds nothing if reading fails
-   _file->Seek(_firstRowPos + row * _rowSize);
+   try {
+      Read(row, count);
+   } catch (const Corvax::PlatformException&) {
+      if (count == 1) {
+         throw;
+      }
+      Read(row, 1); // another row may be the unreadable one
+   }
+}
+
+void RowWindow::Read(uint64_t row, uint64_t count)
+{
+   _file->Seek(GetRowPos(row));
    const size_t readBytes = _file->Read(_bytes.get(), count * _rowSize);
    const size_t wholeRowBytes = readBytes - readBytes % _rowSize;
    std::memset(&_bytes[wholeRowBytes], 0, count * _rowSize - wholeRowBytes);
    _firstRow = row;
    _rowCount = count;
+   _heads.resize(count * _headSize);
+   for (uint64_t i = 0; _headSize > 0 && i < count; ++i) {
+      std::memcpy(&_heads[i * _headSize], At(row + i), _headSize);
+   }
 }
 
 /// A walk is going on if the row lies at or shortly after the end of the range read last. Only then
@@ -93,18 +112,73 @@ void RowWindow::WriteBack()
    if (_dirtyFirst == _dirtyEnd) {
       return;
    }
-   const size_t sizeBytes = (_dirtyEnd - _dirtyFirst) * _rowSize;
-   const std::byte* const bytes = At(_dirtyFirst);
-   const uint64_t pos = _firstRowPos + _dirtyFirst * _rowSize;
-   _dirtyFirst = 0;
-   _dirtyEnd = 0;
    try {
-      _file->Seek(pos);
-      Assert(_file->Write(bytes, sizeBytes) == sizeBytes, "rows are written whole");
+      WriteDirty();
    } catch (...) {
+      _dirtyFirst = _dirtyEnd = 0;
       _rowCount = 0; // the file may have old rows or new ones
       throw;
    }
+   _dirtyFirst = _dirtyEnd = 0;
+}
+
+/// A write that is killed ends at a page border. So rows that lie across one get their rest first,
+/// under the old head.
+void RowWindow::WriteDirty()
+{
+   CutIncompleteRow(GetRowPos(_dirtyEnd));
+   bool anyAcross = false;
+   for (uint64_t row = _dirtyFirst; _headSize > 0 && row < _dirtyEnd && !anyAcross; ++row) {
+      anyAcross = IsAcrossPages(row);
+   }
+   if (anyAcross) {
+      SwapHeads(_dirtyFirst, _dirtyEnd);
+      WriteRows(_dirtyFirst, _dirtyEnd);
+      SwapHeads(_dirtyFirst, _dirtyEnd);
+   }
+   WriteRows(_dirtyFirst, _dirtyEnd);
+   for (uint64_t row = _dirtyFirst; _headSize > 0 && row < _dirtyEnd; ++row) {
+      std::memcpy(&_heads[(row - _firstRow) * _headSize], At(row), _headSize);
+   }
+}
+
+void RowWindow::WriteRows(uint64_t first, uint64_t end)
+{
+   const size_t sizeBytes = (end - first) * _rowSize;
+   _file->Seek(GetRowPos(first));
+   Assert(_file->Write(At(first), sizeBytes) == sizeBytes, "rows are written whole");
+   _fileEnd = std::max(_fileEnd, GetRowPos(end));
+}
+
+/// Exchanges the heads of rows across pages for those that the file has.
+void RowWindow::SwapHeads(uint64_t first, uint64_t end)
+{
+   for (uint64_t row = first; row < end; ++row) {
+      if (IsAcrossPages(row)) {
+         std::byte* const head = &_heads[(row - _firstRow) * _headSize];
+         std::swap_ranges(head, head + _headSize, At(row));
+      }
+   }
+}
+
+bool RowWindow::IsAcrossPages(uint64_t row) const
+{
+   return GetRowPos(row) / kPageBytes != (GetRowPos(row + 1) - 1) / kPageBytes;
+}
+
+/// A row that is cut off at the end of the file would come back to life, filled up with zero bytes,
+/// when rows are written behind it.
+void RowWindow::CutIncompleteRow(uint64_t end)
+{
+   if (end <= _fileEnd) {
+      return;
+   }
+   const uint64_t size = _file->GetSize();
+   const uint64_t excess = size > _firstRowPos ? (size - _firstRowPos) % _rowSize : 0;
+   if (excess != 0) {
+      _file->Truncate(size - excess);
+   }
+   _fileEnd = size - excess;
 }
 
 } // namespace Metrix

@@ -116,6 +116,7 @@ void TestScratchDepot(Corvax::Logger* logger)
       CheckFine(*depot);
       CheckCoarse(*depot);
    }
+   depot = nullptr;
    GetStatsDepot(directory.Path(), "scratch", logger, 1, depot);
    const Corvax::Locker lock(depot.Get());
    depot->Load();

@@ -15,6 +15,7 @@ using Corvax::kLogInfo;
 void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& statName,
                                 const StatInfo& info)
 {
+   ++_deletions;
    const auto entity = _entityMap.find(entityId);
    entity->second->erase(statName);
    if (entity->second->empty()) {
@@ -68,6 +69,11 @@ void StatsDepotImpl::DeleteStats(const std::vector<StatName>& stats)
 void StatsDepotImpl::DeleteStat(const std::string& entityId, const std::string& statName)
 {
    AssertOpen();
+   PrepareChange();
+   if (IsJournaled() && !IsLocked()) {
+      const Corvax::Locker lock(this); // commits
+      return DeleteStat(entityId, statName);
+   }
    DeleteStatInt(entityId, statName);
    SyncIdMap();
 }
@@ -75,6 +81,11 @@ void StatsDepotImpl::DeleteStat(const std::string& entityId, const std::string& 
 void StatsDepotImpl::DeleteEntityStats(const std::string& entityId)
 {
    AssertOpen();
+   PrepareChange();
+   if (IsJournaled() && !IsLocked()) {
+      const Corvax::Locker lock(this); // commits
+      return DeleteEntityStats(entityId);
+   }
    const auto entity = _entityMap.find(entityId);
    if (entity == _entityMap.end()) {
       return;
@@ -133,13 +144,13 @@ TimeStamp StatsDepotImpl::GetLatestTimeStamp(StatInfo* info) const
       return info->_lastTimeStamp;
    }
    StatId id = info->GetStatId(ROLLUP_NONE);
-   StatId lastRollupId = id;
+   StatId lastRollupId = kUnset;
    for (size_t i = 0; i < info->_statIds.size(); ++i) {
       lastRollupId = info->_rollupTypes[i] == ROLLUP_NONE ? lastRollupId : info->_statIds[i];
    }
    TimeStamp latest = kUnset;
    for (const auto& interval : *_intervalTable) {
-      latest = interval->GetStore().GetLastUpdateTime(id);
+      latest = id == kUnset ? kUnset : interval->GetStore().GetLastUpdateTime(id);
       if (latest != kUnset) {
          break;
       }

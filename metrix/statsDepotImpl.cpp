@@ -14,6 +14,7 @@ using Corvax::kLogError;
 
 constexpr int kInitialSlots = 200;
 
+constexpr char kWritable[] = "the depot was opened for writing";
 constexpr char kNoIntervals[] = "Couldnot find any interval infromation in depot file";
 
 } // namespace
@@ -42,9 +43,16 @@ void StatsDepotImpl::Create()
    if (!factory.Exists(_depotDir)) {
       factory.CreateDirectory(_depotDir);
    }
+   if (!_writerLock) {
+      _writerLock = factory.Lock(GetPrefix() + ".lock");
+   }
+   for (size_t i = 0; i < kJournalFiles; ++i) {
+      factory.Remove(GetJournalFileName(GetPrefix(), i)); // of a depot that was there
+   }
    Corvax::GetXmlConfig(GetDepotFileName(), _statsDepotConfig);
    _idMapFile.Create(GetIdMapFileName());
    _statsDepotConfig->Save();
+   factory.SyncDirectory(_depotDir);
    _nextUpdateTime = kUnset;
    _slotUsageMap = Corvax::MakeRef<SlotUsageMap>(kInitialSlots);
 }
@@ -53,10 +61,23 @@ void StatsDepotImpl::AddInterval(const std::string& name, int samplingPeriod,
                                  unsigned int numSamples)
 {
    AssertOpen();
+   Assert(!_readOnly, kWritable);
+   if (_intervalTable->GetNumIntervals() > 0) {
+      PrepareChange();
+   }
+   if (IsJournaled()) {
+      CheckpointNow();
+      _journal = nullptr; // the next one knows the new store, too
+      _schedules.clear();
+   }
    const std::string storeName = GetStoreName(samplingPeriod);
    _intervalTable->AddInterval(name, storeName, samplingPeriod, numSamples);
-   _intervalTable->InitInterval(name);
-
+   try {
+      _intervalTable->InitInterval(name);
+   } catch (...) {
+      _intervalTable->RemoveInterval(name);
+      throw;
+   }
    const int index = _statsDepotConfig->AddElement("intervals", "interval");
    const std::string path = "intervals/interval[" + std::to_string(index) + "]/";
    _statsDepotConfig->Set(path + "name", name);
@@ -64,11 +85,29 @@ void StatsDepotImpl::AddInterval(const std::string& name, int samplingPeriod,
    _statsDepotConfig->Set(path + "samplingPeriod", std::to_string(samplingPeriod));
    _statsDepotConfig->Set(path + "numSamples", std::to_string(numSamples));
    _statsDepotConfig->Save();
+   Corvax::System::GetFactory().SyncDirectory(_depotDir);
+   _isReady = false; // the journal has to know the store
 }
 
 void StatsDepotImpl::Load()
 {
-   _idMapFile.Open(GetIdMapFileName());
+   Open(false);
+}
+
+void StatsDepotImpl::LoadReadOnly()
+{
+   Open(true);
+}
+
+void StatsDepotImpl::Open(bool readOnly)
+{
+   Corvax::SystemFactory& factory = Corvax::System::GetFactory();
+   _readOnly = readOnly;
+   factory.GetFileSize(GetIdMapFileName()); // before the lock's file is created
+   if (!readOnly && !_writerLock) {
+      _writerLock = factory.Lock(GetPrefix() + ".lock");
+   }
+   _idMapFile.Open(GetIdMapFileName(), readOnly);
    Corvax::GetXmlConfig(GetDepotFileName(), _statsDepotConfig);
    _statsDepotConfig->Read();
    std::vector<std::string> elements;
@@ -76,10 +115,10 @@ void StatsDepotImpl::Load()
       _logger->Log(kLogError, kNoIntervals);
       throw Corvax::FileFormatException(kNoIntervals);
    }
-   LoadIdMapping();
    for (const std::string& element : elements) {
       LoadInterval(element);
    }
+   Recover(); // with the id map, which the journal completes
    FindLostRecords();
    _nextUpdateTime = kUnset;
 }
@@ -99,19 +138,37 @@ void StatsDepotImpl::LoadInterval(const std::string& element)
       _logger->Log(kLogError, "%1", invalid);
       throw Corvax::FileFormatException(invalid);
    }
+   const std::string ownName = GetStoreName(samplingPeriod);
+   if (storeName != ownName && Corvax::System::GetFactory().Exists(ownName)) {
+      _logger->Log(Corvax::kLogWarning,
+                   "%1 names the store %2; the one beside it, %3, is used instead",
+                   GetDepotFileName(), storeName, ownName);
+      storeName = ownName;
+      _mustMendDescription = true;
+   }
    _intervalTable->AddInterval(name, storeName, samplingPeriod,
                                static_cast<uint32_t>(std::max(numSamples, 0)));
+   std::string error;
    try {
-      _intervalTable->LoadInterval(name);
-   } catch (const Corvax::Exception& e) {
-      _logger->Log(kLogError, "Error in loading interval %1: %2", name, e.GetMessage());
-      // Only a store of this depot is recreated: any other path may be someone else's file.
-      if (storeName != GetStoreName(samplingPeriod)) {
-         _logger->Log(kLogError, "%1", invalid);
-         throw Corvax::FileFormatException(invalid);
+      _intervalTable->LoadInterval(name, _readOnly);
+      return;
+   } catch (const Corvax::OutOfMemoryException&) {
+      throw;
+   } catch (const Corvax::PlatformException& e) {
+      if (Corvax::System::GetFactory().Exists(storeName)) {
+         throw; // a passing failure must not cost the samples
       }
-      _intervalTable->InitInterval(name);
+      error = e.GetMessage();
+   } catch (const Corvax::Exception& e) {
+      error = e.GetMessage();
    }
+   _logger->Log(kLogError, "Error in loading interval %1: %2", name, error);
+   // Only a store of this depot is recreated: any other path may be someone else's file.
+   if (storeName != ownName) {
+      _logger->Log(kLogError, "%1", invalid);
+      throw Corvax::FileFormatException(invalid);
+   }
+   _intervalTable->PlanInterval(name);
 }
 
 void StatsDepotImpl::Lock()
@@ -123,13 +180,19 @@ void StatsDepotImpl::Lock()
 }
 
 /// Writes pending changes before others can access the files. A failure is only logged: a caller
-/// that needs to know calls Flush first.
+/// that needs to know calls Flush first. What the journal needs after a commit is done without the
+/// lock.
 void StatsDepotImpl::Unlock()
 {
+   bool hasCommitted = false;
    if (IsLocked() && --_lockDepth == 0) {
       EndBatchOrLog();
+      hasCommitted = CommitOrLog();
    }
    LockableObjectImpl::Unlock();
+   if (hasCommitted) {
+      Maintain();
+   }
 }
 
 StatsDepotImpl::Batch::~Batch()
@@ -189,6 +252,7 @@ void StatsDepotImpl::Flush()
    if (IsLocked()) {
       Batch(*this).End();
    }
+   Commit();
 }
 
 void StatsDepotImpl::GetIntervals(Corvax::RefVector<StatsDepotInterval>& intervals)
@@ -221,15 +285,20 @@ bool StatsDepotImpl::AddSample(const std::string& entityId, const std::string& s
    if (ts == kUnset) {
       throw Corvax::InvalidArgumentException();
    }
-   Corvax::Ref<StatInfo> info; // a reference of its own: UpdateRollups may purge the stat
-   if (!GetStatInfo(entityId, statName, info)) {
+   PrepareChange();
+   if (IsJournaled() && !IsLocked()) {
+      const Corvax::Locker lock(this); // commits
+      return AddSample(entityId, statName, ts, value, maxVal);
+   }
+   StatInfo* const info = FindStat(entityId, statName);
+   if (info == nullptr) {
       return false;
    }
    RecordSample(*info, ts, value, maxVal);
    info->_lastTimeStamp = ts;
    info->_lastVal = value;
    if (_intervalTable->GetNumIntervals() > 1) {
-      UpdateRollups(ts);
+      UpdateRollups(ts); // may delete the stat
    }
    return true;
 }
@@ -255,11 +324,15 @@ void StatsDepotImpl::RecordSample(StatInfo& info, TimeStamp ts, StatVal value, S
    if (maxVal != 0) {
       stored = std::min(stored, maxVal);
    }
+   MakeRoomFor(fine.GetStore(), ts - ts % period);
    fine.GetStore().AddSample(rawId, ts - ts % period, stored);
 }
 
 void StatsDepotImpl::UpdateRollups(TimeStamp ts)
 {
+   if (!_lateRollups.empty() && ts > _lateRollupsTs) {
+      PropagateLate(ts);
+   }
    if (_nextUpdateTime != kUnset) {
       if (ts < _nextUpdateTime) {
          return;
@@ -321,29 +394,6 @@ TimeStamp StatsDepotImpl::GetLatestTimeStamp()
    AssertOpen();
    const Interval* const finest = SelectInterval({});
    return finest ? finest->GetStore().GetLatestTimeStamp() : kUnset;
-}
-
-// Interim bodies; the journal comes with the next changes.
-void StatsDepotImpl::LoadReadOnly()
-{
-   Load();
-}
-
-void StatsDepotImpl::AddMissingRollups(const RollupSource& /*source*/) {}
-
-int StatsDepotImpl::GiveUpColumnsAfter(TimeStamp /*ts*/)
-{
-   return 0;
-}
-
-void StatsDepotImpl::Checkpoint()
-{
-   Flush();
-}
-
-std::string StatsDepotImpl::GetTrouble()
-{
-   return {};
 }
 
 void GetStatsDepot(const std::string& depotDir, const std::string& depotName,

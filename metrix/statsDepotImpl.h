@@ -1,14 +1,18 @@
 #pragma once
 
+#include "corvax/exception.h"
 #include "corvax/xmlConfig.h"
 #include "metrix/idMapFile.h"
 #include "metrix/intervalTable.h"
+#include "metrix/journal.h"
 #include "metrix/rollupFunctions.h"
 #include "metrix/slotUsageMap.h"
 #include "metrix/statsDepot.h"
 
 #include <array>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -17,7 +21,8 @@ namespace Metrix {
 
 /// The depot. statsDepotImpl.cpp: creating, loading, recording, reading. statsDepotRegistry.cpp:
 /// stats and their ids. statsDepotDeletion.cpp: deleting and purging. statsDepotPropagation.cpp:
-/// filling the coarse intervals.
+/// filling the coarse intervals. statsDepotRecovery.cpp: what the journal has, and the first change
+/// after loading. statsDepotCheckpoint.cpp: commits, and laying down what is pending.
 class StatsDepotImpl : public Corvax::LockableObjectImpl, public StatsDepot {
 public:
    StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
@@ -66,12 +71,18 @@ public:
       RollupType GetRollupType(StatId id) const;
       bool HasStatId(StatId id) const;
 
+      // Keys of the entity map.
+      const std::string* _entityId = nullptr;
+      const std::string* _statName = nullptr;
       std::vector<StatId> _statIds;
       std::vector<RollupType> _rollupTypes; ///< parallel to _statIds
       const StatType _type;
       TimeStamp _lastTimeStamp = kUnset; ///< of the last reading
       StatVal _lastVal = kUnset;         ///< the last reading
       const int32_t _scalingFactor;
+      /// The stat that got the next sample in the last run, while _deletions is the depot's.
+      StatInfo* _follower = nullptr;
+      uint64_t _followerDeletions = 0;
    };
 
    using Interval = Metrix::Interval;
@@ -120,15 +131,122 @@ private:
       uint64_t count;
    };
 
+   /// A series as the journal has it, if its id is not free.
+   struct PendingStat {
+      std::string entityId;
+      std::string statName;
+      int32_t rollup;
+      int32_t statType;
+      int32_t scalingFactor;
+
+      IdMapFormat::Record GetRecord() const
+      {
+         return {entityId, statName, rollup, statType, scalingFactor};
+      }
+   };
+   using PendingStats = std::map<StatId, std::optional<PendingStat>>;
+
+   class Recovery;
+
+   /// Locks the depot, but neither begins a batch nor commits.
+   class PlainLock {
+   public:
+      explicit PlainLock(StatsDepotImpl& depot) : _depot(depot)
+      {
+         _depot.LockableObjectImpl::Lock();
+      }
+      ~PlainLock() { _depot.LockableObjectImpl::Unlock(); }
+      PlainLock(const PlainLock&) = delete;
+      PlainLock& operator=(const PlainLock&) = delete;
+
+   private:
+      StatsDepotImpl& _depot;
+   };
+
+   /// Rows of a store that are laid down together.
+   struct Share {
+      Corvax::Ref<Interval> interval;
+      StatId first = 0;
+      StatId end = 0;
+      TimeStamp newestStamp = 0;
+      std::vector<StatId> postponedBefore;
+      StatsStore::LayDownResult result;
+      bool isSynced = false;
+   };
+   /// What one run lays down.
+   struct Step {
+      bool hasBegun = false;
+      TimeStamp stamp = kUnset; ///< newest column of the finest interval
+      std::vector<Share> shares;
+      std::map<StatId, uint64_t> ids; ///< of _pendingIds
+      bool areIdsSynced = false;
+      std::string trouble;
+   };
+   /// How an interval's rows are laid down.
+   struct Schedule {
+      uint64_t cycleSec; ///< in which each row has its turn
+      StatId cursor = 0;
+      std::vector<StatId> postponed;
+   };
+
    void BeginBatch();
    void EndBatch();
    void EndBatchOrLog();
+
+   // Recovery.
+   void Open(bool readOnly);
+   void Recover();
+   void AttachHeads(bool asLargeAsPossible);
+   void ApplyJournal(const JournalReader& reader, Recovery& recovery);
+   void CheckJournalFits(const JournalReader& reader) const;
+   /// Makes the depot ready for its first change. Costs nothing from then on.
+   void PrepareChange()
+   {
+      if (!_isReady) {
+         MakeReady();
+      }
+      _hasChanges = true;
+   }
+   void MakeReady();
+   void CreatePlannedStores();
+   void MendDescription();
+   void StartJournal();
+   void OpenJournal();
+   void RetireJournal();
+   void SetJournalAside();
+   void Reopen();
+   std::string GetPrefix() const { return _depotDir + _depotName; }
+
+   // Checkpoint.
+   bool IsJournaled() const { return _journal != nullptr; }
+   void Commit();
+   bool CommitOrLog();
+   bool IsSyncDue();
+   void Maintain();
+   std::shared_ptr<Journal> GetJournalToSync();
+   bool IsStepDue() const;
+   bool PrepareStep(Step& step);
+   void PlanShares(Step& step);
+   void LayDown(Share& share);
+   void SyncStep(Step& step);
+   void FinishStep(Step& step);
+   void LayDownIds(Step& step, size_t limit);
+   void SetIdsDurable(const Step& step);
+   void BeginGeneration();
+   void SyncJournal();
+   void CheckpointNow();
+   void LayEverythingDown();
+   void MakeRoomFor(StatsStore& store, TimeStamp ts);
+   void AddSnapshotOfIds(JournalEntries& snapshot) const;
+   bool AreFilesInPlace();
+   void ReportTrouble(const std::string& trouble);
+
    void AssertOpen() const;
    std::string GetDepotFileName() const { return _depotDir + _depotName + ".xml"; }
    std::string GetIdMapFileName() const { return _depotDir + _depotName + ".idMap"; }
    std::string GetStoreName(int samplingPeriod) const;
    void LoadInterval(const std::string& element);
-   void FindLostRecords();
+   void FindLostRecords() const;
    /// The finest interval for an empty name, or null if there is none; "Invalid argument" for an
    /// unknown name.
    Interval* SelectInterval(const std::string& intervalName) const;
@@ -138,20 +256,24 @@ private:
    bool GetStatInfo(StatId id, Corvax::Ref<StatInfo>& info) const;
    StatId GetStatId(const std::string& entityId, const std::string& statName,
                     RollupType rollup) const;
+   StatInfo* FindStat(const std::string& entityId, const std::string& statName);
    StatId AllocStatId();
+   void ReserveIds(size_t count);
    void TakeBackStat(const std::string& entityId, const std::string& statName);
-   void LoadIdMapping();
+   void LoadIdMapping(const PendingStats& pending);
    bool LoadIdRecord(const IdMapFormat::Record& record, StatId id);
    void DropStatsWithoutRawId();
-   void DropStatOfLastRecord();
    bool AddIdMapping(const std::string& entityId, const std::string& statName, StatType type,
                      int scalingFactor, RollupType rollup, StatId id);
-   void PersistIdMappingAddition(const std::vector<IdMapFile::Entry>& entries)
-   {
-      _idMapFile.WriteRecords(entries);
-   }
-   void PersistIdMappingRemoval(const std::vector<StatId>& ids) { _idMapFile.ClearRecords(ids); }
-   void SyncIdMap() { _idMapFile.Sync(); }
+   void PersistIdMappingAddition(const std::vector<IdMapFile::Entry>& entries);
+   void PersistIdMappingRemoval(const std::vector<StatId>& ids);
+   void SyncIdMap();
+   /// The first failure of several items of one kind, and how many failed.
+   struct Failures {
+      uint64_t count = 0;
+      std::string first;
+      void Add(const Corvax::Exception& e);
+   };
    void ForgetStat(const std::string& entityId, const std::string& statName, const StatInfo& info);
    void DeleteStatInt(const std::string& entityId, const std::string& statName);
    void DeleteStats(const std::vector<StatName>& stats);
@@ -162,12 +284,13 @@ private:
    void RecordSample(StatInfo& info, TimeStamp ts, StatVal value, StatVal maxVal);
    void UpdateRollups(TimeStamp ts);
    void PropagateStats(TimeStamp ts);
-   void PropagateStats(Interval* coarse, Interval* fine, TimeStamp ts);
+   void PropagateStats(Interval* coarse, int coarseIndex, TimeStamp ts);
+   void PropagateLate(TimeStamp ts);
    Periods FindDuePeriods(const Interval& coarse, const Interval& fine, TimeStamp ts);
    void PropagateStat(StatId id, const Interval& coarse, const Interval& fine,
                       const Periods& periods);
-   static void AddCoarseSample(StatsStore& store, const Periods& periods, StatId id, TimeStamp end,
-                               StatVal value);
+   void AddCoarseSample(StatsStore& store, const Periods& periods, StatId id, TimeStamp end,
+                        StatVal value);
 
    const std::string _depotDir;
    const std::string _depotName;
@@ -175,7 +298,7 @@ private:
    const JournalOptions _journalOptions;
    Corvax::Ref<Corvax::XmlConfig> _statsDepotConfig; ///< the description file
    IdMapFile _idMapFile;
-   const Corvax::Ref<IntervalTable> _intervalTable;
+   Corvax::Ref<IntervalTable> _intervalTable;
    std::unordered_map<std::string, std::unique_ptr<StatMap>> _entityMap;
    std::unordered_map<StatId, Corvax::Ref<StatInfo>, StatIdHash> _statInfoMap;
    Corvax::Ref<SlotUsageMap> _slotUsageMap;
@@ -184,6 +307,41 @@ private:
    const Corvax::Ref<Corvax::Logger> _logger;
    int _lockDepth = 0;
    std::vector<StatVal> _samples; ///< PropagateStat's buffer, reused to save allocations
+
+   StatInfo* _lastRecorded = nullptr; ///< while _recordedDeletions is _deletions
+   uint64_t _recordedDeletions = 0;
+   uint64_t _deletions = 0; ///< grows when stats are deleted
+
+   /// A stat that could not be rolled up, and is tried again.
+   struct LateRollup {
+      int coarse; ///< index of the interval
+      StatId id;
+      Periods periods;
+   };
+   std::vector<LateRollup> _lateRollups;
+   TimeStamp _lateRollupsTs = 0; ///< when they were tried last
+
+   std::unique_ptr<Corvax::FileLock> _writerLock;
+   bool _readOnly = false;
+   bool _isReady = false;    ///< for changes
+   bool _mustReopen = false; ///< the files are not those that were opened
+   bool _mustMendDescription = false;
+   std::vector<StatId> _droppedIds; ///< of stats that were damaged; cleared with the first change
+   std::unique_ptr<JournalReader> _found; ///< until the first change
+   bool _refusesFound = false;            ///< it does not fit to the stores
+
+   std::shared_ptr<Journal> _journal; ///< null without one, and before the first change
+   JournalEntries _entries;           ///< not committed yet
+   bool _needsGeneration = false;
+   bool _hasChanges = false; ///< since the depot was locked
+   bool _mustSync = false;   ///< when unlocking, whatever the options say
+   int64_t _lastSyncUs = 0;
+   std::map<StatId, uint64_t> _pendingIds; ///< that the id map's file has not; with their changes
+   uint64_t _idChanges = 0;
+   std::vector<Schedule> _schedules; ///< by interval
+   TimeStamp _lastStepStamp = kUnset;
+   bool _isMaintaining = false;
+   std::string _trouble;
 };
 
 } // namespace Metrix

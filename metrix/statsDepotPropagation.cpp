@@ -22,25 +22,70 @@ void StatsDepotImpl::PropagateStats(TimeStamp ts)
       const TimeStamp latest = coarse->GetStore().GetLatestTimeStamp();
       // A difference, because latest + period wraps if a damaged file has a huge stamp.
       if (latest == kUnset || (latest < ts && ts - latest > coarse->GetPeriod())) {
-         PropagateStats(coarse, _intervalTable->GetIntervalAt(i - 1), ts);
+         PropagateStats(coarse, i, ts);
       }
    }
 }
 
-void StatsDepotImpl::PropagateStats(Interval* coarse, Interval* fine, TimeStamp ts)
+void StatsDepotImpl::PropagateStats(Interval* coarse, int coarseIndex, TimeStamp ts)
 {
+   const Interval* const fine = _intervalTable->GetIntervalAt(coarseIndex - 1);
    _logger->Log(kLogInfo, "Propagating stats from interval %1 to %2", fine->_samplingPeriod,
                 coarse->_samplingPeriod);
    const Periods periods = FindDuePeriods(*coarse, *fine, ts);
-   // A search that finds no used slot may have started below some: then visit all slots.
-   const int lastUsed = _slotUsageMap->FindLastUsedSlot();
-   const int last = lastUsed < 0 ? _slotUsageMap->GetSize() - 1 : lastUsed;
+   // To the map's end, because a search for the last used slot may start below it.
+   const int last = _slotUsageMap->GetSize() - 1;
    // Stat by stat, not period by period: the stores read and write rows in ranges only for a walk
    // in the order of ids.
+   Failures failures;
    for (int id = 0; id <= last; ++id) {
-      if (_slotUsageMap->IsSlotUsed(id)) {
-         PropagateStat(static_cast<StatId>(id), *coarse, *fine, periods);
+      if (!_slotUsageMap->IsSlotUsed(id)) {
+         continue;
       }
+      try {
+         PropagateStat(static_cast<StatId>(id), *coarse, *fine, periods);
+      } catch (const Corvax::PlatformException& e) {
+         failures.Add(e);
+         _lateRollups.push_back({coarseIndex, static_cast<StatId>(id), periods});
+         _lateRollupsTs = ts;
+      }
+   }
+   if (failures.count > 0) {
+      _logger->Log(kLogError, "%1 stats are rolled up later into interval %2: %3", failures.count,
+                   coarse->_samplingPeriod, failures.first);
+   }
+}
+
+void StatsDepotImpl::Failures::Add(const Corvax::Exception& e)
+{
+   first = count++ == 0 ? e.GetMessage() : first;
+}
+
+/// Tries again what failed in an earlier run, as long as the coarse store has its columns.
+void StatsDepotImpl::PropagateLate(TimeStamp ts)
+{
+   Failures failures;
+   std::vector<LateRollup> late;
+   late.swap(_lateRollups);
+   _lateRollupsTs = ts;
+   for (const LateRollup& each : late) {
+      const Interval& coarse = *_intervalTable->GetIntervalAt(each.coarse);
+      const Interval& fine = *_intervalTable->GetIntervalAt(each.coarse - 1);
+      if (coarse.GetStore().GetEarliestTimeStamp() > each.periods.begin) {
+         continue; // the ring has wrapped
+      }
+      try {
+         PropagateStat(each.id, coarse, fine, each.periods);
+      } catch (const Corvax::PlatformException& e) {
+         failures.Add(e);
+         _lateRollups.push_back(each);
+      } catch (const Corvax::InvalidArgumentException&) {
+         continue; // its periods have no columns
+      }
+   }
+   if (failures.count > 0) {
+      _logger->Log(kLogError, "%1 stats are still not rolled up: %2", failures.count,
+                   failures.first);
    }
 }
 
@@ -135,8 +180,10 @@ void StatsDepotImpl::AddCoarseSample(StatsStore& store, const Periods& periods, 
    const bool noneYet = latest == kUnset || latest < periods.end;
    for (TimeStamp ts = noneYet ? periods.end : latest + periods.step; ts < end;
         ts += periods.step) {
+      MakeRoomFor(store, ts);
       store.AddSample(id, ts, kUnset);
    }
+   MakeRoomFor(store, end);
    store.AddSample(id, end, value);
 }
 

@@ -112,22 +112,22 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
        !std::ranges::all_of(rollups, IsRollupType)) {
       throw Corvax::InvalidArgumentException();
    }
-   const auto makeEntry = [&](RollupType rollup, StatId id) -> IdMapFile::Entry {
-      return {id, {entityId, statName, rollup, type, scalingFactor}};
-   };
-   Corvax::Ref<StatInfo> info;
-   if (GetStatInfo(entityId, statName, info)) {
-      // The record is written all the same, on purpose. Its slot stays free, so the next stat
-      // overwrites it.
-      PersistIdMappingAddition({makeEntry(ROLLUP_NONE, AllocStatId())});
-      Corvax::NotReached("a stat is created once");
+   Assert(entityId.size() <= IdMapFormat::kMaxTextSize, "an entity id has at most 255 characters");
+   Assert(statName.size() <= IdMapFormat::kMaxTextSize, "a stat name has at most 255 characters");
+   Corvax::Ref<StatInfo> known;
+   Assert(!GetStatInfo(entityId, statName, known), "a stat is created once");
+   PrepareChange();
+   if (IsJournaled() && !IsLocked()) {
+      const Corvax::Locker lock(this); // commits
+      return CreateStat(entityId, statName, type, scalingFactor, rollups);
    }
    const auto addSeries = [&](RollupType rollup) {
       const StatId id = AllocStatId();
       Assert(AddIdMapping(entityId, statName, type, scalingFactor, rollup, id),
              "a stat has each rollup once");
-      return makeEntry(rollup, id);
+      return IdMapFile::Entry{id, {entityId, statName, rollup, type, scalingFactor}};
    };
+   ReserveIds(rollups.size() + 1);
    try {
       // The raw series has the first id, but its record is written last: a stat whose creation is
       // cut short has no raw series in the file, and Load drops such stats.
@@ -137,8 +137,13 @@ void StatsDepotImpl::CreateStat(const std::string& entityId, const std::string& 
       for (const RollupType rollup : rollups) {
          entries.push_back(addSeries(rollup));
       }
-      PersistIdMappingAddition(entries);
-      PersistIdMappingAddition({raw});
+      if (IsJournaled()) {
+         entries.push_back(raw); // one entry, so the order does not matter
+         PersistIdMappingAddition(entries);
+      } else {
+         PersistIdMappingAddition(entries);
+         PersistIdMappingAddition({raw});
+      }
    } catch (...) {
       // A stat with only some of its rollups would never get the others, because it exists.
       TakeBackStat(entityId, statName);
@@ -176,11 +181,126 @@ StatId StatsDepotImpl::AllocStatId()
       StatsStore& store = interval->GetStore();
       const bool isInUse = store.GetLastUpdateTime(id) != kUnset;
       store.DeleteStat(id);
-      if (isInUse) {
+      if (isInUse && !IsJournaled()) {
          Flush();
       }
    }
    return id;
+}
+
+/// With a journal, a stat that is created has the disk space for its records and rows, so that its
+/// samples cannot fail later for want of space.
+void StatsDepotImpl::ReserveIds(size_t count)
+{
+   if (!IsJournaled()) {
+      return;
+   }
+   // As if all slots below the map's size were used: some may be free.
+   const auto end = static_cast<uint64_t>(_slotUsageMap->FindFirstFreeSlot()) + count;
+   _idMapFile.Reserve(end);
+   for (const auto& interval : *_intervalTable) {
+      interval->GetStore().ReserveRows(end);
+   }
+}
+
+void StatsDepotImpl::PersistIdMappingAddition(const std::vector<IdMapFile::Entry>& entries)
+{
+   if (!IsJournaled()) {
+      _idMapFile.WriteRecords(entries);
+      return;
+   }
+   StatEntry stat;
+   for (const auto& [id, record] : entries) {
+      stat.entityId = record.entityId;
+      stat.statName = record.statName;
+      stat.statType = record.statType;
+      stat.scalingFactor = record.scalingFactor;
+      stat.series.push_back({id, record.rollup});
+      _pendingIds[id] = ++_idChanges;
+   }
+   _entries.AddStat(stat);
+}
+
+void StatsDepotImpl::PersistIdMappingRemoval(const std::vector<StatId>& ids)
+{
+   if (!IsJournaled()) {
+      _idMapFile.ClearRecords(ids);
+      return;
+   }
+   for (const StatId id : ids) {
+      _pendingIds[id] = ++_idChanges;
+   }
+   if (!ids.empty()) {
+      _entries.AddIdsFreed(ids);
+   }
+}
+
+void StatsDepotImpl::SyncIdMap()
+{
+   if (IsJournaled()) {
+      _mustSync = true;
+   } else {
+      _idMapFile.Sync();
+   }
+}
+
+/// The stat, most often the one that followed the stat before in the last run: that costs no
+/// hashing. Null if it does not exist.
+StatsDepotImpl::StatInfo* StatsDepotImpl::FindStat(const std::string& entityId,
+                                                   const std::string& statName)
+{
+   StatInfo* const last = _recordedDeletions == _deletions ? _lastRecorded : nullptr;
+   if (last && last->_follower && last->_followerDeletions == _deletions) {
+      StatInfo* const follower = last->_follower;
+      if (*follower->_statName == statName && *follower->_entityId == entityId) {
+         _lastRecorded = follower;
+         return follower;
+      }
+   }
+   Corvax::Ref<StatInfo> info;
+   if (!GetStatInfo(entityId, statName, info)) {
+      return nullptr;
+   }
+   if (last) {
+      last->_follower = info.Get();
+      last->_followerDeletions = _deletions;
+   }
+   _lastRecorded = info.Get();
+   _recordedDeletions = _deletions;
+   return info.Get();
+}
+
+void StatsDepotImpl::AddMissingRollups(const RollupSource& source)
+{
+   AssertOpen();
+   PrepareChange();
+   if (IsJournaled() && !IsLocked()) {
+      const Corvax::Locker lock(this); // commits
+      return AddMissingRollups(source);
+   }
+   for (const auto& [entityId, stats] : _entityMap) {
+      for (const auto& [statName, info] : *stats) {
+         std::vector<RollupType> rollups;
+         if (!source(statName, rollups)) {
+            continue;
+         }
+         std::vector<IdMapFile::Entry> entries;
+         for (const RollupType rollup : rollups) {
+            if (info->GetStatId(rollup) == kUnset) {
+               ReserveIds(1);
+               const StatId id = AllocStatId();
+               AddIdMapping(entityId, statName, info->_type, info->_scalingFactor, rollup, id);
+               entries.push_back(
+                  {id, {entityId, statName, rollup, info->_type, info->_scalingFactor}});
+            }
+         }
+         if (!entries.empty()) {
+            PersistIdMappingAddition(entries);
+            _logger->Log(kLogNotice, "Stat %1 of %2 gets %3 rollups that it lacked", statName,
+                         entityId, entries.size());
+         }
+      }
+   }
 }
 
 bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string& statName,
@@ -195,6 +315,8 @@ bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string
    if (stat == entity->second->end()) {
       auto created = Corvax::MakeRef<StatInfo>(type, scalingFactor);
       stat = entity->second->emplace(statName, std::move(created)).first;
+      stat->second->_entityId = &entity->first;
+      stat->second->_statName = &stat->first;
    }
    const Corvax::Ref<StatInfo>& info = stat->second;
    if (!info->AddStatId(id, rollup)) {
@@ -206,7 +328,8 @@ bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string
    return true;
 }
 
-void StatsDepotImpl::LoadIdMapping()
+/// Loads the records, but for those of `pending`, which are newer than the file.
+void StatsDepotImpl::LoadIdMapping(const PendingStats& pending)
 {
    const uint64_t size = _idMapFile.GetSizeBytes();
    if (size % IdMapFormat::kRecordSize != 0) {
@@ -217,18 +340,28 @@ void StatsDepotImpl::LoadIdMapping()
    if (records > static_cast<uint64_t>(std::numeric_limits<int>::max())) {
       throw Corvax::FileFormatException("Too many records in " + GetIdMapFileName());
    }
-   _slotUsageMap = Corvax::MakeRef<SlotUsageMap>(static_cast<int>(records));
+   const StatId end = pending.empty() ? 0 : pending.rbegin()->first + 1;
+   _slotUsageMap = Corvax::MakeRef<SlotUsageMap>(static_cast<int>(std::max(records, end)));
 
    constexpr uint64_t kBadRecordsNamed = 10;
    uint64_t badRecords = 0;
    _idMapFile.ReadRecords(records, [&](StatId id, const IdMapFormat::Record& record) {
-      if (!LoadIdRecord(record, id) && ++badRecords <= kBadRecordsNamed) {
+      const auto found = pending.find(id);
+      if (found != pending.end() && found->second) {
+         LoadIdRecord(found->second->GetRecord(), id);
+      } else if (found == pending.end() && !LoadIdRecord(record, id) &&
+                 ++badRecords <= kBadRecordsNamed) {
          _logger->Log(kLogWarning, "StatsDepot idmap file has a damaged record at %1, skipped", id);
       }
    });
    if (badRecords > kBadRecordsNamed) {
       _logger->Log(kLogWarning, "StatsDepot idmap file has %1 damaged records in all, skipped",
                    badRecords);
+   }
+   for (auto found = pending.lower_bound(records); found != pending.end(); ++found) {
+      if (found->second) {
+         LoadIdRecord(found->second->GetRecord(), found->first);
+      }
    }
    DropStatsWithoutRawId();
 }
@@ -252,27 +385,30 @@ bool StatsDepotImpl::LoadIdRecord(const IdMapFormat::Record& record, StatId id)
 }
 
 /// A stat without a raw series could take no sample and would fail every collection. Once dropped,
-/// it is created again with its next sample.
+/// it is created again with its next sample; its records stay until their ids are used again.
 void StatsDepotImpl::DropStatsWithoutRawId()
 {
-   std::vector<std::pair<std::string, std::string>> damaged;
+   std::vector<Corvax::Ref<StatInfo>> damaged;
    for (const auto& [entityId, stats] : _entityMap) {
       for (const auto& [statName, info] : *stats) {
          if (info->GetStatId(ROLLUP_NONE) == kUnset) {
-            damaged.emplace_back(entityId, statName);
+            damaged.push_back(info);
          }
       }
    }
-   for (const auto& [entityId, statName] : damaged) {
+   for (const Corvax::Ref<StatInfo>& info : damaged) {
+      const std::string entityId = *info->_entityId;
+      const std::string statName = *info->_statName;
       _logger->Log(kLogWarning, "Stat %1 of %2 has lost its raw series and is dropped", statName,
                    entityId);
-      DeleteStatInt(entityId, statName);
+      ForgetStat(entityId, statName, *info);
+      _droppedIds.insert(_droppedIds.end(), info->_statIds.begin(), info->_statIds.end());
    }
 }
 
 /// Detects an id-map file that was truncated at a record's end: the stores then have rows in use
 /// beyond its last record.
-void StatsDepotImpl::FindLostRecords()
+void StatsDepotImpl::FindLostRecords() const
 {
    constexpr int kIdsToCheck = 8;
    const int records = _slotUsageMap->GetSize();
@@ -283,24 +419,6 @@ void StatsDepotImpl::FindLostRecords()
                          "StatsDepot idmap file %1 was truncated: it has %2 records, but interval "
                          "%3 has samples of stat id %4. The stats after the last record are lost",
                          GetIdMapFileName(), records, interval->_intervalName, id);
-            DropStatOfLastRecord();
-            return;
-         }
-      }
-   }
-}
-
-/// The stat of the last record may have lost rollups with the end of the file, and would never get
-/// them back. Once dropped, it is created again with all of them.
-void StatsDepotImpl::DropStatOfLastRecord()
-{
-   const StatId lastId = static_cast<StatId>(_slotUsageMap->GetSize()) - 1;
-   for (const auto& [entityId, stats] : _entityMap) {
-      for (const auto& [statName, info] : *stats) {
-         if (info->HasStatId(lastId)) {
-            _logger->Log(kLogWarning, "Stat %1 of %2 may have lost rollups and is dropped",
-                         statName, entityId);
-            DeleteStatInt(std::string(entityId), std::string(statName));
             return;
          }
       }

@@ -1,77 +1,22 @@
-#include "metrix/statsStore.h"
+#include "metrix/statsStoreImpl.h"
 
 #include "corvax/exception.h"
 #include "corvax/system.h"
-#include "metrix/columnRing.h"
-#include "metrix/rowWindow.h"
-#include "metrix/storeFormat.h"
 
 #include <algorithm>
-#include <limits>
-#include <memory>
-#include <optional>
 
 namespace Metrix {
 
-namespace {
-
-using Corvax::Assert;
 using Corvax::FileCreation;
 using StoreFormat::StatVector;
 
-class StatsStoreImpl : public StatsStore, public Corvax::ObjectImpl {
-public:
-   StatsStoreImpl(std::string fileName, Corvax::Logger* logger)
-      : _fileName(std::move(fileName)), _logger(logger)
-   {
-   }
+namespace {
 
-   void Create(int samplingPeriod, int numSamples) override;
-   void Load() override;
-   void Flush() override;
-   void AddSample(StatId statId, TimeStamp ts, StatVal value) override;
-   StatVal GetSample(StatId statId, TimeStamp ts) override;
-   int GetSamples(StatId statId, TimeStamp begin, TimeStamp end, std::vector<StatVal>& values,
-                  std::vector<TimeStamp>* timeStamps) override;
-   TimeStamp GetLastUpdateTime(StatId statId) override;
-   bool DeleteStat(StatId statId) override;
-   TimeStamp GetLatestTimeStamp() override;
-   TimeStamp GetEarliestTimeStamp() override;
-   void GetTimeStamps(std::vector<TimeStamp>& timeStamps) override;
-   uint32_t GetNumSamples() override { return _numSamples; }
-   uint32_t GetSamplingPeriod() override { return _samplingPeriod; }
-   void BeginBatch() override;
-   void EndBatch() override;
+/// No interval has more, and a damaged header must not cost gigabytes of memory.
+constexpr uint32_t kMaxNumSamples = 1U << 20;
+constexpr auto kMaxPeriod = static_cast<uint32_t>(INT32_MAX);
 
-private:
-   void AssertOpen() const { Assert(_rows != nullptr, "the store is created or loaded"); }
-   [[noreturn]] void ThrowDamaged(const std::string& message);
-   uint32_t ReadUInt32(uint64_t pos);
-   void ReadTimeStamps();
-
-   int64_t FindRow(StatId statId) const;
-   std::optional<StatVector> GetStatVector(StatId statId);
-   StatVector AllocStatVector(StatId statId);
-   void WriteStatVector(StatId statId);
-
-   int32_t FindColumn(TimeStamp ts) const { return _columns.FindColumn(ts); }
-   int32_t FindClosestColumn(TimeStamp ts) const { return _columns.FindClosestColumn(ts); }
-   int32_t ChooseColumn(TimeStamp ts);
-   int32_t AddColumn(TimeStamp ts);
-   void WriteTimeStamp(int32_t column, TimeStamp ts);
-   void InvalidateGap(StatVector& row, int32_t chosen) const;
-
-   const std::string _fileName;
-   Corvax::Ref<Corvax::FileHandle> _storeHandle;
-   uint32_t _numStats = 0; ///< rows in the file, with new ones that are still dirty
-   uint32_t _numSamples = 0;
-   uint32_t _samplingPeriod = 0;
-   ColumnRing _columns;
-   uint64_t _statVectorPos = 0; ///< file offset of row 0
-   size_t _rowSize = 0;
-   std::unique_ptr<RowWindow> _rows;
-   const Corvax::Ref<Corvax::Logger> _logger;
-};
+} // namespace
 
 void StatsStoreImpl::Create(int samplingPeriod, int numSamples)
 {
@@ -88,7 +33,22 @@ void StatsStoreImpl::Create(int samplingPeriod, int numSamples)
    Load();
 }
 
-void StatsStoreImpl::Load()
+void StatsStoreImpl::Plan(int samplingPeriod, int numSamples)
+{
+   SetShape(static_cast<uint32_t>(samplingPeriod), static_cast<uint32_t>(numSamples));
+   _fileColumns.assign(_numSamples, kUnset);
+   _columns = ColumnRing(_fileColumns);
+}
+
+void StatsStoreImpl::SetShape(uint32_t samplingPeriod, uint32_t numSamples)
+{
+   _samplingPeriod = samplingPeriod;
+   _numSamples = numSamples;
+   _statVectorPos = StoreFormat::RowsPos(numSamples);
+   _rowSize = static_cast<size_t>(StoreFormat::RowSize(numSamples));
+}
+
+void StatsStoreImpl::Load(uint32_t access)
 {
    const uint64_t size = Corvax::System::GetFactory().GetFileSize(_fileName);
    const std::string badSize = "Invalid file size for StatsStore " + _fileName;
@@ -96,19 +56,18 @@ void StatsStoreImpl::Load()
       ThrowDamaged(badSize);
    }
    _storeHandle = Corvax::System::GetFactory().NewFileHandle();
-   _storeHandle->Open(_fileName, Corvax::FILE_READ_WRITE, FileCreation::OPEN_EXISTING);
-   _numSamples = ReadUInt32(StoreFormat::kNumSamplesPos);
-   _samplingPeriod = ReadUInt32(StoreFormat::kSamplingPeriodPos);
-   _statVectorPos = StoreFormat::RowsPos(_numSamples);
-   _rowSize = static_cast<size_t>(StoreFormat::RowSize(_numSamples));
-   if (size < _statVectorPos) {
+   _storeHandle->Open(_fileName, access, FileCreation::OPEN_EXISTING);
+   const uint32_t numSamples = ReadUInt32(StoreFormat::kNumSamplesPos);
+   const uint32_t samplingPeriod = ReadUInt32(StoreFormat::kSamplingPeriodPos);
+   if (size < StoreFormat::RowsPos(numSamples)) {
       ThrowDamaged(badSize);
    }
-   constexpr auto kLargest = static_cast<uint32_t>(std::numeric_limits<int32_t>::max());
-   if (_numSamples < 1 || _numSamples > kLargest || _samplingPeriod < 1 ||
-       _samplingPeriod > kLargest) {
+   if (numSamples < 1 || numSamples > kMaxNumSamples || samplingPeriod < 1 ||
+       samplingPeriod > kMaxPeriod) {
       ThrowDamaged("Invalid header in StatsStore " + _fileName);
    }
+   SetShape(samplingPeriod, numSamples);
+   _fileSize = size;
    const uint64_t rows = (size - _statVectorPos) / _rowSize;
    _numStats = static_cast<uint32_t>(std::min<uint64_t>(rows, UINT32_MAX));
    if ((size - _statVectorPos) % _rowSize != 0) {
@@ -116,7 +75,7 @@ void StatsStoreImpl::Load()
                    "StatsStore %1 ends with an incomplete row, which is ignored", _fileName);
    }
    ReadTimeStamps();
-   _rows = std::make_unique<RowWindow>(_storeHandle, _statVectorPos, _rowSize);
+   OpenWindow();
 }
 
 void StatsStoreImpl::ThrowDamaged(const std::string& message)
@@ -150,12 +109,15 @@ void StatsStoreImpl::ReadTimeStamps()
    for (size_t column = 0; column < timeStamps.size(); ++column) {
       timeStamps[column] = Decode<TimeStamp>(&bytes[column * StoreFormat::kTimeStampSize]);
    }
-   _columns = ColumnRing(std::move(timeStamps));
+   _columns = ColumnRing(timeStamps);
+   _fileColumns = std::move(timeStamps);
+   _writtenStamp = _headerStamp = _columns.GetLatestTimeStamp();
 }
 
 void StatsStoreImpl::Flush()
 {
    AssertOpen();
+   Corvax::Assert(static_cast<bool>(_storeHandle), "the store has its file");
    _storeHandle->Flush();
 }
 
@@ -168,8 +130,11 @@ int64_t StatsStoreImpl::FindRow(StatId statId) const
 /// Nothing if there is no row, or a free one. Valid until another row is read.
 std::optional<StatVector> StatsStoreImpl::GetStatVector(StatId statId)
 {
+   if (_head && _head->HasTile(statId)) {
+      return ComposeRow(statId);
+   }
    const int64_t index = FindRow(statId);
-   if (index < 0) {
+   if (index < 0 || !_rows) {
       return std::nullopt;
    }
    const StatVector row(_rows->Get(static_cast<uint64_t>(index)));
@@ -210,6 +175,10 @@ int32_t StatsStoreImpl::ChooseColumn(TimeStamp ts)
 int32_t StatsStoreImpl::AddColumn(TimeStamp ts)
 {
    const int32_t column = _columns.GetColumnToAdd();
+   if (_head) {
+      AddHeadColumn(ts);
+      return column;
+   }
    WriteTimeStamp(column, ts); // first: if it fails, nothing has changed
    _columns.AddColumn(ts);
    return column;
@@ -221,6 +190,7 @@ void StatsStoreImpl::WriteTimeStamp(int32_t column, TimeStamp ts)
    Encode(ts, bytes);
    _storeHandle->Seek(StoreFormat::TimeStampPos(static_cast<uint64_t>(column)));
    _storeHandle->WriteAll(bytes, sizeof bytes);
+   _fileColumns[static_cast<size_t>(column)] = ts;
 }
 
 /// Unsets the row's samples in the columns after its last sample and before `chosen`: they are left
@@ -246,6 +216,10 @@ void StatsStoreImpl::AddSample(StatId statId, TimeStamp ts, StatVal value)
       throw Corvax::InvalidArgumentException();
    }
    const int32_t column = ChooseColumn(ts);
+   if (_head) {
+      AddHeadSample(statId, column, ts, value);
+      return;
+   }
    std::optional<StatVector> known = GetStatVector(statId);
    StatVector row = known ? *known : AllocStatVector(statId);
    InvalidateGap(row, column);
@@ -279,6 +253,9 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
    if (range.count == 0) {
       return 0;
    }
+   if (const int count = _head ? _head->Read(statId, range, values) : -1; count >= 0) {
+      return count;
+   }
    const std::optional<StatVector> row = GetStatVector(statId);
    if (!row) {
       std::ranges::fill(values, kUnset);
@@ -300,6 +277,10 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
 TimeStamp StatsStoreImpl::GetLastUpdateTime(StatId statId)
 {
    AssertOpen();
+   const TimeStamp stamp = _head ? _head->GetStamp(statId) : StoreHead::kUnknown;
+   if (stamp != StoreHead::kUnknown) {
+      return stamp;
+   }
    const std::optional<StatVector> row = GetStatVector(statId);
    return row ? row->GetTimeStamp() : kUnset;
 }
@@ -311,6 +292,11 @@ bool StatsStoreImpl::DeleteStat(StatId statId)
       return false;
    }
    if (std::optional<StatVector> row = GetStatVector(statId)) {
+      if (_head) {
+         _head->SetRow(statId, RowChange::FREED);
+         _entries->AddRow(_storeNumber, statId, RowChange::FREED);
+         return true;
+      }
       row->SetFree();
       WriteStatVector(statId);
    }
@@ -338,16 +324,18 @@ void StatsStoreImpl::GetTimeStamps(std::vector<TimeStamp>& timeStamps)
 void StatsStoreImpl::BeginBatch()
 {
    AssertOpen();
-   _rows->BeginBatch();
+   if (_rows) {
+      _rows->BeginBatch();
+   }
 }
 
 void StatsStoreImpl::EndBatch()
 {
    AssertOpen();
-   _rows->EndBatch();
+   if (_rows) {
+      _rows->EndBatch();
+   }
 }
-
-} // namespace
 
 void GetStatsStore(const std::string& fileName, Corvax::Logger* logger,
                    Corvax::Ref<StatsStore>& store)

@@ -2,10 +2,14 @@
 
 #include "corvax/file.h"
 #include "corvax/logger.h"
+#include "metrix/journalEntries.h"
+#include "metrix/journalFormat.h"
 #include "metrix/statTypes.h"
+#include "metrix/storeHead.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,6 +27,10 @@ public:
    /// number is below 1; the file is then untouched.
    virtual void Create(int samplingPeriod, int numSamples) = 0;
    virtual void Load() = 0;
+   virtual void LoadReadOnly() = 0;
+   /// Makes it an empty store without a file, which CreateFile creates.
+   virtual void Plan(int samplingPeriod, int numSamples) = 0;
+   virtual bool IsPlanned() = 0;
    virtual void Flush() = 0;
 
    /// Stores a sample in the column stamped `ts`, or in a new column if `ts` is newer than all
@@ -60,6 +68,59 @@ public:
    virtual void BeginBatch() = 0;
    /// Writes all pending changes. Throws if a write fails; the changes in that write are lost.
    virtual void EndBatch() = 0;
+
+   // With a head. New columns and samples then stay in memory, with entries for the journal, until
+   // they are laid down into the file. Reading returns both as one.
+
+   /// Adds a head of that many columns. Its changes add entries for store number `store` to
+   /// `entries`, which outlives the store's use.
+   virtual void AttachHead(uint32_t columns, uint32_t store, JournalEntries* entries) = 0;
+   /// Without a head again: nothing of it is pending.
+   virtual void DetachHead() = 0;
+   /// Null if there is none.
+   virtual StoreHead* GetHead() = 0;
+   /// Replaces all columns, and drops all of the head.
+   virtual void SetColumns(const std::vector<TimeStamp>& columns) = 0;
+   /// The stamps of all columns, also of those not in use, as the file has them.
+   virtual const std::vector<TimeStamp>& GetFileColumns() = 0;
+   virtual JournalFormat::StoreShape GetShape() = 0;
+   /// Applies a change that a journal has. FileFormatException for one that is impossible.
+   virtual void ReplayColumn(TimeStamp ts) = 0;
+   virtual void ReplayCell(uint32_t column, StatId id, StatVal value) = 0;
+   virtual void ReplayImage(StatId id, std::span<const std::byte> bytes) = 0;
+
+   /// Whether a sample at `ts` can be added without giving anything up.
+   virtual bool HasRoom(TimeStamp ts) = 0;
+   /// Number of samples that were given up because they could not be laid down.
+   virtual uint64_t GetLostSamples() = 0;
+   /// Reserves space for rows below `end`; PlatformException (ENOSPC) if there is none.
+   virtual void ReserveRows(StatId end) = 0;
+
+   /// Writes the stamps of all columns into the file's header. No row may be written before they
+   /// are synced: Flush and then SetHeaderDurable.
+   virtual void WriteHeader() = 0;
+   virtual void SetHeaderDurable() = 0;
+   /// The newest column that the file's header has for certain; unset if none.
+   virtual TimeStamp GetHeaderStamp() = 0;
+   /// The newest of those columns that gets no more samples; 0 if none.
+   virtual TimeStamp GetSettledStamp() = 0;
+
+   struct LayDownResult {
+      std::vector<StatId> postponed; ///< entries were added that must be synced before
+      uint64_t failed = 0;           ///< rows that could not be read or written
+      std::string error;             ///< of the first of them
+   };
+   /// Writes the rows' pending changes into the file, of samples those up to `newestStamp`.
+   virtual LayDownResult LayDown(StatId first, StatId end, TimeStamp newestStamp) = 0;
+   /// What was laid down of these rows is synced: it leaves the head.
+   virtual void SetRowsDurable(StatId first, StatId end, TimeStamp newestStamp) = 0;
+
+   /// Gives up all columns newer than `ts`, in the file: nothing is pending. Returns their number.
+   virtual int GiveUpColumnsAfter(TimeStamp ts) = 0;
+
+   /// Whether the file is still at its path, and as long as it was.
+   virtual bool IsInPlace() = 0;
+   virtual const std::string& GetFileName() = 0;
 };
 
 /// Does not open the file: call Create or Load first.

@@ -3,6 +3,7 @@
 #include "metrix/littleEndian.h"
 #include "metrix/statTypes.h"
 
+#include <algorithm>
 #include <span>
 #include <vector>
 
@@ -79,6 +80,9 @@ public:
          in += kSampleSize;
       }
    }
+
+   /// Copies the bytes of another row.
+   void Assign(std::span<const std::byte> bytes) { std::ranges::copy(bytes, _bytes); }
 
    /// Makes it the row of a stat that has no sample yet.
    void Clear(size_t numSamples)

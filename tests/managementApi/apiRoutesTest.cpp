@@ -60,6 +60,8 @@ protected:
    /// Puts random figures into the depot's files, with gaps, and reopens them.
    void Collect(int runs)
    {
+      _agent.Unregister("ha-perfmgr");
+      _manager = nullptr; // it has the depot's lock
       Ref<Metrix::StatsDepot> depot;
       Metrix::GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1000, depot);
       depot->Load();
@@ -80,6 +82,7 @@ protected:
          }
       }
       _clock.SetSeconds(kNow);
+      depot = nullptr;
       Open();
    }
 

@@ -109,7 +109,7 @@ protected:
    {
       Corvax::Ref<StatsDepot> other;
       Metrix::GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 10, other);
-      other->Load();
+      other->LoadReadOnly();
       for (size_t i = 0; i < _names.size(); ++i) {
          ASSERT_EQ(Read(*other, i, Now()), Value(i));
       }

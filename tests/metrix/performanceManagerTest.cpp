@@ -63,19 +63,23 @@ protected:
    {
       Ref<StatsDepot> depot;
       GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1, depot);
-      depot->Load();
+      depot->LoadReadOnly();
       return depot;
    }
    void Record(TimeStamp ts, const std::vector<std::pair<std::string, StatVal>>& figures,
                const std::string& entity = "ha-host")
    {
-      const auto depot = Depot();
+      _manager = nullptr; // it has the depot's lock
+      Ref<StatsDepot> depot;
+      GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1, depot);
+      depot->Load();
       for (const auto& [stat, value] : figures) {
          if (!depot->AddSample(entity, stat, ts, value, 0)) {
             depot->CreateStat(entity, stat, StatsDepot::STATTYPE_ABSOLUTE, 1, {});
             depot->AddSample(entity, stat, ts, value, 0);
          }
       }
+      depot = nullptr;
       Start();
    }
 

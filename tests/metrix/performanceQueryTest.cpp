@@ -42,6 +42,7 @@ protected:
    /// Writes the samples into the manager's files and loads them.
    void Collect()
    {
+      _manager = nullptr; // it has the depot's lock
       Ref<StatsDepot> depot;
       GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1000, depot);
       depot->Load();
@@ -64,6 +65,7 @@ protected:
       }
       record("dummy-stat", static_cast<TimeStamp>(kNow), 1);
       _clock.SetSeconds(kNow);
+      depot = nullptr;
       _manager = MakeRef<PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
    }
 

@@ -159,23 +159,35 @@ TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsStatsWithoutARawSeries)
 TEST_F(StatsDepotTest, LoadRecreatesADamagedStore)
 {
    Create({{20, 3}, {300, 5}});
-   _scratch.Write("d-20.stats", FromHex("04000000 14000000 ff*32"));
+   const std::string damaged = FromHex("04000000 14000000 ff*32");
+   _scratch.Write("d-20.stats", damaged);
    Reload();
    EXPECT_EQ(
       _logger->Count("3 Error in loading interval every20: Number of samples in store doesnt "
                      "match expected value"),
       1);
+   EXPECT_EQ(_scratch.Read("d-20.stats"), damaged) << "loading changes no file";
+   EXPECT_FALSE(_depot->AddSample("e", "any", 1000, 1, 0));
    EXPECT_EQ(_scratch.Read("d-20.stats"), FromHex("03000000 14000000 ff*24"));
+   EXPECT_EQ(_scratch.Read("d-20.stats.aside"), damaged);
 }
 
 TEST_F(StatsDepotTest, LoadNeverOverwritesAForeignFile)
 {
    Create({{20, 3}, {300, 5}});
+   AddStat("s");
+   _depot->AddSample("e", "s", 1000, 1, 0);
    std::string description = _scratch.Read("d.xml");
    const std::string own = "d-20.stats";
    description.replace(description.find(own), own.size(), "foreign.txt");
    _scratch.Write("d.xml", description);
    _scratch.Write("foreign.txt", "somebody's text");
+   Reload();
+   EXPECT_EQ(_depot->GetLatestTimeStamp(), 1000u) << "the depot's own store lies beside it";
+   _depot->AddSample("e", "s", 1020, 1, 0);
+   EXPECT_NE(_scratch.Read("d.xml").find(own), std::string::npos);
+   _scratch.Write("d.xml", description);
+   Corvax::System::GetFactory().Remove(_scratch.Path() + own);
    EXPECT_THROW(Reload(), Corvax::FileFormatException);
    EXPECT_EQ(_logger->Count("3 Invalid interval information for interval interval[0]"), 1);
    EXPECT_EQ(_scratch.Read("foreign.txt"), "somebody's text");
@@ -234,7 +246,7 @@ TEST_F(StatsDepotTest, CreatingAStatTwiceFailsAndLeavesTheFirstWhole)
    TimeStamp ts = 0;
    EXPECT_EQ(_depot->GetRawSample("e", "s", ts), 7u);
    Reload();
-   EXPECT_EQ(_logger->Count("5 StatId 3 for e-s is a duplicate"), 1);
+   EXPECT_EQ(_scratch.Read("d.idMap").size(), 3 * kRecordSize);
    EXPECT_EQ(_depot->GetRawSample("e", "s", ts), kUnset) << "readings are not stored";
    EXPECT_EQ(Read("s", 20), 7u);
 }
@@ -269,16 +281,24 @@ TEST_F(StatsDepotTest, NewStatNeverShowsSamplesThatACrashLeftInItsRow)
    EXPECT_EQ(Read("new", 1000), kUnset);
 }
 
-TEST_F(StatsDepotTest, LoadDropsAStatWhoseRecordsATruncationMayHaveCut)
+TEST_F(StatsDepotTest, RollupsThatATruncationHasCutAreAddedAgain)
 {
-   Create({{10, 3}, {30, 3}});
+   Create({{10, 9}, {30, 3}});
    for (const char* const name : {"first", "second", "third"}) {
       AddStat(name);
    }
    _depot->AddSample("e", "third", 1020, 1, 0);
    _scratch.Write("d.idMap", _scratch.Read("d.idMap").substr(0, 5 * kRecordSize));
    Reload();
-   EXPECT_EQ(Names(), (std::vector<std::string>{"first"}));
+   EXPECT_EQ(Names(), (std::vector<std::string>{"second", "first"}));
+   _depot->AddMissingRollups([](const std::string&, std::vector<StatsDepot::RollupType>& rollups) {
+      rollups = kAverageMax;
+      return true;
+   });
+   for (TimeStamp ts = 1020; ts <= 1080; ts += 10) {
+      _depot->AddSample("e", "second", ts, 5, 0);
+   }
+   EXPECT_EQ(Read("second", 1050, "every30", StatsDepot::ROLLUP_MAX), 5u);
 }
 
 TEST_F(StatsDepotTest, PurgeRemovesStatsWithoutDataUpToItsLimit)

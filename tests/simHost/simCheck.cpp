@@ -39,7 +39,7 @@ int main(int argc, char** argv)
       const auto logger = Corvax::NewLogManager()->GetLogger("simCheck");
       Corvax::Ref<Metrix::StatsDepot> depot;
       Metrix::GetStatsDepot(directory, name, logger.Get(), 0, depot);
-      depot->Load();
+      depot->LoadReadOnly();
       const SimOracle oracle =
          SimOracle::FromRuns(*depot, SimHost::ParseSimOptions(argv[3]), ReadRuns(argv[4]));
       const SimOracle::Result result = oracle.Compare(*depot, directory + name + ".idMap");

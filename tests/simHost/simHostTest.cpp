@@ -58,6 +58,7 @@ protected:
          _depot->AddInterval("5min", 300, 432);
       } else {
          _collector->Stop();
+         _collector = nullptr; // with the depot before
          _depot->Load();
       }
       _collector =

@@ -1,0 +1,55 @@
+#include "metrix/crc32c.h"
+
+#include "metrix/littleEndian.h"
+
+#include <array>
+
+namespace Metrix {
+
+namespace {
+
+constexpr uint32_t kPolynomial = 0x82f63b78; // bits reversed
+constexpr size_t kStride = 8;                ///< bytes taken at a time
+using Tables = std::array<std::array<uint32_t, 256>, kStride>;
+
+/// Table k has the checksum of a byte that is followed by k zero bytes.
+constexpr Tables MakeTables()
+{
+   Tables tables{};
+   for (uint32_t byte = 0; byte < 256; ++byte) {
+      uint32_t crc = byte;
+      for (int bit = 0; bit < 8; ++bit) {
+         crc = crc >> 1 ^ (crc & 1 ? kPolynomial : 0);
+      }
+      tables[0][byte] = crc;
+   }
+   for (size_t k = 1; k < kStride; ++k) {
+      for (size_t byte = 0; byte < 256; ++byte) {
+         const uint32_t before = tables[k - 1][byte];
+         tables[k][byte] = before >> 8 ^ tables[0][before & 0xff];
+      }
+   }
+   return tables;
+}
+
+constexpr Tables kTables = MakeTables();
+
+} // namespace
+
+uint32_t Crc32c(std::span<const std::byte> bytes)
+{
+   uint32_t crc = UINT32_MAX;
+   for (; bytes.size() >= kStride; bytes = bytes.subspan(kStride)) {
+      const uint64_t word = Decode<uint64_t>(bytes.data()) ^ crc;
+      crc = 0;
+      for (size_t k = 0; k < kStride; ++k) {
+         crc ^= kTables[kStride - 1 - k][word >> (8 * k) & 0xff];
+      }
+   }
+   for (const std::byte byte : bytes) {
+      crc = crc >> 8 ^ kTables[0][(crc ^ static_cast<uint32_t>(byte)) & 0xff];
+   }
+   return ~crc;
+}
+
+} // namespace Metrix

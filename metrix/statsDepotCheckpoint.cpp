@@ -1,0 +1,468 @@
+#include "metrix/statsDepotImpl.h"
+
+#include "corvax/exception.h"
+#include "corvax/format.h"
+#include "corvax/system.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Metrix {
+
+namespace {
+
+using Corvax::kLogError;
+using Corvax::kMicrosecondsPerSecond;
+
+/// Id-map records that are written in one run.
+constexpr size_t kIdsInStep = 4096;
+
+/// Rows in the way of a new column that are kept as whole rows in memory, which saves a checkpoint.
+constexpr size_t kMaxRowsInTheWay = 16;
+
+/// Entries that a journal which fails for a long time may leave waiting. Later ones come with the
+/// next snapshot.
+constexpr size_t kMaxWaitingBytes = size_t{64} << 20;
+
+} // namespace
+
+// Commits.
+
+/// Appends what has changed to the journal. After a failure the next commit has it, too.
+void StatsDepotImpl::Commit()
+{
+   if (!IsJournaled() || _entries.IsEmpty()) {
+      return;
+   }
+   if (!_journal->IsOpen()) {
+      _needsGeneration = true;
+   }
+   if (_needsGeneration) {
+      _entries.Clear(); // they come with the snapshot
+      return;
+   }
+   try {
+      _journal->Append(_entries);
+      _entries.Clear();
+   } catch (const Corvax::PlatformException&) {
+      _needsGeneration = true; // the other file may have room
+      if (_entries.GetSizeBytes() > kMaxWaitingBytes) {
+         _entries.Clear();
+      }
+      throw;
+   }
+}
+
+/// Commits the changes of this lock. Whether there were any, so that Maintain has to follow.
+bool StatsDepotImpl::CommitOrLog()
+{
+   if (!_hasChanges) {
+      return false;
+   }
+   _hasChanges = false;
+   try {
+      Commit();
+   } catch (const Corvax::Exception& e) {
+      ReportTrouble(e.GetMessage());
+   }
+   return IsJournaled();
+}
+
+/// Logs each trouble once.
+void StatsDepotImpl::ReportTrouble(const std::string& trouble)
+{
+   if (!trouble.empty() && trouble != _trouble) {
+      _logger->Log(kLogError, "Samples of depot %1 are not safe: %2", GetPrefix(), trouble);
+   }
+   _trouble = trouble;
+}
+
+std::string StatsDepotImpl::GetTrouble()
+{
+   return _trouble;
+}
+
+bool StatsDepotImpl::IsSyncDue()
+{
+   const int64_t now = Corvax::System::GetMonotonicTime();
+   const int64_t afterUs = _journalOptions.syncSec * kMicrosecondsPerSecond;
+   const bool isDue = _mustSync || _journalOptions.syncSec == 1 ||
+                      (_journalOptions.syncSec > 0 && now - _lastSyncUs >= afterUs);
+   if (isDue) {
+      _lastSyncUs = now;
+      _mustSync = false;
+   }
+   return isDue;
+}
+
+/// Syncs the journal, in a new generation if the last one failed.
+void StatsDepotImpl::SyncJournal()
+{
+   if (_needsGeneration || !_journal->IsOpen()) {
+      BeginGeneration();
+   }
+   _journal->Sync();
+}
+
+/// Begins a journal file with all that is pending.
+void StatsDepotImpl::BeginGeneration()
+{
+   std::vector<JournalFormat::StoreShape> shapes;
+   JournalEntries snapshot;
+   for (int i = 0; i < _intervalTable->GetNumIntervals(); ++i) {
+      StatsStore& store = _intervalTable->GetIntervalAt(i)->GetStore();
+      shapes.push_back(store.GetShape());
+      store.GetHead()->AddTo(snapshot, static_cast<uint32_t>(i));
+   }
+   AddSnapshotOfIds(snapshot);
+   _needsGeneration = true;
+   _journal->BeginGeneration(shapes, snapshot);
+   _entries.Clear();
+   _needsGeneration = false;
+}
+
+void StatsDepotImpl::AddSnapshotOfIds(JournalEntries& snapshot) const
+{
+   std::vector<StatId> freed;
+   for (const auto& [id, change] : _pendingIds) {
+      Corvax::Ref<StatInfo> info;
+      if (!GetStatInfo(id, info)) {
+         freed.push_back(id);
+         continue;
+      }
+      snapshot.AddStat({*info->_entityId,
+                        *info->_statName,
+                        info->_type,
+                        info->_scalingFactor,
+                        {{id, info->GetRollupType(id)}}});
+   }
+   if (!freed.empty()) {
+      snapshot.AddIdsFreed(freed);
+   }
+}
+
+// A run's share of the rows.
+
+/// After a commit, without the lock: syncs the journal, and lays a share of the rows down.
+void StatsDepotImpl::Maintain()
+{
+   Step step;
+   try {
+      if (const std::shared_ptr<Journal> journal = GetJournalToSync()) {
+         journal->Sync();
+      }
+      const PlainLock lock(*this);
+      if (!PrepareStep(step)) {
+         return;
+      }
+   } catch (const std::exception& e) {
+      const PlainLock lock(*this);
+      ReportTrouble(e.what());
+      if (!step.hasBegun) {
+         return;
+      }
+      step.trouble = e.what();
+   }
+   SyncStep(step);
+   const PlainLock lock(*this);
+   try {
+      FinishStep(step);
+   } catch (const std::exception& e) {
+      step.trouble = e.what();
+   }
+   _isMaintaining = false;
+   ReportTrouble(step.trouble);
+}
+
+/// The journal, if it has to be synced now.
+std::shared_ptr<Journal> StatsDepotImpl::GetJournalToSync()
+{
+   const PlainLock lock(*this);
+   const bool isDue = IsSyncDue();
+   return isDue || IsStepDue() ? _journal : nullptr;
+}
+
+bool StatsDepotImpl::IsStepDue() const
+{
+   return IsJournaled() && !_isMaintaining && !_mustReopen &&
+          (_needsGeneration || !_journal->IsOpen() ||
+           _intervalTable->GetIntervalAt(0)->GetStore().GetLatestTimeStamp() != _lastStepStamp);
+}
+
+/// False if there is nothing to do. Rows are written after the journal is synced, and only with
+/// samples of columns that the header has for certain.
+bool StatsDepotImpl::PrepareStep(Step& step)
+{
+   if (!IsStepDue()) {
+      return false;
+   }
+   if (!AreFilesInPlace()) {
+      _mustReopen = true;
+      _isReady = false;
+      return false;
+   }
+   step.hasBegun = true;
+   _isMaintaining = true;
+   SyncJournal(); // others may have committed since
+   PlanShares(step);
+   for (Share& share : step.shares) {
+      LayDown(share);
+   }
+   LayDownIds(step, kIdsInStep);
+   return true;
+}
+
+bool StatsDepotImpl::AreFilesInPlace()
+{
+   std::string missing = _idMapFile.IsInPlace() ? "" : GetIdMapFileName();
+   for (const auto& interval : *_intervalTable) {
+      missing = interval->GetStore().IsInPlace() ? missing : interval->_storeName;
+   }
+   if (!_journal->IsInPlace()) {
+      missing = GetPrefix() + ".journal";
+   }
+   if (!missing.empty()) {
+      ReportTrouble(missing + " was replaced, cut off or deleted; nothing is written over it");
+   }
+   return missing.empty();
+}
+
+/// The rows whose turn it is in each store: so many that all have had theirs within a cycle.
+void StatsDepotImpl::PlanShares(Step& step)
+{
+   const Interval& finest = *_intervalTable->GetIntervalAt(0);
+   step.stamp = finest.GetStore().GetLatestTimeStamp();
+   const bool isFirst = _lastStepStamp == kUnset || step.stamp <= _lastStepStamp;
+   const uint64_t elapsed = isFirst ? finest.GetPeriod() : step.stamp - _lastStepStamp;
+   for (int i = 0; i < _intervalTable->GetNumIntervals(); ++i) {
+      Schedule& schedule = _schedules[static_cast<size_t>(i)];
+      Share& share = step.shares.emplace_back();
+      share.interval = _intervalTable->GetIntervalAt(i);
+      StatsStore& store = share.interval->GetStore();
+      store.WriteHeader();
+      share.newestStamp = store.GetSettledStamp();
+      const StatId rows = store.GetHead()->GetRowsEnd();
+      const uint64_t due = rows * std::min(elapsed, schedule.cycleSec);
+      const StatId count = (due + schedule.cycleSec - 1) / schedule.cycleSec;
+      share.first = schedule.cursor < rows ? schedule.cursor : 0;
+      share.end = std::min(share.first + count, rows);
+      share.postponedBefore = std::exchange(schedule.postponed, {});
+   }
+}
+
+void StatsDepotImpl::LayDown(Share& share)
+{
+   StatsStore& store = share.interval->GetStore();
+   share.result = store.LayDown(share.first, share.end, share.newestStamp);
+   for (const StatId id : share.postponedBefore) {
+      const StatsStore::LayDownResult one = store.LayDown(id, id + 1, share.newestStamp);
+      share.result.error = share.result.failed == 0 ? one.error : share.result.error;
+      share.result.failed += one.failed;
+   }
+}
+
+/// Writes pending records into the id map's file, as they are now.
+void StatsDepotImpl::LayDownIds(Step& step, size_t limit)
+{
+   std::vector<IdMapFile::Entry> used;
+   std::vector<StatId> freed;
+   for (const auto& [id, change] : _pendingIds) {
+      if (step.ids.size() == limit) {
+         break;
+      }
+      Corvax::Ref<StatInfo> info;
+      if (GetStatInfo(id, info)) {
+         used.push_back({id,
+                         {*info->_entityId, *info->_statName, info->GetRollupType(id), info->_type,
+                          info->_scalingFactor}});
+      } else {
+         freed.push_back(id);
+      }
+      step.ids[id] = change;
+   }
+   _idMapFile.WriteRecords(used);
+   _idMapFile.ClearRecords(freed);
+}
+
+/// Without the lock: waiting for the disk must not make others wait.
+void StatsDepotImpl::SyncStep(Step& step)
+{
+   for (Share& share : step.shares) {
+      try {
+         share.interval->GetStore().Flush();
+         share.isSynced = true;
+      } catch (const Corvax::Exception& e) {
+         step.trouble = e.GetMessage();
+      }
+   }
+   try {
+      if (!step.ids.empty()) {
+         _idMapFile.Sync();
+      }
+      step.areIdsSynced = true;
+   } catch (const Corvax::Exception& e) {
+      step.trouble = e.GetMessage();
+   }
+}
+
+/// What is safe leaves memory, and what is not has its turn again in the next run.
+void StatsDepotImpl::FinishStep(Step& step)
+{
+   bool isComplete = !step.shares.empty();
+   for (size_t i = 0; i < step.shares.size(); ++i) {
+      Share& share = step.shares[i];
+      Schedule& schedule = _schedules[i];
+      schedule.postponed = std::move(share.result.postponed);
+      if (!share.isSynced) {
+         isComplete = false;
+         schedule.postponed.insert(schedule.postponed.end(), share.postponedBefore.begin(),
+                                   share.postponedBefore.end());
+         continue;
+      }
+      StatsStore& store = share.interval->GetStore();
+      store.SetHeaderDurable();
+      store.SetRowsDurable(share.first, share.end, share.newestStamp);
+      for (const StatId id : share.postponedBefore) {
+         store.SetRowsDurable(id, id + 1, share.newestStamp);
+      }
+      schedule.cursor = share.end;
+      if (share.result.failed > 0) {
+         step.trouble =
+            Corvax::Format("%1 rows stay in memory: %2", share.result.failed, share.result.error);
+      }
+   }
+   if (step.areIdsSynced) {
+      SetIdsDurable(step);
+   }
+   if (isComplete) {
+      _lastStepStamp = step.stamp;
+   }
+   if (_journal->IsLong()) {
+      BeginGeneration(); // synced with the next commit; until then the file before counts
+   }
+}
+
+void StatsDepotImpl::SetIdsDurable(const Step& step)
+{
+   std::vector<StatId> durable;
+   for (const auto& [id, change] : step.ids) {
+      const auto pending = _pendingIds.find(id);
+      if (pending != _pendingIds.end() && pending->second == change) {
+         _pendingIds.erase(pending);
+         durable.push_back(id);
+      }
+   }
+   if (!durable.empty()) {
+      _entries.AddIdsDurable(durable);
+   }
+}
+
+// Everything at once.
+
+/// Lays down everything that is pending, with the lock held.
+void StatsDepotImpl::CheckpointNow()
+{
+   Commit();
+   SyncJournal();
+   LayEverythingDown();
+   if (!_isMaintaining) {
+      BeginGeneration();
+      _journal->Sync();
+   }
+}
+
+void StatsDepotImpl::LayEverythingDown()
+{
+   for (const auto& interval : *_intervalTable) {
+      interval->GetStore().WriteHeader();
+      interval->GetStore().Flush();
+      interval->GetStore().SetHeaderDurable();
+   }
+   Failures failures;
+   const auto layDown = [&](StatsStore& store, StatId first, StatId end) {
+      StatsStore::LayDownResult result = store.LayDown(first, end, kUnset);
+      if (result.failed > 0) {
+         failures.Add(Corvax::Exception(result.error));
+      }
+      return std::move(result.postponed);
+   };
+   std::vector<std::vector<StatId>> postponed;
+   for (const auto& interval : *_intervalTable) {
+      StatsStore& store = interval->GetStore();
+      postponed.push_back(layDown(store, 0, store.GetHead()->GetRowsEnd()));
+   }
+   Commit(); // the entries of those that were postponed
+   SyncJournal();
+   for (size_t i = 0; i < postponed.size(); ++i) {
+      for (const StatId id : postponed[i]) {
+         layDown(_intervalTable->GetIntervalAt(static_cast<int>(i))->GetStore(), id, id + 1);
+      }
+   }
+   Step step;
+   LayDownIds(step, SIZE_MAX);
+   _idMapFile.Sync();
+   SetIdsDurable(step);
+   for (const auto& interval : *_intervalTable) {
+      StatsStore& store = interval->GetStore();
+      store.Flush();
+      store.SetRowsDurable(0, store.GetHead()->GetRowsEnd(), kUnset);
+   }
+   if (failures.count > 0) {
+      throw Corvax::Exception("Not all rows can be written: " + failures.first);
+   }
+}
+
+void StatsDepotImpl::Checkpoint()
+{
+   AssertOpen();
+   const Corvax::Locker lock(this);
+   if (IsJournaled()) {
+      CheckpointNow();
+   } else {
+      Flush();
+   }
+}
+
+/// Before a sample at `ts`: lays everything down if the head has no room for its column.
+void StatsDepotImpl::MakeRoomFor(StatsStore& store, TimeStamp ts)
+{
+   if (store.HasRoom(ts) || store.GetHead()->FindRowsInTheWay().size() <= kMaxRowsInTheWay) {
+      return;
+   }
+   try {
+      CheckpointNow();
+   } catch (const Corvax::Exception& e) {
+      ReportTrouble(e.GetMessage());
+   }
+}
+
+int StatsDepotImpl::GiveUpColumnsAfter(TimeStamp ts)
+{
+   AssertOpen();
+   PrepareChange();
+   const Corvax::Locker lock(this);
+   if (IsJournaled()) {
+      CheckpointNow();
+   } else {
+      Flush();
+   }
+   int count = 0;
+   for (const auto& interval : *_intervalTable) {
+      count += interval->GetStore().GiveUpColumnsAfter(ts);
+   }
+   if (IsJournaled()) {
+      BeginGeneration();
+      _journal->Sync();
+   }
+   for (const auto& [id, info] : _statInfoMap) {
+      if (info->_lastTimeStamp != kUnset && info->_lastTimeStamp > ts) {
+         info->_lastTimeStamp = info->_lastVal = kUnset;
+      }
+   }
+   _lateRollups.clear();
+   _nextUpdateTime = kUnset;
+   _lastStepStamp = kUnset;
+   return count;
+}
+
+} // namespace Metrix
