@@ -164,6 +164,7 @@ public:
 
    void Create() override { _depot->Create(); }
    void Load() override { _depot->Load(); }
+   void LoadReadOnly() override { _depot->LoadReadOnly(); }
    void Flush() override { _depot->Flush(); }
    void AddInterval(const std::string& name, int samplingPeriod, unsigned int numSamples) override
    {
@@ -204,6 +205,13 @@ public:
    {
       _depot->DeleteStat(entityId, statName);
    }
+   void AddMissingRollups(const RollupSource& source) override
+   {
+      _depot->AddMissingRollups(source);
+   }
+   int GiveUpColumnsAfter(TimeStamp ts) override { return _depot->GiveUpColumnsAfter(ts); }
+   void Checkpoint() override { _depot->Checkpoint(); }
+   std::string GetTrouble() override { return _depot->GetTrouble(); }
 
    StatPlan plan;
    double longestHoldUs = 0;
