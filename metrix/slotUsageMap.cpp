@@ -24,7 +24,8 @@ int SlotUsageMap::FindFirstFreeSlot()
 
 int SlotUsageMap::FindLastUsedSlot()
 {
-   int ix = _lastUsedSearchIx < 0 ? GetSize() - 1 : _lastUsedSearchIx;
+   const int top = GetSize() - 1; // below the hint of 0 if there are no slots
+   int ix = _lastUsedSearchIx < 0 ? top : std::min(_lastUsedSearchIx, top);
    while (ix >= 0 && !_usageVector[static_cast<size_t>(ix)]) {
       --ix;
    }

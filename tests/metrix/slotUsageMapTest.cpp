@@ -56,4 +56,19 @@ TEST(SlotUsageMapTest, AFailedSearchForTheLastUsedSlotLeavesItsHintAtZero)
    EXPECT_EQ(map.FindLastUsedSlot(), 0);
 }
 
+TEST(SlotUsageMapTest, WithoutSlotsNoneIsFound)
+{
+   SlotUsageMap map(5);
+   map.MarkSlotUsed(0);
+   map.MarkSlotUsed(3);
+   EXPECT_EQ(map.FindLastUsedSlot(), 3);
+   map.Resize(0);
+   for (int search = 0; search < 2; ++search) {
+      EXPECT_EQ(map.FindLastUsedSlot(), -1);
+      EXPECT_EQ(map.FindFirstFreeSlot(), 0);
+   }
+   map.MarkSlotUsed(0);
+   EXPECT_EQ(map.FindLastUsedSlot(), 0);
+}
+
 } // namespace
