@@ -102,7 +102,7 @@ std::string DateTime::ToString() const
       return std::to_string(_utcUs);
    }
    const Chrono::hh_mm_ss time(instant - day);
-   std::string text = "0000-00-00T00:00:00";
+   std::string text = "0000-00-00T00:00:00Z";
    PutDigits(text, 0, 4, year);
    PutDigits(text, 5, 2, static_cast<int>(static_cast<unsigned>(date.month())));
    PutDigits(text, 8, 2, static_cast<int>(static_cast<unsigned>(date.day())));
@@ -111,10 +111,10 @@ std::string DateTime::ToString() const
    PutDigits(text, 17, 2, static_cast<int>(time.seconds().count()));
    const auto fraction = static_cast<int>(time.subseconds().count());
    if (fraction != 0) {
-      text += ".000000";
+      text.insert(19, ".000000");
       PutDigits(text, 20, 6, fraction);
    }
-   return text + 'Z';
+   return text;
 }
 
 bool DateTime::Parse(std::string_view text, DateTime& result)
