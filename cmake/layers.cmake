@@ -100,8 +100,10 @@ set(hykCollector metrix/baseStatsCollector metrix/counterIds metrix/ptrObj ${ser
 room(metrix/hykStatsCollector SEES ${hykCollector})
 room(metrix/hykStatsCollectorGroups SEES metrix/hykStatsCollector ${hykCollector})
 room(metrix/hykStatsCollectorVm SEES metrix/hykStatsCollector ${hykCollector})
-set(manager metrix/hykStatsCollector metrix/mockupStatsCollector metrix/baseStatsCollector
-   metrix/statsMetadata metrix/counterIds metrix/statsDepot agentdCommon quen plexa corvax)
+room(metrix/sampleInfoCache SEES metrix/statTypes quen plexa corvax)
+set(manager metrix/sampleInfoCache metrix/hykStatsCollector metrix/mockupStatsCollector
+   metrix/baseStatsCollector metrix/statsMetadata metrix/counterIds metrix/statsDepot agentdCommon
+   quen plexa corvax)
 room(metrix/performanceManagerImpl SEES ${manager})
 room(metrix/performanceManagerQuery SEES metrix/performanceManagerImpl ${manager})
 room(metrix/qshCommands SEES metrix/statsDepot qsh/framework corvax)

@@ -4,6 +4,7 @@
 #include "agentdCommon/haPerformanceManager.h"
 #include "corvax/logger.h"
 #include "metrix/baseStatsCollector.h"
+#include "metrix/sampleInfoCache.h"
 #include "metrix/statsDepot.h"
 #include "metrix/statsMetadata.h"
 
@@ -73,7 +74,7 @@ private:
       Corvax::RefVector<MetricId> metricIds;
       std::vector<StatsDepot::RollupType> rollups;
 
-      void Append(const std::string& statName, Corvax::Ref<MetricId> metricId,
+      void Append(std::string statName, Corvax::Ref<MetricId> metricId,
                   StatsDepot::RollupType rollup);
    };
 
@@ -124,11 +125,9 @@ private:
    /// The newest readings; null if the depot is empty.
    void QueryRawStats(Plexa::MoRef* entity, MetricIds* metricIds,
                       Corvax::Ref<EntityMetric>& entityMetric);
-   void GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
-                        const std::vector<int32_t>& intervalIds, TimeRange timeRange,
-                        Corvax::Ref<EntityMetric>& entityMetric);
-   void AppendSampleInfo(const std::string& entityId, const Metrics& metrics, int32_t intervalId,
-                         TimeRange timeRange, Plexa::DataArray<SampleInfo>& sampleInfo);
+   /// The series of those metrics that have samples; null if none has.
+   Corvax::Ref<EntityMetric> GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
+                                             int32_t intervalId, TimeRange timeRange);
    StatsDepot::RollupType GetRollup(const Metrics& metrics, size_t index, int32_t intervalId) const;
    static Corvax::Ref<EntityMetricCSV> ConvertToCSVFormat(const EntityMetric& entityMetric);
    Long GetLatestSample(const std::string& entityId, StatsMetadata::CounterId counterId,
@@ -138,7 +137,8 @@ private:
    Corvax::Ref<StatsDepot> _statsDepot;
    Corvax::Ref<StatsCollector> _statsCollector;
    const Corvax::Ref<Corvax::Logger> _logger;
-   int32_t _collectionInterval; ///< seconds; also the period of the finest interval
+   int32_t _collectionInterval;      ///< seconds; also the period of the finest interval
+   SampleInfoCache _sampleInfoCache; ///< guarded by the depot's lock
 };
 
 } // namespace Metrix

@@ -35,14 +35,6 @@ TimeStamp ToSeconds(const DateTime& time)
       std::max<int64_t>(time.GetUtcMicroseconds() / kMicrosecondsPerSecond, 0));
 }
 
-/// The latest instant for seconds beyond the range of a date-time.
-DateTime ToDateTime(TimeStamp seconds)
-{
-   constexpr TimeStamp kLatest = INT64_MAX / kMicrosecondsPerSecond;
-   return seconds > kLatest ? DateTime(INT64_MAX)
-                            : DateTime::FromSeconds(static_cast<int64_t>(seconds));
-}
-
 Ref<MetricId> Copy(const MetricId& metricId)
 {
    return MakeRef<MetricId>(metricId.counterId, metricId.instance);
@@ -50,10 +42,10 @@ Ref<MetricId> Copy(const MetricId& metricId)
 
 } // namespace
 
-void PerformanceManagerImpl::Metrics::Append(const std::string& statName, Ref<MetricId> metricId,
+void PerformanceManagerImpl::Metrics::Append(std::string statName, Ref<MetricId> metricId,
                                              StatsDepot::RollupType rollup)
 {
-   statNames.push_back(statName);
+   statNames.push_back(std::move(statName));
    metricIds.push_back(std::move(metricId));
    rollups.push_back(rollup);
 }
@@ -78,7 +70,7 @@ PerformanceManagerImpl::TimeRange
 PerformanceManagerImpl::GetTimeRange(const std::optional<DateTime>& start,
                                      const std::optional<DateTime>& end)
 {
-   return {start ? ToSeconds(*start) + 1 : kUnset, ToSeconds(end.value_or(DateTime::Now()))};
+   return {start ? ToSeconds(*start) + 1 : kUnset, ToSeconds(end ? *end : DateTime::Now())};
 }
 
 std::string PerformanceManagerImpl::GetStatName(const MetricId& metricId) const
@@ -93,6 +85,7 @@ std::string PerformanceManagerImpl::GetStatName(const MetricId& metricId) const
 std::vector<std::string> PerformanceManagerImpl::GetStatNames(const MetricIds& metricIds) const
 {
    std::vector<std::string> statNames;
+   statNames.reserve(metricIds.GetSize());
    for (const Ref<MetricId>& metricId : metricIds) {
       statNames.push_back(GetStatName(*metricId));
    }
@@ -103,6 +96,7 @@ void PerformanceManagerImpl::GetMetricIds(std::vector<std::string>& statNames,
                                           Corvax::RefVector<MetricId>& metricIds) const
 {
    metricIds.clear();
+   metricIds.reserve(statNames.size());
    std::erase_if(statNames, [this, &metricIds](const std::string& statName) {
       const auto* const data = _statsMetadata->GetStatsDepotData(statName);
       if (data == nullptr) {
@@ -142,7 +136,7 @@ PerformanceManagerImpl::GetMetricIdInfo(const MetricIds& metricIds) const
 {
    Metrics metrics;
    for (const Ref<MetricId>& metricId : metricIds) {
-      const std::string statName = GetStatName(*metricId);
+      std::string statName = GetStatName(*metricId);
       const auto* const data = _statsMetadata->GetStatsDepotData(statName);
       if (data == nullptr) {
          throw InvalidArgument("metricId", Format("counter %1 is not stored", metricId->counterId));
@@ -155,7 +149,7 @@ PerformanceManagerImpl::GetMetricIdInfo(const MetricIds& metricIds) const
                            data->GetRollups()[k]);
          }
       } else if (data->GetRollup(metricId->counterId, rollup)) {
-         metrics.Append(statName, Copy(*metricId), rollup);
+         metrics.Append(std::move(statName), Copy(*metricId), rollup);
       } else {
          _logger->Log(kLogNotice, "Unable to get rollup type for metric %1", metricId->counterId);
       }
@@ -306,19 +300,18 @@ void PerformanceManagerImpl::QueryCurrent(const Corvax::RefVector<Plexa::MoRef>&
    for (const Ref<Plexa::MoRef>& entity : entities) {
       ValidateEntityType(entity.Get());
       Metrics metrics;
-      metrics.rollups = {StatsDepot::ROLLUP_NONE};
       if (metricIds != nullptr && !metricIds->IsEmpty()) {
          const Ref<MetricIds> expanded = ExpandMetricIdWildCards(entity->GetId(), metricIds);
          metrics.statNames = GetStatNames(*expanded);
-         metrics.metricIds.assign(expanded->begin(), expanded->end());
+         for (const Ref<MetricId>& metricId : *expanded) {
+            metrics.metricIds.push_back(Copy(*metricId)); // the client's own may change
+         }
       } else {
          metrics.statNames = GetAvailableStatNames(entity->GetId(), timeRange);
          GetMetricIds(metrics.statNames, metrics.metricIds);
       }
-      Ref<EntityMetric> entityMetric;
-      GetEntityMetric(entity.Get(), metrics, {_collectionInterval}, timeRange, entityMetric);
-      if (entityMetric) {
-         entityMetrics.Append(entityMetric);
+      if (auto found = GetEntityMetric(entity.Get(), metrics, _collectionInterval, timeRange)) {
+         entityMetrics.Append(std::move(found));
       }
    }
 }
@@ -337,10 +330,8 @@ void PerformanceManagerImpl::QuerySummary(const Corvax::RefVector<Plexa::MoRef>&
          areNamed
             ? GetMetricIdInfo(*ExpandMetricIdWildCards(entity->GetId(), metricIds))
             : GetMetricIdInfoFromStatNames(GetAvailableStatNames(entity->GetId(), timeRange), true);
-      Ref<EntityMetric> entityMetric;
-      GetEntityMetric(entity.Get(), metrics, {intervalId}, timeRange, entityMetric);
-      if (entityMetric) {
-         entityMetrics.Append(entityMetric);
+      if (auto found = GetEntityMetric(entity.Get(), metrics, intervalId, timeRange)) {
+         entityMetrics.Append(std::move(found));
       }
    }
 }
@@ -365,10 +356,7 @@ void PerformanceManagerImpl::QueryRawStats(Plexa::MoRef* entity, MetricIds* metr
    }
    entityMetric = MakeRef<EntityMetric>();
    entityMetric->entity = entity;
-   auto info = MakeRef<SampleInfo>();
-   info->timestamp = ToDateTime(latest);
-   entityMetric->sampleInfo = MakeRef<Plexa::DataArray<SampleInfo>>();
-   entityMetric->sampleInfo->Append(info);
+   entityMetric->sampleInfo = _sampleInfoCache.Get(kLatestValues, {latest});
    entityMetric->value = MakeRef<Plexa::DataArray<MetricSeries>>();
    for (size_t k = 0; k < statNames.size(); ++k) {
       TimeStamp ts = kUnset;
@@ -391,11 +379,11 @@ StatsDepot::RollupType PerformanceManagerImpl::GetRollup(const Metrics& metrics,
    return intervalId == _collectionInterval ? StatsDepot::ROLLUP_NONE : metrics.rollups[index];
 }
 
-/// Appends the time stamps of the first metric that has any. They hold for all metrics, because the
-/// stats of an entity are sampled together.
-void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const Metrics& metrics,
-                                              int32_t intervalId, TimeRange timeRange,
-                                              Plexa::DataArray<SampleInfo>& sampleInfo)
+/// The time stamps of the first metric that has any hold for all, because the stats of an entity
+/// are sampled together.
+Ref<PerformanceManagerImpl::EntityMetric>
+PerformanceManagerImpl::GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
+                                        int32_t intervalId, TimeRange timeRange)
 {
    std::string intervalName;
    if (!GetIntervalName(intervalId, intervalName)) {
@@ -404,53 +392,31 @@ void PerformanceManagerImpl::AppendSampleInfo(const std::string& entityId, const
          Format("%1 is not an interval; use %2 (real time), %3 (historical) or %4 (latest values)",
                 intervalId, _collectionInterval, kDefaultInterval, kLatestValues));
    }
-   std::vector<StatVal> values;
-   std::vector<TimeStamp> timeStamps;
-   for (size_t i = 0; i < metrics.statNames.size() && timeStamps.empty(); ++i) {
-      _statsDepot->GetSamples(entityId, metrics.statNames[i], timeRange.start, timeRange.end,
-                              values, &timeStamps, intervalName, GetRollup(metrics, i, intervalId));
-   }
-   for (const TimeStamp ts : timeStamps) {
-      auto info = MakeRef<SampleInfo>();
-      info->timestamp = ToDateTime(ts);
-      info->interval = intervalId;
-      sampleInfo.Append(info);
-   }
-}
-
-void PerformanceManagerImpl::GetEntityMetric(Plexa::MoRef* entity, const Metrics& metrics,
-                                             const std::vector<int32_t>& intervalIds,
-                                             TimeRange timeRange, Ref<EntityMetric>& entityMetric)
-{
-   auto sampleInfo = MakeRef<Plexa::DataArray<SampleInfo>>();
-   for (const int32_t intervalId : intervalIds) {
-      AppendSampleInfo(entity->GetId(), metrics, intervalId, timeRange, *sampleInfo);
-   }
    auto allSeries = MakeRef<Plexa::DataArray<MetricSeries>>();
+   allSeries->Reserve(metrics.statNames.size());
+   std::vector<TimeStamp> timeStamps;
+   std::vector<TimeStamp> repeated; // of the metrics that follow
+   std::vector<StatVal> values;
    for (size_t i = 0; i < metrics.statNames.size(); ++i) {
-      auto series = MakeRef<IntSeries>();
-      int count = 0;
-      for (const int32_t intervalId : intervalIds) {
-         std::string intervalName;
-         GetIntervalName(intervalId, intervalName);
-         std::vector<StatVal> values; // stays empty for an unknown stat
-         count += _statsDepot->GetSamples(entity->GetId(), metrics.statNames[i], timeRange.start,
-                                          timeRange.end, values, nullptr, intervalName,
-                                          GetRollup(metrics, i, intervalId));
-         std::ranges::transform(values, std::back_inserter(series->value),
-                                [](StatVal value) { return static_cast<int64_t>(value); });
-      }
+      const int count = _statsDepot->GetSamples(entity->GetId(), metrics.statNames[i],
+                                                timeRange.start, timeRange.end, values,
+                                                timeStamps.empty() ? &timeStamps : &repeated,
+                                                intervalName, GetRollup(metrics, i, intervalId));
       if (count > 0) {
-         series->id = Copy(*metrics.metricIds[i]);
+         auto series = MakeRef<IntSeries>();
+         series->id = metrics.metricIds[i];
+         series->value.assign(values.begin(), values.end());
          allSeries->Append(series);
       }
    }
-   if (!allSeries->IsEmpty()) {
-      entityMetric = MakeRef<EntityMetric>();
-      entityMetric->entity = entity;
-      entityMetric->sampleInfo = sampleInfo;
-      entityMetric->value = allSeries;
+   if (allSeries->IsEmpty()) {
+      return nullptr;
    }
+   auto entityMetric = MakeRef<EntityMetric>();
+   entityMetric->entity = entity;
+   entityMetric->sampleInfo = _sampleInfoCache.Get(intervalId, timeStamps);
+   entityMetric->value = allSeries;
+   return entityMetric;
 }
 
 Ref<PerformanceManagerImpl::EntityMetricCSV>
@@ -458,7 +424,7 @@ PerformanceManagerImpl::ConvertToCSVFormat(const EntityMetric& entityMetric)
 {
    auto csv = MakeRef<EntityMetricCSV>();
    csv->entity = entityMetric.entity;
-   for (const Ref<SampleInfo>& info : *entityMetric.sampleInfo) {
+   for (const auto& info : *entityMetric.sampleInfo) {
       csv->sampleInfoCSV += csv->sampleInfoCSV.empty() ? "" : ",";
       csv->sampleInfoCSV += std::to_string(info->interval) + "," + info->timestamp.ToString();
    }

@@ -85,8 +85,12 @@ public:
    struct SampleInfo : Corvax::ObjectImpl {
       ~SampleInfo() override;
 
+      SampleInfo(Corvax::DateTime time, int32_t intervalSec)
+         : timestamp(time), interval(intervalSec)
+      {
+      }
       Corvax::DateTime timestamp;
-      int32_t interval = 0; ///< seconds
+      int32_t interval; ///< seconds
    };
 
    struct MetricSeries : Corvax::ObjectImpl {
@@ -117,7 +121,8 @@ public:
    struct EntityMetric : EntityMetricBase {
       ~EntityMetric() override;
 
-      Corvax::Ref<Plexa::DataArray<SampleInfo>> sampleInfo;
+      /// Results with the same time stamps may share the array.
+      Corvax::Ref<const Plexa::DataArray<const SampleInfo>> sampleInfo;
       Corvax::Ref<Plexa::DataArray<MetricSeries>> value;
    };
 

@@ -132,6 +132,38 @@ TEST_F(PerformanceQueryTest, RealTimeSeriesAreTheStoredValues)
    EXPECT_EQ((*result.sampleInfo)[0]->interval, 20);
    EXPECT_EQ(Values(result, 0), (std::vector<int64_t>{148, 149, 150}));
    EXPECT_EQ(Values(result, 1), (std::vector<int64_t>{148, 149, 150}));
+   EXPECT_NE((*result.value)[0]->id.Get(), (*spec->metricId)[0]); // which the client may change
+}
+
+TEST_F(PerformanceQueryTest, AnswersWithTheSameTimeStampsShareThem)
+{
+   Collect();
+   const int64_t end = kNow - 600;
+   // More than are kept for later queries; some differ in the interval or the first stamp alone.
+   const std::tuple<int32_t, int64_t, size_t> ranges[] = {
+      {20, end, 1},  {300, end, 1}, {20, end - 300, 1}, {300, end - 300, 2},
+      {20, end, 15}, {20, end, 16}, {20, end, 1},       {300, end - 300, 2},
+   };
+   for (const auto& [interval, first, count] : ranges) {
+      SCOPED_TRACE(testing::Message() << interval << " " << end - first << " " << count);
+      Corvax::RefVector<PerformanceManager::QuerySpec> specs;
+      for (const int counter : {kCpuUsage, kMemActive}) {
+         specs.push_back(Spec(interval, {{counter, ""}}));
+         specs.back()->startTime = DateTime::FromSeconds(first - 1);
+         specs.back()->endTime =
+            DateTime::FromSeconds(first + interval * (static_cast<int64_t>(count) - 1));
+      }
+      const auto results = Query(specs);
+      ASSERT_EQ(results->GetSize(), 2u);
+      const auto stampsOf = [&](size_t i) {
+         return dynamic_cast<PerformanceManager::EntityMetric&>(*(*results)[i]).sampleInfo;
+      };
+      EXPECT_EQ(stampsOf(0), stampsOf(1));
+      ASSERT_EQ(stampsOf(0)->GetSize(), count);
+      EXPECT_EQ((*stampsOf(0))[0]->timestamp, DateTime::FromSeconds(first));
+      EXPECT_EQ((*stampsOf(0))[count - 1]->timestamp, specs[0]->endTime);
+      EXPECT_EQ((*stampsOf(0))[0]->interval, interval);
+   }
 }
 
 TEST_F(PerformanceQueryTest, MaxSampleMovesTheStartTowardsTheEnd)
