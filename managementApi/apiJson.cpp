@@ -1,5 +1,6 @@
 #include "managementApi/apiJson.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace ManagementApi {
@@ -20,6 +21,28 @@ void AppendNumber(std::string& text, int64_t number)
    text.append(digits, end.ptr);
 }
 
+void AppendText(std::string& text, std::string_view value)
+{
+   const bool isPlain = std::ranges::all_of(
+      value, [](char c) { return c >= ' ' && c <= '~' && c != '"' && c != '\\'; });
+   if (isPlain) {
+      text += '"';
+      text += value;
+      text += '"';
+   } else {
+      text += ToText(value);
+   }
+}
+
+/// Replaces the comma after the last item, if there is one.
+void CloseArray(std::string& text)
+{
+   if (text.back() == ',') {
+      text.pop_back();
+   }
+   text += ']';
+}
+
 template <class T, class Append>
 void AppendArray(std::string& text, const T& items, Append append)
 {
@@ -28,10 +51,32 @@ void AppendArray(std::string& text, const T& items, Append append)
       append(item);
       text += ',';
    }
-   if (text.back() == ',') {
-      text.pop_back();
+   CloseArray(text);
+}
+
+void AppendValues(std::string& text, const std::vector<int64_t>& values)
+{
+   constexpr size_t kMostBytes = 20; // of a value and a comma
+   text += '[';
+   const size_t begin = text.size();
+   text.resize(begin + values.size() * kMostBytes);
+   char* next = text.data() + begin;
+   for (const int64_t value : values) {
+      next = value < 0 ? std::copy_n("null", 4, next)
+                       : std::to_chars(next, next + kMostBytes, value).ptr;
+      *next++ = ',';
    }
-   text += ']';
+   text.resize(static_cast<size_t>(next - text.data()));
+   CloseArray(text);
+}
+
+void AppendReference(std::string& text, const Plexa::MoRef& reference)
+{
+   text += R"({"type":)";
+   AppendText(text, reference.GetType().name);
+   text += R"(,"id":)";
+   AppendText(text, reference.GetId());
+   text += '}';
 }
 
 void AppendSampleInfo(std::string& text, const PerformanceManager::SampleInfo& info)
@@ -43,20 +88,39 @@ void AppendSampleInfo(std::string& text, const PerformanceManager::SampleInfo& i
    text += '}';
 }
 
+/// The text of sample information, which results may share.
+class SampleInfoText {
+public:
+   void AppendTo(std::string& text, const PerformanceManager::EntityMetric& metric)
+   {
+      if (_last == metric.sampleInfo) {
+         text.append(text, _begin, _size);
+         return;
+      }
+      _begin = text.size();
+      AppendArray(text, *metric.sampleInfo,
+                  [&text](const auto& info) { AppendSampleInfo(text, *info); });
+      _size = text.size() - _begin;
+      _last = metric.sampleInfo;
+   }
+
+private:
+   decltype(PerformanceManager::EntityMetric::sampleInfo) _last;
+   size_t _begin = 0; // where the text has it
+   size_t _size = 0;
+};
+
 void AppendSeries(std::string& text, const PerformanceManager::MetricSeries& series)
 {
-   text += R"({"id":)" + ToText(ToJson(*series.id)) + R"(,"value":)";
+   text += R"({"id":{"counterId":)";
+   AppendNumber(text, series.id->counterId);
+   text += R"(,"instance":)";
+   AppendText(text, series.id->instance);
+   text += R"(},"value":)";
    if (const auto* const csv = dynamic_cast<const PerformanceManager::MetricSeriesCSV*>(&series)) {
-      text += ToText(csv->value);
+      AppendText(text, csv->value);
    } else {
-      const auto& ints = dynamic_cast<const PerformanceManager::IntSeries&>(series);
-      AppendArray(text, ints.value, [&text](int64_t value) {
-         if (value < 0) {
-            text += "null";
-         } else {
-            AppendNumber(text, value);
-         }
-      });
+      AppendValues(text, dynamic_cast<const PerformanceManager::IntSeries&>(series).value);
    }
    text += '}';
 }
@@ -112,23 +176,28 @@ Json ToJson(const PerformanceManager::ProviderSummary& summary)
    return json;
 }
 
-void PrintTo(std::string& text, const PerformanceManager::EntityMetricBase& entityMetric)
+void PrintTo(std::string& text, const QueryResults& results)
 {
+   SampleInfoText sampleInfoText;
    const auto appendSeries = [&text](const auto& series) { AppendSeries(text, *series); };
-   text += R"({"entity":)" + ToText(ToJson(*entityMetric.entity));
-   if (const auto* const csv =
-          dynamic_cast<const PerformanceManager::EntityMetricCSV*>(&entityMetric)) {
-      text += R"(,"sampleInfoCSV":)" + ToText(csv->sampleInfoCSV) + R"(,"value":)";
-      AppendArray(text, *csv->value, appendSeries);
-   } else {
-      const auto& normal = dynamic_cast<const PerformanceManager::EntityMetric&>(entityMetric);
-      text += R"(,"sampleInfo":)";
-      AppendArray(text, *normal.sampleInfo,
-                  [&text](const auto& info) { AppendSampleInfo(text, *info); });
-      text += R"(,"value":)";
-      AppendArray(text, *normal.value, appendSeries);
-   }
-   text += '}';
+   AppendArray(text, results, [&](const Corvax::Ref<PerformanceManager::EntityMetricBase>& result) {
+      text += R"({"entity":)";
+      AppendReference(text, *result->entity);
+      if (const auto* const csv =
+             dynamic_cast<const PerformanceManager::EntityMetricCSV*>(result.Get())) {
+         text += R"(,"sampleInfoCSV":)";
+         AppendText(text, csv->sampleInfoCSV);
+         text += R"(,"value":)";
+         AppendArray(text, *csv->value, appendSeries);
+      } else {
+         const auto& normal = dynamic_cast<const PerformanceManager::EntityMetric&>(*result);
+         text += R"(,"sampleInfo":)";
+         sampleInfoText.AppendTo(text, normal);
+         text += R"(,"value":)";
+         AppendArray(text, *normal.value, appendSeries);
+      }
+      text += '}';
+   });
 }
 
 std::string Print(const Json& json)

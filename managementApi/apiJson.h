@@ -24,8 +24,10 @@ Json FigureToJson(int64_t figure);
 /// characters.
 std::string Print(const Json& json);
 
-/// Appends the text of an EntityMetric or an EntityMetricCSV. Without a JSON value in between,
-/// which would allocate for each sample.
-void PrintTo(std::string& text, const Quen::PerformanceManager::EntityMetricBase& entityMetric);
+using QueryResults = Plexa::DataArray<Quen::PerformanceManager::EntityMetricBase>;
+
+/// Appends the text of an array of EntityMetric and EntityMetricCSV. Without a JSON value in
+/// between, which would allocate for each sample.
+void PrintTo(std::string& text, const QueryResults& results);
 
 } // namespace ManagementApi

@@ -25,7 +25,6 @@ using Corvax::MakeRef;
 using Corvax::Ref;
 using Http::Refusal;
 using Quen::PerformanceManager;
-using QueryResults = Plexa::DataArray<PerformanceManager::EntityMetricBase>;
 
 constexpr int32_t kLatestValues = 0; // intervalId 0 asks for the latest values
 
@@ -275,12 +274,9 @@ void ApiRoutes::AnswerQuery(const Http::Request& request, QuerySpecs& specs,
       return;
    }
    std::string& text = response.body;
-   text = R"({"status":"success","data":[)";
-   for (const auto& result : *results) {
-      text += text.back() == '[' ? "" : ",";
-      PrintTo(text, *result);
-   }
-   text += "]}\n";
+   text = R"({"status":"success","data":)";
+   PrintTo(text, *results);
+   text += "}\n";
 }
 
 void ApiRoutes::GetHostUsage(const Http::Request& request, Http::Response& response) const

@@ -68,7 +68,7 @@ protected:
       const Metrix::StatsMetadata metadata;
       for (int run = 0; run <= runs; ++run) {
          const auto ts = static_cast<Metrix::TimeStamp>(kNow - int64_t{20} * (runs - run));
-         for (const char* const stat : {"cpu-usage", "cpu-usage#0", "cpu-usage#1", "mem-active",
+         for (const char* const stat : {"cpu-usage", "cpu-usage#0", "cpu-usage#\\x", "mem-active",
                                         "disk-read#sd,a", "sys-uptime"}) {
             const auto* const data = metadata.GetStatsDepotData(stat);
             const auto value = static_cast<Metrix::StatVal>(run * 1000) + _random() % 1000;
@@ -154,13 +154,15 @@ TEST_F(ManagementApiTest, AllFormsOfAQueryReturnTheSameFigures)
    _manager->GetPerfCounter(counters);
    const std::tuple<const char*, int, const char*> metrics[] = {{"cpu.usage", 0, ""},
                                                                 {"cpu.usage.maximum:0", 2, "0"},
-                                                                {"1:1", 1, "1"},
+                                                                {"1:\\x", 1, "\\x"},
                                                                 {"cpu.usage:*", 0, "*"},
                                                                 {"mem.active.average", 0x10009, ""},
                                                                 {"disk.read:sd,a", 0x20006, "sd,a"},
                                                                 {"sys.uptime", 0x40000, ""},
                                                                 {"net.usage", 0x30000, ""}};
    size_t figures = 0;
+   Json bodies = Json::array();
+   Json answers = Json::array();
    for (int round = 0; round < 40; ++round) {
       const int interval = std::array{20, 300, 0}[_random() % 3];
       Json body = {{"entity", "ha-host"}, {"intervalId", interval}, {"metricId", Json::array()}};
@@ -186,11 +188,14 @@ TEST_F(ManagementApiTest, AllFormsOfAQueryReturnTheSameFigures)
       SCOPED_TRACE(path);
       const Json byGet = Data(Get(path));
       ASSERT_EQ(byGet, Data(Post(Json::array({body}).dump())));
+      bodies.push_back(body);
+      answers.insert(answers.end(), byGet.begin(), byGet.end());
       const std::string csv = Get(path, {{"Accept", "text/csv"}})->body;
       EXPECT_EQ(csv, byGet.empty() ? "time\r\n" : ToCsv(byGet[0], *counters));
       figures += static_cast<size_t>(std::ranges::count(csv, ','));
    }
    EXPECT_GT(figures, 100u);
+   EXPECT_EQ(Data(Post(bodies.dump())), answers);
 }
 
 /// `message` is part of the message, before its quotes are escaped.
