@@ -6,6 +6,8 @@
 #include "qsh/framework/cmdArgProcessor.h"
 #include "qsh/framework/state.h"
 
+#include <set>
+
 namespace Metrix {
 
 namespace {
@@ -24,37 +26,74 @@ using QshFramework::TessQshState;
 constexpr int kMaxStatsPurged = 10000;
 constexpr int64_t kUsPerMs = 1000;
 
-/// The depot that all commands use; null until one is loaded.
+/// The depot that all commands use, null until one is loaded, and its lock file.
 Ref<StatsDepot> _statsDepot;
+std::string _lockName;
+int64_t _writerPid = 0; ///< the other process that uses the depot, which is then read-only here
 
-StatsDepot* GetLoadedDepot()
-{
-   if (!_statsDepot) {
-      throw CommandError("StatsDepot needs to be loaded/created first");
-   }
-   return _statsDepot.Get();
-}
-
-void Load(TessQshState& /*state*/, const CmdArgProcessor& arguments)
+Ref<StatsDepot> OpenDepot(const CmdArgProcessor& arguments, void (StatsDepot::*load)())
 {
    const Ref<Corvax::Logger> logger = Corvax::Service::GetApp()->GetLogger("Default");
    Ref<StatsDepot> depot;
    GetStatsDepot(arguments.GetString(0), arguments.GetString(1), logger.Get(), kMaxStatsPurged,
                  depot);
-   {
-      const Corvax::Locker locker(depot.Get());
-      depot->Load();
+   const Corvax::Locker locker(depot.Get());
+   (depot.Get()->*load)();
+   return depot;
+}
+
+/// If loading fails, the commands keep the previous depot.
+void Load(TessQshState& state, const CmdArgProcessor& arguments)
+{
+   Corvax::SystemFactory& factory = Corvax::System::GetFactory();
+   const std::string lockName = arguments.GetString(0) + arguments.GetString(1) + ".lock";
+   const int64_t holder = factory.GetLockHolder(lockName);
+   const bool isLoaded =
+      holder != 0 && _statsDepot && _writerPid == 0 && factory.GetLockHolder(_lockName) == holder;
+   auto depot = OpenDepot(arguments, holder == 0 ? &StatsDepot::Load : &StatsDepot::LoadReadOnly);
+   if (isLoaded) {
+      _statsDepot = nullptr; // releases the lock; the depot was just seen to be good
+      depot = OpenDepot(arguments, &StatsDepot::Load);
+   } else if (holder != 0) {
+      state.Print(
+         Format("StatsDepot is used by process %1; it is loaded for reading only", holder));
    }
-   _statsDepot = depot; // last: if loading fails, the commands keep the previous one
+   _statsDepot = depot;
+   _lockName = lockName;
+   _writerPid = isLoaded ? 0 : holder;
+}
+
+/// False, with a message printed, if no depot is loaded.
+bool IsLoaded(TessQshState& state)
+{
+   if (!_statsDepot) {
+      state.Print("StatsDepot needs to be loaded/created first");
+   }
+   return static_cast<bool>(_statsDepot);
+}
+
+void RequireWritable()
+{
+   if (_writerPid != 0) {
+      throw CommandError(
+         Format("StatsDepot is used by process %1; stop it and load the depot again", _writerPid));
+   }
+}
+
+int64_t GetTimeMs()
+{
+   return Corvax::System::GetTime() / kUsPerMs;
 }
 
 void GetStatNames(TessQshState& state, const CmdArgProcessor& arguments)
 {
-   StatsDepot* const depot = GetLoadedDepot();
+   if (!IsLoaded(state)) {
+      return;
+   }
    std::vector<std::string> names;
    {
-      const Corvax::Locker locker(depot);
-      depot->GetAvailableStatNames(arguments.GetString(0), kUnset, kUnset, names);
+      const Corvax::Locker locker(_statsDepot.Get());
+      _statsDepot->GetAvailableStatNames(arguments.GetString(0), kUnset, kUnset, names);
    }
    for (const std::string& name : names) {
       state.Print(name);
@@ -63,32 +102,44 @@ void GetStatNames(TessQshState& state, const CmdArgProcessor& arguments)
 
 void DeleteEntityStats(TessQshState& state, const CmdArgProcessor& arguments)
 {
-   StatsDepot* const depot = GetLoadedDepot();
-   const int64_t startUs = Corvax::System::GetTime();
-   {
-      const Corvax::Locker locker(depot);
-      depot->DeleteEntityStats(arguments.GetString(0));
+   if (!IsLoaded(state)) {
+      return;
    }
-   const int64_t endUs = Corvax::System::GetTime();
-   state.Print(Format("Time taken for DeleteEntityStats : %1 ms", (endUs - startUs) / kUsPerMs));
+   RequireWritable();
+   const int64_t startMs = GetTimeMs();
+   {
+      const Corvax::Locker locker(_statsDepot.Get());
+      _statsDepot->DeleteEntityStats(arguments.GetString(0));
+   }
+   state.Print(Format("Time taken for DeleteEntityStats : %1 ms", GetTimeMs() - startMs));
 }
 
 void CreateDummyStats(TessQshState& state, const CmdArgProcessor& arguments)
 {
-   StatsDepot* const depot = GetLoadedDepot();
+   if (!IsLoaded(state)) {
+      return;
+   }
+   RequireWritable();
    const std::vector<StatsDepot::RollupType> rollups = {
       StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX, StatsDepot::ROLLUP_MIN};
+   const std::string& entityId = arguments.GetString(0);
    const int32_t numStats = arguments.GetInt(2);
-   const int64_t startUs = Corvax::System::GetTime();
+   const int64_t startMs = GetTimeMs();
    {
-      const Corvax::Locker locker(depot);
+      const Corvax::Locker locker(_statsDepot.Get());
+      std::vector<std::string> names;
+      _statsDepot->GetAvailableStatNames(entityId, kUnset, kUnset, names);
+      const std::set<std::string> existing(names.begin(), names.end());
       for (int32_t i = 0; i < numStats; ++i) {
-         depot->CreateStat(arguments.GetString(0), Format("%1-%2", arguments.GetString(1), i),
-                           StatsDepot::STATTYPE_ABSOLUTE, 1, rollups);
+         const std::string statName = Format("%1-%2", arguments.GetString(1), i);
+         if (existing.contains(statName)) {
+            throw CommandError(Format("Stat %1 of %2 exists already; %3 of %4 stats were created",
+                                      statName, entityId, i, numStats));
+         }
+         _statsDepot->CreateStat(entityId, statName, StatsDepot::STATTYPE_ABSOLUTE, 1, rollups);
       }
    }
-   const int64_t endUs = Corvax::System::GetTime();
-   state.Print(Format("Time taken for CreateDummyStats : %1 ms", (endUs - startUs) / kUsPerMs));
+   state.Print(Format("Time taken for CreateDummyStats : %1 ms", GetTimeMs() - startMs));
 }
 
 constexpr Argument kLoadArguments[] = {

@@ -50,18 +50,34 @@ depot)
    expect 0 'Time taken for DeleteEntityStats : [0-9]+ ms' '' -c "$load; $depot/deleteEntityStats h1"
    [ -z "$(names h1)$(names h2)" ] || fail "not deleted: $(names h1) $(names h2)"
    [ "$(names n3:3 | tr '\n' ' ')" = "t x-0 t x-1 t x-2 " ] || fail "another entity has: $(names n3:3)"
-   expect 1 '' '.+' -c "$load; $depot/createDummyStats n010:8 't x' 1" # it exists
+   expect 1 'Time taken.*' 'Stat t-0 of h3 exists already; 0 of 2 stats were created' \
+      -c "$load; $depot/createDummyStats h3 t 1; $load; $depot/createDummyStats h3 t 2"
    # If a depot cannot be loaded, the previous one stays loaded.
    expect 1 'Time taken for Delete.*' '.*/none/.*' \
       -c "$load; $depot/load $dir/none/ hostAgentStats; $depot/deleteEntityStats n3:3"
    [ -z "$(names n3:3)" ] || fail "the depot did not stay loaded"
    ;;
 
+locked)
+   makeDepot
+   exec 9<>"$dir/stats/hostAgentStats.lock"
+   flock 9
+   printf %d $$ >&9
+   used="StatsDepot is used by process $$; it is loaded for reading only"
+   expect 0 "$used.*cpu-usage#0.*" '' -c "$load; $depot/getStatNames ha-host"
+   for command in 'deleteEntityStats ha-host' 'createDummyStats h1 t 1'; do
+      expect 1 "$used" "StatsDepot is used by process $$; .*" -c "$load; $depot/$command"
+   done
+   exec 9>&-
+   expect 0 'Time taken.*' '' -c "$load; $depot/createDummyStats h1 t 1"
+   [ "$(names ha-host | wc -l) $(names h1)" = "24 t-0" ] || fail "a refused command changed the depot"
+   ;;
+
 statuses)
    first='StatsDepot needs to be loaded/created first'
-   expect 1 '' "$first" -c "$depot/getStatNames h"
-   expect 1 '' "$first" -c "$depot/deleteEntityStats h"
-   expect 1 '' "$first" -c "$depot/createDummyStats h b 1"
+   for command in 'getStatNames h' 'deleteEntityStats h' 'createDummyStats h b x'; do
+      expect 0 "$first" '' -c "$depot/$command"
+   done
    expect 1 '' 'Insufficient arguments\.' -c "$depot/load $dir/"
    expect 1 '' 'Too many arguments\.' -c "$depot/deleteEntityStats two words"
    expect 1 '' 'Unknown option: --all' -c "$depot/getStatNames --all h"
