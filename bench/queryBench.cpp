@@ -23,6 +23,7 @@ using Results = Plexa::DataArray<PerformanceManager::EntityMetricBase>;
 
 constexpr unsigned kQueries = 4000;
 constexpr unsigned kWarmUp = 200;
+constexpr unsigned kRanges = 16; // more than the manager keeps time stamps of
 constexpr size_t kStatsOfEntity = 50;
 constexpr char kEntityOf50[] = "vm-of-50";
 
@@ -79,15 +80,17 @@ public:
       return times;
    }
 
-   /// The same through the performance manager, one series per query.
-   std::vector<double> QuerySeries(int periodSec, unsigned samples)
+   /// The same through the performance manager, one series per query. The queries take turns with
+   /// `ranges` time ranges, each one sample shorter than the one before.
+   std::vector<double> QuerySeries(int periodSec, unsigned samples, unsigned ranges = 1)
    {
       std::vector<Ref<Specs>> queries;
       for (unsigned i = 0; i < kWarmUp + Scaled(kQueries); ++i) {
          queries.push_back(MakeRef<Specs>());
-         queries.back()->Append(SpecOf(_plan[_random() % _plan.size()], periodSec, samples));
+         queries.back()->Append(
+            SpecOf(_plan[_random() % _plan.size()], periodSec, samples - i % ranges));
       }
-      return TimeQueries(queries, 1, samples);
+      return TimeQueries(queries, 1, samples, ranges);
    }
 
    /// Queries an hour of all stats of the entity that has 50.
@@ -130,15 +133,16 @@ private:
    }
 
    std::vector<double> TimeQueries(const std::vector<Ref<Specs>>& queries, size_t series,
-                                   size_t samples)
+                                   size_t samples, unsigned ranges = 1)
    {
       std::vector<double> times;
       for (const Ref<Specs>& query : queries) {
          Ref<Results> results;
          const double startUs = GetWallUs();
          _manager->QueryStats(query.Get(), results);
+         const size_t i = times.size();
          times.push_back(GetWallUs() - startUs);
-         CheckAnswer(*results, series, samples);
+         CheckAnswer(*results, series, samples - i % ranges);
       }
       times.erase(times.begin(), times.begin() + kWarmUp);
       return times;
@@ -179,6 +183,8 @@ void Query(Measurement& measurement)
    measurement.Report("query-api-1h", "us", oneUs);
    std::vector<double> apiDayUs = queries.QuerySeries(kCoarsePeriodSec, kCoarseSamples);
    measurement.Report("query-api-36h", "us", GetPercentile(apiDayUs, 0.5));
+   std::vector<double> newRangeUs = queries.QuerySeries(kFinePeriodSec, kFineSamples, kRanges);
+   measurement.Report("query-api-1h-new", "us", GetPercentile(newRangeUs, 0.5));
    std::vector<double> entityUs = queries.QueryEntity();
    const double allUs = GetPercentile(entityUs, 0.5);
    measurement.Report("query-entity", "us", allUs);
