@@ -3,8 +3,8 @@
 #include "bench/keepAliveClient.h"
 #include "bench/meters.h"
 #include "bench/processFigures.h"
+#include "bench/recording.h"
 #include "bench/resultLines.h"
-#include "bench/workload.h"
 #include "corvax/exception.h"
 #include "corvax/system.h"
 #include "corvax/thread.h"
@@ -13,7 +13,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
+#include <optional>
 #include <random>
 #include <string_view>
 #include <thread>
@@ -88,6 +90,49 @@ void CheckAnswer(const std::string& body)
    }
 }
 
+/// An agent on a simulated host, with a depot that a killed process has left.
+class RunningAgent {
+public:
+   RunningAgent(const std::string& program, const char* who, const Metrix::JournalOptions& journal)
+      : _who(who)
+   {
+      const std::string stats = _state.GetPath() + "stats/";
+      const std::string config = _state.GetPath() + "config.xml";
+      Corvax::System::GetFactory().CreateDirectory(stats);
+      RecordAndKill(CaptureSimulatedHost(), stats, journal,
+                    static_cast<Metrix::TimeStamp>(GetTimeSec() / kFinePeriodSec * kFinePeriodSec));
+      std::ofstream(config) << "<config><plugins><metrix><checkpointSec>" << journal.checkpointSec
+                            << "</checkpointSec></metrix></plugins></config>\n";
+      const std::vector<std::string> arguments = {"--backend",    "simulated", "--sim",
+                                                  kSimulatedHost, "--config",  config};
+      _agent.emplace(program, _state.GetPath(), arguments);
+      _agent->WaitForPort();
+   }
+
+   void StartMeasuring()
+   {
+      _cpuUs = GetThreadsCpuUs(_agent->GetId());
+      _io = IoCounts::Read(_agent->GetId());
+   }
+   void Report(unsigned runs, ResultLines& lines) const
+   {
+      const double cpuUs = GetThreadsCpuUs(_agent->GetId()) - _cpuUs;
+      const IoCounts io = IoCounts::Read(_agent->GetId()) - _io;
+      const auto samples = static_cast<double>(runs * CaptureSimulatedHost().size());
+      lines.Add("agent-run", _who, "us", cpuUs / samples);
+      lines.Add("agent-device-day", _who, "GB",
+                io.deviceBytes * GetGbPerDay(runs * kFinePeriodSec));
+   }
+   double GetMib() const { return GetResidentMib(_agent->GetId()); }
+
+private:
+   const char* const _who;
+   const ScratchDirectory _state;
+   std::optional<AgentProcess> _agent;
+   double _cpuUs = 0;
+   IoCounts _io;
+};
+
 class AgentBench {
 public:
    explicit AgentBench(const std::string& program)
@@ -112,6 +157,7 @@ public:
          MeasureClients(port);
       }
       CountCalls();
+      MeasureRuns();
       _lines.Print(std::cout);
    }
 
@@ -219,6 +265,21 @@ private:
       SleepSeconds(runs);
       const IoCounts counts = IoCounts::Read(agent.GetId()) - before;
       _lines.Add("agent-calls", kOurs, "calls", counts.calls / runs);
+   }
+
+   /// Whole processes side by side, over a rollup. When they reach the disk is up to the kernel.
+   void MeasureRuns()
+   {
+      RunningAgent ours(_program, kOurs, kJournal);
+      RunningAgent withoutJournal(_program, kOursWithoutJournal, kNoJournal);
+      WaitForNextRun();
+      ours.StartMeasuring();
+      withoutJournal.StartMeasuring();
+      const unsigned runs = GetSettings().isQuick ? 1 : kStampsPerRollup;
+      SleepSeconds(runs * kFinePeriodSec);
+      ours.Report(runs, _lines);
+      withoutJournal.Report(runs, _lines);
+      _lines.Add("agent-journal-mib", kOurs, "MiB", ours.GetMib() - withoutJournal.GetMib());
    }
 
    const std::string _program;

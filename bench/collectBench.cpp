@@ -1,8 +1,8 @@
 #include "bench/measurement.h"
 #include "bench/meters.h"
 #include "bench/processFigures.h"
+#include "bench/recording.h"
 #include "bench/resultLines.h"
-#include "bench/workload.h"
 #include "linuxHost/linuxHostProvider.h"
 
 #include <memory>
@@ -15,33 +15,32 @@ constexpr unsigned kRuns = 3 * kStampsPerRollup;
 constexpr unsigned kHostReads = 200;
 
 /// Whole runs of the collector: collect, name, buffer, flush.
-void WholeRun(Measurement& measurement)
+void WholeRun(Measurement& measurement, const Metrix::JournalOptions& journal)
 {
+   const auto samples = static_cast<double>(CaptureSimulatedHost().size());
    const QuietAgent agent;
-   SimulatedCollection collection(kSimulatedHost, agent.GetLogger());
-   for (unsigned i = 0; i <= 2 * kStampsPerRollup; ++i) {
+   SimulatedCollection collection(kSimulatedHost, journal, agent.GetLogger());
+   for (unsigned i = Recording::CountUntilSteady(journal); i > 0; --i) {
       collection.Run();
    }
-   collection.TakeLongestHoldUs();
+   collection.TakeHolds();
    const IoCounts before = IoCounts::Read("self");
    CpuMeter meter;
-   double longestUs = 0;
-   double longestRollupUs = 0;
+   RunHolds holds;
    for (unsigned i = 1; i <= kRuns; ++i) {
       meter.Start();
       collection.Run();
       meter.Stop();
-      double& longest = i % kStampsPerRollup == 0 ? longestRollupUs : longestUs;
-      longest = std::max(longest, collection.TakeLongestHoldUs());
+      holds.Add(collection.TakeHolds(), i % kStampsPerRollup == 0);
    }
    const IoCounts io = IoCounts::Read("self") - before;
-   const auto samples = static_cast<double>(collection.GetPlan().size());
    measurement.Report("run", "us", meter.GetTotalUs() / (kRuns * samples));
    measurement.Report("run-samples", "samples", samples);
    measurement.Report("run-calls", "calls", io.calls / kRuns);
    measurement.Report("run-bytes", "bytes", io.bytes / (kRuns * samples));
-   measurement.Report("hold", "ms", longestUs / 1e3);
-   measurement.Report("hold-rollup", "ms", longestRollupUs / 1e3);
+   measurement.Report("hold", "ms", holds.usualUs / 1e3);
+   measurement.Report("hold-any", "ms", holds.anyUs / 1e3);
+   measurement.Report("hold-total", "ms", holds.GetMeanTotalUs() / 1e3);
 }
 
 template <class T>
@@ -86,8 +85,8 @@ void HostRead(Measurement& measurement)
    measurement.Report("host-read", "us", meter.GetTotalUs() / kHostReads);
 }
 
+const DepotRegistration kRun("run", WholeRun);
 const Registration kRegistrations[] = {
-   {"run", kOurs, WholeRun},
    {"host-read", kOurs, HostRead},
 };
 

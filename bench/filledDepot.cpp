@@ -58,7 +58,7 @@ private:
 void MakeFilledDepot(const std::string& directory, const StatPlan& plan, TimeStamp newest)
 {
    const QuietAgent agent;
-   CreateStats(*NewDepot(directory, agent.GetLogger()), plan);
+   CreateStats(*NewDepot(directory, agent.GetLogger(), kNoJournal), plan);
    // A new depot assigns ids in order: to a stat's raw series, then to its rollups.
    RowsInUse fine;
    RowsInUse coarse;

@@ -2,17 +2,13 @@
 #include "bench/measurement.h"
 #include "bench/meters.h"
 #include "bench/processFigures.h"
-#include "bench/resultLines.h"
-#include "bench/workload.h"
+#include "bench/recording.h"
 
 namespace Bench {
 
 namespace {
 
-using Corvax::Ref;
-using Metrix::StatsDepot;
-using Metrix::StatVal;
-using Metrix::TimeStamp;
+using Metrix::JournalOptions;
 
 constexpr unsigned kHotStamps = kFineSamples; // an hour
 constexpr unsigned kColdStamps = 2 * kStampsPerRollup;
@@ -24,95 +20,72 @@ constexpr size_t kFewStats = 1000;
 /// with clean pages and other data in the caches.
 enum class Cadence { HOT, REAL };
 
-void Settle(Cadence cadence, const std::string& directory)
-{
-   if (cadence == Cadence::REAL) {
-      SyncFiles(directory);
-      FlushCpuCaches();
-   }
-}
-
-/// A depot that takes a sample of every stat, stamp after stamp.
-class Recording {
-public:
-   explicit Recording(const StatPlan& plan)
-      : _plan(plan), _depot(NewDepot(_scratch.GetPath(), _agent.GetLogger()))
-   {
-      CreateStats(*_depot, plan);
-   }
-
-   void RecordNextStamp()
-   {
-      const TimeStamp ts = GetStamp(_stamps);
-      StatVal value = _stamps * kGrowth; // grows, so that deltas and rates are stored, too
-      {
-         const Corvax::Locker lock(_depot.Get());
-         for (const PlannedStat& stat : _plan) {
-            _depot->AddSample(stat.entityId, stat.statName, ts, ++value, 0);
-         }
-      }
-      ++_stamps;
-   }
-   const std::string& GetDirectory() const { return _scratch.GetPath(); }
-
-private:
-   static constexpr StatVal kGrowth = 1000;
-
-   const StatPlan& _plan;
-   const QuietAgent _agent;
-   const ScratchDirectory _scratch;
-   const Ref<StatsDepot> _depot;
-   unsigned _stamps = 0;
+struct IngestWork {
+   const char* name;
+   size_t stats = kStats;
+   Cadence cadence = Cadence::HOT;
+   unsigned stamps = kHotStamps; ///< fewer if figures may be rough
+   bool hasThreeRollups = false;
+   RowOrder order = RowOrder::AS_RECORDED;
 };
 
-/// CPU time of all samples and rollups of that number of stamps, after two rollups have created all
-/// rows.
-void Ingest(Measurement& measurement, const std::string& work, const StatPlan& plan,
-            Cadence cadence, unsigned stamps)
+constexpr IngestWork kIngestWorks[] = {
+   {.name = "ingest-hot"},
+   {.name = "ingest-fifth-later", .order = RowOrder::EVERY_FIFTH_VM_LATER},
+   {.name = "ingest-vm-by-vm", .order = RowOrder::VM_BY_VM},
+   {.name = "ingest-entities-shuffled", .order = RowOrder::ENTITIES_SHUFFLED},
+   {.name = "ingest-shuffled", .order = RowOrder::SHUFFLED},
+   {.name = "ingest-three-rollups", .hasThreeRollups = true},
+   {.name = "ingest-cold", .cadence = Cadence::REAL, .stamps = kColdStamps},
+   {.name = "ingest-1k", .stats = kFewStats},
+   {.name = "ingest-100k", .stats = kManyStats, .stamps = kManyStamps},
+};
+
+/// Writes what the kernel would have written in the meantime, and returns the CPU time of that.
+double Settle(Cadence cadence, const std::string& directory)
 {
-   Recording recording(plan);
-   for (unsigned i = 0; i <= 2 * kStampsPerRollup; ++i) {
-      recording.RecordNextStamp();
+   if (cadence == Cadence::HOT) {
+      return 0;
    }
+   CpuMeter meter;
+   meter.Start();
+   SyncFiles(directory);
+   meter.Stop();
+   FlushCpuCaches();
+   return meter.GetTotalUs();
+}
+
+/// CPU time of all samples and rollups of a number of stamps, in a depot that has all its rows.
+void Ingest(Measurement& measurement, const IngestWork& work, const JournalOptions& journal)
+{
+   const StatPlan& captured = CapturePlan(work.stats);
+   const StatPlan plan = work.hasThreeRollups ? WithThreeRollups(captured) : captured;
+   const unsigned stamps = work.stamps == kHotStamps ? Scaled(work.stamps) : work.stamps;
+   const ScratchDirectory scratch;
+   Recording recording(plan);
+   recording.CreateDepot(scratch.GetPath(), journal, work.order);
+   recording.RecordUntilSteady();
    const IoCounts before = IoCounts::Read("self");
    CpuMeter meter;
-   for (unsigned i = 0; i < stamps; ++i) {
-      Settle(cadence, recording.GetDirectory());
+   RunHolds holds;
+   double syncUs = 0;
+   for (unsigned i = 1; i <= stamps; ++i) {
+      syncUs += Settle(work.cadence, scratch.GetPath());
+      recording.TakeHolds();
       meter.Start();
       recording.RecordNextStamp();
       meter.Stop();
+      holds.Add(recording.TakeHolds(), i % kStampsPerRollup == 0);
    }
    const double samples = static_cast<double>(stamps) * static_cast<double>(plan.size());
-   measurement.Report(work, "us", meter.GetTotalUs() / samples);
+   const std::string name = work.name;
+   measurement.Report(name, "us", meter.GetTotalUs() / samples);
+   measurement.Report(name + "-synced", "us", (meter.GetTotalUs() + syncUs) / samples);
    const IoCounts io = IoCounts::Read("self") - before;
-   measurement.Report(work + "-calls", "calls", io.calls / samples);
-   measurement.Report(work + "-bytes", "bytes", io.bytes / samples);
-}
-
-void IngestHot(Measurement& measurement)
-{
-   Ingest(measurement, "ingest-hot", CapturePlan(kStats), Cadence::HOT, Scaled(kHotStamps));
-}
-
-void IngestThreeRollups(Measurement& measurement)
-{
-   Ingest(measurement, "ingest-three-rollups", WithThreeRollups(CapturePlan(kStats)), Cadence::HOT,
-          Scaled(kHotStamps));
-}
-
-void IngestCold(Measurement& measurement)
-{
-   Ingest(measurement, "ingest-cold", CapturePlan(kStats), Cadence::REAL, kColdStamps);
-}
-
-void IngestFew(Measurement& measurement)
-{
-   Ingest(measurement, "ingest-1k", CapturePlan(kFewStats), Cadence::HOT, Scaled(kHotStamps));
-}
-
-void IngestMany(Measurement& measurement)
-{
-   Ingest(measurement, "ingest-100k", CapturePlan(kManyStats), Cadence::HOT, kManyStamps);
+   measurement.Report(name + "-calls", "calls", io.calls / samples);
+   measurement.Report(name + "-bytes", "bytes", io.bytes / samples);
+   measurement.Report(name + "-hold", "ms", holds.usualUs / 1e3);
+   measurement.Report(name + "-hold-any", "ms", holds.anyUs / 1e3);
 }
 
 template <void (FloorFile::*Store)(uint64_t), Cadence Pace>
@@ -133,18 +106,26 @@ void Floor(Measurement& measurement)
                       meter.GetTotalUs() / (static_cast<double>(stamps) * kStats));
 }
 
-const Registration kRegistrations[] = {
-   {"ingest-hot", kOurs, IngestHot},
+std::vector<DepotRegistration> RegisterIngest()
+{
+   std::vector<DepotRegistration> registrations;
+   for (const IngestWork& work : kIngestWorks) {
+      registrations.emplace_back(work.name,
+                                 [work](Measurement& measurement, const JournalOptions& journal) {
+                                    Ingest(measurement, work, journal);
+                                 });
+   }
+   return registrations;
+}
+
+const std::vector<DepotRegistration> kIngestRegistrations = RegisterIngest();
+const Registration kFloorRegistrations[] = {
    {"ingest-hot", "floor F1", Floor<&FloorFile::StoreByRow, Cadence::HOT>},
    {"ingest-hot", "floor blocks", Floor<&FloorFile::StoreByBlock, Cadence::HOT>},
    {"ingest-hot", "floor mapping", Floor<&FloorFile::StoreByMapping, Cadence::HOT>},
-   {"ingest-cold", kOurs, IngestCold},
    {"ingest-cold", "floor F1", Floor<&FloorFile::StoreByRow, Cadence::REAL>},
    {"ingest-cold", "floor blocks", Floor<&FloorFile::StoreByBlock, Cadence::REAL>},
    {"ingest-cold", "floor mapping", Floor<&FloorFile::StoreByMapping, Cadence::REAL>},
-   {"ingest-three-rollups", kOurs, IngestThreeRollups},
-   {"ingest-1k", kOurs, IngestFew},
-   {"ingest-100k", kOurs, IngestMany},
 };
 
 } // namespace

@@ -1,8 +1,7 @@
 #include "bench/filledDepot.h"
 #include "bench/measurement.h"
 #include "bench/meters.h"
-#include "bench/resultLines.h"
-#include "bench/workload.h"
+#include "bench/recording.h"
 #include "corvax/exception.h"
 
 #include <optional>
@@ -12,6 +11,7 @@ namespace Bench {
 namespace {
 
 using Corvax::Ref;
+using Metrix::JournalOptions;
 using Metrix::StatsDepot;
 using Metrix::TimeStamp;
 
@@ -38,12 +38,12 @@ void AddSamples(StatsDepot& depot, const StatPlan& plan, TimeStamp ts)
    }
 }
 
-void CreateAndDelete(Measurement& measurement)
+void CreateAndDelete(Measurement& measurement, const JournalOptions& journal)
 {
    const StatPlan plan = OfOneEntity(CapturePlan(kStats));
    const QuietAgent agent;
    const ScratchDirectory scratch;
-   const Ref<StatsDepot> depot = NewDepot(scratch.GetPath(), agent.GetLogger());
+   const Ref<StatsDepot> depot = NewDepot(scratch.GetPath(), agent.GetLogger(), journal);
    CpuMeter create;
    create.Start();
    CreateStats(*depot, plan);
@@ -67,9 +67,10 @@ void CreateAndDelete(Measurement& measurement)
 /// purged, at most `maxPurged` at a time.
 class SilentDepot {
 public:
-   SilentDepot(const StatPlan& plan, int maxPurged, Corvax::Logger* logger)
+   SilentDepot(const StatPlan& plan, int maxPurged, const JournalOptions& journal,
+               Corvax::Logger* logger)
    {
-      Metrix::GetStatsDepot(_scratch.GetPath(), kDepotName, logger, maxPurged, _depot);
+      Metrix::GetStatsDepot(_scratch.GetPath(), kDepotName, logger, maxPurged, _depot, journal);
       _depot->Create();
       _depot->AddInterval(kFineName, kFinePeriodSec, 2);
       _depot->AddInterval(kCoarseName, kCoarsePeriodSec, 2);
@@ -109,13 +110,13 @@ private:
 
 /// A purge follows a rollup. It costs the difference between that rollup with purge and the same
 /// one in a depot that never purges.
-void Purge(Measurement& measurement)
+void Purge(Measurement& measurement, const JournalOptions& journal)
 {
    constexpr unsigned kMaxStamps = 10 * kStampsPerRollup;
    const StatPlan plan = OfOneEntity(CapturePlan(kStats));
    const QuietAgent agent;
-   SilentDepot purging(plan, kPurged, agent.GetLogger());
-   SilentDepot keeping(plan, 0, agent.GetLogger());
+   SilentDepot purging(plan, kPurged, journal, agent.GetLogger());
+   SilentDepot keeping(plan, 0, journal, agent.GetLogger());
    for (unsigned i = 0; i < kMaxStamps; ++i) {
       const double purgeUs = purging.AddLiveSample();
       const double keepUs = keeping.AddLiveSample();
@@ -128,24 +129,38 @@ void Purge(Measurement& measurement)
 }
 
 /// The load alone; agentBench measures from the agent's start to its first answer.
-void Load(Measurement& measurement)
+double LoadMs(const std::string& directory, const JournalOptions& journal)
 {
-   const ScratchDirectory scratch;
-   MakeFilledDepot(scratch.GetPath(), WithThreeRollups(CapturePlan(kStats)), kFirstStamp);
    const QuietAgent agent;
+   const SteppedTime time(kFirstStamp);
    Ref<StatsDepot> depot;
-   Metrix::GetStatsDepot(scratch.GetPath(), kDepotName, agent.GetLogger(), kPurged, depot);
+   Metrix::GetStatsDepot(directory, kDepotName, agent.GetLogger(), kPurged, depot, journal);
    CpuMeter meter;
    meter.Start();
    depot->Load();
    meter.Stop();
-   measurement.Report("load", "ms", meter.GetTotalUs() / 1e3);
+   return meter.GetTotalUs() / 1e3;
 }
 
-const Registration kRegistrations[] = {
-   {"create", kOurs, CreateAndDelete},
-   {"purge", kOurs, Purge},
-   {"load", kOurs, Load},
+void Load(Measurement& measurement, const JournalOptions& journal)
+{
+   const ScratchDirectory scratch;
+   MakeFilledDepot(scratch.GetPath(), WithThreeRollups(CapturePlan(kStats)), kFirstStamp);
+   measurement.Report("load", "ms", LoadMs(scratch.GetPath(), journal));
+}
+
+void LoadAfterKill(Measurement& measurement, const JournalOptions& journal)
+{
+   const ScratchDirectory scratch;
+   RecordAndKill(CaptureSimulatedHost(), scratch.GetPath(), journal, kFirstStamp);
+   measurement.Report("load-killed", "ms", LoadMs(scratch.GetPath(), journal));
+}
+
+const DepotRegistration kRegistrations[] = {
+   {"create", CreateAndDelete},
+   {"purge", Purge},
+   {"load", Load},
+   {"load-killed", LoadAfterKill},
 };
 
 } // namespace

@@ -6,12 +6,13 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <span>
 #include <string_view>
 
 namespace Bench {
 
 Registration::Registration(const std::string& name, const std::string& who,
-                           void (*measure)(Measurement&))
+                           const std::function<void(Measurement&)>& measure, bool needsOnlyOne)
 {
    const auto run = [who, measure](benchmark::State& state) {
       state.SetLabel(who);
@@ -25,10 +26,26 @@ Registration::Registration(const std::string& name, const std::string& who,
          state.SkipWithError(failure.what());
       }
    };
-   benchmark::RegisterBenchmark((name + "/" + who).c_str(), run)
-      ->Iterations(1)
-      ->MeasureProcessCPUTime()
-      ->Unit(benchmark::kMillisecond);
+   benchmark::internal::Benchmark* const registered =
+      benchmark::RegisterBenchmark((name + "/" + who).c_str(), run)
+         ->Iterations(1)
+         ->MeasureProcessCPUTime()
+         ->Unit(benchmark::kMillisecond);
+   if (needsOnlyOne) {
+      registered->Repetitions(1);
+   }
+}
+
+DepotRegistration::DepotRegistration(
+   const std::string& name,
+   const std::function<void(Measurement&, const Metrix::JournalOptions&)>& measure,
+   bool needsOnlyOne)
+{
+   const auto with = [measure](const Metrix::JournalOptions& journal) {
+      return [measure, journal](Measurement& measurement) { measure(measurement, journal); };
+   };
+   Registration(name, kOurs, with(kJournal), needsOnlyOne);
+   Registration(name, kOursWithoutJournal, with(kNoJournal), needsOnlyOne);
 }
 
 namespace {
@@ -70,11 +87,18 @@ private:
 int Main(int argc, char** argv)
 {
    if (argc < 2 || argv[1][0] == '-') {
-      std::fprintf(stderr, "usage: metrixBench DIRECTORY [--quick] [--benchmark_...]\n");
+      std::fprintf(stderr, "usage: metrixBench DIRECTORY [--quick] [--device=DIRECTORY] "
+                           "[--benchmark_...]\n");
       return 2;
    }
+   const std::string kDevice = "--device=";
    GetSettings().directory = argv[1] + std::string("/");
-   GetSettings().isQuick = argc > 2 && std::string_view(argv[2]) == "--quick";
+   for (const std::string_view argument : std::span(argv + 2, argv + argc)) {
+      if (argument.starts_with(kDevice)) {
+         GetSettings().deviceDirectory = std::string(argument.substr(kDevice.size())) + "/";
+      }
+      GetSettings().isQuick = GetSettings().isQuick || argument == "--quick";
+   }
    benchmark::Initialize(&argc, argv);
    Reporter reporter;
    benchmark::RunSpecifiedBenchmarks(&reporter);

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "metrix/statsDepot.h"
+
 #include <benchmark/benchmark.h>
 
+#include <functional>
 #include <string>
 
 namespace Bench {
@@ -23,10 +26,21 @@ private:
 };
 
 /// A measurement of the program. It creates the data it works on, times its own parts and is called
-/// once per repetition; repetitions of all measurements are interleaved.
+/// once per repetition; repetitions of all measurements are interleaved. Figures that hardly vary
+/// need only one.
 class Registration {
 public:
-   Registration(const std::string& name, const std::string& who, void (*measure)(Measurement&));
+   Registration(const std::string& name, const std::string& who,
+                const std::function<void(Measurement&)>& measure, bool needsOnlyOne = false);
+};
+
+/// A measurement of a depot as the agent opens it, and of one without a journal.
+class DepotRegistration {
+public:
+   DepotRegistration(
+      const std::string& name,
+      const std::function<void(Measurement&, const Metrix::JournalOptions&)>& measure,
+      bool needsOnlyOne = false);
 };
 
 } // namespace Bench

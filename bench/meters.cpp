@@ -1,7 +1,9 @@
 #include "bench/meters.h"
 
+#include "corvax/descriptor.h"
 #include "corvax/system.h"
 
+#include <fcntl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -31,6 +33,11 @@ double GetProcessCpuUs()
    return GetClockUs(CLOCK_PROCESS_CPUTIME_ID);
 }
 
+double GetThreadCpuUs()
+{
+   return GetClockUs(CLOCK_THREAD_CPUTIME_ID);
+}
+
 double GetWallUs()
 {
    return GetClockUs(CLOCK_MONOTONIC);
@@ -53,6 +60,12 @@ void SyncFiles(const std::string& directory)
       file->Open(entry.path(), Corvax::FILE_READ, Corvax::FileCreation::OPEN_EXISTING);
       file->Flush();
    }
+}
+
+void SyncFileSystem(const std::string& directory)
+{
+   const Corvax::Descriptor opened(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+   ::syncfs(opened.Get());
 }
 
 } // namespace Bench

@@ -8,6 +8,8 @@ namespace Bench {
 // more than one. Not the runtime's clock, which SteppedTime replaces.
 /// User and system time of the process.
 double GetProcessCpuUs();
+/// The same of the calling thread.
+double GetThreadCpuUs();
 double GetWallUs();
 
 /// Adds up the process's CPU time between pairs of Start and Stop.
@@ -27,5 +29,7 @@ void FlushCpuCaches();
 
 /// Writes all files of the directory to the disk, so that their pages are clean.
 void SyncFiles(const std::string& directory);
+/// The same for all files, and its own data, of the file system that has the directory.
+void SyncFileSystem(const std::string& directory);
 
 } // namespace Bench

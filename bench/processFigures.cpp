@@ -3,7 +3,11 @@
 #include "corvax/exception.h"
 #include "linuxHost/kernel/kernelFile.h"
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 #include <filesystem>
+#include <sstream>
 
 namespace Bench {
 
@@ -31,7 +35,25 @@ IoCounts IoCounts::Read(const std::string& process)
 {
    const std::string text = ReadText("/proc/" + process + "/io");
    return {FindNumber(text, "syscr") + FindNumber(text, "syscw"),
-           FindNumber(text, "rchar") + FindNumber(text, "wchar")};
+           FindNumber(text, "rchar") + FindNumber(text, "wchar"),
+           FindNumber(text, "write_bytes") - FindNumber(text, "cancelled_write_bytes")};
+}
+
+double GetDeviceBytes(const std::string& directory)
+{
+   constexpr int kFieldsBefore = 6; // of the sectors written
+   constexpr double kSectorBytes = 512;
+   struct stat info = {};
+   if (::stat(directory.c_str(), &info) != 0) {
+      throw Corvax::Exception("There is no directory " + directory);
+   }
+   std::istringstream fields(ReadText("/sys/dev/block/" + std::to_string(major(info.st_dev)) + ":" +
+                                      std::to_string(minor(info.st_dev)) + "/stat"));
+   double value = 0;
+   for (int i = 0; i <= kFieldsBefore; ++i) {
+      fields >> value;
+   }
+   return value * kSectorBytes;
 }
 
 double GetResidentMib(const std::string& process)

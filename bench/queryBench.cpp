@@ -1,8 +1,8 @@
 #include "bench/filledDepot.h"
 #include "bench/measurement.h"
 #include "bench/meters.h"
+#include "bench/recording.h"
 #include "bench/resultLines.h"
-#include "bench/workload.h"
 #include "corvax/exception.h"
 #include "metrix/performanceManagerImpl.h"
 #include "quen/inventory.h"
@@ -16,6 +16,7 @@ namespace {
 using Corvax::DateTime;
 using Corvax::MakeRef;
 using Corvax::Ref;
+using Metrix::JournalOptions;
 using Metrix::TimeStamp;
 using Quen::PerformanceManager;
 using Specs = Plexa::DataArray<PerformanceManager::QuerySpec>;
@@ -39,24 +40,40 @@ StatPlan PlanWithEntityOf50()
    return plan;
 }
 
-/// The performance manager and its depot, whose series are full.
+/// A depot whose series are full. The newest samples were recorded, so that they are where a
+/// running agent has them. Read directly at first, then by the performance manager.
 class Queries {
 public:
-   Queries() : _plan(PlanWithEntityOf50())
+   explicit Queries(const JournalOptions& journal)
+      : _journal(journal), _plan(PlanWithEntityOf50()),
+        _now(GetStamp(Recording::CountUntilSteady(journal)))
    {
       MakeFilledDepot(_scratch.GetPath(), _plan, kFirstStamp);
-      _agent.emplace();
-      _agent->GetConfig().Set("plugins/metrix/depotDir", _scratch.GetPath());
-      _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent->GetLogger());
-      Metrix::GetStatsDepot(_scratch.GetPath(), kDepotName, _agent->GetLogger(), 0, _depot);
-      _depot->LoadReadOnly();
+      _recording.emplace(_plan, GetStamp(1));
+      _recording->LoadDepot(_scratch.GetPath(), journal);
+      _recording->RecordUntilSteady();
    }
 
-   /// Reads series of random stats from the depot itself, all samples of an interval each. Returns
-   /// the time of each call, microseconds.
+   /// The performance manager opens the depot, which no one else can read after that.
+   void OpenManager()
+   {
+      _recording.reset();
+      _agent.emplace();
+      _time.emplace(_now);
+      Corvax::XmlConfig& config = _agent->GetConfig();
+      config.Set("plugins/metrix/depotDir", _scratch.GetPath());
+      config.Set("plugins/metrix/checkpointSec", std::to_string(_journal.checkpointSec));
+      config.Set("plugins/metrix/syncSec", std::to_string(_journal.syncSec));
+      _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent->GetLogger());
+   }
+
+   /// Reads the newest samples of random stats from the depot itself. Returns the time of each
+   /// call, microseconds.
    std::vector<double> ReadSeries(const char* interval, int periodSec, unsigned samples)
    {
-      const TimeStamp begin = kFirstStamp - static_cast<TimeStamp>(periodSec) * samples;
+      Metrix::StatsDepot& depot = _recording->GetDepot();
+      const TimeStamp newest = GetNewest(periodSec);
+      const TimeStamp begin = newest - static_cast<TimeStamp>(periodSec) * (samples - 1);
       std::vector<double> times;
       std::vector<Metrix::StatVal> values;
       std::vector<TimeStamp> stamps;
@@ -67,9 +84,9 @@ public:
             periodSec == kFinePeriodSec ? Metrix::StatsDepot::ROLLUP_NONE : rollups.front();
          const double startUs = GetWallUs();
          {
-            const Corvax::Locker lock(_depot.Get());
-            _depot->GetSamples(stat.entityId, stat.statName, begin, kFirstStamp, values, &stamps,
-                               interval, rollup);
+            const Corvax::Locker lock(&depot);
+            depot.GetSamples(stat.entityId, stat.statName, begin, newest, values, &stamps, interval,
+                             rollup);
          }
          times.push_back(GetWallUs() - startUs);
          if (values.size() != samples) {
@@ -106,15 +123,21 @@ public:
    }
 
 private:
-   static Ref<PerformanceManager::QuerySpec> NewSpec(const std::string& entityId, int periodSec,
-                                                     unsigned samples)
+   TimeStamp GetNewest(int periodSec) const
    {
+      return _now - _now % static_cast<TimeStamp>(periodSec);
+   }
+
+   Ref<PerformanceManager::QuerySpec> NewSpec(const std::string& entityId, int periodSec,
+                                              unsigned samples) const
+   {
+      const auto newest = static_cast<int64_t>(GetNewest(periodSec));
       const auto spanSec = static_cast<int64_t>(periodSec) * samples;
       auto spec = MakeRef<PerformanceManager::QuerySpec>();
       spec->entity = MakeRef<Plexa::MoRef>(Quen::VirtualMachine::GetManagedType(), entityId);
       spec->intervalId = periodSec;
-      spec->startTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstStamp) - spanSec);
-      spec->endTime = DateTime::FromSeconds(static_cast<int64_t>(kFirstStamp));
+      spec->startTime = DateTime::FromSeconds(newest - spanSec);
+      spec->endTime = DateTime::FromSeconds(newest);
       return spec;
    }
 
@@ -159,25 +182,30 @@ private:
       }
    }
 
+   const JournalOptions _journal;
    const StatPlan _plan;
+   const TimeStamp _now;
    const ScratchDirectory _scratch;
-   std::optional<QuietAgent> _agent;
-   const SteppedTime _time{kFirstStamp};
    const Metrix::StatsMetadata _metadata;
+   std::optional<Recording> _recording;
+   std::optional<QuietAgent> _agent;
+   std::optional<SteppedTime> _time;
    Ref<Metrix::PerformanceManagerImpl> _manager;
-   Ref<Metrix::StatsDepot> _depot;
    std::mt19937 _random; // default seed: the same queries in every repetition
 };
 
-void Query(Measurement& measurement)
+void Query(Measurement& measurement, const JournalOptions& journal)
 {
-   Queries queries;
+   Queries queries(journal);
    std::vector<double> hourUs = queries.ReadSeries(kFineName, kFinePeriodSec, kFineSamples);
    measurement.Report("query-1h", "us", GetPercentile(hourUs, 0.5));
    measurement.Report("query-1h-p99", "us", GetPercentile(hourUs, 0.99));
+   std::vector<double> minutesUs = queries.ReadSeries(kFineName, kFinePeriodSec, kStampsPerRollup);
+   measurement.Report("query-5min", "us", GetPercentile(minutesUs, 0.5));
    std::vector<double> dayUs = queries.ReadSeries(kCoarseName, kCoarsePeriodSec, kCoarseSamples);
    measurement.Report("query-36h", "us", GetPercentile(dayUs, 0.5));
    measurement.Report("query-36h-p99", "us", GetPercentile(dayUs, 0.99));
+   queries.OpenManager();
    std::vector<double> apiHourUs = queries.QuerySeries(kFinePeriodSec, kFineSamples);
    const double oneUs = GetPercentile(apiHourUs, 0.5);
    measurement.Report("query-api-1h", "us", oneUs);
@@ -191,9 +219,7 @@ void Query(Measurement& measurement)
    measurement.Report("query-entity-ratio", "x", allUs / oneUs);
 }
 
-const Registration kRegistrations[] = {
-   {"query", kOurs, Query},
-};
+const DepotRegistration kQuery("query", Query);
 
 } // namespace
 

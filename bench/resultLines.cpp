@@ -6,6 +6,7 @@
 namespace Bench {
 
 const char kOurs[] = "metrix";
+const char kOursWithoutJournal[] = "metrix without journal";
 
 void ResultLines::Add(const std::string& work, const std::string& who, const std::string& unit,
                       double value)

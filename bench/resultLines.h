@@ -6,8 +6,9 @@
 
 namespace Bench {
 
-/// The `who` of this project's own figures.
+/// The `who` of this project's own figures: as the agent opens its depot, and without a journal.
 extern const char kOurs[];
+extern const char kOursWithoutJournal[];
 
 /// The figures of a program, one per work, `who` and repetition; `who` is what did the work.
 /// Printed as JSON, one line per work and `who`, with the repetitions' median, lowest and highest

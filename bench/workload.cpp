@@ -1,12 +1,11 @@
 #include "bench/workload.h"
 
-#include "bench/meters.h"
 #include "corvax/application.h"
 #include "corvax/exception.h"
+#include "metrix/idMapFormat.h"
 
 #include <stdlib.h>
 
-#include <algorithm>
 #include <map>
 #include <utility>
 
@@ -17,7 +16,6 @@ namespace {
 using Corvax::MakeRef;
 using Corvax::Ref;
 using Metrix::StatsDepot;
-using Metrix::StatVal;
 using Metrix::TimeStamp;
 
 constexpr char kRestOfHost[] = ",pools=20,disks=8,nics=4"; // apart from its VMs
@@ -69,10 +67,10 @@ unsigned Scaled(unsigned full)
    return GetSettings().isQuick ? full / 4 : full;
 }
 
-ScratchDirectory::ScratchDirectory() : _path(GetSettings().directory + "XXXXXX")
+ScratchDirectory::ScratchDirectory(const std::string& parent) : _path(parent + "XXXXXX")
 {
    if (::mkdtemp(_path.data()) == nullptr) {
-      throw Corvax::Exception("Cannot create a directory in " + GetSettings().directory);
+      throw Corvax::Exception("Cannot create a directory in " + parent);
    }
    _path += '/';
 }
@@ -94,10 +92,9 @@ QuietAgent::~QuietAgent()
    Corvax::Service::SetApp(nullptr);
 }
 
-SteppedTime::SteppedTime(TimeStamp nowSec)
-   : _nowUs(static_cast<int64_t>(nowSec) * Corvax::kMicrosecondsPerSecond),
-     _scheduler(MakeRef<IdleScheduler>())
+SteppedTime::SteppedTime(TimeStamp nowSec) : _scheduler(MakeRef<IdleScheduler>())
 {
+   Set(nowSec);
    Corvax::System::SetClock(this);
    Corvax::System::SetThisThread(_scheduler.Get());
 }
@@ -108,11 +105,16 @@ SteppedTime::~SteppedTime()
    Corvax::System::SetClock(nullptr);
 }
 
-Ref<StatsDepot> NewDepot(const std::string& directory, Corvax::Logger* logger)
+void SteppedTime::Set(TimeStamp nowSec)
 {
-   constexpr int kMaxStatsPurged = 1000; // the agent's default
+   _nowUs = static_cast<int64_t>(nowSec) * Corvax::kMicrosecondsPerSecond;
+}
+
+Ref<StatsDepot> NewDepot(const std::string& directory, Corvax::Logger* logger,
+                         const Metrix::JournalOptions& journal)
+{
    Ref<StatsDepot> depot;
-   Metrix::GetStatsDepot(directory, kDepotName, logger, kMaxStatsPurged, depot);
+   Metrix::GetStatsDepot(directory, kDepotName, logger, kMaxStatsPurged, depot, journal);
    const Corvax::Locker lock(depot.Get());
    depot->Create();
    depot->AddInterval(kFineName, kFinePeriodSec, kFineSamples);
@@ -128,103 +130,11 @@ void CreateStats(StatsDepot& depot, const StatPlan& plan)
    }
 }
 
-/// Forwards to a depot, and records how long its lock was held and which stats were created.
-class SimulatedCollection::ObservedDepot : public StatsDepot, public Corvax::ObjectImpl {
-public:
-   explicit ObservedDepot(Ref<StatsDepot> depot) : _depot(std::move(depot)) {}
-
-   void Lock() override
-   {
-      _depot->Lock();
-      if (_depth++ == 0) {
-         _lockedUs = GetWallUs();
-      }
-   }
-   void Unlock() override
-   {
-      const bool isLast = --_depth == 0;
-      _depot->Unlock();
-      if (isLast) {
-         longestHoldUs = std::max(longestHoldUs, GetWallUs() - _lockedUs);
-      }
-   }
-   bool IsLocked() const override { return _depot->IsLocked(); }
-
-   void CreateStat(const std::string& entityId, const std::string& statName, StatType type,
-                   int scalingFactor, const std::vector<RollupType>& rollups) override
-   {
-      _depot->CreateStat(entityId, statName, type, scalingFactor, rollups);
-      plan.push_back({entityId, statName, type, scalingFactor, rollups});
-   }
-   bool AddSample(const std::string& entityId, const std::string& statName, TimeStamp ts,
-                  StatVal value, StatVal maxVal) override
-   {
-      return _depot->AddSample(entityId, statName, ts, value, maxVal);
-   }
-
-   void Create() override { _depot->Create(); }
-   void Load() override { _depot->Load(); }
-   void LoadReadOnly() override { _depot->LoadReadOnly(); }
-   void Flush() override { _depot->Flush(); }
-   void AddInterval(const std::string& name, int samplingPeriod, unsigned int numSamples) override
-   {
-      _depot->AddInterval(name, samplingPeriod, numSamples);
-   }
-   void GetIntervals(Corvax::RefVector<Metrix::StatsDepotInterval>& intervals) override
-   {
-      _depot->GetIntervals(intervals);
-   }
-   StatVal GetSample(const std::string& entityId, const std::string& statName, TimeStamp ts,
-                     const std::string& intervalName, RollupType rollup) override
-   {
-      return _depot->GetSample(entityId, statName, ts, intervalName, rollup);
-   }
-   int GetSamples(const std::string& entityId, const std::string& statName, TimeStamp begin,
-                  TimeStamp end, std::vector<StatVal>& values, std::vector<TimeStamp>* timeStamps,
-                  const std::string& intervalName, RollupType rollup) override
-   {
-      return _depot->GetSamples(entityId, statName, begin, end, values, timeStamps, intervalName,
-                                rollup);
-   }
-   StatVal GetRawSample(const std::string& entityId, const std::string& statName,
-                        TimeStamp& ts) override
-   {
-      return _depot->GetRawSample(entityId, statName, ts);
-   }
-   void GetAvailableStatNames(const std::string& entityId, TimeStamp begin, TimeStamp end,
-                              std::vector<std::string>& statNames) override
-   {
-      _depot->GetAvailableStatNames(entityId, begin, end, statNames);
-   }
-   TimeStamp GetLatestTimeStamp() override { return _depot->GetLatestTimeStamp(); }
-   void DeleteEntityStats(const std::string& entityId) override
-   {
-      _depot->DeleteEntityStats(entityId);
-   }
-   void DeleteStat(const std::string& entityId, const std::string& statName) override
-   {
-      _depot->DeleteStat(entityId, statName);
-   }
-   void AddMissingRollups(const RollupSource& source) override
-   {
-      _depot->AddMissingRollups(source);
-   }
-   int GiveUpColumnsAfter(TimeStamp ts) override { return _depot->GiveUpColumnsAfter(ts); }
-   void Checkpoint() override { _depot->Checkpoint(); }
-   std::string GetTrouble() override { return _depot->GetTrouble(); }
-
-   StatPlan plan;
-   double longestHoldUs = 0;
-
-private:
-   const Ref<StatsDepot> _depot;
-   int _depth = 0;       // guarded by the lock
-   double _lockedUs = 0; // guarded by the lock
-};
-
-SimulatedCollection::SimulatedCollection(const std::string& options, Corvax::Logger* logger)
+SimulatedCollection::SimulatedCollection(const std::string& options,
+                                         const Metrix::JournalOptions& journal,
+                                         Corvax::Logger* logger)
    : _host(SimHost::ParseSimOptions(options), logger),
-     _depot(MakeRef<ObservedDepot>(NewDepot(_scratch.GetPath(), logger))),
+     _depot(_lockMeter.Observe([&] { return NewDepot(_scratch.GetPath(), logger, journal); })),
      _collector(MakeRef<Metrix::HykStatsCollector>(logger, MakeRef<Metrix::StatsMetadata>().Get(),
                                                    _depot.Get(), kFinePeriodSec))
 {
@@ -240,32 +150,60 @@ SimulatedCollection::~SimulatedCollection()
 
 void SimulatedCollection::Run()
 {
+   _time.Set(GetStamp(_runs++));
    _collector->CollectStatsWorker();
-   _time.Advance(kFinePeriodSec);
-}
-
-double SimulatedCollection::TakeLongestHoldUs()
-{
-   return std::exchange(_depot->longestHoldUs, 0);
-}
-
-const StatPlan& SimulatedCollection::GetPlan() const
-{
-   return _depot->plan;
 }
 
 namespace {
 
-CapturedHost CaptureHostOf(size_t vms)
+/// The stats of a new depot in the order of their creation.
+StatPlan ReadPlan(const std::string& directory)
+{
+   namespace Format = Metrix::IdMapFormat;
+   const auto file = Corvax::System::GetFactory().NewFileHandle();
+   file->Open(directory + kDepotName + ".idMap", Corvax::FILE_READ,
+              Corvax::FileCreation::OPEN_EXISTING);
+   std::vector<std::byte> bytes(file->GetSize());
+   bytes.resize(file->Read(bytes.data(), bytes.size()));
+   StatPlan plan;
+   for (size_t at = 0; at + Format::kRecordSize <= bytes.size(); at += Format::kRecordSize) {
+      // A stat's raw series comes before its rollups.
+      const Format::Record record = Format::DecodeRecord(&bytes[at]);
+      const auto rollup = static_cast<StatsDepot::RollupType>(record.rollup);
+      if (rollup == StatsDepot::ROLLUP_NONE) {
+         plan.push_back({std::string(record.entityId),
+                         std::string(record.statName),
+                         static_cast<StatsDepot::StatType>(record.statType),
+                         record.scalingFactor,
+                         {}});
+      } else {
+         plan.back().rollups.push_back(rollup);
+      }
+   }
+   return plan;
+}
+
+StatPlan CapturePlanOf(const std::string& options)
 {
    const QuietAgent agent;
-   const std::string options = "vms=" + std::to_string(vms) + kRestOfHost;
-   SimulatedCollection collection(options, agent.GetLogger());
+   SimulatedCollection collection(options, kNoJournal, agent.GetLogger());
    collection.Run();
-   return {options, collection.GetPlan()};
+   return ReadPlan(collection.GetDirectory());
+}
+
+CapturedHost CaptureHostOf(size_t vms)
+{
+   const std::string options = "vms=" + std::to_string(vms) + kRestOfHost;
+   return {options, CapturePlanOf(options)};
 }
 
 } // namespace
+
+const StatPlan& CaptureSimulatedHost()
+{
+   static const StatPlan plan = CapturePlanOf(kSimulatedHost);
+   return plan;
+}
 
 CapturedHost CaptureHost(size_t count)
 {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "bench/lockMeter.h"
 #include "corvax/logger.h"
 #include "corvax/scheduler.h"
 #include "corvax/system.h"
@@ -22,9 +23,16 @@ constexpr unsigned kCoarseSamples = 432;
 constexpr char kFineName[] = "RealTime";
 constexpr char kCoarseName[] = "5min";
 constexpr char kDepotName[] = "hostAgentStats";
+constexpr int kMaxStatsPurged = 1000;                 ///< the agent's default
 constexpr Metrix::TimeStamp kFirstStamp = 1767225600; ///< a multiple of both periods
 constexpr size_t kStats = 10000;
 constexpr unsigned kStampsPerRollup = kCoarsePeriodSec / kFinePeriodSec;
+
+/// As the agent opens its depot.
+constexpr Metrix::JournalOptions kJournal{300, 1};
+constexpr Metrix::JournalOptions kNoJournal;
+/// The depot shortens them to what its ring allows.
+constexpr Metrix::JournalOptions kLongestCheckpoints{3600, 1};
 
 /// The time of the stamp with that index.
 constexpr Metrix::TimeStamp GetStamp(uint64_t index)
@@ -34,18 +42,19 @@ constexpr Metrix::TimeStamp GetStamp(uint64_t index)
 
 /// From the command line.
 struct Settings {
-   std::string directory; ///< of the files, with "/" at the end
-   bool isQuick = false;  ///< figures may be rough
+   std::string directory;       ///< of the files, with "/" at the end
+   std::string deviceDirectory; ///< the same on a block device of its own; empty: there is none
+   bool isQuick = false;        ///< figures may be rough
 };
 Settings& GetSettings();
 
 /// `full`, or a quarter of it if figures may be rough.
 unsigned Scaled(unsigned full);
 
-/// A new directory below that of the settings, removed at the end. The path ends with "/".
+/// A new directory, removed at the end. The path ends with "/", as that of its parent.
 class ScratchDirectory {
 public:
-   ScratchDirectory();
+   explicit ScratchDirectory(const std::string& parent = GetSettings().directory);
    ~ScratchDirectory();
    ScratchDirectory(const ScratchDirectory&) = delete;
    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
@@ -83,7 +92,7 @@ public:
    int64_t GetTime() override { return _nowUs; }
    int64_t GetMonotonicTime() override { return _nowUs; }
    void GetCpuTime(int64_t& userUs, int64_t& systemUs) override { userUs = systemUs = 0; }
-   void Advance(int64_t seconds) { _nowUs += seconds * Corvax::kMicrosecondsPerSecond; }
+   void Set(Metrix::TimeStamp nowSec);
 
 private:
    int64_t _nowUs;
@@ -101,38 +110,40 @@ struct PlannedStat {
 using StatPlan = std::vector<PlannedStat>;
 
 /// A depot with the agent's intervals and no stats.
-Corvax::Ref<Metrix::StatsDepot> NewDepot(const std::string& directory, Corvax::Logger* logger);
+Corvax::Ref<Metrix::StatsDepot> NewDepot(const std::string& directory, Corvax::Logger* logger,
+                                         const Metrix::JournalOptions& journal);
 void CreateStats(Metrix::StatsDepot& depot, const StatPlan& plan);
 
 /// The collector on a simulated host, with its own depot. Needs an application object.
 class SimulatedCollection {
 public:
    /// `options` as for ParseSimOptions.
-   SimulatedCollection(const std::string& options, Corvax::Logger* logger);
+   SimulatedCollection(const std::string& options, const Metrix::JournalOptions& journal,
+                       Corvax::Logger* logger);
    ~SimulatedCollection();
    SimulatedCollection(const SimulatedCollection&) = delete;
    SimulatedCollection& operator=(const SimulatedCollection&) = delete;
 
    /// Makes a run, 20 seconds after the last one.
    void Run();
-   /// The longest time that the depot's lock was held since the last call, microseconds.
-   double TakeLongestHoldUs();
-   /// The stats that the runs have created.
-   const StatPlan& GetPlan() const;
+   /// Of the depot's lock, since the last call.
+   LockMeter::Holds TakeHolds() { return _lockMeter.Take(); }
    const std::string& GetDirectory() const { return _scratch.GetPath(); }
 
 private:
-   class ObservedDepot;
-
    const ScratchDirectory _scratch;
    SteppedTime _time{kFirstStamp};
    SimHost::SimHost _host;
-   const Corvax::Ref<ObservedDepot> _depot;
+   LockMeter _lockMeter;
+   const Corvax::Ref<Metrix::StatsDepot> _depot;
    const Corvax::Ref<Metrix::HykStatsCollector> _collector;
+   unsigned _runs = 0;
 };
 
-/// The simulated host of the measurements of whole runs.
+/// The simulated host of the measurements of whole runs, as options for ParseSimOptions.
 extern const char kSimulatedHost[];
+/// The stats of its runs.
+const StatPlan& CaptureSimulatedHost();
 
 /// A simulated host, as options for ParseSimOptions, and the stats of its runs.
 struct CapturedHost {

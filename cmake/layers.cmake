@@ -19,8 +19,8 @@ macro(room name)
 endmacro()
 
 # A header with a slash at the end is a whole directory of headers.
-set(HEADERS_files fcntl.h unistd.h dirent.h sys/stat.h sys/file.h sys/mman.h sys/syscall.h
-   filesystem fstream)
+set(HEADERS_files fcntl.h unistd.h dirent.h sys/stat.h sys/sysmacros.h sys/file.h sys/mman.h
+   sys/syscall.h filesystem fstream)
 set(HEADERS_sockets sys/socket.h sys/un.h netinet/ arpa/ netdb.h)
 set(HEADERS_polling poll.h sys/epoll.h sys/eventfd.h)
 set(HEADERS_locks mutex shared_mutex condition_variable semaphore latch barrier future)
