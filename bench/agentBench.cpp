@@ -17,6 +17,7 @@
 #include <iostream>
 #include <optional>
 #include <random>
+#include <set>
 #include <string_view>
 #include <thread>
 
@@ -144,7 +145,7 @@ public:
       MakeFilledDepot(stats, _plan, static_cast<Metrix::TimeStamp>(GetTimeSec()));
    }
 
-   void Run()
+   void RunAll()
    {
       MeasureStart();
       {
@@ -158,8 +159,24 @@ public:
       }
       CountCalls();
       MeasureRuns();
-      _lines.Print(std::cout);
    }
+
+   /// Whole processes side by side, over a rollup. When they reach the disk is up to the kernel.
+   void MeasureRuns()
+   {
+      RunningAgent ours(_program, kOurs, kJournal);
+      RunningAgent withoutJournal(_program, kOursWithoutJournal, kNoJournal);
+      WaitForNextRun();
+      ours.StartMeasuring();
+      withoutJournal.StartMeasuring();
+      const unsigned runs = GetSettings().isQuick ? 1 : kStampsPerRollup;
+      SleepSeconds(runs * kFinePeriodSec);
+      ours.Report(runs, _lines);
+      withoutJournal.Report(runs, _lines);
+      _lines.Add("agent-journal-mib", kOurs, "MiB", ours.GetMib() - withoutJournal.GetMib());
+   }
+
+   void Print() const { _lines.Print(std::cout); }
 
 private:
    std::vector<std::string> Arguments(int intervalSec) const
@@ -267,21 +284,6 @@ private:
       _lines.Add("agent-calls", kOurs, "calls", counts.calls / runs);
    }
 
-   /// Whole processes side by side, over a rollup. When they reach the disk is up to the kernel.
-   void MeasureRuns()
-   {
-      RunningAgent ours(_program, kOurs, kJournal);
-      RunningAgent withoutJournal(_program, kOursWithoutJournal, kNoJournal);
-      WaitForNextRun();
-      ours.StartMeasuring();
-      withoutJournal.StartMeasuring();
-      const unsigned runs = GetSettings().isQuick ? 1 : kStampsPerRollup;
-      SleepSeconds(runs * kFinePeriodSec);
-      ours.Report(runs, _lines);
-      withoutJournal.Report(runs, _lines);
-      _lines.Add("agent-journal-mib", kOurs, "MiB", ours.GetMib() - withoutJournal.GetMib());
-   }
-
    const std::string _program;
    const CapturedHost _host;
    const StatPlan _plan;
@@ -294,13 +296,20 @@ private:
 int Main(int argc, char** argv)
 {
    if (argc < 3) {
-      std::fprintf(stderr, "usage: agentBench AGENTD DIRECTORY [--quick]\n");
+      std::fprintf(stderr, "usage: agentBench AGENTD DIRECTORY [--quick] [--only-runs]\n");
       return 2;
    }
+   const std::set<std::string_view> options(argv + 3, argv + argc);
    GetSettings().directory = argv[2] + std::string("/");
-   GetSettings().isQuick = argc > 3 && std::string_view(argv[3]) == "--quick";
+   GetSettings().isQuick = options.contains("--quick");
    try {
-      AgentBench(argv[1]).Run();
+      AgentBench bench(argv[1]);
+      if (options.contains("--only-runs")) {
+         bench.MeasureRuns();
+      } else {
+         bench.RunAll();
+      }
+      bench.Print();
       return EXIT_SUCCESS;
    } catch (const std::exception& failure) {
       std::cerr << "agentBench: " << failure.what() << '\n';
