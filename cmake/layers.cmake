@@ -80,6 +80,7 @@ room(metrix/statsStoreImpl SEES metrix/statsStore ${store})
 room(metrix/statsStoreHead SEES metrix/statsStoreImpl metrix/statsStore ${store})
 room(metrix/idMapFile SEES metrix/rowWindow metrix/idMapFormat metrix/statTypes corvax)
 room(metrix/intervalTable SEES metrix/statsStore corvax)
+room(metrix/depotAside SEES corvax)
 room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
 foreach(part IN ITEMS Impl Registry Deletion Propagation Recovery Checkpoint)
    room(metrix/statsDepot${part} SEES metrix/statsDepotImpl metrix/statsDepot metrix/intervalTable
@@ -90,8 +91,8 @@ room(metrix/statsMetadata SEES metrix/statsDepot quen plexa corvax)
 room(metrix/counterIds)
 room(metrix/counterTable
    SEES metrix/counterIds metrix/statsMetadata metrix/statsDepot quen plexa corvax)
-room(metrix/baseStatsCollector
-   SEES metrix/statsMetadata metrix/statsDepot metrix/statTypes agentdCommon quen plexa corvax)
+room(metrix/baseStatsCollector SEES metrix/statsMetadata metrix/statsDepot
+   metrix/statTypes agentdCommon quen plexa corvax)
 room(metrix/mockupStatsCollector
    SEES metrix/baseStatsCollector metrix/counterIds agentdCommon quen plexa corvax)
 room(metrix/ptrObj SEES corvax)
@@ -102,8 +103,8 @@ room(metrix/hykStatsCollectorGroups SEES metrix/hykStatsCollector ${hykCollector
 room(metrix/hykStatsCollectorVm SEES metrix/hykStatsCollector ${hykCollector})
 room(metrix/sampleInfoCache SEES metrix/statTypes quen plexa corvax)
 set(manager metrix/sampleInfoCache metrix/hykStatsCollector metrix/mockupStatsCollector
-   metrix/baseStatsCollector metrix/statsMetadata metrix/counterIds metrix/statsDepot agentdCommon
-   quen plexa corvax)
+   metrix/baseStatsCollector metrix/statsMetadata metrix/counterIds metrix/statsDepot
+   metrix/depotAside agentdCommon quen plexa corvax)
 room(metrix/performanceManagerImpl SEES ${manager})
 room(metrix/performanceManagerQuery SEES metrix/performanceManagerImpl ${manager})
 room(metrix/qshCommands SEES metrix/statsDepot qsh/framework corvax)

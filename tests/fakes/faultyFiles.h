@@ -18,8 +18,9 @@ public:
    int failAt = 0; ///< 1: the next operation; 0: none
    bool failAll = false;
    bool cutWrites = false;
-   uint64_t calls = 0; ///< system calls that read or write
-   uint64_t bytes = 0; ///< read and written
+   int errorNumber = ENOSPC; ///< of the failures
+   uint64_t calls = 0;       ///< system calls that read or write
+   uint64_t bytes = 0;       ///< read and written
 
    /// Nothing fails any more.
    void Recover()
@@ -49,7 +50,11 @@ public:
       _real->Rename(from, to);
    }
    std::string NewScratchDirectory() override { return _real->NewScratchDirectory(); }
-   void Remove(const std::string& path) override { _real->Remove(path); }
+   void Remove(const std::string& path) override
+   {
+      Step();
+      _real->Remove(path);
+   }
    void SyncDirectory(const std::string& path) override
    {
       Step();
@@ -57,6 +62,7 @@ public:
    }
    std::vector<std::string> ListDirectory(const std::string& path) override
    {
+      Step();
       return _real->ListDirectory(path);
    }
    std::unique_ptr<Corvax::FileLock> Lock(const std::string& path) override
@@ -84,7 +90,7 @@ private:
    void Step()
    {
       if (!cutWrites && IsDue()) {
-         throw Corvax::PlatformException("access a file of the test", ENOSPC);
+         throw Corvax::PlatformException("access a file of the test", errorNumber);
       }
    }
 

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <string>
 
 /// A directory for one test, removed at its end. Paths end with "/".
@@ -22,6 +24,18 @@ public:
    {
       std::ifstream file(_path + name, std::ios::binary);
       return {std::istreambuf_iterator<char>(file), {}};
+   }
+   /// The files of a directory below this one, except lock files, by name.
+   std::map<std::string, std::string> ReadAll(const std::string& directory = "") const
+   {
+      std::map<std::string, std::string> files;
+      for (const auto& entry : std::filesystem::directory_iterator(_path + directory)) {
+         const std::string name = entry.path().filename();
+         if (entry.is_regular_file() && !name.ends_with(".lock")) {
+            files[name] = Read(directory + name);
+         }
+      }
+      return files;
    }
    void Write(const std::string& name, const std::string& bytes) const
    {
