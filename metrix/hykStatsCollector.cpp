@@ -146,10 +146,11 @@ void HykStatsCollector::CollectHostCpuStats(HostCtl::Resource::ResourceInfo* res
       Add(moid_hostsystem, kCpuIdle, ts, cpu.idleUs / 1000, instance);
       usedTotalUs += cpu.usedUs;
    }
-   AssertCpuCache();
+   Assert(_numCpuCores != 0, "the number of CPU cores is known");
    const uint64_t usage = usedTotalUs / (static_cast<uint64_t>(_numCpuCores) * 100);
    AddSample(moid_hostsystem, kCpuUsage, ts, usage, StatsMetadata::AggregateInstanceId,
              kFullPercent);
+   AssertCpuCache(); // only here: without the speed there is still the usage
    Add(moid_hostsystem, kCpuUsageMhz, ts, ToMhz(usedTotalUs));
    const PtrObj<HostCtl::Resource::ResourceGroup> rootGroup(resourceInfo->GetRootGroup());
    CollectCpuLoadStats(rootGroup, moid_hostsystem, ts);
