@@ -91,7 +91,8 @@ room(metrix/statsMetadata SEES metrix/statsDepot quen plexa corvax)
 room(metrix/counterIds)
 room(metrix/counterTable
    SEES metrix/counterIds metrix/statsMetadata metrix/statsDepot quen plexa corvax)
-room(metrix/baseStatsCollector SEES metrix/statsMetadata metrix/statsDepot
+room(metrix/clockWatch SEES corvax)
+room(metrix/baseStatsCollector SEES metrix/clockWatch metrix/statsMetadata metrix/statsDepot
    metrix/statTypes agentdCommon quen plexa corvax)
 room(metrix/mockupStatsCollector
    SEES metrix/baseStatsCollector metrix/counterIds agentdCommon quen plexa corvax)

@@ -2,6 +2,7 @@
 
 #include "corvax/lockable.h"
 #include "corvax/scheduler.h"
+#include "metrix/clockWatch.h"
 #include "metrix/statsDepot.h"
 #include "metrix/statsMetadata.h"
 
@@ -17,6 +18,9 @@ public:
    virtual void Start() = 0;
    virtual void Stop() = 0;
    virtual void SetCollectionInterval(int seconds) = 0;
+   /// Why samples of the newest run were lost, for a person; empty if none were. The caller holds
+   /// the depot's lock.
+   virtual std::string GetTrouble() const = 0;
 };
 
 /// One buffered sample.
@@ -32,8 +36,9 @@ struct SampleRecord {
 /// samples of a run and writes them to the depot at its end. A stat is created with its first
 /// sample.
 ///
-/// Runs never overlap: a run schedules its successor when it ends, for the next boundary.
-/// Boundaries that it overran are skipped.
+/// Runs never overlap: a run schedules its successor when it ends, however it ends, for the next
+/// boundary. Boundaries that it overran are skipped, and so is one that the clock reaches a second
+/// time or leaps to (see ClockWatch).
 ///
 /// Locking: Start, Stop, SetCollectionInterval and every run hold the collector's lock throughout.
 /// Lock order: the collector's, then the depot's.
@@ -50,8 +55,9 @@ public:
    void Stop() override;
    /// Takes effect when the next run is scheduled. InvalidArgumentException for less than 1.
    void SetCollectionInterval(int seconds) override;
+   std::string GetTrouble() const override { return _trouble; }
 
-   /// One collection run, called when it is due.
+   /// One collection run, called when it is due. A failure is logged and ends that run only.
    void CollectStatsWorker();
 
    /// Adds the CPU time of a run that ended at `nowUs` to the total of all collectors. Returns the
@@ -76,8 +82,9 @@ protected:
    void AddSample(const std::string& entityId, int counterId, TimeStamp ts, StatVal sample,
                   const std::string& instance, StatVal maxVal);
 
-   /// Writes the buffered samples under the depot's lock and empties the buffer. A runtime
-   /// exception is logged; the sample that caused it and all later ones are dropped.
+   /// Writes the buffered samples under the depot's lock and empties the buffer. A sample that the
+   /// depot cannot take is lost, and each cause is logged once; a failed assertion ends the flush
+   /// with the samples before it.
    void FlushStats();
 
    const Corvax::Ref<Corvax::Logger> _logger;
@@ -90,7 +97,19 @@ protected:
 
 private:
    void ScheduleNextRun();
+   bool IsRunDue(const ClockWatch::Moment& now);
+   void LogDelay(ClockWatch::Verdict verdict);
+   void GiveUpColumnsFrom(int64_t boundarySec);
+   void Collect(int64_t startUs);
+   void AddMissingRollups();
+   void WriteSamples(const std::vector<SampleRecord>& samples);
    void WriteSample(const SampleRecord& record);
+
+   ClockWatch _clockWatch;
+   bool _knowsNewest = false; ///< until the first run after Start
+   ClockWatch::Verdict _lastVerdict = ClockWatch::Verdict::RUN;
+   bool _checksRollups = false; ///< until the first flush after Start
+   std::string _trouble;        ///< guarded by the depot's lock
 
    // Shared by all collectors and kept across Stop and Start; in microseconds.
    static TimeStamp _startTime;

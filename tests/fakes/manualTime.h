@@ -19,6 +19,11 @@ public:
       userUs = cpuUs;
       systemUs = 0;
    }
+   void Advance(int64_t us)
+   {
+      nowUs += us;
+      monotonicUs += us;
+   }
    void SetSeconds(int64_t seconds) { nowUs = seconds * Corvax::kMicrosecondsPerSecond; }
 
    std::atomic<int64_t> nowUs{0}; // a server's threads read it
@@ -40,6 +45,7 @@ public:
    {
       auto item = Corvax::MakeRef<Item>();
       item->functor = functor;
+      item->latestUs = _clock.monotonicUs + delayUs;
       _items.emplace(_clock.nowUs + delayUs, item);
       return item;
    }
@@ -56,11 +62,21 @@ public:
       return _items.size();
    }
 
-   /// Moves the clock to the earliest item and calls it.
+   /// Moves both clocks to the earliest item and calls it.
    void RunNext()
    {
-      _clock.nowUs = std::max(_clock.nowUs.load(), GetDueUs());
+      _clock.Advance(std::max<int64_t>(GetDueUs() - _clock.nowUs, 0));
       TakeNext()->operator()();
+   }
+   /// Calls the earliest item if a timer thread would do so now.
+   void RunIfDue()
+   {
+      const int64_t dueUs = GetDueUs();
+      if (dueUs >= 0 &&
+          (dueUs <= _clock.nowUs || _clock.monotonicUs - _items.begin()->second->latestUs >
+                                       Corvax::kMicrosecondsPerSecond)) {
+         TakeNext()->operator()();
+      }
    }
    /// Removes the earliest item and returns its functor, like a thread that is about to call it.
    Corvax::Ref<Corvax::Functor<>> TakeNext()
@@ -76,6 +92,7 @@ private:
       bool Cancel() override { return std::exchange(functor, nullptr) != nullptr; }
       bool IsPending() const override { return static_cast<bool>(functor); }
       Corvax::Ref<Corvax::Functor<>> functor;
+      int64_t latestUs = 0; ///< monotonic
    };
 
    ManualClock& _clock;
