@@ -2,6 +2,8 @@
 
 #include "quen/performanceManager.h"
 
+#include <string>
+
 namespace AgentdCommon {
 
 using Long = int64_t;
@@ -16,6 +18,10 @@ public:
    /// `memConsumedKB` is consumed memory plus overhead; -1 unless both are above 0.
    virtual void GetVmCpuMemUsage(Plexa::MoRef* vm, Long& cpuUsageMhz, Long& memConsumedKB,
                                  Long& memActiveKB) = 0;
+
+   /// Why samples are not stored, or those of the newest run were not all stored, for a person;
+   /// empty if all is well.
+   virtual std::string GetStorageTrouble() = 0;
 
 protected:
    ~HaPerformanceManager() override;

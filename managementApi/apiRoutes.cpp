@@ -310,9 +310,13 @@ void ApiRoutes::GetHealthy(const Http::Request& /*request*/, Http::Response& res
    Answer(response, "healthy");
 }
 
-/// Ready unless the newest collection is older than three intervals.
+/// Ready unless samples are not stored or the newest collection is older than three intervals.
 void ApiRoutes::GetReady(const Http::Request& /*request*/, Http::Response& response) const
 {
+   const std::string trouble = GetPerformanceManager()->GetStorageTrouble();
+   if (!trouble.empty()) {
+      throw Refusal(503, "Samples are not stored: " + trouble);
+   }
    constexpr int32_t kCpuUsage = 0; // any counter: the time stamp is the depot's newest
    auto spec = MakeRef<QuerySpec>();
    spec->entity = FindEntity(AgentdCommon::moid_hostsystem);

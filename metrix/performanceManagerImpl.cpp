@@ -5,9 +5,13 @@
 #include "corvax/dateTime.h"
 #include "corvax/exception.h"
 #include "metrix/counterIds.h"
+#include "metrix/depotAside.h"
 #include "metrix/hykStatsCollector.h"
 #include "metrix/mockupStatsCollector.h"
 #include "plexa/fault.h"
+
+#include <algorithm>
+#include <cerrno>
 
 namespace Metrix {
 
@@ -75,22 +79,44 @@ PerformanceManagerImpl::PerformanceManagerImpl(const std::string& id, Corvax::Lo
    }
 }
 
-void PerformanceManagerImpl::LoadStatsDepot()
+PerformanceManagerImpl::DepotOptions PerformanceManagerImpl::ReadDepotOptions()
 {
    const Ref<Corvax::ConfigSection> config = GetConfig();
-   std::string directory = kDefaultDepotDir;
-   std::string name = kDefaultDepotName;
-   int32_t maxStatsPurged = kDefaultMaxStatsPurged;
-   config->Get("depotDir", directory);
-   config->Get("depotName", name);
-   config->Get("maxStatsPurged", maxStatsPurged);
-   if (LoadExistingDepot(directory, name, maxStatsPurged)) {
+   DepotOptions options{kDefaultDepotDir, kDefaultDepotName, kDefaultMaxStatsPurged, {}};
+   config->Get("depotDir", options.directory);
+   config->Get("depotName", options.name);
+   config->Get("maxStatsPurged", options.maxStatsPurged);
+   config->Get("checkpointSec", options.journal.checkpointSec);
+   config->Get("syncSec", options.journal.syncSec);
+   options.journal.checkpointSec = std::max(options.journal.checkpointSec, 0);
+   options.journal.syncSec = std::max(options.journal.syncSec, 0);
+   return options;
+}
+
+void PerformanceManagerImpl::NewStatsDepot(const DepotOptions& options)
+{
+   _statsDepot = nullptr; // first, because a depot locks its files as long as it lives
+   GetStatsDepot(options.directory, options.name, _logger.Get(), options.maxStatsPurged,
+                 _statsDepot, options.journal);
+}
+
+void PerformanceManagerImpl::LoadStatsDepot()
+{
+   const DepotOptions options = ReadDepotOptions();
+   FinishSetAside(options.directory, options.name);
+   const std::string reason = LoadExistingDepot(options);
+   if (reason.empty()) {
       AddMissingInterval();
       return;
    }
 
    _logger->Log(kLogWarning, "Reverting to default stats configuration");
-   GetStatsDepot(directory, name, _logger.Get(), maxStatsPurged, _statsDepot);
+   const std::string place = SetDepotAside(options.directory, options.name);
+   if (!place.empty()) {
+      _logger->Log(kLogWarning, "The files of stats depot %1 are now in %2: %3", options.name,
+                   place, reason);
+   }
+   NewStatsDepot(options);
    _statsDepot->Create();
    _statsDepot->AddInterval(kRealTimeName, _collectionInterval,
                             static_cast<unsigned>(kRealTimeSpanSec / _collectionInterval));
@@ -109,24 +135,34 @@ void PerformanceManagerImpl::AddMissingInterval()
    }
 }
 
-/// False if there is no depot or it cannot be used.
-bool PerformanceManagerImpl::LoadExistingDepot(const std::string& directory,
-                                               const std::string& name, int maxStatsPurged)
+/// Returns why the depot must be replaced; empty if it can be used. Only what is in the files, or
+/// that there are none, is such a reason: any other failure may pass, and the files are good.
+std::string PerformanceManagerImpl::LoadExistingDepot(const DepotOptions& options)
 {
+   const auto report = [&](const Corvax::Exception& e) {
+      _logger->Log(kLogError, "Unable to load stats depot %1 in directory %2 : %3", options.name,
+                   options.directory, e.GetMessage());
+      return e.GetMessage();
+   };
+   NewStatsDepot(options);
    try {
-      GetStatsDepot(directory, name, _logger.Get(), maxStatsPurged, _statsDepot);
       _statsDepot->Load();
-      if (HasFutureTimeStamps()) {
-         _logger->Log(kLogError,
-                      "Stats Depot has future timestamps. Discarding old statistics information");
-         return false;
+   } catch (const Corvax::FileFormatException& e) {
+      return report(e);
+   } catch (const Corvax::InvalidArgumentException& e) {
+      return report(e);
+   } catch (const Corvax::PlatformException& e) {
+      if (e.GetErrorNumber() != ENOENT) {
+         throw;
       }
-   } catch (const Corvax::Exception& e) {
-      _logger->Log(kLogError, "Unable to load stats depot %1 in directory %2 : %3", name, directory,
-                   e.GetMessage());
-      return false;
+      return report(e);
    }
-   return HasConfiguredInterval();
+   if (HasFutureTimeStamps()) {
+      _logger->Log(kLogError,
+                   "Stats Depot has future timestamps. Discarding old statistics information");
+      return "it has time stamps in the future";
+   }
+   return HasConfiguredInterval() ? "" : "its collection interval is another one";
 }
 
 bool PerformanceManagerImpl::HasFutureTimeStamps() const
@@ -157,6 +193,20 @@ void PerformanceManagerImpl::StopStatsCollection()
    if (_statsCollector) {
       _statsCollector->Stop();
    }
+   const Corvax::Locker lock(_statsDepot.Get());
+   try {
+      _statsDepot->Checkpoint();
+   } catch (const Corvax::Exception& e) {
+      _logger->Log(kLogError, "The newest samples could not be written to the stats depot: %1",
+                   e.GetMessage());
+   }
+}
+
+std::string PerformanceManagerImpl::GetStorageTrouble()
+{
+   const Corvax::Locker lock(_statsDepot.Get());
+   const std::string trouble = _statsDepot->GetTrouble();
+   return trouble.empty() && _statsCollector ? _statsCollector->GetTrouble() : trouble;
 }
 
 /// Real time is tested first on purpose: with a collection interval of 300 seconds, 300 is real

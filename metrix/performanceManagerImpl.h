@@ -29,12 +29,15 @@ class PerformanceManagerImpl : public virtual AgentdCommon::HaPerformanceManager
 public:
    using Long = AgentdCommon::Long;
 
-   /// Reads the configuration section "plugins/metrix", loads the depot, or recreates it if it
-   /// cannot be used, and creates the configured collector, which StartStatsCollection starts.
-   /// Runtime exceptions if the configuration is malformed or the depot cannot be created.
+   /// Reads the configuration section "plugins/metrix", loads the depot and creates the configured
+   /// collector, which StartStatsCollection starts. A depot whose content cannot be used is set
+   /// aside and replaced by an empty one. Runtime exceptions if the configuration is malformed, or
+   /// if the depot cannot be read for another reason, for example because another process has it
+   /// open; no file is changed then.
    PerformanceManagerImpl(const std::string& id, Corvax::Logger* logger);
 
    void StartStatsCollection();
+   /// Then lays down what the depot has in memory; a failure of that is logged.
    void StopStatsCollection();
 
    void GetDescription(Corvax::Ref<Quen::PerformanceDescription>& description) override;
@@ -59,6 +62,7 @@ public:
    void QueryCompositeStats(QuerySpec* querySpec,
                             Corvax::Ref<CompositeEntityMetric>& result) override;
    void SummarizeStats() override;
+   std::string GetStorageTrouble() override;
 
    /// The depot's name of the interval with the sampling period `intervalId`, in seconds. False,
    /// with `name` unchanged, if there is none.
@@ -84,9 +88,18 @@ private:
       TimeStamp end;
    };
 
+   /// Where the depot is, and its settings.
+   struct DepotOptions {
+      std::string directory;
+      std::string name;
+      int32_t maxStatsPurged = 0;
+      JournalOptions journal;
+   };
+
    void LoadStatsDepot();
-   bool LoadExistingDepot(const std::string& directory, const std::string& name,
-                          int maxStatsPurged);
+   static DepotOptions ReadDepotOptions();
+   std::string LoadExistingDepot(const DepotOptions& options);
+   void NewStatsDepot(const DepotOptions& options);
    void AddMissingInterval();
    bool HasFutureTimeStamps() const;
    bool HasConfiguredInterval() const;

@@ -3,6 +3,7 @@
 #include "metrix/performanceManagerImpl.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeServices.h"
+#include "tests/fakes/faultyFiles.h"
 #include "tests/fakes/manualTime.h"
 #include "tests/fakes/scratch.h"
 
@@ -51,17 +52,20 @@ protected:
    }
    ~ManagementApiTest() override { _server.Stop(); }
 
-   void Open()
+   void Close()
    {
       _agent.Unregister("ha-perfmgr");
+      _manager = nullptr;
+   }
+   void Open()
+   {
       _manager = MakeRef<Metrix::PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
       _agent.Register("ha-perfmgr", _manager);
    }
    /// Puts random figures into the depot's files, with gaps, and reopens them.
    void Collect(int runs)
    {
-      _agent.Unregister("ha-perfmgr");
-      _manager = nullptr; // it has the depot's lock
+      Close();
       Ref<Metrix::StatsDepot> depot;
       Metrix::GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1000, depot);
       depot->Load();
@@ -291,6 +295,26 @@ TEST_F(ManagementApiTest, ReadinessFollowsTheNewestCollection)
    _clock.SetSeconds(kNow + 61);
    EXPECT_EQ(Get("/-/ready")->status, 503);
    EXPECT_EQ(Get("/-/healthy")->status, 200);
+}
+
+TEST_F(ManagementApiTest, ReadinessNeedsSamplesToBeStored)
+{
+   FaultyFiles files;
+   Close();
+   Open();
+   const auto collect = [this] {
+      _manager->StartStatsCollection();
+      _scheduler.RunNext();
+      _manager->StopStatsCollection();
+   };
+   files.failAt = 1;
+   files.failAll = true;
+   collect();
+   ExpectRefusal(Get("/-/ready"), 503, "Samples are not stored: ");
+   EXPECT_EQ(Get("/-/healthy")->status, 200);
+   files.Recover();
+   collect();
+   EXPECT_EQ(Get("/-/ready")->status, 200);
 }
 
 /// Fails for each place where a value does not follow its schema in the document.

@@ -5,7 +5,9 @@
 #include "plexa/fault.h"
 #include "quen/inventory.h"
 #include "tests/fakes/fakeAgent.h"
+#include "tests/fakes/faultyFiles.h"
 #include "tests/fakes/manualTime.h"
+#include "tests/fakes/messageOf.h"
 #include "tests/fakes/scratch.h"
 
 #include <gtest/gtest.h>
@@ -153,6 +155,72 @@ TEST_F(PerformanceManagerTest, KeepsAUsableDepotAndReplacesAnyOther)
    EXPECT_TRUE(HasReverted());
    Start();
    EXPECT_FALSE(HasReverted());
+}
+
+TEST_F(PerformanceManagerTest, DepotThatIsReplacedIsSetAsideWhole)
+{
+   const std::string name = "hostAgentStats";
+   const std::tuple<const char*, std::function<void()>, const char*> cases[] = {
+      {"another interval", [] {}, "30"},
+      {"ahead of the clock", [this] { _clock.SetSeconds(kNow - 3600); }, "20"},
+      {"a damaged description", [&] { _scratch.Write(name + ".xml", "<config>"); }, "20"},
+      {"no description", [&] { Damage(name + ".xml", "removed"); }, "20"},
+      {"no id map", [&] { Damage(name + ".idMap", "removed"); }, "20"},
+   };
+   for (const auto& [reason, spoil, interval] : cases) {
+      SCOPED_TRACE(reason);
+      _manager = nullptr;
+      Corvax::NewPosixFactory()->Remove(_scratch.Path());
+      _clock.SetSeconds(kNow);
+      Start("20");
+      Collect(3);
+      _manager = nullptr;
+      spoil();
+      const auto before = _scratch.ReadAll();
+      Start(interval);
+      EXPECT_TRUE(HasReverted());
+      EXPECT_EQ(_agent.logger->Count("are now in " + _scratch.Path() + name + ".aside: "), 1);
+      EXPECT_TRUE(_scratch.ReadAll(name + ".aside/") == before);
+      Collect(1);
+   }
+}
+
+TEST_F(PerformanceManagerTest, DepotThatCannotBeReadStaysAsItIs)
+{
+   Start();
+   Collect(20);
+   _manager = nullptr;
+   const auto before = _scratch.ReadAll();
+   for (const auto& [error, isLasting] : {std::pair{EACCES, true}, {EMFILE, true}, {EIO, true}}) {
+      bool wasHit = true;
+      for (int operation = 1; wasHit; ++operation) {
+         FaultyFiles files;
+         files.errorNumber = error;
+         files.failAt = operation;
+         files.failAll = isLasting;
+         const std::string message = MessageOf([this] { Start(); });
+         wasHit = files.failAt == 0;
+         _manager = nullptr;
+         EXPECT_EQ(!message.empty(), wasHit) << operation;
+         EXPECT_TRUE(_scratch.ReadAll() == before) << operation;
+         EXPECT_FALSE(HasReverted());
+      }
+   }
+}
+
+TEST_F(PerformanceManagerTest, StopWritesTheNewestSamplesAndTroubleIsReported)
+{
+   FaultyFiles files;
+   Start();
+   Collect(1);
+   EXPECT_EQ(_manager->GetStorageTrouble(), "");
+   files.failAll = true;
+   files.failAt = 1;
+   Collect(1);
+   EXPECT_NE(_manager->GetStorageTrouble(), "");
+   files.Recover();
+   Collect(1);
+   EXPECT_EQ(_manager->GetStorageTrouble(), "");
 }
 
 TEST_F(PerformanceManagerTest, StartsAndCollectsAfterAnyDamageToTheFiles)
