@@ -26,6 +26,10 @@ constexpr char kDefaultBackend[] = "auto";
 constexpr char kInterval[] = "plugins/metrix/collectionInterval";
 constexpr char kMockup[] = "plugins/metrix/enableMockup";
 constexpr char kDepotDir[] = "plugins/metrix/depotDir";
+constexpr char kCheckpoint[] = "plugins/metrix/checkpointSec";
+constexpr char kSync[] = "plugins/metrix/syncSec";
+constexpr char kDefaultCheckpointSec[] = "300";
+constexpr char kDefaultSyncSec[] = "1"; // every run
 constexpr char kCpuMhz[] = "agentd/cpuMhz";
 constexpr char kBackend[] = "agentd/backend";
 constexpr char kSimulation[] = "agentd/simulation";
@@ -33,7 +37,16 @@ constexpr char kListen[] = "agentd/http/listen";
 constexpr char kDefaultListen[] = "127.0.0.1:8697";
 constexpr char kNic[] = "agentd/nics/nic";
 
-enum class ValueKind { TEXT, DIRECTORY, INTEGER, POSITIVE, BOOLEAN, LOG_LEVEL };
+enum class ValueKind {
+   TEXT,
+   DIRECTORY,
+   FILE_NAME,
+   NOT_NEGATIVE,
+   POSITIVE,
+   INTERVAL,
+   BOOLEAN,
+   LOG_LEVEL
+};
 
 struct KeyRule {
    std::string_view path;
@@ -56,28 +69,56 @@ constexpr KeyRule kKeyRules[] = {
    {"agentd/http/requestTimeoutSec", ValueKind::POSITIVE},
    {kNic, ValueKind::TEXT}, // may be repeated
    {"plugins/metrix/logLevelTemp", ValueKind::LOG_LEVEL},
-   {kInterval, ValueKind::INTEGER},
+   {kInterval, ValueKind::INTERVAL},
    {kMockup, ValueKind::BOOLEAN},
    {kDepotDir, ValueKind::DIRECTORY},
-   {"plugins/metrix/depotName", ValueKind::TEXT},
-   {"plugins/metrix/maxStatsPurged", ValueKind::INTEGER},
+   {"plugins/metrix/depotName", ValueKind::FILE_NAME},
+   {"plugins/metrix/maxStatsPurged", ValueKind::NOT_NEGATIVE},
+   {kCheckpoint, ValueKind::NOT_NEGATIVE},
+   {kSync, ValueKind::NOT_NEGATIVE},
 };
+
+void CheckInteger(const XmlConfig& config, const std::string& where, const XmlConfig::Key& key,
+                  ValueKind kind)
+{
+   int32_t value = 0;
+   config.Get(key.path, value);
+   const int least = kind == ValueKind::NOT_NEGATIVE ? 0 : 1;
+   if (kind == ValueKind::INTERVAL && !IsCollectionInterval(value)) {
+      throw InvalidArgumentException(
+         Format("%1: '%2' does not divide 300 seconds, as %3 must", where, value, key.path));
+   }
+   if (value < least) {
+      throw InvalidArgumentException(Format("%1: %2 is below %3", where, key.path, least));
+   }
+}
+
+void CheckText(const std::string& where, const XmlConfig::Key& key, ValueKind kind)
+{
+   if (key.value.empty()) {
+      throw InvalidArgumentException(Format("%1: %2 is empty", where, key.path));
+   }
+   if (kind == ValueKind::FILE_NAME && key.value.find('/') != std::string::npos) {
+      throw InvalidArgumentException(
+         Format("%1: '%2' has a \"/\", which %3 may not have", where, key.value, key.path));
+   }
+   // File names are appended to it as it is, and the depot keeps the paths for later starts.
+   if (kind == ValueKind::DIRECTORY && (!key.value.starts_with('/') || !key.value.ends_with('/'))) {
+      throw InvalidArgumentException(Format(
+         "%1: '%2' does not start and end with \"/\", as %3 must", where, key.value, key.path));
+   }
+}
 
 void CheckValue(const XmlConfig& config, const std::string& where, const XmlConfig::Key& key,
                 ValueKind kind)
 {
-   int32_t integer = 0;
    bool boolean = false;
    int level = 0;
    switch (kind) {
-   case ValueKind::INTEGER:
-      config.Get(key.path, integer);
-      break;
+   case ValueKind::NOT_NEGATIVE:
    case ValueKind::POSITIVE:
-      config.Get(key.path, integer);
-      if (integer < 1) {
-         throw InvalidArgumentException(Format("%1: %2 is below 1", where, key.path));
-      }
+   case ValueKind::INTERVAL:
+      CheckInteger(config, where, key, kind);
       break;
    case ValueKind::BOOLEAN:
       config.Get(key.path, boolean);
@@ -90,17 +131,10 @@ void CheckValue(const XmlConfig& config, const std::string& where, const XmlConf
                    where, key.value, key.path));
       }
       break;
-   case ValueKind::DIRECTORY:
-      // File names are appended to it as it is, and the depot keeps the paths for later starts.
-      if (!key.value.starts_with('/') || !key.value.ends_with('/')) {
-         throw InvalidArgumentException(Format(
-            "%1: '%2' does not start and end with \"/\", as %3 must", where, key.value, key.path));
-      }
-      break;
    case ValueKind::TEXT:
-      if (key.value.empty()) {
-         throw InvalidArgumentException(Format("%1: %2 is empty", where, key.path));
-      }
+   case ValueKind::DIRECTORY:
+   case ValueKind::FILE_NAME:
+      CheckText(where, key, kind);
       break;
    }
 }
@@ -187,14 +221,6 @@ BackendOptions::Kind ParseBackend(const std::string& name)
       Format("'%1' is not a backend; use auto, linux or simulated", name));
 }
 
-/// The interval as the plug-in will read it from the same key.
-int ReadInterval(const XmlConfig& keys, int defaultSec)
-{
-   int32_t intervalSec = defaultSec;
-   keys.Get(kInterval, intervalSec);
-   return intervalSec > 0 && 300 % intervalSec == 0 ? intervalSec : defaultSec;
-}
-
 BackendOptions ReadBackend(const XmlConfig& keys, const Options& options)
 {
    BackendOptions backend;
@@ -212,8 +238,16 @@ BackendOptions ReadBackend(const XmlConfig& keys, const Options& options)
    backend.hypervisorModule = InstalledLibrary(kHypervisorFileName);
    backend.libvirtUri = kDefaultLibvirtUri;
    keys.Get("agentd/libvirtUri", backend.libvirtUri);
-   backend.intervalSec = ReadInterval(keys, backend.intervalSec);
+   keys.Get(kInterval, backend.intervalSec);
    return backend;
+}
+
+void SetDefault(XmlConfig& keys, const char* path, const char* value)
+{
+   std::string configured;
+   if (!keys.Get(path, configured)) {
+      keys.Set(path, value);
+   }
 }
 
 } // namespace
@@ -250,6 +284,8 @@ Configuration LoadConfiguration(const Options& options)
    if (options.mockup) {
       keys.Set(kMockup, "true");
    }
+   SetDefault(keys, kCheckpoint, kDefaultCheckpointSec);
+   SetDefault(keys, kSync, kDefaultSyncSec);
    configuration.backend = ReadBackend(keys, options);
    return configuration;
 }

@@ -13,7 +13,7 @@ std::string CheckInterval(const std::string& text)
 {
    int seconds = 0;
    const bool isNumber = CLI::detail::lexical_cast(text, seconds);
-   return isNumber && seconds > 0 && 300 % seconds == 0
+   return isNumber && IsCollectionInterval(seconds)
              ? std::string()
              : Corvax::Format("'%1' does not divide 300 seconds (1, 2, 5, 10, 20, 30, 60, ...)",
                               text);

@@ -23,6 +23,12 @@ struct Options {
 
 constexpr char kProgramName[] = "agentd";
 
+/// Boundaries of collections must fall on those of the 5-minute interval.
+constexpr bool IsCollectionInterval(int seconds)
+{
+   return seconds > 0 && 300 % seconds == 0;
+}
+
 /// Parses the command line. Returns the exit status if the process is done: after help, version or
 /// a usage error, each of which is printed.
 std::optional<int> ParseOptions(int argc, char** argv, Options& options);

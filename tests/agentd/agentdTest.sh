@@ -127,8 +127,10 @@ continues)
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log1" || fail "no new depot"
    ! grep -q "Reverting" "$dir/log2" || fail "the second run gave up the depot"
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log3" || fail "kept at 2 s"
+   [ -s "$dir/stats/hostAgentStats.aside/hostAgentStats-1.stats" ] || fail "the old depot is gone"
    ! grep -q "failed" "$dir"/log* || fail "errors in the log"
-   [ "$(columns "$(store 1)" | wc -l)" -ge 4 ] || fail "the second run did not add to the first's columns"
+   [ "$(columns "$dir/stats/hostAgentStats.aside/hostAgentStats-1.stats" | wc -l)" -ge 4 ] ||
+      fail "the second run did not add to the first's columns"
    ;;
 
 killed)
@@ -138,11 +140,9 @@ killed)
    wait "$agent" 2>/dev/null || true
    agent=
    last=$(date -d "$(tail -n 1 "$dir/out" | cut -d ' ' -f 1)" +%s)
-   newest=$(columns "$(store 1)" | sort -n | tail -n 1)
-   [ "$newest" -ge "$last" ] || fail "the last finished run is not in the store"
    "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 1 2>"$dir/log" || fail "exit status $?"
    ! grep -qE "Reverting|Unable to load|Error in loading|lost" "$dir/log" || fail "something was lost"
-   columns "$(store 1)" | grep -x "$newest" >/dev/null || fail "the column is gone"
+   columns "$(store 1)" | grep -x "$last" >/dev/null || fail "the last finished run is not in the store"
    ;;
 
 stops)
@@ -175,15 +175,30 @@ refusals)
    expect 1 "agentd: $dir/c.xml:2: unknown key plugins/metrix/colectionInterval" --config "$dir/c.xml"
    config '<plugins><metrix><maxStatsPurged>many</maxStatsPurged></metrix></plugins>'
    expect 1 "agentd: $dir/c.xml:2: 'many' is not an integer" --check-config --config "$dir/c.xml"
-   config '<plugins><metrix><depotDir>stats</depotDir></metrix></plugins>'
-   expect 1 "agentd: $dir/c.xml:2: 'stats' does not start and end with" --check-config --config "$dir/c.xml"
+   while IFS='|' read -r key value text; do
+      config "<plugins><metrix><$key>$value</$key></metrix></plugins>"
+      for check in --check-config --runs=1; do
+         expect 1 "agentd: $dir/c.xml:2: $text" $check --config "$dir/c.xml"
+      done
+   done <<'END'
+collectionInterval|7|'7' does not divide 300 seconds
+collectionInterval|-20|'-20' does not divide 300 seconds
+collectionInterval|0|'0' does not divide 300 seconds
+depotDir|stats|'stats' does not start and end with
+depotName||plugins/metrix/depotName is empty
+depotName|a/b|'a/b' has a "/"
+maxStatsPurged|-1|plugins/metrix/maxStatsPurged is below 0
+checkpointSec|-1|plugins/metrix/checkpointSec is below 0
+syncSec|-1|plugins/metrix/syncSec is below 0
+END
    config '<agentd><logLevel>loud</logLevel></agentd>'
    expect 1 "agentd: $dir/c.xml:2: 'loud' is not a log level" --config "$dir/c.xml"
    config '<agentd><logLevel>3</logLevel><logLevel>4</logLevel></agentd>'
    expect 1 "agentd: $dir/c.xml:2: agentd/logLevel is given twice" --config "$dir/c.xml"
    config '<agentd>'
    expect 1 "agentd: File Format Exception: $dir/c.xml:3: not well-formed XML" --config "$dir/c.xml"
-   config '<agentd><logLevel>debug</logLevel><nics><nic>a</nic><nic>b</nic></nics></agentd><plugins/>'
+   config '<agentd><logLevel>debug</logLevel><nics><nic>a</nic><nic>b</nic></nics></agentd>
+  <plugins><metrix><maxStatsPurged>0</maxStatsPurged><syncSec>0</syncSec></metrix></plugins>'
    expect 0 "The configuration is valid." --check-config --config "$dir/c.xml"
    expect 1 "agentd: Cannot load $dir/none.so: " --plugin "$dir/none.so"
    expect 1 "libcorvax.so does not export CorvaxPluginEntry" \
