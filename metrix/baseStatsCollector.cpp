@@ -201,7 +201,8 @@ void BaseStatsCollector::LogDelay(ClockWatch::Verdict verdict)
 void BaseStatsCollector::GiveUpColumnsFrom(int64_t boundarySec)
 {
    const Corvax::Locker depotLock(_statsDepot.Get());
-   const int columns = _statsDepot->GiveUpColumnsAfter(static_cast<TimeStamp>(boundarySec) - 1);
+   const auto last = static_cast<TimeStamp>(std::max<int64_t>(boundarySec - 1, 0));
+   const int columns = _statsDepot->GiveUpColumnsAfter(last);
    _logger->Log(kLogWarning, "The clock was set back to %1; %2 columns ahead of it are given up",
                 Corvax::DateTime::Now().ToString(), columns);
 }
