@@ -3,7 +3,6 @@
 #include "corvax/exception.h"
 
 #include <algorithm>
-#include <array>
 #include <string>
 
 namespace Metrix {
@@ -27,6 +26,7 @@ enum Kind : uint8_t {
 /// Ends the cells of a column: no step from one id to the next is as long.
 constexpr uint64_t kEndOfCells = 1;
 
+constexpr size_t kMaxNumberSize = 10;
 constexpr size_t kCutBytes = size_t{1} << 20;
 constexpr size_t kMaxCellsBytes = size_t{1} << 18;
 constexpr size_t kMaxIdsInList = size_t{1} << 22;
@@ -186,27 +186,42 @@ JournalSink::~JournalSink() = default;
 
 void JournalEntries::Clear()
 {
-   _bytes.clear();
+   _size = 0;
    _cuts.clear();
    _inCells = false;
 }
 
 void JournalEntries::PutNumber(uint64_t number)
 {
-   std::array<std::byte, 10> encoded;
-   size_t size = 0;
+   Reserve();
+   std::byte* out = _bytes.data() + _size;
    for (; number >= 0x80; number >>= 7) {
-      encoded[size++] = static_cast<std::byte>(number | 0x80);
+      *out++ = static_cast<std::byte>(number | 0x80);
    }
-   encoded[size++] = static_cast<std::byte>(number);
-   _bytes.insert(_bytes.end(), encoded.begin(), encoded.begin() + size);
+   *out++ = static_cast<std::byte>(number);
+   _size = static_cast<size_t>(out - _bytes.data());
+}
+
+void JournalEntries::PutBytes(std::span<const std::byte> bytes)
+{
+   _bytes.resize(std::max(_bytes.size(), _size + bytes.size()));
+   std::ranges::copy(bytes, _bytes.begin() + static_cast<ptrdiff_t>(_size));
+   _size += bytes.size();
+}
+
+/// Room for a number, so that writing one needs no check of its own.
+void JournalEntries::Reserve()
+{
+   if (_bytes.size() - _size < kMaxNumberSize) {
+      _bytes.resize(2 * _bytes.size() + kMaxNumberSize);
+   }
 }
 
 void JournalEntries::PutText(std::string_view text)
 {
    PutNumber(text.size());
    const auto* const bytes = reinterpret_cast<const std::byte*>(text.data());
-   _bytes.insert(_bytes.end(), bytes, bytes + text.size());
+   PutBytes({bytes, text.size()});
 }
 
 void JournalEntries::PutIds(const std::vector<StatId>& ids)
@@ -222,10 +237,10 @@ void JournalEntries::PutIds(const std::vector<StatId>& ids)
 void JournalEntries::Begin(uint8_t kind)
 {
    EndCells();
-   if (_bytes.size() - (_cuts.empty() ? 0 : _cuts.back()) >= kCutBytes) {
-      _cuts.push_back(_bytes.size());
+   if (_size - (_cuts.empty() ? 0 : _cuts.back()) >= kCutBytes) {
+      _cuts.push_back(_size);
    }
-   PutByte(kind);
+   PutNumber(kind);
 }
 
 void JournalEntries::EndCells()
@@ -248,7 +263,7 @@ void JournalEntries::AddColumn(uint32_t store, TimeStamp ts)
 void JournalEntries::AddCell(uint32_t store, uint32_t column, StatId id, StatVal value)
 {
    if (!_inCells || store != _cellStore || column != _cellColumn ||
-       _bytes.size() - _cellsBegin >= kMaxCellsBytes) {
+       _size - _cellsBegin >= kMaxCellsBytes) {
       Begin(KIND_CELLS);
       PutNumber(store);
       PutNumber(column);
@@ -256,7 +271,7 @@ void JournalEntries::AddCell(uint32_t store, uint32_t column, StatId id, StatVal
       _cellStore = store;
       _cellColumn = column;
       _lastCellId = 0;
-      _cellsBegin = _bytes.size();
+      _cellsBegin = _size;
    }
    PutNumber(ToZigZag(id - _lastCellId));
    PutNumber(value + 1);
@@ -297,7 +312,7 @@ void JournalEntries::AddRowImage(uint32_t store, StatId id, std::span<const std:
    PutNumber(store);
    PutNumber(id);
    PutNumber(bytes.size());
-   _bytes.insert(_bytes.end(), bytes.begin(), bytes.end());
+   PutBytes(bytes);
 }
 
 void JournalEntries::AddRowsDurable(uint32_t store, StatId first, uint64_t count, TimeStamp ts)
@@ -341,7 +356,7 @@ std::vector<std::span<const std::byte>> JournalEntries::GetParts()
    std::vector<std::span<const std::byte>> parts;
    size_t begin = 0;
    for (size_t i = 0; i <= _cuts.size(); ++i) {
-      const size_t end = i < _cuts.size() ? _cuts[i] : _bytes.size();
+      const size_t end = i < _cuts.size() ? _cuts[i] : _size;
       parts.emplace_back(_bytes.data() + begin, end - begin);
       begin = end;
    }

@@ -70,8 +70,8 @@ public:
    void AddIdsFreed(const std::vector<StatId>& ids);
    void AddIdsDurable(const std::vector<StatId>& ids);
 
-   bool IsEmpty() const { return _bytes.empty(); }
-   size_t GetSizeBytes() const { return _bytes.size(); }
+   bool IsEmpty() const { return _size == 0; }
+   size_t GetSizeBytes() const { return _size; }
    void Clear();
 
    /// All entries, in parts of whole entries that each fit into a record. Valid until the next
@@ -81,12 +81,14 @@ public:
 private:
    void Begin(uint8_t kind);
    void EndCells();
-   void PutByte(uint8_t byte) { _bytes.push_back(static_cast<std::byte>(byte)); }
+   void Reserve();
    void PutNumber(uint64_t number);
+   void PutBytes(std::span<const std::byte> bytes);
    void PutText(std::string_view text);
    void PutIds(const std::vector<StatId>& ids);
 
-   std::vector<std::byte> _bytes;
+   std::vector<std::byte> _bytes; ///< the first _size of them are in use
+   size_t _size = 0;
    std::vector<size_t> _cuts; ///< offsets of entries at which the buffer may be cut
    // The cells that are being added: an entry has those of one column.
    bool _inCells = false;

@@ -305,7 +305,7 @@ bool StatsDepotImpl::AddSample(const std::string& entityId, const std::string& s
 
 void StatsDepotImpl::RecordSample(StatInfo& info, TimeStamp ts, StatVal value, StatVal maxVal)
 {
-   const StatId rawId = info.GetStatId(ROLLUP_NONE);
+   const StatId rawId = info._rawId;
    Assert(rawId != kUnset, "a stat has a raw series");
    const Interval& fine = *_intervalTable->GetIntervalAt(0);
    const uint64_t period = fine.GetPeriod();

@@ -74,6 +74,7 @@ public:
       // Keys of the entity map.
       const std::string* _entityId = nullptr;
       const std::string* _statName = nullptr;
+      StatId _rawId = kUnset; ///< of ROLLUP_NONE
       std::vector<StatId> _statIds;
       std::vector<RollupType> _rollupTypes; ///< parallel to _statIds
       const StatType _type;

@@ -31,6 +31,7 @@ bool StatsDepotImpl::StatInfo::AddStatId(StatId id, RollupType rollup)
    if (GetStatId(rollup) != kUnset || HasStatId(id)) {
       return false;
    }
+   _rawId = rollup == ROLLUP_NONE ? id : _rawId;
    _statIds.push_back(id);
    _rollupTypes.push_back(rollup);
    return true;

@@ -159,7 +159,11 @@ void StatsStoreImpl::WriteStatVector(StatId statId)
 /// inserted between others.
 int32_t StatsStoreImpl::ChooseColumn(TimeStamp ts)
 {
-   if (_columns.GetLatest() < 0 || ts > _columns.GetLatestTimeStamp()) {
+   const TimeStamp latest = _columns.GetLatestTimeStamp();
+   if (ts == latest) {
+      return _columns.GetLatest();
+   }
+   if (latest == kUnset || ts > latest) {
       return AddColumn(ts);
    }
    const int32_t column = FindColumn(ts);

@@ -82,7 +82,8 @@ void StatsStoreImpl::ReplayCell(uint32_t column, StatId id, StatVal value)
       RefuseEntry(_fileName,
                   "there is no column " + std::to_string(column) + " for id " + std::to_string(id));
    }
-   _head->SetCell(id, index, value);
+   TimeStamp base = kUnset;
+   _head->SetCell(id, index, value, base);
    _numStats = std::max(_numStats, static_cast<uint32_t>(id) + 1);
 }
 
@@ -133,21 +134,22 @@ void StatsStoreImpl::MakeRoom()
 
 void StatsStoreImpl::AddHeadSample(StatId statId, int32_t column, TimeStamp ts, StatVal value)
 {
-   // A row that starts over must not be mixed with what the file has in its place.
-   const bool isAbsent = _head->HasTile(statId) ? _head->GetStamp(statId) == kUnset &&
-                                                     _head->GetBase(statId) != Base::CLEARED
-                                                : statId >= _numStats;
-   if (isAbsent) {
+   using Cell = StoreHead::Cell;
+   TimeStamp base = kUnset;
+   const bool isBeyondEnd = statId >= _numStats && !_head->HasTile(statId);
+   Cell result = isBeyondEnd ? Cell::NO_ROW : _head->AddCell(statId, column, value, base);
+   if (result == Cell::NO_ROW) {
+      // It starts over, and must not be mixed with what the file has in its place.
       _head->SetRow(statId, RowChange::CLEARED);
       _entries->AddRow(_storeNumber, statId, RowChange::CLEARED);
       _numStats = std::max(_numStats, static_cast<uint32_t>(statId) + 1);
+      result = _head->AddCell(statId, column, value, base);
    }
-   if (!_head->HasColumn(column) || !_head->CanSetCell(statId, column)) {
+   if (result == Cell::NOT_NEWER) {
       ReplaceRow(statId, column, ts, value);
       return;
    }
-   const TimeStamp base = _head->SetCell(statId, column, value);
-   if (base != StoreHead::kUnknown) {
+   if (result == Cell::SET_AFTER_GAP) {
       _entries->AddRowBase(_storeNumber, statId, base);
    }
    _entries->AddCell(_storeNumber, static_cast<uint32_t>(column), statId, value);

@@ -44,7 +44,8 @@ void StoreHead::AddColumn()
 {
    Assert(HasRoom(), "no cell of the oldest column is pending");
    ++_newest;
-   _replaced[Slot(_newest)] = _ring.GetTimeStamp(_ring.GetColumnToAdd());
+   _newestSlot = _newestSlot + 1 == _columns ? 0 : _newestSlot + 1;
+   _replaced[_newestSlot] = _ring.GetTimeStamp(_ring.GetColumnToAdd());
 }
 
 std::vector<StatId> StoreHead::FindRowsInTheWay()
@@ -146,15 +147,6 @@ TimeStamp StoreHead::GetStamp(StatId id) const
    return tile ? tile->stamp : kUnknown;
 }
 
-bool StoreHead::CanSetCell(StatId id, int32_t column) const
-{
-   const TimeStamp stamp = GetStamp(id);
-   if (stamp == kUnknown) {
-      return _newest - GetAge(column) >= _firstOwn;
-   }
-   return stamp == kUnset || stamp < _ring.GetTimeStamp(column);
-}
-
 /// Whether a row with this stamp missed the column before that one.
 bool StoreHead::HasGap(TimeStamp stamp, uint32_t sequence) const
 {
@@ -162,27 +154,43 @@ bool StoreHead::HasGap(TimeStamp stamp, uint32_t sequence) const
    return stamp != kUnset && previous != kUnset && stamp != previous;
 }
 
-TimeStamp StoreHead::SetCell(StatId id, int32_t column, StatVal value)
+StoreHead::Cell StoreHead::AddCell(StatId id, int32_t column, StatVal value, TimeStamp& base)
+{
+   const uint32_t age = GetAge(column);
+   bool isNewer = _newest - age >= _firstOwn;
+   if (const Tile* const tile = FindTile(id); tile && tile->stamp != kUnknown) {
+      if (tile->stamp == kUnset && tile->base != Base::CLEARED) {
+         return Cell::NO_ROW;
+      }
+      isNewer = tile->stamp == kUnset || tile->stamp < _ring.GetTimeStamp(column);
+   }
+   return isNewer && age < _columns ? SetCell(id, column, value, base) : Cell::NOT_NEWER;
+}
+
+StoreHead::Cell StoreHead::SetCell(StatId id, int32_t column, StatVal value, TimeStamp& base)
 {
    Tile& tile = GetTile(id);
    const uint32_t sequence = _newest - GetAge(column);
-   TimeStamp base = kUnknown;
+   const uint32_t slot = Slot(sequence);
+   const uint64_t bit = uint64_t{1} << slot;
+   Cell result = Cell::SET;
    if (tile.stamp == kUnknown) {
       tile.needsBaseStamp = true;
-   } else if (tile.base == Base::FILE && tile.pending == 0 && HasGap(tile.stamp, sequence)) {
+   } else if (tile.pending == 0 && tile.base == Base::FILE && HasGap(tile.stamp, sequence)) {
+      result = Cell::SET_AFTER_GAP;
       base = tile.stamp;
       _baseStamps[id] = base;
    }
    tile.knownFrom = std::min(tile.knownFrom, sequence);
    tile.isLaidDown = tile.isLaidDown && sequence == _newest;
-   tile.has |= Bit(sequence);
-   if ((tile.pending & Bit(sequence)) == 0) {
-      tile.pending |= Bit(sequence);
-      ++_pendingInSlot[Slot(sequence)];
+   tile.has |= bit;
+   if ((tile.pending & bit) == 0) {
+      tile.pending |= bit;
+      ++_pendingInSlot[slot];
    }
    tile.stamp = _ring.GetTimeStamp(column);
-   GetValues(tile)[Slot(sequence)] = value;
-   return base;
+   GetValues(tile)[slot] = value;
+   return result;
 }
 
 /// Forgets all cells; the row is what `base` says.

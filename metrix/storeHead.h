@@ -37,7 +37,7 @@ public:
    /// or given up: HasRoom.
    void AddColumn();
    /// Whether no cell of the oldest column is pending, which AddColumn drops.
-   bool HasRoom() const { return _pendingInSlot[Slot(_newest + 1)] == 0; }
+   bool HasRoom() const { return _pendingInSlot[Slot(GetOldest())] == 0; }
    /// Rows with pending cells in that column.
    std::vector<StatId> FindRowsInTheWay();
    /// Whether the column is one of the head's.
@@ -59,12 +59,18 @@ public:
    /// The row's stamp, with its pending cells; kUnknown if only the file has it.
    TimeStamp GetStamp(StatId id) const;
 
-   /// Whether the column is newer than the row's stamp. The file's stamp need not be known for
-   /// columns that were added since loading.
-   bool CanSetCell(StatId id, int32_t column) const;
-   /// Returns the base's stamp if it must be journaled first: the cell is the only one pending, and
-   /// the row has missed the column before. kUnknown otherwise.
-   TimeStamp SetCell(StatId id, int32_t column, StatVal value);
+   enum class Cell {
+      SET,
+      SET_AFTER_GAP, ///< the only one pending, and the row missed the column before: the base's
+                     ///< stamp must be journaled first
+      NO_ROW,        ///< nothing done: the row is free, or has no sample
+      NOT_NEWER,     ///< nothing done: the column is not newer than the row's stamp, or too old
+   };
+   /// Adds a sample to a row. Where only the file has the row's stamp, columns that were added
+   /// since loading are newer.
+   Cell AddCell(StatId id, int32_t column, StatVal value, TimeStamp& base);
+   /// As AddCell, for a column that is known to be newer.
+   Cell SetCell(StatId id, int32_t column, StatVal value, TimeStamp& base);
    void SetRow(StatId id, RowChange change);
    void SetImage(StatId id, std::span<const std::byte> bytes);
    /// The stamp of the row in the file, when none of the pending cells was in it.
@@ -118,7 +124,12 @@ private:
       bool needsBaseStamp = false; ///< the cells' base is not known
    };
 
-   uint32_t Slot(uint32_t sequence) const { return sequence % _columns; }
+   /// Of one of the head's columns.
+   uint32_t Slot(uint32_t sequence) const
+   {
+      const uint32_t age = _newest - sequence;
+      return _newestSlot >= age ? _newestSlot - age : _newestSlot + _columns - age;
+   }
    uint64_t Bit(uint32_t sequence) const { return uint64_t{1} << Slot(sequence); }
    uint32_t GetAge(int32_t column) const;
    int32_t GetColumn(uint32_t sequence) const;
@@ -138,7 +149,8 @@ private:
    const uint32_t _numSamples;
    const uint32_t _columns;
    const size_t _tileBytes;
-   uint32_t _newest;              ///< sequence of the ring's latest column
+   uint32_t _newest; ///< sequence of the ring's latest column
+   uint32_t _newestSlot = 0;
    uint32_t _firstOwn;            ///< of the first column added since loading
    std::vector<uint32_t> _tileOf; ///< by row, plus one; 0: none
    std::vector<std::unique_ptr<std::byte[]>> _chunks;

@@ -3,7 +3,7 @@
 #include "corvax/exception.h"
 #include "metrix/statsDepot.h"
 #include "tests/fakes/captureLogger.h"
-#include "tests/fakes/scratch.h"
+#include "tests/fakes/diskModel.h"
 #include "tests/metrix/modelDepot.h"
 
 #include <gtest/gtest.h>
@@ -29,6 +29,8 @@ protected:
       _options = options;
       _random.seed(seed);
       _model = {};
+      _depot = nullptr;
+      _files.disk = Disk();
       Open();
       _depot->Create();
       for (const auto& [period, samples] : shape) {
@@ -59,7 +61,7 @@ protected:
 private:
    void Open()
    {
-      GetStatsDepot(_scratch.Path(), "model", _logger.Get(), 1000000, _depot, _options);
+      GetStatsDepot("/stats/", "model", _logger.Get(), 1000000, _depot, _options);
    }
 
    uint64_t Below(uint64_t limit) { return _random() % limit; }
@@ -185,7 +187,7 @@ private:
       }
    }
 
-   const Scratch _scratch;
+   DiskModel _files{Disk()}; // in memory, because every run is synced
    const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
    std::mt19937_64 _random;
    JournalOptions _options;
