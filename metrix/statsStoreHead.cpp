@@ -4,6 +4,7 @@
 #include "corvax/system.h"
 
 #include <algorithm>
+#include <array>
 
 namespace Metrix {
 
@@ -232,11 +233,14 @@ TimeStamp StatsStoreImpl::GetSettledStamp()
    return previous == kUnset || previous > _headerStamp ? 0 : previous;
 }
 
+/// Most rows only get a few samples more, which are written without reading the row. The others are
+/// read and written whole, first and together: the window must not write older copies of the rest.
 StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, TimeStamp newestStamp)
 {
    LayDownResult result;
    const bool wasBatch = _rows->IsBatch();
    _rows->BeginBatch();
+   _extensions.clear();
    bool isDone = TryLayDown(first, end, newestStamp, result);
    try {
       _rows->EndBatch();
@@ -246,6 +250,16 @@ StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, Time
    // Some write failed, of several rows: row by row only those that cannot be written are left.
    for (StatId id = first; id < end && !isDone; ++id) {
       TryLayDown(id, id + 1, newestStamp, result);
+   }
+   StoreHead::Extension extension;
+   for (const StatId id : _extensions) {
+      try {
+         _head->GetExtension(id, newestStamp, extension);
+         Extend(id, extension);
+         _head->MarkLaidDown(id, true);
+      } catch (const Corvax::Exception& e) {
+         result.error = result.failed++ == 0 ? e.GetMessage() : result.error;
+      }
    }
    if (wasBatch) {
       _rows->BeginBatch();
@@ -258,15 +272,22 @@ StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, Time
 bool StatsStoreImpl::TryLayDown(StatId first, StatId end, TimeStamp newestStamp,
                                 LayDownResult& result)
 {
+   const bool isAlone = end - first == 1;
    bool isDone = true;
+   StoreHead::Extension extension;
    for (StatId id = first; id < end; ++id) {
+      if (!_head->IsPending(id, newestStamp)) {
+         continue;
+      }
+      if (_head->GetExtension(id, newestStamp, extension)) {
+         _extensions.push_back(id);
+         continue;
+      }
       try {
-         if (_head->IsPending(id, newestStamp)) {
-            LayDownRow(id, newestStamp, result);
-         }
+         LayDownRow(id, newestStamp, result);
       } catch (const Corvax::Exception& e) {
          isDone = false;
-         if (end - first == 1) {
+         if (isAlone) {
             result.error = result.failed++ == 0 ? e.GetMessage() : result.error;
             _head->MarkLaidDown(id, false);
          }
@@ -287,6 +308,28 @@ void StatsStoreImpl::LayDownRow(StatId id, TimeStamp newestStamp, LayDownResult&
       _rows->MarkDirty(id);
    }
    _head->MarkLaidDown(id, true);
+}
+
+void StatsStoreImpl::Extend(StatId id, const StoreHead::Extension& extension)
+{
+   const uint64_t rowPos = _statVectorPos + id * _rowSize;
+   std::array<std::byte, StoreHead::kMaxColumns * StoreFormat::kSampleSize> bytes;
+   for (size_t i = 0; i < extension.count; ++i) {
+      Encode(extension.samples[i], &bytes[i * StoreFormat::kSampleSize]);
+   }
+   const auto firstColumn = static_cast<size_t>(extension.firstColumn);
+   const size_t beforeWrap = std::min<size_t>(extension.count, _numSamples - firstColumn);
+   const size_t bytesBeforeWrap = beforeWrap * StoreFormat::kSampleSize;
+   _storeHandle->Seek(rowPos + StoreFormat::SamplePos(firstColumn));
+   _storeHandle->WriteAll(bytes.data(), bytesBeforeWrap);
+   if (beforeWrap < extension.count) {
+      _storeHandle->Seek(rowPos + StoreFormat::SamplePos(0));
+      _storeHandle->WriteAll(&bytes[bytesBeforeWrap],
+                             extension.count * StoreFormat::kSampleSize - bytesBeforeWrap);
+   }
+   Encode(extension.stamp, bytes.data());
+   _storeHandle->Seek(rowPos + StoreFormat::kRowTimeStampPos);
+   _storeHandle->WriteAll(bytes.data(), sizeof extension.stamp);
 }
 
 void StatsStoreImpl::SetRowsDurable(StatId first, StatId end, TimeStamp newestStamp)

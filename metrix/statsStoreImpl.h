@@ -93,6 +93,7 @@ private:
    std::byte* GetFileRow(StatId statId);
    void OpenWindow();
    void LayDownRow(StatId id, TimeStamp newestStamp, LayDownResult& result);
+   void Extend(StatId id, const StoreHead::Extension& extension);
    bool TryLayDown(StatId first, StatId end, TimeStamp newestStamp, LayDownResult& result);
 
    const std::string _fileName;
@@ -112,6 +113,7 @@ private:
    std::vector<TimeStamp> _fileColumns; ///< as the file's header has them
    TimeStamp _writtenStamp = kUnset;    ///< newest one in the header
    TimeStamp _headerStamp = kUnset;     ///< newest one there for certain
+   std::vector<StatId> _extensions;     ///< LayDown's rows that only get more samples
    std::vector<std::byte> _composed;    ///< ComposeRow's result
    uint64_t _reservedRows = 0;
    uint64_t _fileSize = 0; ///< that the file had at least

@@ -350,6 +350,34 @@ bool StoreHead::IsPending(StatId id, TimeStamp newestStamp) const
    return false;
 }
 
+bool StoreHead::GetExtension(StatId id, TimeStamp newestStamp, Extension& extension) const
+{
+   const Tile* const tile = FindTile(id);
+   if (tile == nullptr || tile->base != Base::FILE || tile->needsBaseStamp ||
+       (!_baseStamps.empty() && _baseStamps.contains(id))) {
+      return false;
+   }
+   extension.count = 0;
+   uint32_t count = 0; // with the samples missing behind the last pending one
+   for (uint32_t sequence = GetOldest(); sequence <= _newest; ++sequence) {
+      const bool isPending = (tile->pending & Bit(sequence)) != 0;
+      if (isPending) {
+         const int32_t column = GetColumn(sequence);
+         const TimeStamp ts = _ring.GetTimeStamp(column);
+         if (ts > newestStamp) {
+            break;
+         }
+         extension.firstColumn = count == 0 ? column : extension.firstColumn;
+         extension.stamp = ts;
+         extension.samples[count++] = GetValues(*tile)[Slot(sequence)];
+         extension.count = count;
+      } else if (count > 0) {
+         extension.samples[count++] = kUnset;
+      }
+   }
+   return extension.count > 0;
+}
+
 StoreHead::Gap StoreHead::SettleBase(StatId id, const StatVector& fileRow, JournalEntries& entries,
                                      uint32_t store)
 {

@@ -5,6 +5,7 @@
 #include "metrix/statTypes.h"
 #include "metrix/storeFormat.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -99,6 +100,16 @@ public:
    /// JOURNALED: entries were added that must be synced before the row is laid down.
    Gap SettleBase(StatId id, const StoreFormat::StatVector& fileRow, JournalEntries& entries,
                   uint32_t store);
+   /// A used row's pending cells up to `newestStamp`, if nothing else of the row has to change: the
+   /// samples of consecutive columns, which may wrap, and unset ones between them. False if the
+   /// whole row has to be composed.
+   struct Extension {
+      int32_t firstColumn = 0;
+      uint32_t count = 0;
+      std::array<StatVal, kMaxColumns> samples;
+      TimeStamp stamp = kUnset; ///< that the row gets
+   };
+   bool GetExtension(StatId id, TimeStamp newestStamp, Extension& extension) const;
    /// The row was written into the file. A change of the row that is not newer takes that back.
    void MarkLaidDown(StatId id, bool isLaidDown);
    bool IsLaidDown(StatId id) const;
