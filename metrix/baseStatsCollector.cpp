@@ -250,7 +250,7 @@ void BaseStatsCollector::FlushStats()
 /// Once after a start: the depot may be from a program whose catalogue had fewer rollups.
 void BaseStatsCollector::AddMissingRollups()
 {
-   if (!std::exchange(_checksRollups, false)) {
+   if (!_checksRollups) {
       return;
    }
    try {
@@ -262,9 +262,9 @@ void BaseStatsCollector::AddMissingRollups()
             }
             return data != nullptr;
          });
+      _checksRollups = false;
    } catch (const Corvax::Exception& e) {
-      _logger->Log(kLogError, "Rollups that stats lack cannot be added before the next start: %1",
-                   e.GetMessage());
+      _logger->Log(kLogError, "Rollups that stats lack cannot be added yet: %1", e.GetMessage());
    }
 }
 

@@ -108,7 +108,7 @@ private:
    ClockWatch _clockWatch;
    bool _knowsNewest = false; ///< until the first run after Start
    ClockWatch::Verdict _lastVerdict = ClockWatch::Verdict::RUN;
-   bool _checksRollups = false; ///< until the first flush after Start
+   bool _checksRollups = false; ///< from Start until a flush has done it
    std::string _trouble;        ///< guarded by the depot's lock
 
    // Shared by all collectors and kept across Stop and Start; in microseconds.

@@ -80,6 +80,11 @@ void Publish(const Places& places)
    Files().Remove(places.replaced);
 }
 
+std::unique_ptr<Corvax::FileLock> LockDepot(const std::string& directory, const std::string& name)
+{
+   return Files().Lock(directory + name + ".lock");
+}
+
 bool IsInterrupted(const Places& places)
 {
    return Files().Exists(places.incomplete) || Files().Exists(places.replaced);
@@ -121,14 +126,19 @@ std::string SetAside(const std::string& directory, const std::string& name,
 std::string SetDepotAside(const std::string& directory, const std::string& name)
 {
    const Places places(directory, name);
-   const std::vector<std::string> files = ListDepotFiles(places, name);
+   std::vector<std::string> files = ListDepotFiles(places, name);
+   if (files.empty()) {
+      return {};
+   }
+   const auto lock = LockDepot(directory, name);
+   files = ListDepotFiles(places, name);
    // Samples without their stats' names are worth less than the files of a whole depot. This is
    // also how a depot looks whose creation was interrupted.
    const bool hasStats = std::ranges::any_of(files, [&](const std::string& file) {
       return file.starts_with(name + ".journal") ||
              (file == places.idMap && Files().GetFileSize(directory + file) > 0);
    });
-   if (files.empty() || (!hasStats && Files().Exists(places.aside))) {
+   if (!hasStats && Files().Exists(places.aside)) {
       return {};
    }
    return SetAside(directory, name, files);
@@ -138,7 +148,7 @@ void FinishSetAside(const std::string& directory, const std::string& name)
 {
    const Places places(directory, name);
    if (IsInterrupted(places)) {
-      const auto lock = Files().Lock(directory + name + ".lock");
+      const auto lock = LockDepot(directory, name);
       Finish(places, name);
    }
 }

@@ -17,9 +17,10 @@ namespace Metrix {
 std::string SetAside(const std::string& directory, const std::string& name,
                      const std::vector<std::string>& files);
 
-/// Sets all files of a depot aside except its lock file, which the caller holds. Returns the path
-/// of NAME.aside; empty, with nothing done, if there are no files, or if the files are only those
-/// of a depot without stats and would replace older ones.
+/// Sets all files of a depot aside except its lock file. Takes the depot's lock: Exception, naming
+/// the process, if another one holds it. Returns the path of NAME.aside; empty, with nothing done,
+/// if there are no files, or if the files are only those of a depot without stats and would replace
+/// older ones.
 std::string SetDepotAside(const std::string& directory, const std::string& name);
 
 /// Completes what a crash interrupted. Takes the depot's lock if there is something to do:

@@ -95,7 +95,6 @@ PerformanceManagerImpl::DepotOptions PerformanceManagerImpl::ReadDepotOptions()
 
 void PerformanceManagerImpl::NewStatsDepot(const DepotOptions& options)
 {
-   _statsDepot = nullptr; // first, because a depot locks its files as long as it lives
    GetStatsDepot(options.directory, options.name, _logger.Get(), options.maxStatsPurged,
                  _statsDepot, options.journal);
 }
@@ -111,6 +110,7 @@ void PerformanceManagerImpl::LoadStatsDepot()
    }
 
    _logger->Log(kLogWarning, "Reverting to default stats configuration");
+   _statsDepot = nullptr; // a depot locks its files as long as it lives
    const std::string place = SetDepotAside(options.directory, options.name);
    if (!place.empty()) {
       _logger->Log(kLogWarning, "The files of stats depot %1 are now in %2: %3", options.name,

@@ -146,11 +146,17 @@ killed)
    ;;
 
 stops)
+   printf '<config><agentd><stateDir>%s</stateDir></agentd><plugins><metrix><depotDir>%s</depotDir></metrix></plugins></config>' \
+      "$dir/other" "$dir/stats/" >"$dir/c.xml"
    for signal in TERM INT; do
       start --interval 1
       waitFor hasLines 1
       ! "$agentd" --listen none --state-dir "$dir" --runs 1 2>"$dir/second" || fail "a second agent started"
       grep -q "is locked: process $agent is using the directory" "$dir/second" || fail "$(cat "$dir/second")"
+      status=0
+      "$agentd" --listen none --interval 1 --runs 1 --config "$dir/c.xml" 2>"$dir/second" || status=$?
+      [ $status -eq 1 ] && [ "$(grep -c "is locked: process $agent is using" "$dir/second")" -eq 1 ] ||
+         fail "status $status of a second agent with the same depot: $(cat "$dir/second")"
       stop $signal
       grep -q "<5>agentd: agentd has stopped" "$dir/log" || fail "no clean stop"
    done

@@ -270,6 +270,48 @@ TEST_F(ScheduleTest, FirstRunWaitsForAColumnAheadOfTheClock)
    _collector->Stop();
 }
 
+TEST_F(ScheduleTest, ColumnsAheadOfAClockThatWasSetBackAreGivenUp)
+{
+   _collector->collect = [this](int64_t ts) {
+      _collector->AddSample("e", kMemActive, static_cast<TimeStamp>(ts), 5, "", 0);
+   };
+   _collector->Start();
+   for (int i = 0; i < 3; ++i) {
+      _scheduler.RunNext();
+   }
+   const auto next = _scheduler.TakeNext();
+   _clock.SetSeconds(1000060 - 3600);
+   (*next)();
+   std::vector<StatVal> values;
+   std::vector<TimeStamp> stamps;
+   EXPECT_EQ(_depot->GetSamples("e", "mem-active", 0, 2000000, values, &stamps, "",
+                                StatsDepot::ROLLUP_NONE),
+             1);
+   EXPECT_EQ(stamps, (std::vector<TimeStamp>{1000060 - 3600}));
+   EXPECT_EQ(_agent.logger->Count("3 columns ahead of it are given up"), 1);
+   _collector->Stop();
+}
+
+TEST_F(ScheduleTest, FirstFlushAddsRollupsThatStatsLack)
+{
+   for (const std::string name : {"mem-active", "of an older catalogue"}) {
+      _depot->CreateStat("e", name, StatsDepot::STATTYPE_ABSOLUTE, 1, {});
+   }
+   _depot->AddSample("e", "mem-active", 1000000, 1, 0);
+   const auto hasRollup = [this] {
+      std::vector<StatVal> values;
+      _depot->GetSamples("e", "mem-active", 0, 2000000, values, nullptr, "",
+                         StatsDepot::ROLLUP_AVERAGE);
+      return !values.empty();
+   };
+   EXPECT_FALSE(hasRollup());
+   _collector->Start();
+   _scheduler.RunNext();
+   EXPECT_TRUE(hasRollup());
+   EXPECT_EQ(_agent.logger->CountLevel(3), 0);
+   _collector->Stop();
+}
+
 class KernelCollectorTest : public CollectorTest {
 protected:
    KernelCollectorTest()

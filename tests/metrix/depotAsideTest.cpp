@@ -50,6 +50,15 @@ TEST_F(DepotAsideTest, TakesTheDepotsFilesAndNoOthers)
    EXPECT_EQ(SetDepotAside(_scratch.Path() + "none/", "d"), "");
 }
 
+TEST_F(DepotAsideTest, FilesOfARunningProcessAreLeftAlone)
+{
+   const auto lock = Corvax::NewPosixFactory()->Lock(_scratch.Path() + "d.lock");
+   EXPECT_THROW(SetDepotAside(_scratch.Path(), "d"), Corvax::Exception);
+   EXPECT_EQ(_scratch.ReadAll(), kDepot);
+   std::filesystem::create_directory(_scratch.Path() + "d.aside.new");
+   EXPECT_THROW(FinishSetAside(_scratch.Path(), "d"), Corvax::Exception);
+}
+
 TEST_F(DepotAsideTest, DepotWithoutStatsDoesNotReplaceOneThatHasSome)
 {
    const Files unfinished = {{"d.idMap", ""}, {"d-20.stats", "new"}};
