@@ -43,9 +43,17 @@ RowWindow::RowWindow(Corvax::Ref<Corvax::FileHandle> file, uint64_t firstRowPos,
    Assert(_bytes != nullptr, "a row buffer can be allocated");
 }
 
+void RowWindow::BeginWalk(uint64_t end)
+{
+   EndBatch();
+   _isBatch = true;
+   _walkEnd = end;
+}
+
 void RowWindow::EndBatch()
 {
    _isBatch = false;
+   _walkEnd = UINT64_MAX;
    WriteBack();
    _rowCount = 0;
 }
@@ -102,6 +110,9 @@ void RowWindow::Read(uint64_t row, uint64_t count)
 /// are the rows after it likely to be used next, and worth reading with it.
 uint64_t RowWindow::ChooseRangeLength(uint64_t row) const
 {
+   if (_walkEnd != UINT64_MAX) {
+      return row < _walkEnd ? std::min(_walkEnd - row, _maxRows) : 1;
+   }
    const uint64_t end = _firstRow + _rowCount;
    const bool isWalk = _isBatch && _rowCount > 0 && row >= end && row - end < kStepLimit;
    return isWalk ? std::min(_rowCount * kGrowth, _maxRows) : 1;

@@ -30,6 +30,8 @@ public:
              size_t headSizeBytes = 0);
 
    void BeginBatch() { _isBatch = true; }
+   /// A batch that walks forward through the rows below `end`.
+   void BeginWalk(uint64_t end);
    bool IsBatch() const { return _isBatch; }
    /// Writes everything pending and empties the window.
    void EndBatch();
@@ -62,6 +64,7 @@ private:
    std::unique_ptr<std::byte[]> _bytes;
    std::vector<std::byte> _heads; ///< of the rows, as the file has them
    bool _isBatch = false;
+   uint64_t _walkEnd = UINT64_MAX; ///< no row from here on is read ahead
    uint64_t _firstRow = 0;
    uint64_t _rowCount = 0;
    uint64_t _dirtyFirst = 0; ///< the dirty rows, with the clean ones between them

@@ -454,8 +454,8 @@ int StatsDepotImpl::GiveUpColumnsAfter(TimeStamp ts)
       BeginGeneration();
       _journal->Sync();
    }
-   for (const auto& [id, info] : _statInfoMap) {
-      if (info->_lastTimeStamp != kUnset && info->_lastTimeStamp > ts) {
+   for (const Corvax::Ref<StatInfo>& info : _statInfoMap) {
+      if (info && info->_lastTimeStamp != kUnset && info->_lastTimeStamp > ts) {
          info->_lastTimeStamp = info->_lastVal = kUnset;
       }
    }

@@ -22,7 +22,7 @@ void StatsDepotImpl::ForgetStat(const std::string& entityId, const std::string& 
       _entityMap.erase(entity);
    }
    for (const StatId id : info._statIds) {
-      _statInfoMap.erase(id);
+      _statInfoMap[id] = nullptr;
       _slotUsageMap->MarkSlotFree(static_cast<int>(id));
    }
 }

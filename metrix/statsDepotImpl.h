@@ -97,10 +97,6 @@ public:
 private:
    using StatMap = std::unordered_map<std::string, Corvax::Ref<StatInfo>>;
 
-   struct StatIdHash {
-      size_t operator()(StatId id) const { return static_cast<uint32_t>(id); }
-   };
-
    struct StatName {
       std::string entityId;
       std::string statName;
@@ -301,7 +297,8 @@ private:
    IdMapFile _idMapFile;
    Corvax::Ref<IntervalTable> _intervalTable;
    std::unordered_map<std::string, std::unique_ptr<StatMap>> _entityMap;
-   std::unordered_map<StatId, Corvax::Ref<StatInfo>, StatIdHash> _statInfoMap;
+   /// By id, null for free ones: ids are dense, so they are their own hashes.
+   std::vector<Corvax::Ref<StatInfo>> _statInfoMap;
    Corvax::Ref<SlotUsageMap> _slotUsageMap;
    /// When the next propagation is due; unset until the first sample after Create or Load.
    TimeStamp _nextUpdateTime = kUnset;

@@ -135,6 +135,12 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
 {
    const bool finestSource = &fine == _intervalTable->GetIntervalAt(0);
    StatsStore& store = coarse.GetStore();
+   Corvax::Ref<StatInfo> info;
+   const bool isKnown = GetStatInfo(id, info);
+   // Only raw series are in the finest store. Id 0 adds the columns, whatever it is.
+   if (finestSource && isKnown && info->_rawId != id && id != 0) {
+      return;
+   }
    for (uint64_t i = 0; i < periods.count; ++i) {
       const TimeStamp begin = periods.begin + i * periods.step;
       const TimeStamp end = periods.end + i * periods.step;
@@ -147,8 +153,7 @@ void StatsDepotImpl::PropagateStat(StatId id, const Interval& coarse, const Inte
          }
          continue;
       }
-      Corvax::Ref<StatInfo> info;
-      if (!GetStatInfo(id, info)) {
+      if (!isKnown) {
          _logger->Log(kLogError, "No statInfo for %1 #validSamples = %2", id, validCount);
          return;
       }

@@ -206,6 +206,11 @@ void StatsDepotImpl::AttachHeads(bool asLargeAsPossible)
          // What is rolled up after a pause are the finest interval's samples, at most.
          columns = std::max(columns, finestSpanSec / period + kSpareColumns);
       }
+      if (i + 1 < _intervalTable->GetNumIntervals()) {
+         // Rolling up takes a period that ended up to a period ago, from memory.
+         const uint64_t coarse = _intervalTable->GetIntervalAt(i + 1)->GetPeriod();
+         columns = std::max(columns, 2 * coarse / period + 1);
+      }
       const uint64_t inRing = interval._numSamples > 2 ? interval._numSamples - 2 : 1;
       const uint64_t limit = std::min<uint64_t>(StoreHead::kMaxColumns, inRing);
       columns = asLargeAsPossible ? limit : std::min(columns, limit);

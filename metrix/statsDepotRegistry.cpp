@@ -75,11 +75,10 @@ bool StatsDepotImpl::GetStatInfo(const std::string& entityId, const std::string&
 
 bool StatsDepotImpl::GetStatInfo(StatId id, Corvax::Ref<StatInfo>& info) const
 {
-   const auto found = _statInfoMap.find(id);
-   if (found == _statInfoMap.end()) {
+   if (id >= _statInfoMap.size() || !_statInfoMap[id]) {
       return false;
    }
-   info = found->second;
+   info = _statInfoMap[id];
    return true;
 }
 
@@ -322,6 +321,9 @@ bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string
    const Corvax::Ref<StatInfo>& info = stat->second;
    if (!info->AddStatId(id, rollup)) {
       return false;
+   }
+   if (id >= _statInfoMap.size()) {
+      _statInfoMap.resize(static_cast<size_t>(id) + 1);
    }
    _statInfoMap[id] = info;
    _slotUsageMap->MarkSlotUsed(static_cast<int>(id));

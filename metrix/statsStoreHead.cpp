@@ -14,6 +14,9 @@ using StoreFormat::StatVector;
 
 namespace {
 
+/// From here on copying a row costs more than two writes of a few bytes.
+constexpr size_t kLongRowBytes = 4096;
+
 /// Rows that are reserved at a time, because each step is a system call.
 constexpr uint64_t kReserveStep = 256;
 
@@ -233,13 +236,13 @@ TimeStamp StatsStoreImpl::GetSettledStamp()
    return previous == kUnset || previous > _headerStamp ? 0 : previous;
 }
 
-/// Most rows only get a few samples more, which are written without reading the row. The others are
-/// read and written whole, first and together: the window must not write older copies of the rest.
+/// Rows are read and written whole, many together. Where they are long, those that only get a few
+/// samples more are extended, after the others: the window must not write older copies of them.
 StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, TimeStamp newestStamp)
 {
    LayDownResult result;
    const bool wasBatch = _rows->IsBatch();
-   _rows->BeginBatch();
+   _rows->BeginWalk(end);
    _extensions.clear();
    bool isDone = TryLayDown(first, end, newestStamp, result);
    try {
@@ -279,7 +282,7 @@ bool StatsStoreImpl::TryLayDown(StatId first, StatId end, TimeStamp newestStamp,
       if (!_head->IsPending(id, newestStamp)) {
          continue;
       }
-      if (_head->GetExtension(id, newestStamp, extension)) {
+      if (_rowSize > kLongRowBytes && _head->GetExtension(id, newestStamp, extension)) {
          _extensions.push_back(id);
          continue;
       }
