@@ -43,8 +43,10 @@ void Journal::Continue(const JournalReader& found)
 void Journal::Encode(JournalFormat::RecordKind kind, std::span<const std::byte> payload,
                      uint64_t generation)
 {
-   JournalFormat::EncodeRecord({generation, ++_encodedSequence, _syncedSequence, kind, payload},
-                               _buffer);
+   const uint64_t synced = _syncedSequence;
+   JournalFormat::EncodeRecord(
+      {generation, ++_encodedSequence, synced > _generationStart ? synced : 0, kind, payload},
+      _buffer);
 }
 
 /// Creates the file unless this process has done so. One that failed to sync is created anew: its
@@ -85,6 +87,7 @@ void Journal::BeginGeneration(const std::vector<JournalFormat::StoreShape>& stor
    OpenFile(index);
    _buffer.clear();
    _encodedSequence = _sequence;
+   _generationStart = _sequence;
    Encode(JournalFormat::RECORD_HEADER, JournalFormat::EncodeHeader(stores), generation);
    for (const auto part : snapshot.GetParts()) {
       Encode(JournalFormat::RECORD_SNAPSHOT, part, generation);

@@ -69,6 +69,7 @@ private:
    uint64_t _generation = 0;
    std::atomic<uint64_t> _sequence = 0;
    std::atomic<uint64_t> _syncedSequence = 0;
+   uint64_t _generationStart = 0;  ///< last sequence before the generation
    uint64_t _end = 0;              ///< offset of the next record
    uint64_t _snapshotEnd = 0;      ///< offset behind the snapshot
    uint64_t _maxCommitsBytes = 0;  ///< of all commits until the next generation

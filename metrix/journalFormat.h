@@ -39,7 +39,7 @@ enum RecordKind : uint32_t {
 struct Record {
    uint64_t generation = 0;
    uint64_t sequence = 0;      ///< grows by one from record to record
-   uint64_t syncedThrough = 0; ///< the last sequence that was known to be synced
+   uint64_t syncedThrough = 0; ///< last sequence of the generation known to be synced; 0: none
    RecordKind kind = RECORD_HEADER;
    std::span<const std::byte> payload;
 };

@@ -13,7 +13,7 @@ struct JournalReader::Found {
    std::string detail;
    bool hasSnapshot = false;
    uint64_t generation = 0;
-   uint64_t lostGeneration = 0; ///< newest one with commits that cannot be reached
+   uint64_t lostGeneration = 0; ///< newest one that was synced and cannot be read
    uint64_t lastSequence = 0;
    std::vector<JournalFormat::StoreShape> stores;
    std::vector<std::span<const std::byte>> payloads;
@@ -48,16 +48,14 @@ bool WasSynced(std::span<const std::byte> behindGap, uint64_t generation, uint64
    return false;
 }
 
-/// The newest generation of which there is a record that only follows a whole snapshot.
+/// The newest generation whose snapshot is known to have been synced.
 uint64_t FindLostGeneration(std::span<const std::byte> bytes)
 {
    uint64_t newest = 0;
    for (size_t pos = 0; pos < bytes.size(); pos += JournalFormat::kAlignment) {
       Record record;
       if (JournalFormat::PeekGeneration(bytes.subspan(pos)) > newest &&
-          JournalFormat::DecodeRecord(bytes.subspan(pos), record) > 0 &&
-          (record.kind == JournalFormat::RECORD_SNAPSHOT_END ||
-           record.kind == JournalFormat::RECORD_COMMIT)) {
+          JournalFormat::DecodeRecord(bytes.subspan(pos), record) > 0 && record.syncedThrough > 0) {
          newest = record.generation;
       }
    }
