@@ -67,8 +67,8 @@ void StatsStoreImpl::Load(uint32_t access)
       ThrowDamaged("Invalid header in StatsStore " + _fileName);
    }
    SetShape(samplingPeriod, numSamples);
-   _fileSize = size;
    const uint64_t rows = (size - _statVectorPos) / _rowSize;
+   _fileSize = _statVectorPos + rows * _rowSize;
    _numStats = static_cast<uint32_t>(std::min<uint64_t>(rows, UINT32_MAX));
    if ((size - _statVectorPos) % _rowSize != 0) {
       _logger->Log(Corvax::kLogWarning,

@@ -267,7 +267,8 @@ StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, Time
    if (wasBatch) {
       _rows->BeginBatch();
    }
-   _fileSize = std::max(_fileSize, _storeHandle->GetSize());
+   const uint64_t rowBytes = _storeHandle->GetSize() - _statVectorPos;
+   _fileSize = std::max(_fileSize, _statVectorPos + rowBytes - rowBytes % _rowSize);
    return result;
 }
 

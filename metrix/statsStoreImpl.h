@@ -116,7 +116,7 @@ private:
    std::vector<StatId> _extensions;     ///< LayDown's rows that only get more samples
    std::vector<std::byte> _composed;    ///< ComposeRow's result
    uint64_t _reservedRows = 0;
-   uint64_t _fileSize = 0; ///< that the file had at least
+   uint64_t _fileSize = 0; ///< that the file had at least, without an incomplete row
    uint64_t _lostSamples = 0;
 };
 
