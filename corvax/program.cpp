@@ -16,4 +16,14 @@ std::string GetInstallPrefix()
    return program.parent_path().parent_path().string();
 }
 
+std::string GetAbsolutePath(const std::string& path)
+{
+   std::error_code error;
+   const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+   if (error) {
+      throw PlatformException("find the absolute path of " + path, error.value());
+   }
+   return absolute.lexically_normal().string();
+}
+
 } // namespace Corvax
