@@ -129,6 +129,10 @@ room(agentd SEES console managementApi http linuxHost simHost inventory ${servic
    TAKES files polling processes commandLine)
 room(qsh SEES qsh/framework console corvax TAKES processes terminal lineEditing commandLine)
 room(agentctl SEES console corvax TAKES polling threads processes terminal json httplib commandLine)
+# The depot's files, and nothing of the plug-in above them.
+room(depotTool SEES metrix/idMapFile metrix/idMapFormat metrix/littleEndian metrix/rollupFunctions
+   metrix/rowWindow metrix/statTypes metrix/statsDepot metrix/storeFormat console corvax
+   TAKES processes json commandLine)
 
 # Tests and measurements see what they exercise; they may take any system header.
 set(system files sockets polling locks threads processes modules time terminal)
@@ -144,6 +148,7 @@ room(tests/http SEES http ${fakes} TAKES ${system} gtest zlib)
 room(tests/managementApi SEES managementApi http metrix/* ${fakes} TAKES ${system} gtest httplib)
 room(tests/console SEES console ${fakes} TAKES ${system} gtest)
 room(tests/agentctl SEES agentctl ${fakes} TAKES ${system} gtest httplib)
+room(tests/depotTool SEES depotTool metrix/* ${fakes} TAKES ${system} gtest json)
 room(tests/qsh SEES qsh/framework ${fakes} TAKES ${system} gtest)
 room(bench SEES metrix/* simHost linuxHost linuxHost/kernel inventory ${services} ${interfaces}
    TAKES ${system} benchmark)
