@@ -25,7 +25,7 @@ public:
    /// Creates the file, or empties it if it exists.
    void Create(const std::string& path);
    /// The file must exist.
-   void Open(const std::string& path, bool readOnly);
+   void Open(const std::string& path, bool readOnly = false);
 
    uint64_t GetSizeBytes() { return _idMapFileHandle->GetSize(); }
 
