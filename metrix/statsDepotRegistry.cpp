@@ -319,11 +319,11 @@ bool StatsDepotImpl::AddIdMapping(const std::string& entityId, const std::string
       stat->second->_statName = &stat->first;
    }
    const Corvax::Ref<StatInfo>& info = stat->second;
+   if (id >= _statInfoMap.size()) {
+      _statInfoMap.resize(static_cast<size_t>(id) + 1); // before the stat has the id
+   }
    if (!info->AddStatId(id, rollup)) {
       return false;
-   }
-   if (id >= _statInfoMap.size()) {
-      _statInfoMap.resize(static_cast<size_t>(id) + 1);
    }
    _statInfoMap[id] = info;
    _slotUsageMap->MarkSlotUsed(static_cast<int>(id));

@@ -51,10 +51,11 @@ const std::vector<StatsDepot::RollupType> kRollups = {
 /// A depot with one interval and stats of three rollups each.
 class DepotCostTest : public testing::Test {
 protected:
-   void Build(int periodSec, int stats = kStats, unsigned columns = 0)
+   void Build(int periodSec, int stats = kStats, unsigned columns = 0,
+              const Metrix::JournalOptions& options = {})
    {
       _periodSec = static_cast<TimeStamp>(periodSec);
-      Metrix::GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 10, _depot);
+      Metrix::GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 10, _depot, options);
       _depot->Create();
       _depot->AddInterval("RealTime", periodSec,
                           columns > 0 ? columns : 3600U / static_cast<unsigned>(periodSec));
@@ -130,9 +131,24 @@ TEST_F(DepotCostTest, LockedDepotReadsAndWritesRowsInRanges)
    Collect();
    ResetCounts();
    Collect();
-   EXPECT_LE(_files.calls, 25);
-   EXPECT_LE(_files.bytes / kStats, 2 * 4 * 1452 + 100);
+   // Each range is read once and written twice: rows across pages get their heads last.
+   EXPECT_LE(_files.calls, 35);
+   EXPECT_LE(_files.bytes / kStats, 3 * 4 * 1452 + 100);
    EXPECT_LE(allocations, 10);
+   ExpectInFiles();
+}
+
+TEST_F(DepotCostTest, JournaledDepotWritesAFifteenthOfTheRows)
+{
+   Build(20, kStats, 0, {300, 1});
+   for (int run = 0; run < 20; ++run) {
+      Collect();
+   }
+   ResetCounts();
+   Collect();
+   EXPECT_LE(_files.calls, 8);
+   EXPECT_LE(_files.bytes / kStats, 2 * 4 * 1452 / 15 + 20);
+   EXPECT_LE(allocations, 60) << "none a sample";
    ExpectInFiles();
 }
 
@@ -142,7 +158,8 @@ TEST_F(DepotCostTest, UnlockedDepotReadsAndWritesEachRowAtOnce)
    Collect();
    ResetCounts();
    AddSamples();
-   EXPECT_EQ(_files.calls, 2 * kStats + 1) << "a read and a write per row, and one column stamp";
+   EXPECT_GE(_files.calls, 2 * kStats + 1) << "a read and a write per row, and one column stamp";
+   EXPECT_LE(_files.calls, 3 * kStats) << "and a write more if the row lies across pages";
    ExpectInFiles();
 }
 
