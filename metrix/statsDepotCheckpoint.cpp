@@ -174,12 +174,12 @@ void StatsDepotImpl::Maintain()
    ReportTrouble(step.trouble);
 }
 
-/// The journal, if it has to be synced now.
+/// The journal, if it has to be synced now. One that failed is not: a new generation follows it.
 std::shared_ptr<Journal> StatsDepotImpl::GetJournalToSync()
 {
    const PlainLock lock(*this);
    const bool isDue = IsSyncDue();
-   return isDue || IsStepDue() ? _journal : nullptr;
+   return (isDue || IsStepDue()) && _journal->IsOpen() ? _journal : nullptr;
 }
 
 bool StatsDepotImpl::IsStepDue() const
