@@ -58,6 +58,7 @@ void Journal::OpenFile(size_t index)
    }
    Corvax::SystemFactory& factory = Corvax::System::GetFactory();
    const std::string fileName = GetJournalFileName(_prefix, index);
+   _files[index] = nullptr; // first: a file that is not at its path looks like one replaced
    factory.Remove(fileName);
    auto file = factory.NewFileHandle();
    file->Open(fileName, Corvax::FILE_READ_WRITE, Corvax::FileCreation::CREATE_ALWAYS);
