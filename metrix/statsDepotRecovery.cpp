@@ -313,12 +313,16 @@ void StatsDepotImpl::StartJournal()
    }
 }
 
-/// A journal that continues the generations of the files that are there.
+/// A journal that continues the generations of the files that are there. Without knowing them it
+/// could begin one over the newest, or one that the files' next reader takes for older.
 void StatsDepotImpl::OpenJournal()
 {
-   _journal = std::make_shared<Journal>(_depotDir, _depotName);
    JournalReader reader;
    reader.Read(GetPrefix());
+   if (reader.GetState() == JournalReader::State::UNREADABLE) {
+      throw Corvax::Exception("The journal cannot be continued: " + reader.GetDetail());
+   }
+   _journal = std::make_shared<Journal>(_depotDir, _depotName);
    _journal->Continue(reader);
 }
 
