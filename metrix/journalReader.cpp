@@ -3,6 +3,8 @@
 #include "corvax/exception.h"
 #include "corvax/system.h"
 
+#include <cerrno>
+
 namespace Metrix {
 
 using JournalFormat::Record;
@@ -119,6 +121,9 @@ void JournalReader::Read(const std::string& prefix)
          _bytes[i] = ReadFile(fileName);
          found[i] = Scan(fileName, _bytes[i]);
       } catch (const Corvax::PlatformException& e) {
+         if (e.GetErrorNumber() != EIO) {
+            throw; // a passing failure must not cost the samples
+         }
          found[i].state = State::UNREADABLE;
          found[i].detail = e.GetMessage();
       }

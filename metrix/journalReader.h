@@ -25,10 +25,11 @@ public:
       WHOLE,      ///< everything that was written is there
       TORN,       ///< the last write was cut short, as a crash does it
       DAMAGED,    ///< records are missing that had been synced
-      UNREADABLE, ///< the file system fails, or the header is of another version
+      UNREADABLE, ///< the disk fails, or the header is of another version
    };
 
    /// Reads the files; only reads. A file that is missing is as one without records.
+   /// PlatformException if a file cannot be read for a reason other than a failure of the disk.
    void Read(const std::string& prefix);
 
    State GetState() const { return _state; }
