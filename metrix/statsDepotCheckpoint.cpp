@@ -266,8 +266,9 @@ void StatsDepotImpl::LayDownIds(Step& step, size_t limit)
 {
    std::vector<IdMapFile::Entry> used;
    std::vector<StatId> freed;
+   decltype(step.ids) ids;
    for (const auto& [id, change] : _pendingIds) {
-      if (step.ids.size() == limit) {
+      if (ids.size() == limit) {
          break;
       }
       Corvax::Ref<StatInfo> info;
@@ -278,10 +279,11 @@ void StatsDepotImpl::LayDownIds(Step& step, size_t limit)
       } else {
          freed.push_back(id);
       }
-      step.ids[id] = change;
+      ids[id] = change;
    }
    _idMapFile.WriteRecords(used);
    _idMapFile.ClearRecords(freed);
+   step.ids = std::move(ids); // only now: those of a failed write stay pending
 }
 
 /// Without the lock: waiting for the disk must not make others wait.
