@@ -130,8 +130,9 @@ room(agentd SEES console managementApi http linuxHost simHost inventory ${servic
 room(qsh SEES qsh/framework console corvax TAKES processes terminal lineEditing commandLine)
 room(agentctl SEES console corvax TAKES polling threads processes terminal json httplib commandLine)
 # The depot's files, and nothing of the plug-in above them.
-room(depotTool SEES metrix/idMapFile metrix/idMapFormat metrix/littleEndian metrix/rollupFunctions
-   metrix/rowWindow metrix/statTypes metrix/statsDepot metrix/storeFormat console corvax
+room(depotTool SEES metrix/columnRing metrix/idMapFile metrix/idMapFormat metrix/journalEntries
+   metrix/journalReader metrix/littleEndian metrix/rollupFunctions metrix/rowWindow metrix/statTypes
+   metrix/statsDepot metrix/statsStore metrix/storeFormat metrix/storeHead console corvax
    TAKES processes json commandLine)
 
 # Tests and measurements see what they exercise; they may take any system header.

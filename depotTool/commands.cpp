@@ -95,8 +95,19 @@ void RepairCopy(const Options& options, const DepotPaths& depot, const DepotPath
    }
 }
 
+/// Another program's journal may rely on what seems wrong without it.
+void RefuseUnknownJournal(const DepotPaths& depot)
+{
+   Metrix::JournalReader journal;
+   journal.Read(depot.dir + depot.name);
+   if (journal.GetState() == Metrix::JournalReader::State::UNREADABLE) {
+      throw Corvax::Exception(journal.GetDetail() + ": use a program that knows it");
+   }
+}
+
 int RunRepair(const Options& options, const DepotPaths& depot, std::ostream& out)
 {
+   RefuseUnknownJournal(depot);
    Corvax::SystemFactory& files = Corvax::System::GetFactory();
    const DepotPaths target = options.inPlace ? depot : MakePaths(options.toDir, options.name);
    if (!files.Exists(target.dir)) {
@@ -164,7 +175,7 @@ int ShowContents(const Options& options, const DepotPaths& depot, std::ostream& 
    } else if (options.command == Command::EXPORT) {
       ExportOpenMetrics(image, options.intervalName, output);
    } else {
-      const DepotInfo info = GetInfo(image, copy.GetPaths());
+      const DepotInfo info = GetInfo(image, depot);
       output << (options.json ? ToJson(info) : ToText(info, depot));
       output.Flush();
    }

@@ -26,7 +26,8 @@ std::vector<std::string> ListFiles(const DepotPaths& depot)
    for (const int32_t periodSec : depot.FindStores()) {
       files.push_back(depot.GetStore(periodSec));
    }
-   for (const std::string& path : {depot.GetIdMap(), depot.GetDescription()}) {
+   for (const std::string& path :
+        {depot.GetIdMap(), depot.GetDescription(), depot.GetJournal(0), depot.GetJournal(1)}) {
       if (Corvax::System::GetFactory().Exists(path)) {
          files.push_back(path);
       }
@@ -78,13 +79,35 @@ bool HaveSameBytes(const std::string& path, const std::string& other)
    }
 }
 
-/// False if a file changed meanwhile. Each file that is the same before and after was not changed
-/// between the end of copying and the start of comparing: so all copies are of that moment.
+/// How far the journal is; generation 0 if there is none.
+struct JournalMark {
+   uint64_t generation = 0;
+   uint64_t sequence = 0;
+
+   bool operator==(const JournalMark&) const = default;
+};
+
+JournalMark GetMark(const DepotPaths& depot)
+{
+   Metrix::JournalReader reader;
+   reader.Read(depot.dir + depot.name);
+   return {reader.GetGeneration(), reader.GetLastSequence()};
+}
+
+/// False if the depot changed meanwhile.
+///
+/// With a journal, rows may be laid down while they are copied: the journal still has them as long
+/// as it has not got further. Without one, each file that is the same before and after was not
+/// changed between the end of copying and the start of comparing: so all copies are of that moment.
 bool TryCopy(const DepotPaths& from, const DepotPaths& to)
 {
+   const JournalMark mark = GetMark(from);
    const std::vector<std::string> files = ListFiles(from);
    for (const std::string& file : files) {
       CopyFile(from.dir + file, to.dir + file);
+   }
+   if (mark.generation != 0) {
+      return files == ListFiles(from) && GetMark(to) == mark;
    }
    return files == ListFiles(from) && std::ranges::all_of(files, [&](const std::string& file) {
              return HaveSameBytes(from.dir + file, to.dir + file);

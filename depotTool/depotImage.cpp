@@ -4,6 +4,7 @@
 #include "corvax/format.h"
 #include "corvax/system.h"
 #include "depotTool/description.h"
+#include "depotTool/journalRedo.h"
 #include "depotTool/storeMending.h"
 
 #include <algorithm>
@@ -59,7 +60,12 @@ DepotImage::DepotImage(const Mending& mending)
    }
    std::vector<IntervalEntry> described = ExamineDescription(mending);
    for (IntervalEntry& entry : described) {
-      auto store = MendStore(mending, entry);
+      MendStoreHeader(mending, entry);
+   }
+   MendIdMapFile(mending);
+   _isComplete = RedoJournal(mending, described);
+   for (IntervalEntry& entry : described) {
+      auto store = OpenStore(mending, entry);
       _intervals.push_back({entry.name, entry.periodSec, std::move(store)});
       entry.storePath = mending.home.GetStore(entry.periodSec);
    }

@@ -16,8 +16,8 @@ struct IntervalImage {
    std::unique_ptr<StoreImage> store;
 };
 
-/// A depot's files, read without the depot. Opening mends description, stores and id map; the rows
-/// stay as they are.
+/// A depot's files, read without the depot. Opening mends description, stores and id map, and lays
+/// the journal down; otherwise the rows stay as they are.
 class DepotImage {
 public:
    /// Exception if there is no depot, or neither its description nor a store can be used.
@@ -25,6 +25,8 @@ public:
 
    const std::vector<IntervalImage>& GetIntervals() const { return _intervals; } ///< finest first
    const StatTable& GetStats() const { return _stats; }
+   /// False if newer samples are in a journal that this program cannot read.
+   bool IsComplete() const { return _isComplete; }
 
    /// Frees rows of no stat, mends the stamps and flags of the others, and adds missing rollups.
    void MendRows(const Mending& mending);
@@ -36,6 +38,7 @@ private:
 
    std::vector<IntervalImage> _intervals;
    StatTable _stats;
+   bool _isComplete = true;
    std::vector<bool> _hasRow; ///< by id, after MendRowsOf
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "metrix/journalReader.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -16,6 +18,11 @@ struct DepotPaths {
    std::string GetStore(int64_t periodSec) const
    {
       return dir + name + "-" + std::to_string(periodSec) + ".stats";
+   }
+   /// One of the journal's files.
+   std::string GetJournal(size_t index) const
+   {
+      return Metrix::GetJournalFileName(dir + name, index);
    }
    std::string GetLock() const { return dir + name + ".lock"; }
 

@@ -48,17 +48,22 @@ nlohmann::json ToJsonTime(TimeStamp stamp)
    return stamp == kUnset ? nlohmann::json(nullptr) : nlohmann::json(stamp);
 }
 
-} // namespace
-
-DepotInfo GetInfo(const DepotImage& depot, const DepotPaths& files)
+uint64_t GetSize(const std::string& path)
 {
    Corvax::SystemFactory& factory = Corvax::System::GetFactory();
+   return factory.Exists(path) ? factory.GetFileSize(path) : 0;
+}
+
+} // namespace
+
+DepotInfo GetInfo(const DepotImage& depot, const DepotPaths& original)
+{
    DepotInfo info;
    const StatTable& stats = depot.GetStats();
-   const uint64_t fixedBytes =
-      factory.GetFileSize(files.GetIdMap()) + factory.GetFileSize(files.GetDescription());
-   info.bytes = fixedBytes;
-   info.fullBytes = fixedBytes;
+   info.journalBytes = GetSize(original.GetJournal(0)) + GetSize(original.GetJournal(1));
+   info.bytes = GetSize(original.GetDescription()) + GetSize(original.GetIdMap()) + //
+                info.journalBytes;
+   info.fullBytes = info.bytes;
    for (const auto& [name, periodSec, store] : depot.GetIntervals()) {
       const std::vector<Column>& columns = store->GetColumns();
       info.intervals.push_back({name, periodSec, store->GetNumSamples(), columns.size(),
@@ -83,8 +88,9 @@ std::string ToText(const DepotInfo& info, const DepotPaths& depot)
 {
    std::string text = Format("depot %1 in %2\n", Printable(depot.name), Printable(depot.dir));
    text += Format("stats: %1 of %2 entities, %3 series\n", info.stats, info.entities, info.series);
-   text += Format("size: %1, and %2 once each series has a row in every store\n",
-                  ToSize(info.bytes), ToSize(info.fullBytes));
+   text +=
+      Format("size: %1, of which the journal %2; %3 once each series has a row in every store\n",
+             ToSize(info.bytes), ToSize(info.journalBytes), ToSize(info.fullBytes));
    for (const DepotInfo::Interval& interval : info.intervals) {
       text += Format("interval %1: every %2 s, %3 columns, that is %4; %5 in use\n",
                      Printable(interval.name), interval.periodSec, interval.columns,
@@ -109,9 +115,10 @@ std::string ToJson(const DepotInfo& info)
                            {"bytes", interval.bytes},
                            {"fullBytes", interval.fullBytes}});
    }
-   const nlohmann::json document = {{"intervals", intervals}, {"entities", info.entities},
-                                    {"stats", info.stats},    {"series", info.series},
-                                    {"bytes", info.bytes},    {"fullBytes", info.fullBytes}};
+   const nlohmann::json document = {
+      {"intervals", intervals},     {"entities", info.entities},         {"stats", info.stats},
+      {"series", info.series},      {"journalBytes", info.journalBytes}, {"bytes", info.bytes},
+      {"fullBytes", info.fullBytes}};
    return document.dump(2) + "\n";
 }
 

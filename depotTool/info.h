@@ -25,11 +25,13 @@ struct DepotInfo {
    uint64_t entities = 0;
    uint64_t stats = 0;
    uint64_t series = 0;
+   uint64_t journalBytes = 0;
    uint64_t bytes = 0; ///< of all files
    uint64_t fullBytes = 0;
 };
 
-DepotInfo GetInfo(const DepotImage& depot, const DepotPaths& files);
+/// `original` are the files of which `depot` may be a copy.
+DepotInfo GetInfo(const DepotImage& depot, const DepotPaths& original);
 
 std::string ToText(const DepotInfo& info, const DepotPaths& depot);
 std::string ToJson(const DepotInfo& info);

@@ -31,6 +31,15 @@ struct Mending {
          {Severity::NOTE, kind, GetOriginOf(path), "", std::move(what), std::move(advice), false});
    }
 
+   /// The text with the paths of `files` turned into those of `origin`.
+   std::string ToOrigin(std::string text) const
+   {
+      for (size_t pos = text.find(files.dir); pos != std::string::npos;
+           pos = text.find(files.dir, pos + origin.dir.size())) {
+         text.replace(pos, files.dir.size(), origin.dir);
+      }
+      return text;
+   }
    std::string GetOriginOf(std::string_view path) const
    {
       return origin.dir + std::string(path.substr(files.dir.size()));

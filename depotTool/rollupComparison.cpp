@@ -128,6 +128,9 @@ private:
 
 void CompareRollups(const Mending& mending, const DepotImage& depot, bool recompute)
 {
+   if (!depot.IsComplete()) {
+      return; // each interval lacks others of its newest samples
+   }
    // In the order of ids, in which the rows are read in ranges.
    std::vector<const Stat*> stats;
    for (const Stat& stat : depot.GetStats().GetStats()) {

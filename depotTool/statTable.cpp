@@ -125,16 +125,10 @@ private:
    StatMap _stats;
 };
 
-/// Cuts an incomplete record off; creates a missing file. Returns the number of records.
+/// Cuts an incomplete record off. Returns the number of records.
 uint64_t MendSize(const Mending& mending)
 {
    const std::string path = mending.files.GetIdMap();
-   if (!Corvax::System::GetFactory().Exists(path)) {
-      mending.AddFault("idMap.missing", path, "",
-                       "the file is missing: no row of the stores can be told from another",
-                       "an empty one is created, and all rows are freed");
-      IdMapFile().Create(path);
-   }
    const auto file = Corvax::System::GetFactory().NewFileHandle();
    file->Open(path, Corvax::FILE_READ_WRITE, Corvax::FileCreation::OPEN_EXISTING);
    const uint64_t size = file->GetSize();
@@ -164,11 +158,22 @@ bool HasRollup(const Stat& stat, int32_t rollup)
 
 } // namespace
 
+void MendIdMapFile(const Mending& mending)
+{
+   const std::string path = mending.files.GetIdMap();
+   if (!Corvax::System::GetFactory().Exists(path)) {
+      mending.AddFault("idMap.missing", path, "",
+                       "the file is missing: no row of the stores can be told from another",
+                       "an empty one is created, and all rows are freed");
+      IdMapFile().Create(path);
+   }
+}
+
 void StatTable::Load(const Mending& mending)
 {
    const uint64_t records = MendSize(mending);
    IdMapFile file;
-   file.Open(mending.files.GetIdMap());
+   file.Open(mending.files.GetIdMap(), false);
    RecordReader reader(mending);
    file.ReadRecords(records,
                     [&reader](StatId id, const Record& record) { reader.Add(id, record); });
@@ -241,7 +246,7 @@ void StatTable::AddMissingRollups(const Mending& mending)
       return;
    }
    IdMapFile file;
-   file.Open(mending.files.GetIdMap());
+   file.Open(mending.files.GetIdMap(), false);
    file.WriteRecords(added);
    file.Sync();
    Index(std::max<uint64_t>(_owners.size(), added.back().id + 1));

@@ -53,6 +53,9 @@ struct Stat {
    std::string GetName() const { return statName + " of " + entityId; }
 };
 
+/// Creates the id map, empty, if it is missing.
+void MendIdMapFile(const Mending& mending);
+
 /// The stats of an id map.
 class StatTable {
 public:
@@ -63,7 +66,7 @@ public:
    uint64_t GetRecordCount() const { return _owners.size(); }
 
    /// Reads the id map and clears what no depot can use: damaged records, duplicates, and stats
-   /// without a raw series. Creates it, empty, if it is missing.
+   /// without a raw series.
    void Load(const Mending& mending);
 
    /// Adds records for rollups that a stat lacks although most stats of its name have them. The

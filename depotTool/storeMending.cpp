@@ -128,7 +128,7 @@ void RewriteStore(const std::string& path, const IntervalEntry& interval, StoreI
 
 } // namespace
 
-std::unique_ptr<StoreImage> MendStore(const Mending& mending, IntervalEntry& interval)
+void MendStoreHeader(const Mending& mending, IntervalEntry& interval)
 {
    Corvax::SystemFactory& factory = Corvax::System::GetFactory();
    const std::string path = mending.files.GetStore(interval.periodSec);
@@ -140,11 +140,16 @@ std::unique_ptr<StoreImage> MendStore(const Mending& mending, IntervalEntry& int
       mending.AddFault("store.unusable", path, "",
                        Format("the file cannot be a store of %1 columns of %2 s",
                               interval.numSamples, interval.periodSec),
-                       Format("it is renamed to %1.damaged, and an empty store is created",
+                       Format("it is renamed to %1.aside, and an empty store is created",
                               mending.GetOriginOf(path)));
-      factory.Rename(path, path + ".damaged");
+      factory.Rename(path, path + ".aside");
       CreateEmptyStore(path, interval);
    }
+}
+
+std::unique_ptr<StoreImage> OpenStore(const Mending& mending, const IntervalEntry& interval)
+{
+   const std::string path = mending.files.GetStore(interval.periodSec);
    const auto numSamples = static_cast<uint32_t>(interval.numSamples);
    auto store = std::make_unique<StoreImage>(path, numSamples);
    if (store->GetExcessBytes() > 0) {

@@ -1,5 +1,6 @@
 #include "depotTool/commands.h"
 #include "metrix/idMapFormat.h"
+#include "metrix/journalReader.h"
 #include "metrix/statsDepot.h"
 #include "metrix/storeFormat.h"
 #include "tests/fakes/captureLogger.h"
@@ -51,11 +52,12 @@ class DepotToolTest : public testing::Test {
 protected:
    DepotToolTest() { _clock.SetSeconds(kLast); }
 
-   /// Three stats of one name with the ids 0 to 8, and one with 9 and 10.
-   void WriteDepot(const std::string& odd = "mem-used")
+   /// Three stats of one name with the ids 0 to 8, and one with 9 and 10. Returns the open depot.
+   Corvax::Ref<StatsDepot> WriteDepot(const std::string& odd = "mem-used",
+                                      const Metrix::JournalOptions& journal = {})
    {
       Corvax::Ref<StatsDepot> depot;
-      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, depot);
+      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, depot, journal);
       depot->Create();
       depot->AddInterval("RealTime", 20, kFineSamples);
       depot->AddInterval("1min", 60, kCoarseSamples);
@@ -68,6 +70,7 @@ protected:
                                        : std::vector{ROLLUP_AVERAGE, ROLLUP_MAX});
       }
       for (TimeStamp ts = kFirst; ts <= kLast; ts += 20) {
+         const Corvax::Locker run(depot.Get());
          for (size_t i = 0; i < std::size(stats); ++i) {
             if (i != 1 || ts % 180 != 100) { // one stat has gaps, also at the end
                // Late, so that periods are filled before their last column is.
@@ -75,6 +78,7 @@ protected:
             }
          }
       }
+      return depot;
    }
 
    void Poke(const std::string& file, size_t offset, const std::string& bytes)
@@ -294,6 +298,95 @@ TEST_F(DamageTest, OfRowsIsFoundAndRepaired)
           Poke("d-60.stats", 48 + 10 * 52, std::string(4, '\0'));
        }},
    });
+}
+
+/// With a journal: most samples are in it, and in no other file.
+class JournalTest : public DepotToolTest {
+protected:
+   static constexpr Metrix::JournalOptions kJournal = {.checkpointSec = 100, .syncSec = 1};
+
+   /// Leaves the files as a crash does.
+   void WriteJournaled() { WriteDepot("mem-used", kJournal); }
+   std::string ReadJournal() { return _scratch.Read(_journal); }
+   /// Offset of the last record.
+   size_t FindLast()
+   {
+      Metrix::JournalReader reader;
+      reader.Read(_scratch.Path() + "d");
+      const auto payload = reader.GetPayloads().back();
+      _journal = "d.journal." + std::to_string(reader.GetFileIndex());
+      return ReadJournal().rfind({reinterpret_cast<const char*>(payload.data()), payload.size()}) -
+             Metrix::JournalFormat::kPayloadPos;
+   }
+
+   std::string _journal;
+};
+
+TEST_F(JournalTest, ContentsAreThoseOfADepotWithoutOne)
+{
+   WriteDepot();
+   const std::string dump = Dump();
+   const Corvax::Ref<StatsDepot> open = WriteDepot("mem-used", kJournal);
+   const auto before = ReadAll();
+   EXPECT_EQ(Dump(), dump);
+   EXPECT_EQ(Check(), "journal.pending*1");
+   EXPECT_EQ(ReadAll(), before);
+   const Scratch repaired;
+   Options options;
+   options.toDir = repaired.Path();
+   EXPECT_EQ(Run(Command::REPAIR, options), 0) << _out;
+   EXPECT_EQ(Check(repaired.Path()), "");
+   EXPECT_EQ(Dump(repaired.Path()), dump);
+}
+
+TEST_F(JournalTest, DamageIsFoundAndRepairedInPlace)
+{
+   const auto stale = [this] {
+      FindLast();
+      const std::string journal = ReadJournal();
+      Open(_scratch.Path())->AddSample("vm-2", "cpu#0", kLast + 21, 1, 0);
+      _scratch.Write(_journal, journal);
+   };
+   const std::tuple<const char*, const char*, std::function<void()>> cases[] = {
+      {"an unfinished write", "journal.pending*1 journal.torn*1",
+       [this] {
+          const size_t last = FindLast();
+          Poke(_journal, last + 4096, ReadJournal().substr(last, 100));
+       }},
+      {"a synced record", "journal.damaged*1 journal.pending*1",
+       [this] {
+          const size_t last = FindLast();
+          Poke(_journal, last - 4096 + 50, "damage");
+       }},
+      {"another version", "journal.unreadable*1",
+       [this] {
+          FindLast();
+          std::vector<std::byte> record;
+          Metrix::JournalFormat::EncodeRecord({.payload = std::as_bytes(std::span("9999"))},
+                                              record);
+          Poke(_journal, 0, {reinterpret_cast<const char*>(record.data()), record.size()});
+       }},
+      {"another program ran", "journal.unusable*1", stale},
+      {"stamp in the store", "column.stamp*1 journal.pending*1",
+       [this] { Poke("d-20.stats", Metrix::StoreFormat::TimeStampPos(1), Encode64(6280)); }},
+   };
+   for (const auto& [name, found, plant] : cases) {
+      SCOPED_TRACE(name);
+      for (const auto& [file, content] : ReadAll()) {
+         Delete(file);
+      }
+      WriteJournaled();
+      plant();
+      EXPECT_EQ(Check(), found) << _out;
+      Options options;
+      options.inPlace = true;
+      if (std::string(name) == "another version") {
+         EXPECT_THROW(Run(Command::REPAIR, options), Corvax::Exception);
+         continue;
+      }
+      EXPECT_EQ(Run(Command::REPAIR, options), 0) << _out;
+      EXPECT_EQ(_scratch.Read("d.journal.0") + _scratch.Read("d.journal.1"), "");
+   }
 }
 
 TEST_F(DepotToolTest, FindingsSayFilePlaceFaultAndRemedy)
