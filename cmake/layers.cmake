@@ -84,6 +84,7 @@ room(metrix/depotAside SEES corvax)
 room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
 foreach(part IN ITEMS Impl Registry Deletion Propagation Recovery Checkpoint)
    room(metrix/statsDepot${part} SEES metrix/statsDepotImpl metrix/statsDepot metrix/intervalTable
+      metrix/storeFormat
       metrix/statsStore metrix/journal metrix/journalReader metrix/journalEntries
       metrix/idMapFile metrix/slotUsageMap metrix/rollupFunctions corvax)
 endforeach()

@@ -95,7 +95,11 @@ void Journal::BeginGeneration(const std::vector<JournalFormat::StoreShape>& stor
    }
    Encode(JournalFormat::RECORD_SNAPSHOT_END, {}, generation);
    const uint64_t maxCommitsBytes = std::max<uint64_t>(_buffer.size(), kMinCommitsBytes);
-   Grow(index, _buffer.size() + maxCommitsBytes + 2 * _commitBytes);
+   try {
+      Grow(index, _buffer.size() + maxCommitsBytes + 2 * _commitBytes);
+   } catch (const Corvax::PlatformException&) {
+      Grow(index, _buffer.size()); // a full disk: commits may find room in what is there
+   }
    _files[index]->Seek(0);
    _files[index]->WriteAll(_buffer.data(), _buffer.size());
    _current = index;

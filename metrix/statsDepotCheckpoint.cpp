@@ -3,6 +3,7 @@
 #include "corvax/exception.h"
 #include "corvax/format.h"
 #include "corvax/system.h"
+#include "metrix/storeFormat.h"
 
 #include <algorithm>
 #include <utility>
@@ -16,6 +17,9 @@ using Corvax::kMicrosecondsPerSecond;
 
 /// Id-map records that are written in one run.
 constexpr size_t kIdsInStep = 4096;
+
+/// Rows that are laid down with the lock held once.
+constexpr uint64_t kSliceBytes = uint64_t{512} << 10;
 
 /// Rows in the way of a new column that are kept as whole rows in memory, which saves a checkpoint.
 constexpr size_t kMaxRowsInTheWay = 16;
@@ -151,10 +155,14 @@ void StatsDepotImpl::Maintain()
       if (const std::shared_ptr<Journal> journal = GetJournalToSync()) {
          journal->Sync();
       }
-      const PlainLock lock(*this);
       if (!PrepareStep(step)) {
          return;
       }
+      for (Share& share : step.shares) {
+         LayDown(share);
+      }
+      const PlainLock lock(*this);
+      LayDownIds(step, kIdsInStep);
    } catch (const std::exception& e) {
       const PlainLock lock(*this);
       ReportTrouble(e.what());
@@ -193,6 +201,7 @@ bool StatsDepotImpl::IsStepDue() const
 /// samples of columns that the header has for certain.
 bool StatsDepotImpl::PrepareStep(Step& step)
 {
+   const PlainLock lock(*this);
    if (!IsStepDue()) {
       return false;
    }
@@ -205,10 +214,6 @@ bool StatsDepotImpl::PrepareStep(Step& step)
    _isMaintaining = true;
    SyncJournal(); // others may have committed since
    PlanShares(step);
-   for (Share& share : step.shares) {
-      LayDown(share);
-   }
-   LayDownIds(step, kIdsInStep);
    return true;
 }
 
@@ -250,14 +255,27 @@ void StatsDepotImpl::PlanShares(Step& step)
    }
 }
 
+/// In slices, so that others wait for the lock a short time only.
 void StatsDepotImpl::LayDown(Share& share)
 {
    StatsStore& store = share.interval->GetStore();
-   share.result = store.LayDown(share.first, share.end, share.newestStamp);
+   const uint64_t rowBytes = StoreFormat::RowSize(store.GetNumSamples());
+   const StatId rowsInSlice = std::max<uint64_t>(kSliceBytes / rowBytes, 1);
+   const auto layDown = [&](StatId first, StatId end) {
+      const PlainLock lock(*this);
+      SyncJournal(); // others may have committed since
+      StatsStore::LayDownResult result = store.LayDown(first, end, share.newestStamp);
+      share.result.error = share.result.failed == 0 ? result.error : share.result.error;
+      share.result.failed += result.failed;
+      return result.postponed;
+   };
+   for (StatId first = share.first; first < share.end; first += rowsInSlice) {
+      const auto postponed = layDown(first, std::min(first + rowsInSlice, share.end));
+      share.result.postponed.insert(share.result.postponed.end(), postponed.begin(),
+                                    postponed.end());
+   }
    for (const StatId id : share.postponedBefore) {
-      const StatsStore::LayDownResult one = store.LayDown(id, id + 1, share.newestStamp);
-      share.result.error = share.result.failed == 0 ? one.error : share.result.error;
-      share.result.failed += one.failed;
+      layDown(id, id + 1);
    }
 }
 

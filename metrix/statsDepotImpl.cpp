@@ -175,6 +175,7 @@ void StatsDepotImpl::Lock()
 {
    LockableObjectImpl::Lock();
    if (_lockDepth++ == 0) {
+      _whyNotReady = nullptr;
       BeginBatch();
    }
 }

@@ -200,10 +200,11 @@ private:
    void PrepareChange()
    {
       if (!_isReady) {
-         MakeReady();
+         TryMakeReady();
       }
       _hasChanges = true;
    }
+   void TryMakeReady();
    void MakeReady();
    void CreatePlannedStores();
    void MendDescription();
@@ -321,8 +322,9 @@ private:
 
    std::unique_ptr<Corvax::FileLock> _writerLock;
    bool _readOnly = false;
-   bool _isReady = false;    ///< for changes
-   bool _mustReopen = false; ///< the files are not those that were opened
+   bool _isReady = false;           ///< for changes
+   std::exception_ptr _whyNotReady; ///< while the depot stays locked
+   bool _mustReopen = false;        ///< the files are not those that were opened
    bool _mustMendDescription = false;
    std::vector<StatId> _droppedIds; ///< of stats that were damaged; cleared with the first change
    std::unique_ptr<JournalReader> _found; ///< until the first change

@@ -223,6 +223,21 @@ void StatsDepotImpl::AttachHeads(bool asLargeAsPossible)
 
 // The first change.
 
+/// Once a lock: every record of a run would try it again.
+void StatsDepotImpl::TryMakeReady()
+{
+   if (_whyNotReady) {
+      std::rethrow_exception(_whyNotReady);
+   }
+   try {
+      MakeReady();
+   } catch (const Corvax::PlatformException& e) {
+      ReportTrouble(e.GetMessage());
+      _whyNotReady = IsLocked() ? std::current_exception() : nullptr;
+      throw;
+   }
+}
+
 void StatsDepotImpl::MakeReady()
 {
    Corvax::Assert(!_readOnly, "the depot was opened for writing");
