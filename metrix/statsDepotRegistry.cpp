@@ -254,6 +254,7 @@ StatsDepotImpl::StatInfo* StatsDepotImpl::FindStat(const std::string& entityId,
       StatInfo* const follower = last->_follower;
       if (*follower->_statName == statName && *follower->_entityId == entityId) {
          _lastRecorded = follower;
+         __builtin_prefetch(follower->_follower);
          return follower;
       }
    }

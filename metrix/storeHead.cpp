@@ -22,6 +22,7 @@ constexpr uint32_t kFirstSequence = 2 * StoreHead::kMaxColumns;
 
 StoreHead::StoreHead(const ColumnRing& ring, uint32_t numSamples, uint32_t columns)
    : _ring(ring), _numSamples(numSamples), _columns(columns),
+     _allSlots(UINT64_MAX >> (kMaxColumns - columns)),
      _tileBytes(sizeof(Tile) + columns * sizeof(StatVal)), _newest(kFirstSequence),
      _firstOwn(kFirstSequence + 1), _pendingInSlot(columns, 0), _replaced(columns, kUnset)
 {
@@ -69,6 +70,18 @@ uint32_t StoreHead::GetAge(int32_t column) const
    }
    const int32_t steps = latest - column;
    return static_cast<uint32_t>(steps < 0 ? steps + static_cast<int32_t>(_numSamples) : steps);
+}
+
+/// The bits of slots, moved so that the oldest column's is the lowest.
+uint64_t StoreHead::SortByAge(uint64_t slots) const
+{
+   const uint32_t oldest = Slot(GetOldest());
+   return oldest == 0 ? slots : (slots >> oldest | slots << (_columns - oldest)) & _allSlots;
+}
+
+uint32_t StoreHead::GetFirst(uint64_t slots) const
+{
+   return GetOldest() + static_cast<uint32_t>(std::countr_zero(SortByAge(slots)));
 }
 
 int32_t StoreHead::GetColumn(uint32_t sequence) const
@@ -258,22 +271,21 @@ bool StoreHead::Compose(StatId id, StatVector row, TimeStamp newestStamp) const
    }
    const auto known = _baseStamps.find(id);
    TimeStamp stamp = known == _baseStamps.end() ? row.GetTimeStamp() : known->second;
-   for (uint32_t sequence = GetOldest(); tile->pending != 0 && sequence <= _newest; ++sequence) {
-      if ((tile->pending & Bit(sequence)) == 0) {
-         continue;
-      }
-      const TimeStamp ts = GetTimeStamp(sequence);
+   ForEach(tile->pending, [&](uint32_t sequence) {
+      const int32_t column = GetColumn(sequence);
+      const TimeStamp ts = _ring.GetTimeStamp(column);
       if (ts > newestStamp) {
-         break;
+         return false;
       }
       // A file that has the cell already has a stamp that is not older.
       if (stamp < ts) {
          UnsetGap(row, sequence, stamp);
       }
-      row.SetSample(static_cast<size_t>(GetColumn(sequence)), GetValues(*tile)[Slot(sequence)]);
+      row.SetSample(static_cast<size_t>(column), GetValues(*tile)[Slot(sequence)]);
       row.SetTimeStamp(ts);
       stamp = ts;
-   }
+      return true;
+   });
    return true;
 }
 
@@ -342,12 +354,7 @@ bool StoreHead::IsPending(StatId id, TimeStamp newestStamp) const
       const auto stamp = Decode<TimeStamp>(&image[StoreFormat::kRowTimeStampPos]);
       return stamp == kUnset || stamp <= newestStamp;
    }
-   for (uint32_t sequence = GetOldest(); tile->pending != 0 && sequence <= _newest; ++sequence) {
-      if ((tile->pending & Bit(sequence)) != 0) {
-         return GetTimeStamp(sequence) <= newestStamp;
-      }
-   }
-   return false;
+   return tile->pending != 0 && GetTimeStamp(GetFirst(tile->pending)) <= newestStamp;
 }
 
 bool StoreHead::GetExtension(StatId id, TimeStamp newestStamp, Extension& extension) const
@@ -358,23 +365,24 @@ bool StoreHead::GetExtension(StatId id, TimeStamp newestStamp, Extension& extens
       return false;
    }
    extension.count = 0;
-   uint32_t count = 0; // with the samples missing behind the last pending one
-   for (uint32_t sequence = GetOldest(); sequence <= _newest; ++sequence) {
-      const bool isPending = (tile->pending & Bit(sequence)) != 0;
-      if (isPending) {
-         const int32_t column = GetColumn(sequence);
-         const TimeStamp ts = _ring.GetTimeStamp(column);
-         if (ts > newestStamp) {
-            break;
-         }
-         extension.firstColumn = count == 0 ? column : extension.firstColumn;
-         extension.stamp = ts;
-         extension.samples[count++] = GetValues(*tile)[Slot(sequence)];
-         extension.count = count;
-      } else if (count > 0) {
-         extension.samples[count++] = kUnset;
+   uint32_t first = 0;
+   ForEach(tile->pending, [&](uint32_t sequence) {
+      const int32_t column = GetColumn(sequence);
+      const TimeStamp ts = _ring.GetTimeStamp(column);
+      if (ts > newestStamp) {
+         return false;
       }
-   }
+      if (extension.count == 0) {
+         first = sequence;
+         extension.firstColumn = column;
+      }
+      while (first + extension.count < sequence) {
+         extension.samples[extension.count++] = kUnset;
+      }
+      extension.samples[extension.count++] = GetValues(*tile)[Slot(sequence)];
+      extension.stamp = ts;
+      return true;
+   });
    return extension.count > 0;
 }
 
@@ -386,10 +394,7 @@ StoreHead::Gap StoreHead::SettleBase(StatId id, const StatVector& fileRow, Journ
       return Gap::NONE;
    }
    tile->needsBaseStamp = false;
-   uint32_t first = GetOldest();
-   while ((tile->pending & Bit(first)) == 0) {
-      ++first;
-   }
+   const uint32_t first = GetFirst(tile->pending);
    const TimeStamp stamp = fileRow.GetTimeStamp();
    if (tile->base == Base::FILE && !fileRow.IsUsed()) {
       tile->base = Base::CLEARED;
@@ -428,23 +433,22 @@ TimeStamp StoreHead::MarkDurable(StatId id, TimeStamp newestStamp)
    tile->needsBaseStamp = false;
    _images.erase(id);
    _baseStamps.erase(id);
-   for (uint32_t sequence = GetOldest(); tile->pending != 0 && sequence <= _newest; ++sequence) {
-      if ((tile->pending & Bit(sequence)) == 0) {
-         continue;
-      }
+   TimeStamp base = kUnknown;
+   ForEach(tile->pending, [&](uint32_t sequence) {
       const TimeStamp ts = GetTimeStamp(sequence);
       if (ts > newestStamp) {
-         if (!HasGap(last, sequence)) {
-            return kUnknown;
+         if (HasGap(last, sequence)) {
+            base = last;
+            _baseStamps[id] = last;
          }
-         _baseStamps[id] = last;
-         return last;
+         return false;
       }
       tile->pending &= ~Bit(sequence);
       --_pendingInSlot[Slot(sequence)];
       last = ts;
-   }
-   return kUnknown;
+      return true;
+   });
+   return base;
 }
 
 void StoreHead::AddTo(JournalEntries& entries, uint32_t store) const
@@ -470,18 +474,24 @@ void StoreHead::AddRowTo(JournalEntries& entries, uint32_t store, StatId id, con
    }
    std::array<StatVal, kMaxColumns> run;
    uint32_t count = 0;
-   for (uint32_t sequence = GetOldest(); sequence <= _newest; ++sequence) {
-      if ((tile.pending & Bit(sequence)) != 0) {
-         run[count++] = GetValues(tile)[Slot(sequence)];
-      }
-      const bool goesOn = sequence < _newest && (tile.pending & Bit(sequence + 1)) != 0 &&
-                          GetColumn(sequence) + 1 == GetColumn(sequence + 1);
-      if (count > 0 && !goesOn) {
-         const auto firstColumn = static_cast<uint32_t>(GetColumn(sequence)) + 1 - count;
+   int32_t nextColumn = -1;
+   const auto endRun = [&] {
+      if (count > 0) {
+         const auto firstColumn = static_cast<uint32_t>(nextColumn) - count;
          entries.AddRowCells(store, firstColumn, id, {run.data(), count});
-         count = 0;
       }
-   }
+      count = 0;
+   };
+   ForEach(tile.pending, [&](uint32_t sequence) {
+      const int32_t column = GetColumn(sequence);
+      if (column != nextColumn) {
+         endRun();
+      }
+      run[count++] = GetValues(tile)[Slot(sequence)];
+      nextColumn = column + 1;
+      return true;
+   });
+   endRun();
 }
 
 } // namespace Metrix

@@ -6,6 +6,7 @@
 #include "metrix/storeFormat.h"
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -142,6 +143,18 @@ private:
       return _newestSlot >= age ? _newestSlot - age : _newestSlot + _columns - age;
    }
    uint64_t Bit(uint32_t sequence) const { return uint64_t{1} << Slot(sequence); }
+   uint64_t SortByAge(uint64_t slots) const;
+   /// The oldest column of some.
+   uint32_t GetFirst(uint64_t slots) const;
+   /// Calls `handle(sequence)` for each of a tile's slots, oldest first, while it returns true.
+   template <class Handle>
+   void ForEach(uint64_t slots, Handle handle) const
+   {
+      bool goesOn = true;
+      for (uint64_t left = SortByAge(slots); goesOn && left != 0; left &= left - 1) {
+         goesOn = handle(GetOldest() + static_cast<uint32_t>(std::countr_zero(left)));
+      }
+   }
    uint32_t GetAge(int32_t column) const;
    int32_t GetColumn(uint32_t sequence) const;
    TimeStamp GetTimeStamp(uint32_t sequence) const;
@@ -159,6 +172,7 @@ private:
    const ColumnRing& _ring;
    const uint32_t _numSamples;
    const uint32_t _columns;
+   const uint64_t _allSlots;
    const size_t _tileBytes;
    uint32_t _newest; ///< sequence of the ring's latest column
    uint32_t _newestSlot = 0;
