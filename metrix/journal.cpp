@@ -18,6 +18,17 @@ constexpr uint64_t kMinCommitsBytes = uint64_t{1} << 20;
 
 constexpr int kCounterShift = 32;
 
+class MutexGuard {
+public:
+   explicit MutexGuard(Corvax::Mutex& mutex) : _mutex(mutex) { _mutex.Lock(); }
+   ~MutexGuard() { _mutex.Unlock(); }
+   MutexGuard(const MutexGuard&) = delete;
+   MutexGuard& operator=(const MutexGuard&) = delete;
+
+private:
+   Corvax::Mutex& _mutex;
+};
+
 /// Higher than `before`, and different from what any other process would take.
 uint64_t MakeGeneration(uint64_t before)
 {
@@ -27,7 +38,8 @@ uint64_t MakeGeneration(uint64_t before)
 } // namespace
 
 Journal::Journal(std::string directory, const std::string& name)
-   : _directory(std::move(directory)), _prefix(_directory + name)
+   : _directory(std::move(directory)), _prefix(_directory + name),
+     _syncMutex(Corvax::System::GetFactory().CreateMutex())
 {
 }
 
@@ -81,6 +93,7 @@ void Journal::Grow(size_t index, uint64_t sizeBytes)
 void Journal::BeginGeneration(const std::vector<JournalFormat::StoreShape>& stores,
                               JournalEntries& snapshot)
 {
+   const MutexGuard guard(*_syncMutex);
    // Never over the newest snapshot that is on the disk for certain.
    const size_t index = 1 - _synced;
    _mustRemake[_current] = _mustRemake[_current] || _hasFailed;
@@ -130,6 +143,7 @@ void Journal::Append(JournalEntries& entries)
 
 void Journal::Sync()
 {
+   const MutexGuard guard(*_syncMutex);
    const uint64_t sequence = _sequence; // read before the file: a new generation sets it last
    const size_t current = _current;
    if (_syncedSequence >= sequence) {

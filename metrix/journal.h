@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <memory>
 #include <string>
 
 namespace Metrix {
@@ -61,6 +62,8 @@ private:
    const std::string _directory;
    const std::string _prefix;
    std::array<Corvax::Ref<Corvax::FileHandle>, kJournalFiles> _files;
+   /// Held while a file is synced, and while a generation is begun. Locked after the depot's lock.
+   const std::unique_ptr<Corvax::Mutex> _syncMutex;
    std::array<bool, kJournalFiles> _mustRemake{}; ///< failed to sync once
    std::atomic<size_t> _current = 0;              ///< file of the newest generation
    std::atomic<size_t> _synced = 0;               ///< file of the newest one that was synced

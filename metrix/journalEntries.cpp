@@ -193,7 +193,6 @@ void JournalEntries::Clear()
 
 void JournalEntries::PutNumber(uint64_t number)
 {
-   Reserve();
    std::byte* out = _bytes.data() + _size;
    for (; number >= 0x80; number >>= 7) {
       *out++ = static_cast<std::byte>(number | 0x80);
@@ -204,16 +203,15 @@ void JournalEntries::PutNumber(uint64_t number)
 
 void JournalEntries::PutBytes(std::span<const std::byte> bytes)
 {
-   _bytes.resize(std::max(_bytes.size(), _size + bytes.size()));
    std::ranges::copy(bytes, _bytes.begin() + static_cast<ptrdiff_t>(_size));
    _size += bytes.size();
 }
 
-/// Room for a number, so that writing one needs no check of its own.
-void JournalEntries::Reserve()
+/// Room for a whole entry: running out of memory must not leave a part of one.
+void JournalEntries::Reserve(size_t size)
 {
-   if (_bytes.size() - _size < kMaxNumberSize) {
-      _bytes.resize(2 * _bytes.size() + kMaxNumberSize);
+   if (_bytes.size() - _size < size) {
+      _bytes.resize(std::max(2 * _bytes.size(), _size + size));
    }
 }
 
@@ -234,8 +232,9 @@ void JournalEntries::PutIds(const std::vector<StatId>& ids)
    }
 }
 
-void JournalEntries::Begin(uint8_t kind)
+void JournalEntries::Begin(uint8_t kind, size_t contentSize)
 {
+   Reserve(2 * kMaxNumberSize + contentSize);
    EndCells();
    if (_size - (_cuts.empty() ? 0 : _cuts.back()) >= kCutBytes) {
       _cuts.push_back(_size);
@@ -253,7 +252,7 @@ void JournalEntries::EndCells()
 
 void JournalEntries::AddColumn(uint32_t store, TimeStamp ts)
 {
-   Begin(KIND_COLUMN);
+   Begin(KIND_COLUMN, 2 * kMaxNumberSize);
    PutNumber(store);
    PutNumber(ts);
 }
@@ -264,7 +263,7 @@ void JournalEntries::AddCell(uint32_t store, uint32_t column, StatId id, StatVal
 {
    if (!_inCells || store != _cellStore || column != _cellColumn ||
        _size - _cellsBegin >= kMaxCellsBytes) {
-      Begin(KIND_CELLS);
+      Begin(KIND_CELLS, 4 * kMaxNumberSize);
       PutNumber(store);
       PutNumber(column);
       _inCells = true;
@@ -273,6 +272,7 @@ void JournalEntries::AddCell(uint32_t store, uint32_t column, StatId id, StatVal
       _lastCellId = 0;
       _cellsBegin = _size;
    }
+   Reserve(3 * kMaxNumberSize);
    PutNumber(ToZigZag(id - _lastCellId));
    PutNumber(value + 1);
    _lastCellId = id;
@@ -281,7 +281,7 @@ void JournalEntries::AddCell(uint32_t store, uint32_t column, StatId id, StatVal
 void JournalEntries::AddRowCells(uint32_t store, uint32_t firstColumn, StatId id,
                                  std::span<const StatVal> values)
 {
-   Begin(KIND_ROW_CELLS);
+   Begin(KIND_ROW_CELLS, (4 + values.size()) * kMaxNumberSize);
    PutNumber(store);
    PutNumber(firstColumn);
    PutNumber(id);
@@ -293,14 +293,14 @@ void JournalEntries::AddRowCells(uint32_t store, uint32_t firstColumn, StatId id
 
 void JournalEntries::AddRow(uint32_t store, StatId id, RowChange change)
 {
-   Begin(change == RowChange::CLEARED ? KIND_ROW_CLEARED : KIND_ROW_FREED);
+   Begin(change == RowChange::CLEARED ? KIND_ROW_CLEARED : KIND_ROW_FREED, 2 * kMaxNumberSize);
    PutNumber(store);
    PutNumber(id);
 }
 
 void JournalEntries::AddRowBase(uint32_t store, StatId id, TimeStamp ts)
 {
-   Begin(KIND_ROW_BASE);
+   Begin(KIND_ROW_BASE, 3 * kMaxNumberSize);
    PutNumber(store);
    PutNumber(id);
    PutNumber(ts + 1);
@@ -308,7 +308,7 @@ void JournalEntries::AddRowBase(uint32_t store, StatId id, TimeStamp ts)
 
 void JournalEntries::AddRowImage(uint32_t store, StatId id, std::span<const std::byte> bytes)
 {
-   Begin(KIND_ROW_IMAGE);
+   Begin(KIND_ROW_IMAGE, 3 * kMaxNumberSize + bytes.size());
    PutNumber(store);
    PutNumber(id);
    PutNumber(bytes.size());
@@ -317,7 +317,7 @@ void JournalEntries::AddRowImage(uint32_t store, StatId id, std::span<const std:
 
 void JournalEntries::AddRowsDurable(uint32_t store, StatId first, uint64_t count, TimeStamp ts)
 {
-   Begin(KIND_ROWS_DURABLE);
+   Begin(KIND_ROWS_DURABLE, 4 * kMaxNumberSize);
    PutNumber(store);
    PutNumber(first);
    PutNumber(count);
@@ -326,7 +326,8 @@ void JournalEntries::AddRowsDurable(uint32_t store, StatId first, uint64_t count
 
 void JournalEntries::AddStat(const StatEntry& stat)
 {
-   Begin(KIND_STAT);
+   Begin(KIND_STAT, (5 + 2 * stat.series.size()) * kMaxNumberSize + stat.entityId.size() +
+                       stat.statName.size());
    PutText(stat.entityId);
    PutText(stat.statName);
    PutNumber(static_cast<uint32_t>(stat.statType));
@@ -340,18 +341,19 @@ void JournalEntries::AddStat(const StatEntry& stat)
 
 void JournalEntries::AddIdsFreed(const std::vector<StatId>& ids)
 {
-   Begin(KIND_IDS_FREED);
+   Begin(KIND_IDS_FREED, (1 + ids.size()) * kMaxNumberSize);
    PutIds(ids);
 }
 
 void JournalEntries::AddIdsDurable(const std::vector<StatId>& ids)
 {
-   Begin(KIND_IDS_DURABLE);
+   Begin(KIND_IDS_DURABLE, (1 + ids.size()) * kMaxNumberSize);
    PutIds(ids);
 }
 
 std::vector<std::span<const std::byte>> JournalEntries::GetParts()
 {
+   Reserve(kMaxNumberSize);
    EndCells();
    std::vector<std::span<const std::byte>> parts;
    size_t begin = 0;

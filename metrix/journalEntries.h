@@ -79,9 +79,9 @@ public:
    std::vector<std::span<const std::byte>> GetParts();
 
 private:
-   void Begin(uint8_t kind);
+   void Begin(uint8_t kind, size_t contentSize);
    void EndCells();
-   void Reserve();
+   void Reserve(size_t size);
    void PutNumber(uint64_t number);
    void PutBytes(std::span<const std::byte> bytes);
    void PutText(std::string_view text);

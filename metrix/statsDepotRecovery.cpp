@@ -243,7 +243,13 @@ void StatsDepotImpl::MakeReady()
    Corvax::Assert(!_readOnly, "the depot was opened for writing");
    if (_mustReopen) {
       Corvax::Assert(!_isMaintaining, "no checkpoint is under way");
-      Reopen();
+      _mustReopen = false;
+      try {
+         Reopen();
+      } catch (...) {
+         _mustReopen = true;
+         throw;
+      }
    }
    CreatePlannedStores();
    MendDescription();
@@ -377,7 +383,10 @@ void StatsDepotImpl::SetJournalAside()
 /// ones aside, and opens what is there now.
 void StatsDepotImpl::Reopen()
 {
-   SetJournalAside();
+   if (_journal && _journal->IsInPlace()) {
+      SetJournalAside(); // otherwise it belongs to what is there now
+   }
+   const Corvax::Ref<IntervalTable> before = _intervalTable;
    _journal = nullptr;
    _found = nullptr;
    _refusesFound = false;
@@ -390,8 +399,17 @@ void StatsDepotImpl::Reopen()
    _entityMap.clear();
    _statInfoMap.clear();
    _intervalTable = Corvax::MakeRef<IntervalTable>(_logger.Get());
-   Open(false);
-   _mustReopen = false;
+   _lastStepStamp = kUnset;
+   _needsGeneration = false;
+   Corvax::SystemFactory& factory = Corvax::System::GetFactory();
+   if (factory.Exists(GetDepotFileName()) || factory.Exists(GetIdMapFileName())) {
+      Open(false);
+   } else {
+      Create();
+      for (const auto& interval : *before) {
+         AddInterval(interval->_intervalName, interval->_samplingPeriod, interval->_numSamples);
+      }
+   }
    _trouble.clear();
    _logger->Log(kLogNotice, "Depot %1 is opened anew", GetPrefix());
 }

@@ -193,6 +193,49 @@ TEST_F(StatsDepotTest, LoadNeverOverwritesAForeignFile)
    EXPECT_EQ(_scratch.Read("foreign.txt"), "somebody's text");
 }
 
+/// A backup that is put back while the depot is open, or a file that somebody deletes.
+TEST_F(StatsDepotTest, FilesThatAreReplacedUnderTheDepotAreNotWrittenOver)
+{
+   for (const std::string name : {"d-20.stats", "d-100.stats", "d.idMap", "d.journal.1", "all"}) {
+      SCOPED_TRACE(name);
+      _depot = nullptr;
+      _logger->Clear();
+      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot, {300, 1});
+      _depot->Create();
+      _depot->AddInterval("every20", 20, 30);
+      _depot->AddInterval("every100", 100, 9);
+      AddStat("s");
+      TimeStamp ts = 1000;
+      for (; ts < 1200; ts += 20) {
+         ASSERT_TRUE(_depot->AddSample("e", "s", ts, ts, 0));
+      }
+      const std::string backup = name == "all" ? "" : _scratch.Read(name);
+      for (const char* const file :
+           {"d-20.stats", "d-100.stats", "d.idMap", "d.xml", "d.journal.0", "d.journal.1"}) {
+         if (name == file || name == "all") {
+            Corvax::System::GetFactory().Remove(_scratch.Path() + file);
+         }
+      }
+      if (name != "all") {
+         _scratch.Write(name, backup);
+      }
+      _depot->AddSample("e", "s", ts, ts, 0);
+      EXPECT_NE(_depot->GetTrouble(), "");
+      EXPECT_EQ(_logger->Count("was replaced, cut off or deleted"), 1);
+      EXPECT_EQ(name == "all" ? "" : _scratch.Read(name), backup);
+      if (!_depot->AddSample("e", "s", ts + 20, 7, 0)) {
+         AddStat("s");
+         EXPECT_TRUE(_depot->AddSample("e", "s", ts + 20, 7, 0));
+      }
+      EXPECT_EQ(_depot->GetTrouble(), "");
+      Reload();
+      EXPECT_EQ(Read("s", ts + 20), 7u);
+      for (TimeStamp old = 1000; old <= ts; old += 20) {
+         EXPECT_TRUE(Read("s", old) == kUnset || Read("s", old) == old) << old;
+      }
+   }
+}
+
 TEST_F(StatsDepotTest, LoadRefusesAnIncompleteDescription)
 {
    Create();
