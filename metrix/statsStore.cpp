@@ -118,7 +118,12 @@ void StatsStoreImpl::Flush()
 {
    AssertOpen();
    Corvax::Assert(static_cast<bool>(_storeHandle), "the store has its file");
-   _storeHandle->Flush();
+   try {
+      _storeHandle->Flush();
+   } catch (...) {
+      _mustRewriteHeader = true;
+      throw;
+   }
 }
 
 /// The row of a stat is its id; -1 if there is no such row.

@@ -216,10 +216,16 @@ void StatsStoreImpl::ReserveRows(StatId end)
 void StatsStoreImpl::WriteHeader()
 {
    const std::vector<TimeStamp>& columns = _columns.GetAllTimeStamps();
-   for (size_t column = 0; column < columns.size(); ++column) {
-      if (columns[column] != _fileColumns[column]) {
-         WriteTimeStamp(static_cast<int32_t>(column), columns[column]);
+   const bool writesAll = _mustRewriteHeader.exchange(false);
+   try {
+      for (size_t column = 0; column < columns.size(); ++column) {
+         if (writesAll || columns[column] != _fileColumns[column]) {
+            WriteTimeStamp(static_cast<int32_t>(column), columns[column]);
+         }
       }
+   } catch (...) {
+      _mustRewriteHeader = writesAll || _mustRewriteHeader;
+      throw;
    }
    _writtenStamp = _columns.GetLatestTimeStamp();
 }

@@ -7,6 +7,7 @@
 #include "metrix/storeFormat.h"
 #include "metrix/storeHead.h"
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -110,11 +111,12 @@ private:
    std::unique_ptr<StoreHead> _head;
    uint32_t _storeNumber = 0;
    JournalEntries* _entries = nullptr;
-   std::vector<TimeStamp> _fileColumns; ///< as the file's header has them
-   TimeStamp _writtenStamp = kUnset;    ///< newest one in the header
-   TimeStamp _headerStamp = kUnset;     ///< newest one there for certain
-   std::vector<StatId> _extensions;     ///< LayDown's rows that only get more samples
-   std::vector<std::byte> _composed;    ///< ComposeRow's result
+   std::vector<TimeStamp> _fileColumns;          ///< as the file's header has them
+   TimeStamp _writtenStamp = kUnset;             ///< newest one in the header
+   TimeStamp _headerStamp = kUnset;              ///< newest one there for certain
+   std::atomic<bool> _mustRewriteHeader = false; ///< a failed sync may have lost stamps
+   std::vector<StatId> _extensions;              ///< LayDown's rows that only get more samples
+   std::vector<std::byte> _composed;             ///< ComposeRow's result
    uint64_t _reservedRows = 0;
    uint64_t _fileSize = 0; ///< that the file had at least, without an incomplete row
    uint64_t _lostSamples = 0;
