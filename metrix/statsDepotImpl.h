@@ -331,6 +331,9 @@ private:
    bool _refusesFound = false;            ///< it does not fit to the stores
 
    std::shared_ptr<Journal> _journal; ///< null without one, and before the first change
+   /// Until it has started: another attempt must know which of its files failed to sync, because
+   /// what can be read of them need not be on the disk.
+   std::shared_ptr<Journal> _openedJournal;
    JournalEntries _entries;           ///< not committed yet
    bool _needsGeneration = false;
    bool _hasChanges = false; ///< since the depot was locked

@@ -266,6 +266,7 @@ void StatsDepotImpl::MakeReady()
       }
    }
    _found = nullptr;
+   _openedJournal = nullptr;
    _isReady = true;
    if (!_droppedIds.empty()) {
       std::ranges::sort(_droppedIds);
@@ -313,8 +314,9 @@ void StatsDepotImpl::StartJournal()
    if (_intervalTable->GetNumIntervals() == 0) {
       return; // comes with the first interval
    }
-   if (_found && (_refusesFound || _found->GetState() == JournalReader::State::DAMAGED ||
-                  _found->GetState() == JournalReader::State::UNREADABLE)) {
+   if (_found && !_openedJournal &&
+       (_refusesFound || _found->GetState() == JournalReader::State::DAMAGED ||
+        _found->GetState() == JournalReader::State::UNREADABLE)) {
       SetJournalAside();
    }
    if (!_found || static_cast<int>(_schedules.size()) != _intervalTable->GetNumIntervals()) {
@@ -338,13 +340,17 @@ void StatsDepotImpl::StartJournal()
 /// could begin one over the newest, or one that the files' next reader takes for older.
 void StatsDepotImpl::OpenJournal()
 {
-   JournalReader reader;
-   reader.Read(GetPrefix());
-   if (reader.GetState() == JournalReader::State::UNREADABLE) {
-      throw Corvax::Exception("The journal cannot be continued: " + reader.GetDetail());
+   if (!_openedJournal) {
+      JournalReader reader;
+      reader.Read(GetPrefix());
+      if (reader.GetState() == JournalReader::State::UNREADABLE) {
+         throw Corvax::Exception("The journal cannot be continued: " + reader.GetDetail());
+      }
+      auto journal = std::make_shared<Journal>(_depotDir, _depotName);
+      journal->Continue(reader);
+      _openedJournal = std::move(journal);
    }
-   _journal = std::make_shared<Journal>(_depotDir, _depotName);
-   _journal->Continue(reader);
+   _journal = _openedJournal;
 }
 
 /// Lays down what a journal has that is not used any more, and deletes it.
@@ -388,6 +394,7 @@ void StatsDepotImpl::Reopen()
    }
    const Corvax::Ref<IntervalTable> before = _intervalTable;
    _journal = nullptr;
+   _openedJournal = nullptr;
    _found = nullptr;
    _refusesFound = false;
    _entries.Clear();
