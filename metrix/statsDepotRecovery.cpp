@@ -177,11 +177,12 @@ void StatsDepotImpl::ApplyJournal(const JournalReader& reader, Recovery& recover
    for (const auto payload : reader.GetPayloads()) {
       DecodeEntries(payload, recovery);
    }
-   if (reader.GetState() == JournalReader::State::DAMAGED) {
-      return; // its stores may be newer, as far as records are missing
-   }
    for (const auto& interval : *_intervalTable) {
       StatsStore& store = interval->GetStore();
+      if (reader.GetState() == JournalReader::State::DAMAGED) {
+         store.HideLostColumns(); // the store may be newer, as far as records are missing
+         continue;
+      }
       const TimeStamp latest = store.GetLatestTimeStamp();
       const TimeStamp inFile = store.GetHeaderStamp();
       if (inFile != kUnset && (latest == kUnset || inFile > latest)) {

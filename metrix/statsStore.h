@@ -88,6 +88,9 @@ public:
    virtual void ReplayColumn(TimeStamp ts) = 0;
    virtual void ReplayCell(uint32_t column, StatId id, StatVal value) = 0;
    virtual void ReplayImage(StatId id, std::span<const std::byte> bytes) = 0;
+   /// The journal has lost columns that the file's header has, newer than all others: none of their
+   /// cells may be read as an older column's. GiveUpColumnsAfter then wipes them in the rows.
+   virtual void HideLostColumns() = 0;
 
    /// Whether a sample at `ts` can be added without giving anything up.
    virtual bool HasRoom(TimeStamp ts) = 0;

@@ -100,6 +100,21 @@ void StatsStoreImpl::ReplayImage(StatId id, std::span<const std::byte> bytes)
    _numStats = std::max(_numStats, static_cast<uint32_t>(id) + 1);
 }
 
+void StatsStoreImpl::HideLostColumns()
+{
+   const TimeStamp latest = _columns.GetLatestTimeStamp();
+   std::vector<TimeStamp> columns = _columns.GetAllTimeStamps();
+   _lostColumns.assign(_numSamples, kUnset);
+   for (size_t column = 0; column < columns.size(); ++column) {
+      const TimeStamp inFile = _fileColumns[column];
+      if (inFile != kUnset && (latest == kUnset || inFile > latest)) {
+         columns[column] = kUnset;
+         _lostColumns[column] = inFile;
+      }
+   }
+   _columns = ColumnRing(columns);
+}
+
 // Recording.
 
 bool StatsStoreImpl::HasRoom(TimeStamp ts)
@@ -374,11 +389,13 @@ int StatsStoreImpl::GiveUpColumnsAfter(TimeStamp ts)
 {
    // By the file's header, too: its rows may have samples in columns that memory does not know.
    std::vector<TimeStamp> columns = _columns.GetAllTimeStamps();
+   _lostColumns.resize(columns.size(), kUnset);
    std::vector<size_t> givenUp;
    TimeStamp latest = kUnset;
    for (size_t column = 0; column < columns.size(); ++column) {
       const auto isAhead = [ts](TimeStamp stamp) { return stamp != kUnset && stamp > ts; };
-      if (isAhead(columns[column]) || isAhead(_fileColumns[column])) {
+      if (isAhead(columns[column]) || isAhead(_fileColumns[column]) ||
+          isAhead(_lostColumns[column])) {
          givenUp.push_back(column);
          columns[column] = kUnset;
       } else if (columns[column] != kUnset && (latest == kUnset || columns[column] > latest)) {
@@ -412,6 +429,7 @@ int StatsStoreImpl::GiveUpColumnsAfter(TimeStamp ts)
    WriteHeader();
    Flush();
    SetHeaderDurable();
+   _lostColumns.clear();
    return static_cast<int>(givenUp.size());
 }
 

@@ -53,6 +53,7 @@ public:
    void ReplayColumn(TimeStamp ts) override;
    void ReplayCell(uint32_t column, StatId id, StatVal value) override;
    void ReplayImage(StatId id, std::span<const std::byte> bytes) override;
+   void HideLostColumns() override;
    bool HasRoom(TimeStamp ts) override;
    uint64_t GetLostSamples() override { return _lostSamples; }
    void ReserveRows(StatId end) override;
@@ -117,6 +118,7 @@ private:
    std::atomic<bool> _mustRewriteHeader = false; ///< a failed sync may have lost stamps
    std::vector<StatId> _extensions;              ///< LayDown's rows that only get more samples
    std::vector<std::byte> _composed;             ///< ComposeRow's result
+   std::vector<TimeStamp> _lostColumns;          ///< by column, as the header had them; empty: none
    uint64_t _reservedRows = 0;
    uint64_t _fileSize = 0; ///< that the file had at least, without an incomplete row
    uint64_t _lostSamples = 0;
