@@ -177,7 +177,8 @@ TEST_F(JournalTest, LoadingADamagedOneInventsNothing)
                 next.payload = entries.GetParts()[0];
              });
    };
-   const std::vector<std::byte> version2 = {std::byte{2}};
+   std::vector<std::byte> version2 = EncodeHeader({});
+   version2[0] = std::byte{2};
    const auto version = [&](Record& header) { header.payload = version2; };
    const struct {
       const char* name;
@@ -215,9 +216,9 @@ TEST_F(JournalTest, ImpossibleEntriesAreRefusedWhateverTheirChecksum)
       [](auto& entries) { entries.AddColumn(0, kLast - kPeriod); },
       [](auto& entries) { entries.AddColumn(0, kUnset); },
       [](auto& entries) { entries.AddColumn(1, kLast); },
-      [](auto& entries) { entries.AddCell(0, 12, 0, 1); },
+      [](auto& entries) { entries.AddCell(0, 20, 0, 1); },
       [](auto& entries) { entries.AddCell(0, 0, INT32_MAX, 1); },
-      [](auto& entries) { entries.AddRow(0, kUnset, RowChange::FREED); },
+      [](auto& entries) { entries.AddRow(0, uint64_t{1} << 32, RowChange::FREED); },
       [&](auto& entries) { entries.AddRowImage(0, 0, shortRow); },
       [](auto& entries) { entries.AddIdsFreed({INT32_MAX}); },
    };

@@ -11,6 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+#include <sstream>
+
 namespace {
 
 using namespace Metrix;
@@ -125,6 +128,40 @@ TEST_F(StatsDepotTest, IdMapIsByteForByteAsDocumented)
              Record("e", "three", "00000000 00000000 01000000") +
                 Record("", "one", "01000000 02000000 feffffff") +
                 Record("", "one", "02000000 02000000 feffffff"));
+}
+
+TEST_F(StatsDepotTest, JournalIsByteForByteAsDocumented)
+{
+   GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot, {300, 1});
+   _depot->Create();
+   _depot->AddInterval("ten", 10, 4);
+   for (const TimeStamp ts : {10, 20}) {
+      const Corvax::Locker lock(_depot.Get());
+      if (ts == 10) {
+         AddStat("mem-state", StatsDepot::STATTYPE_ABSOLUTE, {});
+         AddStat("disk-usage", StatsDepot::STATTYPE_ABSOLUTE, {StatsDepot::ROLLUP_AVERAGE});
+      }
+      _depot->AddSample("e", "mem-state", ts, 160 + ts / 10, 0);
+      _depot->AddSample("e", "disk-usage", ts, 176 + ts / 10, 0);
+   }
+   std::string bytes = _scratch.Read("d.journal.1");
+   // Lines of the document: offset, bytes ("..": any), meaning. All other bytes are zero.
+   std::ifstream document(DOCS_DIRECTORY "/formats/journal.md");
+   const std::regex pattern(" *(\\d+)  +((?:[0-9a-f.]{2} )*[0-9a-f.]{2})(?:  .*)?");
+   std::smatch match;
+   for (std::string line; std::getline(document, line);) {
+      const bool isExample = std::regex_match(line, match, pattern);
+      std::istringstream wanted(isExample ? match[2].str() : "");
+      size_t pos = isExample ? std::stoul(match[1]) : 0;
+      for (std::string byte; wanted >> byte; ++pos) {
+         const char hex[] = {"0123456789abcdef"[bytes.at(pos) >> 4 & 15],
+                             "0123456789abcdef"[bytes.at(pos) & 15]};
+         EXPECT_TRUE(byte == ".." || byte == std::string(hex, 2))
+            << pos << " is " << hex[0] << hex[1];
+         bytes[pos] = '\0';
+      }
+   }
+   EXPECT_EQ(bytes.find_first_not_of('\0'), std::string::npos);
 }
 
 TEST_F(StatsDepotTest, LoadSkipsDamagedRecordsAndDropsStatsWithoutARawSeries)
