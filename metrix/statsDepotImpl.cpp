@@ -67,7 +67,8 @@ void StatsDepotImpl::AddInterval(const std::string& name, int samplingPeriod,
    }
    if (IsJournaled()) {
       CheckpointNow();
-      _journal = nullptr; // the next one knows the new store, too
+      _journal->Remove(); // the next one knows the new store, too
+      _journal = nullptr;
       _schedules.clear();
    }
    const std::string storeName = GetStoreName(samplingPeriod);
