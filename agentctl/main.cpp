@@ -6,7 +6,6 @@
 #include "console/program.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <thread>
 
@@ -50,7 +49,6 @@ void RunCommand(const Options& options, Output& output)
 
 int Main(int argc, char** argv)
 {
-   std::signal(SIGPIPE, SIG_IGN); // a closed pipe or connection is reported by the write
    Options options;
    if (const std::optional<int> status = ParseOptions(argc, argv, options)) {
       return *status;

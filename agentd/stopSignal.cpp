@@ -18,7 +18,6 @@ StopSignal::StopSignal()
    ::sigaddset(&set, SIGTERM);
    ::sigaddset(&set, SIGINT);
    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-   ::signal(SIGPIPE, SIG_IGN); // the agent must survive the reader of its report
    _signals = Corvax::Descriptor(::signalfd(-1, &set, SFD_CLOEXEC));
    _requests = Corvax::Descriptor(::eventfd(0, EFD_CLOEXEC));
    if (!_signals || !_requests) {

@@ -125,7 +125,7 @@ room(simHost SEES inventory ${services} ${interfaces} TAKES locks)
 
 room(http SEES corvax TAKES sockets polling locks httplib)
 room(managementApi SEES http ${services} quen plexa corvax TAKES json)
-room(console SEES corvax TAKES commandLine)
+room(console SEES corvax TAKES processes commandLine)
 room(agentd SEES console managementApi http linuxHost simHost inventory ${services} ${interfaces}
    TAKES files polling processes commandLine)
 room(qsh SEES qsh/framework console corvax TAKES processes terminal lineEditing commandLine)

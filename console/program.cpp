@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <csignal>
 #include <iostream>
 
 namespace Console {
@@ -48,6 +49,8 @@ CLI::Validator AtLeast(int64_t least)
 int Run(std::string_view program, const std::function<int()>& work)
 {
    Corvax::OutOfMemoryException::InstallNewHandler();
+   std::signal(SIGPIPE, SIG_IGN);
+   std::signal(SIGXFSZ, SIG_IGN);
    try {
       return work();
    } catch (const Corvax::Exception& e) { // out of memory is not caught as std::exception

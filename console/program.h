@@ -26,7 +26,8 @@ std::optional<int> ParseOptions(CLI::App& app, int argc, const char* const* argv
 CLI::Validator AtLeast(int64_t least);
 
 /// Runs the program's work and returns its exit status. An exception is printed and returns
-/// kExitFailure.
+/// kExitFailure. A write to a closed pipe, or beyond the limit of a file's size, fails and does not
+/// end the program by a signal.
 int Run(std::string_view program, const std::function<int()>& work);
 
 } // namespace Console

@@ -20,7 +20,6 @@ void CatchSignals()
    std::signal(SIGINT, OnSignal);
    std::signal(SIGTERM, OnSignal);
    std::signal(SIGHUP, OnSignal);
-   std::signal(SIGPIPE, SIG_IGN);
 }
 
 void ThrowIfInterrupted()

@@ -5,8 +5,7 @@ namespace DepotTool {
 /// The user has ended the program.
 struct Interrupted {};
 
-/// From now on SIGINT, SIGTERM and SIGHUP only set a flag, so that temporary files are removed, and
-/// a closed pipe is reported by the write.
+/// From now on SIGINT, SIGTERM and SIGHUP only set a flag, so that temporary files are removed.
 void CatchSignals();
 
 /// Throws Interrupted after one of these signals. Long work calls it now and then.
