@@ -1,46 +1,12 @@
 #!/usr/bin/env bash
 # The agent from outside: `agentdTest.sh BUILD_DIR CASE` runs one case against the built programs.
-# Waits are for conditions, so that a busy machine makes a case slow and never red.
 set -euo pipefail
-build=$1
-agentd=$build/bin/agentd
-dir=$(mktemp -d)
-agent=
-spinner=
-trap '{ kill -9 $agent $spinner; wait; } 2>/dev/null || true; rm -rf "$dir"' EXIT
-
-fail() {
-   echo "FAILED: $*" >&2
-   tail -n 40 "$dir"/log* >&2 2>/dev/null || true
-   exit 1
-}
-
-waitFor() { # COMMAND...: until it succeeds; fails the case after two minutes
-   local end=$(($(date +%s) + 120))
-   until "$@"; do
-      [ "$(date +%s)" -lt $end ] || fail "waited in vain for: $*"
-      sleep 0.1
-   done
-}
-
-config() { printf '<config>\n  %s\n</config>\n' "$1" >"$dir/c.xml"; }
-
-start() { # ARGUMENTS...: the agent in the background, its report in out
-   : >"$dir/out"
-   "$agentd" --listen none --state-dir "$dir" --report "$@" >>"$dir/out" 2>"$dir/log" &
-   agent=$!
-}
-
-stop() { # SIGNAL
-   kill -"$1" "$agent"
-   wait "$agent" || fail "exit status $? after SIG$1"
-   agent=
-}
+. "$(dirname "$0")/agent.sh"
 
 lines() { wc -l <"$dir/out"; }
 hasLines() {
    [ "$(lines)" -ge "$1" ] && return
-   kill -0 "$agent" 2>/dev/null || fail "the agent has ended"
+   isRunning
    return 1
 }
 
@@ -105,7 +71,7 @@ case $2 in
 report)
    config '<agentd><cpuMhz>1000</cpuMhz></agentd>'
    (while :; do :; done) &
-   spinner=$!
+   helper=$!
    start --interval 1 --config "$dir/c.xml"
    waitFor figuresAgree
    stop TERM
@@ -131,18 +97,6 @@ continues)
    ! grep -q "failed" "$dir"/log* || fail "errors in the log"
    [ "$(columns "$dir/stats/hostAgentStats.aside/hostAgentStats-1.stats" | wc -l)" -ge 4 ] ||
       fail "the second run did not add to the first's columns"
-   ;;
-
-killed)
-   start --interval 1
-   waitFor hasLines 3
-   kill -9 "$agent"
-   wait "$agent" 2>/dev/null || true
-   agent=
-   last=$(date -d "$(tail -n 1 "$dir/out" | cut -d ' ' -f 1)" +%s)
-   "$agentd" --listen none --state-dir "$dir" --interval 1 --runs 1 2>"$dir/log" || fail "exit status $?"
-   ! grep -qE "Reverting|Unable to load|Error in loading|lost" "$dir/log" || fail "something was lost"
-   columns "$(store 1)" | grep -x "$last" >/dev/null || fail "the last finished run is not in the store"
    ;;
 
 stops)

@@ -4,18 +4,29 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 namespace {
 
-/// The time of each run, in seconds since the epoch, all of one collector.
+/// The runs of a file: a line for each, its time in seconds since the epoch. After a time "first"
+/// marks the first run of another process, "cut" one during which its process was killed.
 std::vector<SimOracle::Run> ReadRuns(const std::string& path)
 {
    std::ifstream file(path);
    std::vector<SimOracle::Run> runs;
-   for (Metrix::TimeStamp timeSec; file >> timeSec;) {
-      runs.push_back({timeSec, timeSec, runs.empty()});
+   bool isRead = true;
+   for (std::string line; isRead && std::getline(file, line);) {
+      std::istringstream words(line);
+      SimOracle::Run run{0, 0, runs.empty()};
+      isRead = static_cast<bool>(words >> run.timeSec);
+      run.readSec = run.timeSec;
+      for (std::string mark; words >> mark;) {
+         run.isFirst |= mark == "first";
+         run.isCut |= mark == "cut";
+      }
+      runs.push_back(run);
    }
-   if (runs.empty() || !file.eof()) {
+   if (runs.empty() || !isRead) {
       throw Corvax::Exception("Cannot read the times of the runs from " + path);
    }
    return runs;
@@ -46,8 +57,8 @@ int main(int argc, char** argv)
       for (const std::string& text : result.texts) {
          std::printf("%s\n", text.c_str());
       }
-      std::printf("%zu stats, %zu samples compared, %zu differ\n", result.stats, result.samples,
-                  result.differ);
+      std::printf("%zu stats, %zu samples compared, %zu differ, %zu of them lost\n", result.stats,
+                  result.samples, result.differ, result.lost);
       return result.differ == 0 && result.samples > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
    } catch (const Corvax::Exception& e) {
       std::fprintf(stderr, "simCheck: %s\n", e.what());

@@ -233,6 +233,13 @@ std::optional<uint64_t> SimOracle::ExpectedRollup(const std::string& entity,
    return values.empty() ? std::nullopt : std::optional(RollUp(values, rollup));
 }
 
+const SimOracle::Run* SimOracle::FindRun(TimeStamp stamp) const
+{
+   const auto run = std::ranges::lower_bound(_runs, stamp, {},
+                                             [this](const Run& each) { return GetStamp(each); });
+   return run == _runs.end() || GetStamp(*run) != stamp ? nullptr : &*run;
+}
+
 std::optional<uint64_t> SimOracle::Expected(const std::string& entity, const std::string& statName,
                                             RollupType rollup, bool isFinest, TimeStamp stamp) const
 {
@@ -246,11 +253,8 @@ std::optional<uint64_t> SimOracle::Expected(const std::string& entity, const std
       return Keeps(stat.kind, rollup) ? ExpectedRollup(entity, statName, stat, rollup, stamp)
                                       : std::nullopt;
    }
-   const auto getStamp = [this](const Run& run) { return GetStamp(run); };
-   const auto run = std::ranges::lower_bound(_runs, stamp, {}, getStamp);
-   return run == _runs.end() || GetStamp(*run) != stamp
-             ? std::nullopt
-             : ExpectedRaw(entity, stat, static_cast<size_t>(run - _runs.begin()));
+   const Run* const run = FindRun(stamp);
+   return run ? ExpectedRaw(entity, stat, static_cast<size_t>(run - _runs.data())) : std::nullopt;
 }
 
 SimOracle SimOracle::FromRuns(StatsDepot& depot, const SimOptions& options,
@@ -295,6 +299,9 @@ SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMap
    }
    Corvax::RefVector<Metrix::StatsDepotInterval> intervals;
    depot.GetIntervals(intervals);
+   if (std::ranges::any_of(_runs, &Run::isCut)) {
+      intervals.resize(1);
+   }
    for (const auto& interval : intervals) {
       for (const auto& [entity, name] : all) {
          CompareStat(depot, *interval, interval == intervals[0], entity, name, result);
@@ -334,10 +341,12 @@ void SimOracle::CompareStat(StatsDepot& depot, const Metrix::StatsDepotInterval&
       for (const auto& [stamp, value] : stored) {
          const uint64_t expected = Expected(entity, name, rollup, isFinest, stamp).value_or(kUnset);
          result.samples += expected != kUnset || value != kUnset ? 1 : 0;
-         if (expected == value) {
+         const Run* const run = FindRun(stamp);
+         if (expected == value || (value == kUnset && run && run->isCut)) {
             continue;
          }
          ++result.differ;
+         result.lost += value == kUnset ? 1 : 0;
          if (result.texts.size() < 20) {
             result.texts.push_back(Corvax::Format("%1 %2 %3 %4 at %5: stored %6, expected %7",
                                                   entity, name, interval.name, kRollupNames[i],

@@ -21,6 +21,7 @@ public:
       TimeStamp timeSec;
       TimeStamp readSec; ///< time of the readings: later if a second passes while the run begins
       bool isFirst;      ///< of a collector that has started: it has no earlier readings
+      bool isCut = false; ///< by the end of the process: any of its samples may be missing
    };
 
    /// Before the first run; every VM and pool is read as the options have it at the start.
@@ -44,10 +45,12 @@ public:
       size_t stats = 0;
       size_t samples = 0; ///< stored or expected
       size_t differ = 0;
+      size_t lost = 0; ///< of those that differ: none is stored
       std::vector<std::string> texts; ///< of the first differences
    };
    /// Compares all series of all stats that the id map names or that must exist, both ways: for
-   /// samples missing, wrong and invented.
+   /// samples missing, wrong and invented. Of a depot with runs that were cut short only the finest
+   /// interval: the others depend on how far these came.
    Result Compare(Metrix::StatsDepot& depot, const std::string& idMapPath) const;
 
 private:
@@ -63,6 +66,8 @@ private:
    /// Nothing when there must be no such sample.
    std::optional<StatVal> Expected(const std::string& entity, const std::string& statName,
                                    RollupType rollup, bool isFinest, TimeStamp stamp) const;
+   /// Null if there was none.
+   const Run* FindRun(TimeStamp stamp) const;
    TimeStamp GetNextPeriodEnd(TimeStamp timeSec) const;
    /// The stamps of the interval's columns, as many of the newest as it has columns.
    std::set<TimeStamp> GetColumns(const Metrix::StatsDepotInterval& interval, bool isFinest) const;
