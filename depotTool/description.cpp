@@ -141,13 +141,19 @@ std::vector<IntervalEntry> ExamineDescription(const Mending& mending)
                        Format("it is written anew from the %1 stores", intervals.size()));
       return intervals;
    }
-   for (IntervalEntry& interval : intervals) {
+   for (const IntervalEntry& interval : intervals) {
       const std::string right = mending.origin.GetStore(interval.periodSec);
-      if (interval.storePath != right && !IsSameFile(right, interval.storePath)) {
-         mending.AddFault("description.storePath", path, "interval " + interval.name,
-                          "the depot uses another file as its store: " + interval.storePath,
+      if (interval.storePath == right || IsSameFile(right, interval.storePath)) {
+         continue;
+      }
+      const std::string what =
+         Format("interval %1 has its store elsewhere: %2", interval.name, interval.storePath);
+      if (Corvax::System::GetFactory().Exists(mending.files.GetStore(interval.periodSec))) {
+         mending.AddNote("description.storePath", path, what,
+                         "nothing: the depot uses the one beside the description");
+      } else {
+         mending.AddFault("description.storePath", path, "", what,
                           "the path becomes " + mending.home.GetStore(interval.periodSec));
-         interval.storePath.clear(); // so that the description is written anew
       }
    }
    return intervals;
