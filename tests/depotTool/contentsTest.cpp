@@ -4,6 +4,8 @@
 
 namespace {
 
+using namespace DepotTool;
+
 TEST_F(DepotToolTest, FindingsSayFilePlaceFaultAndRemedy)
 {
    WriteDepot();

@@ -2,6 +2,8 @@
 
 namespace {
 
+using namespace DepotTool;
+
 /// A damage and what check finds then.
 struct Case {
    const char* name;

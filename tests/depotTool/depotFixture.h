@@ -16,7 +16,8 @@
 #include <map>
 #include <sstream>
 
-using namespace DepotTool;
+namespace DepotTool {
+
 using Metrix::StatsDepot;
 using Metrix::TimeStamp;
 using Metrix::IdMapFormat::kRecordSize;
@@ -186,3 +187,5 @@ private:
    int _opened = 0;
    bool _isChanging = false;
 };
+
+} // namespace DepotTool

@@ -3,6 +3,8 @@
 
 namespace {
 
+using namespace DepotTool;
+
 /// With a journal: most samples are in it, and in no other file.
 class JournalTest : public DepotToolTest {
 protected:
