@@ -24,15 +24,12 @@ constexpr uint64_t kSliceBytes = uint64_t{512} << 10;
 /// Rows in the way of a new column that are kept as whole rows in memory, which saves a checkpoint.
 constexpr size_t kMaxRowsInTheWay = 16;
 
-/// Entries that a journal which fails for a long time may leave waiting. Later ones come with the
-/// next snapshot.
-constexpr size_t kMaxWaitingBytes = size_t{64} << 20;
-
 } // namespace
 
 // Commits.
 
-/// Appends what has changed to the journal. After a failure the next commit has it, too.
+/// Appends what has changed to the journal. If that fails, a snapshot in the other file, which was
+/// allocated ahead, may still have it.
 void StatsDepotImpl::Commit()
 {
    if (!IsJournaled() || _entries.IsEmpty()) {
@@ -49,11 +46,7 @@ void StatsDepotImpl::Commit()
       _journal->Append(_entries);
       _entries.Clear();
    } catch (const Corvax::PlatformException&) {
-      _needsGeneration = true; // the other file may have room
-      if (_entries.GetSizeBytes() > kMaxWaitingBytes) {
-         _entries.Clear();
-      }
-      throw;
+      BeginGeneration();
    }
 }
 
@@ -69,7 +62,21 @@ bool StatsDepotImpl::CommitOrLog()
    } catch (const Corvax::Exception& e) {
       ReportTrouble(e.GetMessage());
    }
+   LogLostSamples();
    return IsJournaled();
+}
+
+void StatsDepotImpl::LogLostSamples()
+{
+   uint64_t lost = 0;
+   for (const auto& interval : *_intervalTable) {
+      lost += interval->GetStore().GetLostSamples();
+   }
+   if (lost > _lostSamples) {
+      _logger->Log(kLogError, "%1 samples are given up: they could not be written in time",
+                   lost - _lostSamples);
+   }
+   _lostSamples = lost;
 }
 
 /// Logs each trouble once.
@@ -391,7 +398,8 @@ void StatsDepotImpl::CheckpointNow()
    }
 }
 
-void StatsDepotImpl::LayEverythingDown()
+/// As in the order of writes, or `straight`: without the journal, which fails.
+void StatsDepotImpl::LayEverythingDown(bool straight)
 {
    for (const auto& interval : *_intervalTable) {
       interval->GetStore().WriteHeader();
@@ -411,8 +419,10 @@ void StatsDepotImpl::LayEverythingDown()
       StatsStore& store = interval->GetStore();
       postponed.push_back(layDown(store, 0, store.GetHead()->GetRowsEnd()));
    }
-   Commit(); // the entries of those that were postponed
-   SyncJournal();
+   if (!straight) {
+      Commit(); // the entries of those that were postponed
+      SyncJournal();
+   }
    for (size_t i = 0; i < postponed.size(); ++i) {
       for (const StatId id : postponed[i]) {
          layDown(_intervalTable->GetIntervalAt(static_cast<int>(i))->GetStore(), id, id + 1);
@@ -451,6 +461,13 @@ void StatsDepotImpl::MakeRoomFor(StatsStore& store, TimeStamp ts)
    }
    try {
       CheckpointNow();
+      return;
+   } catch (const Corvax::Exception& e) {
+      ReportTrouble(e.GetMessage());
+   }
+   try {
+      // Rows that a crash may tear are better than samples that are given up for certain.
+      LayEverythingDown(true);
    } catch (const Corvax::Exception& e) {
       ReportTrouble(e.GetMessage());
    }

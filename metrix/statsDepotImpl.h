@@ -209,6 +209,7 @@ private:
    void CreatePlannedStores();
    void MendDescription();
    void StartJournal();
+   void AllocateOtherFile();
    void OpenJournal();
    void RetireJournal();
    void SetJournalAside();
@@ -219,6 +220,7 @@ private:
    bool IsJournaled() const { return _journal != nullptr; }
    void Commit();
    bool CommitOrLog();
+   void LogLostSamples();
    bool IsSyncDue();
    void Maintain();
    std::shared_ptr<Journal> GetJournalToSync();
@@ -233,7 +235,7 @@ private:
    void BeginGeneration();
    void SyncJournal();
    void CheckpointNow();
-   void LayEverythingDown();
+   void LayEverythingDown(bool straight = false);
    void MakeRoomFor(StatsStore& store, TimeStamp ts);
    void AddSnapshotOfIds(JournalEntries& snapshot) const;
    bool AreFilesInPlace();
@@ -334,7 +336,7 @@ private:
    /// Until it has started: another attempt must know which of its files failed to sync, because
    /// what can be read of them need not be on the disk.
    std::shared_ptr<Journal> _openedJournal;
-   JournalEntries _entries;           ///< not committed yet
+   JournalEntries _entries; ///< not committed yet
    bool _needsGeneration = false;
    bool _hasChanges = false; ///< since the depot was locked
    bool _mustSync = false;   ///< when unlocking, whatever the options say
@@ -344,6 +346,7 @@ private:
    std::vector<Schedule> _schedules; ///< by interval
    TimeStamp _lastStepStamp = kUnset;
    bool _isMaintaining = false;
+   uint64_t _lostSamples = 0; ///< that were logged
    std::string _trouble;
 };
 

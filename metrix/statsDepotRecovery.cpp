@@ -327,6 +327,7 @@ void StatsDepotImpl::StartJournal()
    try {
       BeginGeneration();
       SyncJournal();
+      AllocateOtherFile();
       // A checkpoint of what replaying found would only cost time: rows have their turns.
       if (_found && _found->GetState() == JournalReader::State::DAMAGED) {
          LayEverythingDown();
@@ -334,6 +335,19 @@ void StatsDepotImpl::StartJournal()
    } catch (...) {
       _journal = nullptr;
       throw;
+   }
+}
+
+/// So that a disk that fills up later stops no run. A disk that is full already is no reason not to
+/// start.
+void StatsDepotImpl::AllocateOtherFile()
+{
+   try {
+      BeginGeneration();
+      SyncJournal();
+   } catch (const Corvax::PlatformException& e) {
+      _logger->Log(kLogWarning, "The journal of depot %1 has one file only: %2", GetPrefix(),
+                   e.GetMessage());
    }
 }
 

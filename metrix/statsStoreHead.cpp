@@ -17,6 +17,9 @@ namespace {
 /// From here on copying a row costs more than two writes of a few bytes.
 constexpr size_t kLongRowBytes = 4096;
 
+/// What whole rows may take up in memory when they can be neither journaled nor written.
+constexpr size_t kMaxImageBytes = size_t{32} << 20;
+
 /// Rows that are reserved at a time, because each step is a system call.
 constexpr uint64_t kReserveStep = 256;
 
@@ -133,10 +136,18 @@ void StatsStoreImpl::AddHeadColumn(TimeStamp ts)
    _entries->AddColumn(_storeNumber, ts);
 }
 
-/// Keeps whole rows in memory that have samples in the head's oldest column, or gives these up.
+/// Keeps whole rows in memory that have samples in the head's oldest column, or gives these up: the
+/// disk has failed for as long as the head goes back.
 void StatsStoreImpl::MakeRoom()
 {
-   for (const StatId id : _head->FindRowsInTheWay()) {
+   const std::vector<StatId> rows = _head->FindRowsInTheWay();
+   const bool areTooMany = rows.size() * _rowSize > kMaxImageBytes;
+   for (const StatId id : rows) {
+      if (areTooMany) {
+         ++_lostSamples;
+         _head->DropOldest(id);
+         continue;
+      }
       try {
          if (ComposeRow(id)) {
             _head->SetImage(id, _composed);

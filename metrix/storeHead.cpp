@@ -103,7 +103,7 @@ StoreHead::Tile* StoreHead::FindTile(StatId id) const
    const uint32_t index = _tileOf[id] - 1;
    std::byte* const bytes = &_chunks[index / kTilesPerChunk][index % kTilesPerChunk * _tileBytes];
    Tile* const tile = std::launder(reinterpret_cast<Tile*>(bytes));
-   if (tile->upTo != _newest) {
+   if (tile->seenNewest != _newest) {
       BringUpToDate(*tile);
    }
    return tile;
@@ -112,14 +112,14 @@ StoreHead::Tile* StoreHead::FindTile(StatId id) const
 /// Clears the bits of slots that have been given to newer columns since.
 void StoreHead::BringUpToDate(Tile& tile) const
 {
-   if (_newest - tile.upTo >= _columns) {
+   if (_newest - tile.seenNewest >= _columns) {
       tile.has = 0;
    } else {
-      for (uint32_t sequence = tile.upTo + 1; sequence <= _newest; ++sequence) {
+      for (uint32_t sequence = tile.seenNewest + 1; sequence <= _newest; ++sequence) {
          tile.has &= ~Bit(sequence);
       }
    }
-   tile.upTo = _newest;
+   tile.seenNewest = _newest;
    tile.knownFrom = std::max(tile.knownFrom, GetOldest());
 }
 
@@ -137,7 +137,7 @@ StoreHead::Tile& StoreHead::GetTile(StatId id)
    const uint32_t index = _tileCount++;
    Tile* const tile =
       new (&_chunks[index / kTilesPerChunk][index % kTilesPerChunk * _tileBytes]) Tile;
-   tile->upTo = _newest;
+   tile->seenNewest = _newest;
    tile->knownFrom = _newest + 1;
    _tileOf[id] = index + 1;
    return *tile;
@@ -212,7 +212,7 @@ void StoreHead::Restart(StatId id, Tile& tile, Base base, TimeStamp stamp, uint3
    for (uint32_t slot = 0; slot < _columns; ++slot) {
       _pendingInSlot[slot] -= tile.pending >> slot & 1;
    }
-   tile = {.stamp = stamp, .upTo = _newest, .knownFrom = knownFrom, .base = base};
+   tile = {.stamp = stamp, .seenNewest = _newest, .knownFrom = knownFrom, .base = base};
    _baseStamps.erase(id);
    _images.erase(id);
 }

@@ -129,8 +129,8 @@ private:
       uint64_t has = 0;     ///< a bit per slot: a sample in that column
       uint64_t pending = 0; ///< those that the file does not have for certain
       TimeStamp stamp = kUnknown;
-      uint32_t upTo = 0;      ///< newest column when the bits were last brought up to date
-      uint32_t knownFrom = 0; ///< all samples from this column on are known
+      uint32_t seenNewest = 0; ///< newest column when the bits were last brought up to date
+      uint32_t knownFrom = 0;  ///< all samples from this column on are known
       Base base = Base::FILE;
       bool isLaidDown = false;
       bool needsBaseStamp = false; ///< the cells' base is not known

@@ -144,7 +144,7 @@ TEST_F(StatsDepotTest, JournalIsByteForByteAsDocumented)
       _depot->AddSample("e", "mem-state", ts, 160 + ts / 10, 0);
       _depot->AddSample("e", "disk-usage", ts, 176 + ts / 10, 0);
    }
-   std::string bytes = _scratch.Read("d.journal.1");
+   std::string bytes = _scratch.Read("d.journal.0");
    // Lines of the document: offset, bytes ("..": any), meaning. All other bytes are zero.
    std::ifstream document(DOCS_DIRECTORY "/formats/journal.md");
    const std::regex pattern(" *(\\d+)  +((?:[0-9a-f.]{2} )*[0-9a-f.]{2})(?:  .*)?");
