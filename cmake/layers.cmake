@@ -77,6 +77,7 @@ set(store metrix/storeHead metrix/journalEntries metrix/journalFormat metrix/row
    metrix/columnRing metrix/storeFormat metrix/statTypes corvax)
 room(metrix/statsStore SEES metrix/statsStoreImpl ${store})
 room(metrix/statsStoreImpl SEES metrix/statsStore ${store})
+room(metrix/statsStoreColumns SEES metrix/statsStoreImpl metrix/statsStore ${store})
 room(metrix/statsStoreHead SEES metrix/statsStoreImpl metrix/statsStore ${store})
 room(metrix/idMapFile SEES metrix/rowWindow metrix/idMapFormat metrix/statTypes corvax)
 room(metrix/intervalTable SEES metrix/statsStore corvax)

@@ -1,6 +1,7 @@
 #include "metrix/columnRing.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace Metrix {
@@ -66,6 +67,17 @@ int32_t ColumnRing::FindClosestColumn(TimeStamp ts) const
       }
    }
    return GetColumnAt(low);
+}
+
+TimeStamp ColumnRing::FindStampUpTo(TimeStamp ts) const
+{
+   TimeStamp found = kUnset;
+   for (const TimeStamp stamp : _timeStamps) {
+      if (stamp <= ts && stamp != kUnset && (found == kUnset || stamp > found)) {
+         found = stamp;
+      }
+   }
+   return found;
 }
 
 ColumnRing::Range ColumnRing::GetRange(int32_t first, TimeStamp end) const
@@ -146,6 +158,71 @@ int32_t ColumnRing::FindFirst(Matches matches) const
          return -1;
       }
    }
+}
+
+namespace {
+
+/// The places of a longest ascending sequence.
+std::vector<size_t> FindLongestAscent(const std::vector<TimeStamp>& stamps)
+{
+   std::vector<size_t> ends; // by length: the place of the lowest stamp that ends such a sequence
+   std::vector<size_t> before(stamps.size());
+   for (size_t i = 0; i < stamps.size(); ++i) {
+      const auto found = std::ranges::lower_bound(
+         ends, stamps[i], {}, [&stamps](size_t place) { return stamps[place]; });
+      before[i] = found == ends.begin() ? i : *(found - 1);
+      if (found == ends.end()) {
+         ends.push_back(i);
+      } else {
+         *found = i;
+      }
+   }
+   std::vector<size_t> ascent(ends.size());
+   for (size_t length = ends.size(), place = ends.empty() ? 0 : ends.back(); length > 0;
+        place = before[place]) {
+      ascent[--length] = place;
+   }
+   return ascent;
+}
+
+} // namespace
+
+std::vector<size_t> FindImpossibleColumns(const std::vector<TimeStamp>& timeStamps, uint64_t period,
+                                          TimeStamp newest)
+{
+   std::vector<size_t> impossible;
+   std::vector<size_t> columns; // that remain
+   for (size_t column = 0; column < timeStamps.size(); ++column) {
+      const TimeStamp ts = timeStamps[column];
+      if (ts != kUnset) {
+         (ts % period == 0 && ts <= newest ? columns : impossible).push_back(column);
+      }
+   }
+   // The ring begins behind one of the places at which the stamps fall: try each.
+   std::vector<size_t> best;
+   const auto tryFrom = [&](size_t start) {
+      std::vector<size_t> rotated(columns.begin() + static_cast<ptrdiff_t>(start), columns.end());
+      rotated.insert(rotated.end(), columns.begin(),
+                     columns.begin() + static_cast<ptrdiff_t>(start));
+      std::vector<TimeStamp> stamps;
+      for (const size_t column : rotated) {
+         stamps.push_back(timeStamps[column]);
+      }
+      std::vector<size_t> ascent = FindLongestAscent(stamps);
+      if (ascent.size() > best.size()) {
+         std::ranges::transform(ascent, ascent.begin(), [&](size_t i) { return rotated[i]; });
+         best = std::move(ascent);
+      }
+   };
+   tryFrom(0);
+   for (size_t i = 1; i < columns.size() && best.size() < columns.size(); ++i) {
+      if (timeStamps[columns[i]] < timeStamps[columns[i - 1]]) {
+         tryFrom(i);
+      }
+   }
+   std::ranges::sort(best);
+   std::ranges::set_difference(columns, best, std::back_inserter(impossible));
+   return impossible;
 }
 
 } // namespace Metrix

@@ -45,6 +45,9 @@ public:
    /// The oldest column in use whose stamp is at least `ts`; -1 if there is none.
    int32_t FindClosestColumn(TimeStamp ts) const;
 
+   /// The newest stamp in use that is at most `ts`; unset if there is none.
+   TimeStamp FindStampUpTo(TimeStamp ts) const;
+
    /// The columns from `first` to the latest, or to the last one before a stamp greater than `end`.
    /// Empty if `first` is -1.
    Range GetRange(int32_t first, TimeStamp end) const;
@@ -70,5 +73,10 @@ private:
    int32_t _latestTsCol = -1;
    bool _stampsAscend = true;
 };
+
+/// Columns whose stamps a sound ring of this period cannot have: no multiple of the period, newer
+/// than `newest`, or out of order. Of those out of order the fewest are named.
+std::vector<size_t> FindImpossibleColumns(const std::vector<TimeStamp>& timeStamps, uint64_t period,
+                                          TimeStamp newest);
 
 } // namespace Metrix

@@ -193,6 +193,7 @@ private:
    // Recovery.
    void Open(bool readOnly);
    void Recover();
+   void HideImpossibleColumns();
    void AttachHeads(bool asLargeAsPossible);
    void ApplyJournal(const JournalReader& reader, Recovery& recovery);
    void CheckJournalFits(const JournalReader& reader) const;

@@ -109,6 +109,7 @@ void StatsDepotImpl::Recover()
    if (hasJournal || _journalOptions.checkpointSec > 0) {
       AttachHeads(_journalOptions.checkpointSec <= 0);
    }
+   HideImpossibleColumns();
    Recovery recovery(*_intervalTable);
    using State = JournalReader::State;
    if (_found->GetState() == State::DAMAGED || _found->GetState() == State::UNREADABLE) {
@@ -132,6 +133,7 @@ void StatsDepotImpl::Recover()
          for (const auto& interval : *_intervalTable) {
             interval->GetStore().SetColumns(interval->GetStore().GetFileColumns());
          }
+         HideImpossibleColumns();
       }
    }
    _entries.Clear();
@@ -143,6 +145,26 @@ void StatsDepotImpl::Recover()
    LoadIdMapping(recovery.GetStats());
    for (const auto& [id, stat] : recovery.GetStats()) {
       _pendingIds[id] = ++_idChanges;
+   }
+}
+
+/// Columns whose stamps are damaged would stop rolling up, or show samples at wrong times.
+void StatsDepotImpl::HideImpossibleColumns()
+{
+   // The finest interval's may be ahead of the clock; a coarse one is rolled up from older samples.
+   auto newest = static_cast<TimeStamp>(Corvax::System::GetTime() / Corvax::kMicrosecondsPerSecond);
+   bool isFinest = true;
+   for (const auto& interval : *_intervalTable) {
+      StatsStore& store = interval->GetStore();
+      const TimeStamp limit = isFinest ? kUnset : newest + interval->GetPeriod();
+      for (const TimeStamp ts : store.HideImpossibleColumns(limit)) {
+         _logger->Log(kLogError,
+                      "Interval %1 has a column with the impossible stamp %2, which is given up",
+                      interval->_intervalName, ts);
+      }
+      const TimeStamp latest = store.GetLatestTimeStamp();
+      newest = latest == kUnset ? newest : std::max(newest, latest);
+      isFinest = false;
    }
 }
 
@@ -180,7 +202,7 @@ void StatsDepotImpl::ApplyJournal(const JournalReader& reader, Recovery& recover
    for (const auto& interval : *_intervalTable) {
       StatsStore& store = interval->GetStore();
       if (reader.GetState() == JournalReader::State::DAMAGED) {
-         store.HideLostColumns(); // the store may be newer, as far as records are missing
+         store.HideNewerColumns(); // the store may be newer, as far as records are missing
          continue;
       }
       const TimeStamp latest = store.GetLatestTimeStamp();
@@ -232,7 +254,7 @@ void StatsDepotImpl::TryMakeReady()
    }
    try {
       MakeReady();
-   } catch (const Corvax::PlatformException& e) {
+   } catch (const Corvax::Exception& e) {
       ReportTrouble(e.GetMessage());
       _whyNotReady = IsLocked() ? std::current_exception() : nullptr;
       throw;
@@ -254,14 +276,13 @@ void StatsDepotImpl::MakeReady()
    }
    CreatePlannedStores();
    MendDescription();
-   const bool isDamaged = _found && _found->GetState() == JournalReader::State::DAMAGED;
    if (_journalOptions.checkpointSec > 0) {
       StartJournal();
    } else if (_found && _found->HasRecords() && !_refusesFound) {
       RetireJournal();
    }
-   if (isDamaged) {
-      for (const auto& interval : *_intervalTable) {
+   for (const auto& interval : *_intervalTable) {
+      if (interval->GetStore().HasHiddenColumns()) {
          const TimeStamp latest = interval->GetStore().GetLatestTimeStamp();
          interval->GetStore().GiveUpColumnsAfter(latest == kUnset ? 0 : latest);
       }
@@ -329,7 +350,10 @@ void StatsDepotImpl::StartJournal()
       SyncJournal();
       AllocateOtherFile();
       // A checkpoint of what replaying found would only cost time: rows have their turns.
-      if (_found && _found->GetState() == JournalReader::State::DAMAGED) {
+      const bool givesUp = std::ranges::any_of(*_intervalTable, [](const auto& interval) {
+         return interval->GetStore().HasHiddenColumns();
+      });
+      if (givesUp) {
          LayEverythingDown();
       }
    } catch (...) {

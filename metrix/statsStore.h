@@ -88,9 +88,13 @@ public:
    virtual void ReplayColumn(TimeStamp ts) = 0;
    virtual void ReplayCell(uint32_t column, StatId id, StatVal value) = 0;
    virtual void ReplayImage(StatId id, std::span<const std::byte> bytes) = 0;
-   /// The journal has lost columns that the file's header has, newer than all others: none of their
-   /// cells may be read as an older column's. GiveUpColumnsAfter then wipes them in the rows.
-   virtual void HideLostColumns() = 0;
+   /// Takes columns out whose stamps cannot be right, none being newer than `newest`. Returns their
+   /// stamps. GiveUpColumnsAfter clears them in the file.
+   virtual std::vector<TimeStamp> HideImpossibleColumns(TimeStamp newest) = 0;
+   /// Takes columns out that the file has and that are newer than all in memory: a damaged journal
+   /// has lost them.
+   virtual void HideNewerColumns() = 0;
+   virtual bool HasHiddenColumns() = 0;
 
    /// Whether a sample at `ts` can be added without giving anything up.
    virtual bool HasRoom(TimeStamp ts) = 0;
@@ -118,7 +122,8 @@ public:
    /// What was laid down of these rows is synced: it leaves the head.
    virtual void SetRowsDurable(StatId first, StatId end, TimeStamp newestStamp) = 0;
 
-   /// Gives up all columns newer than `ts`, in the file: nothing is pending. Returns their number.
+   /// Gives up all columns newer than `ts` and those that are hidden, in the file: nothing is
+   /// pending. Returns their number.
    virtual int GiveUpColumnsAfter(TimeStamp ts) = 0;
 
    /// Whether the file is still at its path, and as long as it was.

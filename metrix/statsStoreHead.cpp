@@ -54,14 +54,6 @@ void StatsStoreImpl::OpenWindow()
    }
 }
 
-void StatsStoreImpl::SetColumns(const std::vector<TimeStamp>& columns)
-{
-   _columns = ColumnRing(columns);
-   if (_head) {
-      _head->Clear();
-   }
-}
-
 JournalFormat::StoreShape StatsStoreImpl::GetShape()
 {
    return {_samplingPeriod, _headerStamp, _columns.GetAllTimeStamps()};
@@ -101,21 +93,6 @@ void StatsStoreImpl::ReplayImage(StatId id, std::span<const std::byte> bytes)
    }
    _head->SetImage(id, bytes);
    _numStats = std::max(_numStats, static_cast<uint32_t>(id) + 1);
-}
-
-void StatsStoreImpl::HideLostColumns()
-{
-   const TimeStamp latest = _columns.GetLatestTimeStamp();
-   std::vector<TimeStamp> columns = _columns.GetAllTimeStamps();
-   _lostColumns.assign(_numSamples, kUnset);
-   for (size_t column = 0; column < columns.size(); ++column) {
-      const TimeStamp inFile = _fileColumns[column];
-      if (inFile != kUnset && (latest == kUnset || inFile > latest)) {
-         columns[column] = kUnset;
-         _lostColumns[column] = inFile;
-      }
-   }
-   _columns = ColumnRing(columns);
 }
 
 // Recording.
@@ -239,37 +216,6 @@ void StatsStoreImpl::ReserveRows(StatId end)
 
 // Laying down.
 
-void StatsStoreImpl::WriteHeader()
-{
-   const std::vector<TimeStamp>& columns = _columns.GetAllTimeStamps();
-   const bool writesAll = _mustRewriteHeader.exchange(false);
-   try {
-      for (size_t column = 0; column < columns.size(); ++column) {
-         if (writesAll || columns[column] != _fileColumns[column]) {
-            WriteTimeStamp(static_cast<int32_t>(column), columns[column]);
-         }
-      }
-   } catch (...) {
-      _mustRewriteHeader = writesAll || _mustRewriteHeader;
-      throw;
-   }
-   _writtenStamp = _columns.GetLatestTimeStamp();
-}
-
-TimeStamp StatsStoreImpl::GetSettledStamp()
-{
-   if (_headerStamp == kUnset || _columns.GetLatest() < 0) {
-      return 0;
-   }
-   if (_headerStamp != _columns.GetLatestTimeStamp()) {
-      return _headerStamp;
-   }
-   const TimeStamp previous = _columns.GetTimeStamp(_columns.GetPrevious(_columns.GetLatest()));
-   return previous == kUnset || previous > _headerStamp ? 0 : previous;
-}
-
-/// Rows are read and written whole, many together. Where they are long, those that only get a few
-/// samples more are extended, after the others: the window must not write older copies of them.
 StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, TimeStamp newestStamp)
 {
    LayDownResult result;
@@ -394,54 +340,6 @@ void StatsStoreImpl::SetRowsDurable(StatId first, StatId end, TimeStamp newestSt
    for (const auto& [id, base] : bases) {
       _entries->AddRowBase(_storeNumber, id, base);
    }
-}
-
-int StatsStoreImpl::GiveUpColumnsAfter(TimeStamp ts)
-{
-   // By the file's header, too: its rows may have samples in columns that memory does not know.
-   std::vector<TimeStamp> columns = _columns.GetAllTimeStamps();
-   _lostColumns.resize(columns.size(), kUnset);
-   std::vector<size_t> givenUp;
-   TimeStamp latest = kUnset;
-   for (size_t column = 0; column < columns.size(); ++column) {
-      const auto isAhead = [ts](TimeStamp stamp) { return stamp != kUnset && stamp > ts; };
-      if (isAhead(columns[column]) || isAhead(_fileColumns[column]) ||
-          isAhead(_lostColumns[column])) {
-         givenUp.push_back(column);
-         columns[column] = kUnset;
-      } else if (columns[column] != kUnset && (latest == kUnset || columns[column] > latest)) {
-         latest = columns[column];
-      }
-   }
-   if (givenUp.empty() || !_rows) {
-      return 0;
-   }
-   const bool wasBatch = _rows->IsBatch();
-   _rows->BeginBatch();
-   for (StatId id = 0; id < _numStats; ++id) {
-      StatVector row(_rows->Get(id));
-      if (!row.IsUsed()) {
-         continue;
-      }
-      for (const size_t column : givenUp) {
-         row.SetSample(column, kUnset);
-      }
-      if (row.GetTimeStamp() != kUnset && row.GetTimeStamp() > ts) {
-         row.SetTimeStamp(latest);
-      }
-      _rows->MarkDirty(id);
-   }
-   _rows->EndBatch();
-   if (wasBatch) {
-      _rows->BeginBatch();
-   }
-   Flush(); // the header last: rows that still have the columns must not lose their stamps
-   SetColumns(columns);
-   WriteHeader();
-   Flush();
-   SetHeaderDurable();
-   _lostColumns.clear();
-   return static_cast<int>(givenUp.size());
 }
 
 bool StatsStoreImpl::IsInPlace()

@@ -16,7 +16,7 @@
 namespace Metrix {
 
 /// The store. statsStore.cpp: the file, recording, reading. statsStoreHead.cpp: the head, and
-/// laying its rows down.
+/// laying its rows down. statsStoreColumns.cpp: the header, and columns that are given up.
 class StatsStoreImpl : public StatsStore, public Corvax::ObjectImpl {
 public:
    StatsStoreImpl(std::string fileName, Corvax::Logger* logger)
@@ -53,7 +53,9 @@ public:
    void ReplayColumn(TimeStamp ts) override;
    void ReplayCell(uint32_t column, StatId id, StatVal value) override;
    void ReplayImage(StatId id, std::span<const std::byte> bytes) override;
-   void HideLostColumns() override;
+   std::vector<TimeStamp> HideImpossibleColumns(TimeStamp newest) override;
+   void HideNewerColumns() override;
+   bool HasHiddenColumns() override;
    bool HasRoom(TimeStamp ts) override;
    uint64_t GetLostSamples() override { return _lostSamples; }
    void ReserveRows(StatId end) override;
@@ -87,6 +89,7 @@ private:
    void WriteTimeStamp(int32_t column, TimeStamp ts);
    void InvalidateGap(StoreFormat::StatVector& row, int32_t chosen) const;
 
+   void HideColumns(const std::vector<size_t>& columns);
    void AddHeadColumn(TimeStamp ts);
    void MakeRoom();
    void AddHeadSample(StatId statId, int32_t column, TimeStamp ts, StatVal value);
@@ -118,7 +121,7 @@ private:
    std::atomic<bool> _mustRewriteHeader = false; ///< a failed sync may have lost stamps
    std::vector<StatId> _extensions;              ///< LayDown's rows that only get more samples
    std::vector<std::byte> _composed;             ///< ComposeRow's result
-   std::vector<TimeStamp> _lostColumns;          ///< by column, as the header had them; empty: none
+   std::vector<bool> _lostColumns; ///< by column: hidden, but in the file; empty: none
    uint64_t _reservedRows = 0;
    uint64_t _fileSize = 0; ///< that the file had at least, without an incomplete row
    uint64_t _lostSamples = 0;

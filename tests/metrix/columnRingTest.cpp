@@ -19,6 +19,29 @@ Stamps InOrder(const ColumnRing& ring, TimeStamp begin = kUnset, TimeStamp end =
    return stamps;
 }
 
+TEST(ColumnRingTest, FindsTheFewestStampsThatCannotBe)
+{
+   constexpr TimeStamp kNone = kUnset;
+   const struct {
+      const char* name;
+      std::vector<TimeStamp> stamps;
+      std::vector<size_t> impossible;
+   } cases[] = {
+      {"none in use", {kNone, kNone}, {}},
+      {"in order", {100, 120, 140, kNone}, {}},
+      {"wrapped, with a gap", {500, 520, 100, 120}, {}},
+      {"a hole behind the latest", {500, kNone, 100, 120}, {}},
+      {"no multiple of the period", {100, 121, 140}, {1}},
+      {"too new", {100, 120, 1000020}, {2}},
+      {"one far too high", {100, 900000, 140, 160}, {1}},
+      {"one too low", {100, 120, 20, 160}, {2}},
+      {"one twice", {100, 120, 120, 160}, {1}},
+   };
+   for (const auto& each : cases) {
+      EXPECT_EQ(FindImpossibleColumns(each.stamps, 20, 1000000), each.impossible) << each.name;
+   }
+}
+
 TEST(ColumnRingTest, FindsTheEarliestAndTheLatestColumnOfAFile)
 {
    struct Case {

@@ -230,6 +230,43 @@ TEST_F(StatsDepotTest, LoadNeverOverwritesAForeignFile)
    EXPECT_EQ(_scratch.Read("foreign.txt"), "somebody's text");
 }
 
+TEST_F(StatsDepotTest, AColumnWithADamagedStampIsGivenUpAndRollingUpGoesOn)
+{
+   for (const JournalOptions& options : {JournalOptions{}, {300, 1}}) {
+      _depot = nullptr;
+      GetStatsDepot(_scratch.Path(), "d", _logger.Get(), 1000, _depot, options);
+      _depot->Create();
+      _depot->AddInterval("every10", 10, 12);
+      _depot->AddInterval("every30", 30, 9);
+      AddStat("s");
+      const auto addUpTo = [this](TimeStamp first, TimeStamp end) {
+         for (TimeStamp ts = first; ts <= end; ts += 10) {
+            _depot->AddSample("e", "s", ts, ts, 0);
+         }
+      };
+      addUpTo(1000, 1200);
+      _depot->Checkpoint();
+      const TimeStamp newest = 1170;
+      ASSERT_NE(Read("s", newest, "every30", StatsDepot::ROLLUP_MAX), kUnset);
+      _depot = nullptr;
+      std::string store = _scratch.Read("d-30.stats");
+      const size_t pos = store.find(std::string("\x92\x04\0\0\0\0\0\0", 8)); // 1170
+      store.at(pos + 7) = '\x40';
+      _scratch.Write("d-30.stats", store);
+      if (options.checkpointSec > 0) {
+         Corvax::System::GetFactory().Remove(_scratch.Path() + "d.journal.0");
+         Corvax::System::GetFactory().Remove(_scratch.Path() + "d.journal.1");
+      }
+      Reload();
+      EXPECT_EQ(Read("s", newest - 30, "every30", StatsDepot::ROLLUP_MAX), newest - 30);
+      addUpTo(1210, 1300);
+      for (TimeStamp ts = newest - 30; ts <= 1260; ts += 30) {
+         EXPECT_EQ(Read("s", ts, "every30", StatsDepot::ROLLUP_MAX), ts);
+      }
+   }
+   EXPECT_EQ(_logger->Count("impossible stamp"), 2);
+}
+
 /// A backup that is put back while the depot is open, or a file that somebody deletes.
 TEST_F(StatsDepotTest, FilesThatAreReplacedUnderTheDepotAreNotWrittenOver)
 {
