@@ -36,7 +36,7 @@ struct StatEntry {
 class JournalSink {
 public:
    virtual ~JournalSink();
-   /// A new newest column.
+   /// A new column, newer than all others.
    virtual void OnColumn(uint32_t store, TimeStamp ts) = 0;
    virtual void OnCell(uint32_t store, uint32_t column, StatId id, StatVal value) = 0;
    virtual void OnRow(uint32_t store, StatId id, RowChange change) = 0;
@@ -44,13 +44,13 @@ public:
    virtual void OnRowBase(uint32_t store, StatId id, TimeStamp ts) = 0;
    /// The whole row.
    virtual void OnRowImage(uint32_t store, StatId id, std::span<const std::byte> bytes) = 0;
-   /// In the store's file, safely: all entries on `count` rows from `first` on, of cells those in
-   /// columns up to `ts`.
+   /// All entries on `count` rows from `first` on are durable in the store's file; of cells, those
+   /// in columns up to `ts`.
    virtual void OnRowsDurable(uint32_t store, StatId first, uint64_t count, TimeStamp ts) = 0;
    virtual void OnStat(const StatEntry& stat) = 0;
    /// The ids' records are free.
    virtual void OnIdsFreed(const std::vector<StatId>& ids) = 0;
-   /// In the id map's file, safely: all entries on the records of these ids.
+   /// All entries on these ids are durable in the id map's file.
    virtual void OnIdsDurable(const std::vector<StatId>& ids) = 0;
 };
 
@@ -98,8 +98,8 @@ private:
    size_t _cellsBegin = 0;
 };
 
-/// Decodes entries in order. FileFormatException, naming the offset, for bytes that are none; those
-/// before have been handed over then.
+/// Decodes entries in order. FileFormatException, naming the offset, for bytes that are no entry;
+/// the sink has received the entries before them.
 void DecodeEntries(std::span<const std::byte> bytes, JournalSink& sink);
 
 } // namespace Metrix

@@ -22,13 +22,13 @@ class JournalReader {
 public:
    enum class State {
       NONE,       ///< no file, or none with a whole snapshot
-      WHOLE,      ///< everything that was written is there
+      WHOLE,      ///< nothing shows that a record is missing
       TORN,       ///< the last write was cut short, as a crash does it
       DAMAGED,    ///< records are missing that had been synced
       UNREADABLE, ///< the disk fails, or the header is of another version
    };
 
-   /// Reads the files; only reads. A file that is missing is as one without records.
+   /// Reads the files and changes nothing. A missing file counts as one without records.
    /// PlatformException if a file cannot be read for a reason other than a failure of the disk.
    void Read(const std::string& prefix);
 
@@ -45,7 +45,7 @@ public:
    const std::vector<JournalFormat::StoreShape>& GetStores() const { return _stores; }
    /// Encoded entries, the snapshot's first, then those of each commit. They point into the reader.
    const std::vector<std::span<const std::byte>>& GetPayloads() const { return _payloads; }
-   /// The highest generation that any of the files mentions.
+   /// The highest generation of a whole record in either file.
    uint64_t GetHighestGeneration() const { return _highestGeneration; }
 
 private:

@@ -18,9 +18,12 @@ namespace Metrix {
 /// dirty ones are written back as they were read.
 ///
 /// A row that the file does not hold whole reads as zero bytes, and is cut off before the file
-/// grows. Errors: PlatformException if the file system fails, AssertionException if it writes rows
+/// grows.
+///
+/// Errors: PlatformException if the file system fails, AssertionException if it writes rows
 /// only in part. The changes of the failed write are lost, and later reads return the file's
-/// content; other changes stay pending. Locking: none; one thread at a time.
+/// content; other changes stay pending.
+/// Locking: none; one thread at a time.
 class RowWindow {
 public:
    /// The file stays open while the window is used. Row 0 begins at `firstRowPos`. The first

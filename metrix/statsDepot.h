@@ -29,8 +29,8 @@ struct JournalOptions {
    /// written; those of the coarser ones stay twelve times as long. Both less where the ring or the
    /// memory for it is smaller. 0: no journal, every write goes straight to the files.
    int checkpointSec = 0;
-   /// After unlocking, the journal is synced if its last sync is at least so long ago. 0: only when
-   /// the order of writes asks for it.
+   /// After unlocking, the journal is synced if its last sync is at least this many seconds ago. 0:
+   /// only where the order of writes asks for it, as it does once per column.
    int syncSec = 0;
 };
 
@@ -39,8 +39,8 @@ struct JournalOptions {
 /// the coarser ones.
 ///
 /// Locking: the operations take no lock; callers lock the depot around a call or a group of calls.
-/// A collector's lock, if held too, is taken first. While the depot is locked, changes may be
-/// pending in memory; unlocking writes them.
+/// A collector's lock, if held too, is taken first. While the depot is locked, changes may be in
+/// memory alone; unlocking writes them, and syncs the journal without the lock.
 /// Errors: InvalidArgumentException ("Invalid argument"), FileFormatException for damaged files,
 /// PlatformException if the file system fails, AssertionException for every operation other than
 /// Flush that is called before Create or Load.
@@ -66,12 +66,13 @@ public:
    /// Opens an existing depot and changes none of its files. A store file that cannot be used is
    /// set aside and recreated, empty, with the first change.
    virtual void Load() = 0;
-   /// Opens an existing depot for reading, also beside the process that writes it. Every operation
-   /// that changes the depot is then an AssertionException.
+   /// Opens an existing depot for reading, also beside the process that writes it. It shows the
+   /// columns of that moment; where the writer reuses one later, samples may be newer than its
+   /// stamp. Every operation that changes the depot is then an AssertionException.
    virtual void LoadReadOnly() = 0;
-   /// Writes the changes that are pending since the depot was locked. Throws if a write fails; the
-   /// samples in it are lost. Whoever recorded samples calls this before unlocking, because a
-   /// failure in Unlock is only logged.
+   /// Writes the changes since the depot was locked. Throws if a write fails; without a journal the
+   /// samples in it are lost, with one they are written again with the next changes. Whoever
+   /// recorded samples calls this before unlocking, because a failure in Unlock is only logged.
    virtual void Flush() = 0;
 
    /// Adds an interval and creates its store. Intervals are added finest first, each period a

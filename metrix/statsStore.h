@@ -20,7 +20,7 @@ namespace Metrix {
 ///
 /// Locking: none; used under the depot's lock.
 /// Errors: FileFormatException for a damaged file, PlatformException if the file system fails,
-/// AssertionException for every operation called before Create or Load.
+/// AssertionException for every operation called before Create, Load or Plan.
 class StatsStore : public virtual Corvax::Object {
 public:
    /// Creates an empty file, over one that exists, and loads it. InvalidArgumentException if either
@@ -28,14 +28,15 @@ public:
    virtual void Create(int samplingPeriod, int numSamples) = 0;
    virtual void Load() = 0;
    virtual void LoadReadOnly() = 0;
-   /// Makes it an empty store without a file, which CreateFile creates.
+   /// Makes it an empty store whose file does not exist until Create. Nothing can be stored.
    virtual void Plan(int samplingPeriod, int numSamples) = 0;
    virtual bool IsPlanned() = 0;
    virtual void Flush() = 0;
 
    /// Stores a sample in the column stamped `ts`, or in a new column if `ts` is newer than all
    /// columns. InvalidArgumentException if `ts` is unset, or is not newer and no column has it.
-   /// Costs one row read and one row write, plus a stamp write for a new column; less in a batch.
+   /// Costs one row read and one row write, plus a stamp write for a new column; less in a batch,
+   /// and mostly memory alone with a head.
    virtual void AddSample(StatId statId, TimeStamp ts, StatVal value) = 0;
 
    /// Unset if there is no such column, row or sample.
@@ -50,7 +51,7 @@ public:
    /// Stamp of the sample that was stored last in the row; unset if there is no row.
    virtual TimeStamp GetLastUpdateTime(StatId statId) = 0;
 
-   /// Frees the row. False if the file has no such row; freeing a free row returns true.
+   /// Frees the row. False if there is no such row; freeing a free row returns true.
    virtual bool DeleteStat(StatId statId) = 0;
 
    /// Unset if no column is in use.
@@ -64,7 +65,7 @@ public:
    virtual uint32_t GetSamplingPeriod() = 0;
 
    /// Between BeginBatch and EndBatch changed rows may stay in memory, so that two system calls
-   /// serve a range of consecutive rows. Column stamps are always written at once.
+   /// serve a range of consecutive rows. Without a head, column stamps are written at once.
    virtual void BeginBatch() = 0;
    /// Writes all pending changes. Throws if a write fails; the changes in that write are lost.
    virtual void EndBatch() = 0;
@@ -109,24 +110,24 @@ public:
    virtual void SetHeaderDurable() = 0;
    /// The newest column that the file's header has for certain; unset if none.
    virtual TimeStamp GetHeaderStamp() = 0;
-   /// The newest of those columns that gets no more samples; 0 if none.
+   /// The newest of those columns that will get no more samples; 0 if none.
    virtual TimeStamp GetSettledStamp() = 0;
 
    struct LayDownResult {
-      std::vector<StatId> postponed; ///< entries were added that must be synced before
+      std::vector<StatId> postponed; ///< rows whose new entries must be synced first
       uint64_t failed = 0;           ///< rows that could not be read or written
       std::string error;             ///< of the first of them
    };
    /// Writes the rows' pending changes into the file, of samples those up to `newestStamp`.
    virtual LayDownResult LayDown(StatId first, StatId end, TimeStamp newestStamp) = 0;
-   /// What was laid down of these rows is synced: it leaves the head.
+   /// What was laid down of these rows is synced, and pending no more.
    virtual void SetRowsDurable(StatId first, StatId end, TimeStamp newestStamp) = 0;
 
    /// Gives up all columns newer than `ts` and those that are hidden, in the file: nothing is
    /// pending. Returns their number.
    virtual int GiveUpColumnsAfter(TimeStamp ts) = 0;
 
-   /// Whether the file is still at its path, and as long as it was.
+   /// Whether the file is still at its path, and not shorter than it was.
    virtual bool IsInPlace() = 0;
    virtual const std::string& GetFileName() = 0;
 };

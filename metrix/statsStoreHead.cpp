@@ -25,7 +25,7 @@ constexpr uint64_t kReserveStep = 256;
 
 [[noreturn]] void RefuseEntry(const std::string& fileName, const std::string& reason)
 {
-   throw Corvax::FileFormatException("the journal does not fit to " + fileName + ": " + reason);
+   throw Corvax::FileFormatException("the journal does not fit " + fileName + ": " + reason);
 }
 
 } // namespace
@@ -113,8 +113,9 @@ void StatsStoreImpl::AddHeadColumn(TimeStamp ts)
    _entries->AddColumn(_storeNumber, ts);
 }
 
-/// Keeps whole rows in memory that have samples in the head's oldest column, or gives these up: the
-/// disk has failed for as long as the head goes back.
+/// Keeps the rows that have samples in the head's oldest column as whole rows in memory. Gives up
+/// the samples of rows that cannot be read, and all if they are too many: the disk has failed for as
+/// long as the head goes back.
 void StatsStoreImpl::MakeRoom()
 {
    const std::vector<StatId> rows = _head->FindRowsInTheWay();

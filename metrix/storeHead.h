@@ -35,12 +35,11 @@ public:
 
    // Columns.
 
-   /// Call it before the ring's AddColumn. Every cell in the slot of the oldest column is laid down
-   /// or given up: HasRoom.
+   /// Call it before the ring's AddColumn. Drops the oldest column, so only if HasRoom.
    void AddColumn();
-   /// Whether no cell of the oldest column is pending, which AddColumn drops.
+   /// Whether no cell of the oldest column, which AddColumn drops, is pending.
    bool HasRoom() const { return _pendingInSlot[Slot(GetOldest())] == 0; }
-   /// Rows with pending cells in that column.
+   /// Rows with pending cells in the oldest column.
    std::vector<StatId> FindRowsInTheWay();
    /// Whether the column is one of the head's.
    bool HasColumn(int32_t column) const { return GetAge(column) < _columns; }
@@ -69,13 +68,13 @@ public:
       NOT_NEWER,     ///< nothing done: the column is not newer than the row's stamp, or too old
    };
    /// Adds a sample to a row. Where only the file has the row's stamp, columns that were added
-   /// since loading are newer.
+   /// since loading count as newer.
    Cell AddCell(StatId id, int32_t column, StatVal value, TimeStamp& base);
    /// As AddCell, for a column that is known to be newer.
    Cell SetCell(StatId id, int32_t column, StatVal value, TimeStamp& base);
    void SetRow(StatId id, RowChange change);
    void SetImage(StatId id, std::span<const std::byte> bytes);
-   /// The stamp of the row in the file, when none of the pending cells was in it.
+   /// Sets the stamp that the file's row had before any of the pending cells.
    void SetBaseStamp(StatId id, TimeStamp ts);
    /// Gives up a pending cell in the oldest column.
    void DropOldest(StatId id);
@@ -114,8 +113,9 @@ public:
    /// The row was written into the file. A change of the row that is not newer takes that back.
    void MarkLaidDown(StatId id, bool isLaidDown);
    bool IsLaidDown(StatId id) const;
-   /// Everything on the row, of cells those up to `newestStamp`, is safely in the file. Returns the
-   /// base's stamp if it must be journaled because of a gap before the next cell; or kUnknown.
+   /// Everything on the row is durable in the file; of cells, those up to `newestStamp`. Returns
+   /// the base's stamp if it must be journaled because of a gap before the next cell; else
+   /// kUnknown.
    TimeStamp MarkDurable(StatId id, TimeStamp newestStamp);
 
    /// Adds entries for all that is pending.
