@@ -33,11 +33,27 @@ waitFor() { # COMMAND...: until it succeeds; fails the case after two minutes
 
 isRunning() { kill -0 "$agent" 2>/dev/null || fail "the agent has ended"; }
 
+hasRuns() { # COUNT: finished since the start, by the log
+   [ "$(grep -c ' Process time : ' "$dir/log")" -ge "$1" ] && return
+   isRunning
+   return 1
+}
+
+# Two times in three until a run is under way or has just ended.
+sleepToRun() {
+   local us=$((RANDOM % 1000000)) now
+   if [ $((RANDOM % 3)) -ne 0 ]; then
+      now=$(date +%s%N)
+      us=$((1000000 - now / 1000 % 1000000 + RANDOM % 30000))
+   fi
+   sleep "$((us / 1000000)).$(printf %06d $((us % 1000000)))"
+}
+
 config() { printf '<config>\n  %s\n</config>\n' "$1" >"$dir/c.xml"; }
 
 start() { # ARGUMENTS...: the agent in the background, its report in out
    : >"$dir/out"
-   "$agentd" --listen none --state-dir "$dir" --report "$@" >>"$dir/out" 2>"$dir/log" &
+   "$agentd" --listen "${listen:-none}" --state-dir "$dir" --report "$@" >>"$dir/out" 2>"$dir/log" &
    agent=$!
 }
 

@@ -8,23 +8,7 @@ rounds=${2:-50}
 host=vms=5,pools=2,disks=2,nics=1
 checkpoints=(300 300 2 0 0) # of each depot
 
-hasRuns() { # COUNT
-   [ "$(grep -c ' Process time : ' "$dir/log")" -ge "$1" ] && return
-   isRunning
-   return 1
-}
-
 isUp() { grep '>agentd: agentd .* runs with ' "$dir/log" >/dev/null || { isRunning && return 1; }; }
-
-# Two kills in three come while a run is under way or has just ended.
-sleepToKill() {
-   local us=$((RANDOM % 1000000)) now
-   if [ $((RANDOM % 3)) -ne 0 ]; then
-      now=$(date +%s%N)
-      us=$((1000000 - now / 1000 % 1000000 + RANDOM % 30000))
-   fi
-   sleep "$((us / 1000000)).$(printf %06d $((us % 1000000)))"
-}
 
 check() { # after a kill
    local status=0
@@ -46,7 +30,7 @@ killOften() { # DEPOT CHECKPOINT_SEC ROUNDS: in a directory of its own
       start --interval 1 --backend simulated --sim $host --config "$dir/c.xml"
       waitFor isUp
       waitFor hasRuns $((RANDOM % 3))
-      sleepToKill
+      sleepToRun
       kill -9 "$agent" 2>/dev/null || fail "the agent has ended"
       wait "$agent" 2>/dev/null || true
       agent=

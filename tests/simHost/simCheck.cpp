@@ -39,9 +39,11 @@ std::vector<SimOracle::Run> ReadRuns(const std::string& path)
 /// ended: a depot has one user.
 int main(int argc, char** argv)
 {
-   if (argc != 5) {
+   const bool onlyEstablished = argc == 6 && std::string(argv[5]) == "--established";
+   if (argc != 5 && !onlyEstablished) {
       std::fprintf(stderr,
-                   "usage: simCheck DEPOT_DIR/ DEPOT_NAME \"vms=200,pools=20,...\" RUNS_FILE\n");
+                   "usage: simCheck DEPOT_DIR/ DEPOT_NAME \"vms=200,pools=20,...\" RUNS_FILE "
+                   "[--established]\n");
       return 2;
    }
    try {
@@ -53,7 +55,8 @@ int main(int argc, char** argv)
       depot->LoadReadOnly();
       const SimOracle oracle =
          SimOracle::FromRuns(*depot, SimHost::ParseSimOptions(argv[3]), ReadRuns(argv[4]));
-      const SimOracle::Result result = oracle.Compare(*depot, directory + name + ".idMap");
+      const SimOracle::Result result =
+         oracle.Compare(*depot, directory + name + ".idMap", onlyEstablished);
       for (const std::string& text : result.texts) {
          std::printf("%s\n", text.c_str());
       }

@@ -287,7 +287,8 @@ SimOracle SimOracle::FromRuns(StatsDepot& depot, const SimOptions& options,
    return oracle;
 }
 
-SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMapPath) const
+SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMapPath,
+                                     bool onlyEstablished) const
 {
    auto all = ReadIdMap(idMapPath);
    Result result;
@@ -299,12 +300,13 @@ SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMap
    }
    Corvax::RefVector<Metrix::StatsDepotInterval> intervals;
    depot.GetIntervals(intervals);
-   if (std::ranges::any_of(_runs, &Run::isCut)) {
+   if (onlyEstablished || std::ranges::any_of(_runs, &Run::isCut)) {
       intervals.resize(1);
    }
    for (const auto& interval : intervals) {
       for (const auto& [entity, name] : all) {
-         CompareStat(depot, *interval, interval == intervals[0], entity, name, result);
+         CompareStat(depot, *interval, interval == intervals[0], entity, name, onlyEstablished,
+                     result);
       }
    }
    return result;
@@ -329,7 +331,7 @@ std::set<Metrix::TimeStamp> SimOracle::GetColumns(const Metrix::StatsDepotInterv
 
 void SimOracle::CompareStat(StatsDepot& depot, const Metrix::StatsDepotInterval& interval,
                             bool isFinest, const std::string& entity, const std::string& name,
-                            Result& result) const
+                            bool onlyEstablished, Result& result) const
 {
    const std::set<TimeStamp> columns = GetColumns(interval, isFinest);
    for (int i = StatsDepot::ROLLUP_NONE; i <= StatsDepot::ROLLUP_SUM; ++i) {
@@ -338,11 +340,13 @@ void SimOracle::CompareStat(StatsDepot& depot, const Metrix::StatsDepotInterval&
       for (const TimeStamp stamp : columns) {
          stored.try_emplace(stamp, kUnset);
       }
+      bool mayLack = onlyEstablished;
       for (const auto& [stamp, value] : stored) {
+         mayLack = mayLack && value == kUnset;
          const uint64_t expected = Expected(entity, name, rollup, isFinest, stamp).value_or(kUnset);
          result.samples += expected != kUnset || value != kUnset ? 1 : 0;
          const Run* const run = FindRun(stamp);
-         if (expected == value || (value == kUnset && run && run->isCut)) {
+         if (expected == value || mayLack || (value == kUnset && run && run->isCut)) {
             continue;
          }
          ++result.differ;

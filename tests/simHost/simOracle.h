@@ -19,8 +19,8 @@ public:
 
    struct Run {
       TimeStamp timeSec;
-      TimeStamp readSec; ///< time of the readings: later if a second passes while the run begins
-      bool isFirst;      ///< of a collector that has started: it has no earlier readings
+      TimeStamp readSec;  ///< time of the readings: later if a second passes while the run begins
+      bool isFirst;       ///< of a collector that has started: it has no earlier readings
       bool isCut = false; ///< by the end of the process: any of its samples may be missing
    };
 
@@ -45,13 +45,15 @@ public:
       size_t stats = 0;
       size_t samples = 0; ///< stored or expected
       size_t differ = 0;
-      size_t lost = 0; ///< of those that differ: none is stored
+      size_t lost = 0;                ///< of those that differ: none is stored
       std::vector<std::string> texts; ///< of the first differences
    };
    /// Compares all series of all stats that the id map names or that must exist, both ways: for
    /// samples missing, wrong and invented. Of a depot with runs that were cut short only the finest
    /// interval: the others depend on how far these came.
-   Result Compare(Metrix::StatsDepot& depot, const std::string& idMapPath) const;
+   /// The same holds if samples may be missing up to the first one that a series has stored.
+   Result Compare(Metrix::StatsDepot& depot, const std::string& idMapPath,
+                  bool onlyEstablished = false) const;
 
 private:
    TimeStamp GetStamp(const Run& run) const { return run.timeSec - run.timeSec % _finePeriodSec; }
@@ -73,7 +75,7 @@ private:
    std::set<TimeStamp> GetColumns(const Metrix::StatsDepotInterval& interval, bool isFinest) const;
    void CompareStat(Metrix::StatsDepot& depot, const Metrix::StatsDepotInterval& interval,
                     bool isFinest, const std::string& entity, const std::string& name,
-                    Result& result) const;
+                    bool onlyEstablished, Result& result) const;
 
    uint64_t _finePeriodSec;
    std::map<std::string, SimStatTable> _stats;
