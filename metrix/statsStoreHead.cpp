@@ -114,8 +114,8 @@ void StatsStoreImpl::AddHeadColumn(TimeStamp ts)
 }
 
 /// Keeps the rows that have samples in the head's oldest column as whole rows in memory. Gives up
-/// the samples of rows that cannot be read, and all if they are too many: the disk has failed for as
-/// long as the head goes back.
+/// the samples of rows that cannot be read, and all if they are too many: the disk has failed for
+/// as long as the head goes back.
 void StatsStoreImpl::MakeRoom()
 {
    const std::vector<StatId> rows = _head->FindRowsInTheWay();
