@@ -20,14 +20,13 @@ std::string Parent(const std::string& path)
 
 } // namespace
 
-void Disk::Put(std::string& content, const Piece& piece)
+void Disk::Put(FileContent& content, const Piece& piece)
 {
    if (piece.isTruncation) {
-      content.resize(piece.offset);
-      return;
+      content.Resize(piece.offset);
+   } else {
+      content.Write(piece.offset, piece.bytes);
    }
-   content.resize(std::max<size_t>(content.size(), piece.offset + piece.bytes.size()));
-   content.replace(piece.offset, piece.bytes.size(), piece.bytes);
 }
 
 void Disk::Put(Names& names, const NameChange& change)
@@ -87,7 +86,7 @@ void Disk::Write(File& file, uint64_t offset, const std::string& bytes)
    Put(file.live, {offset, bytes, false});
    const uint64_t end = offset + bytes.size();
    for (uint64_t start = offset - offset % _grain; start < end; start += _grain) {
-      file.pending.push_back({start, file.live.substr(start, _grain), false});
+      file.pending.push_back({start, file.live.Read(start, _grain), false});
    }
 }
 
@@ -180,21 +179,21 @@ Disk Disk::CutPower(const std::vector<Fate>& fates, const std::string& garbled) 
          for (size_t i = 0; i < file; ++i) {
             first += _files[i].pending.size();
          }
-         const std::string content = CutPower(_files[file], fates.data() + first, mayGarble);
+         const FileContent content = CutPower(_files[file], fates.data() + first, mayGarble);
          after._files[file] = {content, content, {}, 0};
       }
    }
    return after;
 }
 
-std::string Disk::CutPower(const File& file, const Fate* fates, bool mayGarble)
+FileContent Disk::CutPower(const File& file, const Fate* fates, bool mayGarble)
 {
    const size_t count = file.pending.size();
    size_t keptEnd = count; // behind the last piece that came to the disk
    while (keptEnd > 0 && fates[keptEnd - 1] == LOST) {
       --keptEnd;
    }
-   std::string content = file.durable;
+   FileContent content = file.durable;
    for (size_t i = 0; i < keptEnd; ++i) {
       const Piece& piece = file.pending[i];
       // File systems keep the order of a truncation and the writes after it.
@@ -226,9 +225,7 @@ uint64_t Disk::GetUsedBytes() const
 {
    uint64_t used = 0;
    for (const auto& [name, file] : _names) {
-      used += file == kDirectory
-                 ? 0
-                 : std::max<uint64_t>(_files[file].live.size(), _files[file].reserved);
+      used += file == kDirectory ? 0 : std::max(_files[file].live.GetSize(), _files[file].reserved);
    }
    return used;
 }
@@ -259,18 +256,16 @@ public:
    uint64_t GetSize() override
    {
       Require(0);
-      return _model.disk.GetContent(_file).size();
+      return _model.disk.GetFile(_file).GetSize();
    }
    void Seek(uint64_t offset) override { _position = offset; }
 
    size_t Read(void* buffer, size_t sizeBytes) override
    {
       Require(Corvax::FILE_READ);
-      const bool isShort = _model.Step(READ, "read " + _path);
-      const std::string& content = _model.disk.GetContent(_file);
-      const size_t left = _position < content.size() ? content.size() - _position : 0;
-      const size_t done = std::min(left, isShort ? sizeBytes / 2 : sizeBytes);
-      content.copy(static_cast<char*>(buffer), done, std::min(_position, content.size()));
+      _model.Step(READ, "read " + _path);
+      const std::string bytes = _model.disk.GetFile(_file).Read(_position, sizeBytes);
+      const size_t done = bytes.copy(static_cast<char*>(buffer), sizeBytes);
       _position += done;
       return done;
    }
@@ -385,7 +380,7 @@ size_t DiskModel::Find(const std::string& path, const std::string& action) const
 
 size_t DiskModel::CountFitting(size_t file, uint64_t offset, size_t sizeBytes) const
 {
-   const uint64_t own = std::max<uint64_t>(disk.GetContent(file).size(), disk.GetReserved(file));
+   const uint64_t own = std::max(disk.GetFile(file).GetSize(), disk.GetReserved(file));
    const uint64_t used = disk.GetUsedBytes();
    const uint64_t end = own + (capacityBytes > used ? capacityBytes - used : 0);
    return capacityBytes == UINT64_MAX ? sizeBytes
@@ -402,7 +397,7 @@ uint64_t DiskModel::GetFileSize(const std::string& path)
 {
    const std::string action = "get the size of " + path;
    Step(READ, action);
-   return disk.GetContent(Find(path, action)).size();
+   return disk.GetFile(Find(path, action)).GetSize();
 }
 
 bool DiskModel::Exists(const std::string& path)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "corvax/system.h"
+#include "tests/fakes/fileContent.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -60,7 +61,8 @@ public:
 
    const Names& GetNames() const { return _names; }
    size_t CountFiles() const { return _files.size(); }
-   const std::string& GetContent(size_t file) const { return _files[file].live; }
+   std::string GetContent(size_t file) const { return _files[file].live.Read(0, SIZE_MAX); }
+   const FileContent& GetFile(size_t file) const { return _files[file].live; }
    uint64_t GetReserved(size_t file) const { return _files[file].reserved; }
    /// What the files that have a name take up or have reserved.
    uint64_t GetUsedBytes() const;
@@ -72,8 +74,8 @@ private:
       bool isTruncation;
    };
    struct File {
-      std::string live;
-      std::string durable;
+      FileContent live;
+      FileContent durable;
       std::vector<Piece> pending;
       uint64_t reserved = 0;
    };
@@ -84,13 +86,13 @@ private:
       size_t file;
    };
 
-   static void Put(std::string& content, const Piece& piece);
+   static void Put(FileContent& content, const Piece& piece);
    static void Put(Names& names, const NameChange& change);
    void ChangeName(const NameChange& change);
    void SyncDirectory(const std::string& path);
    void Write(File& file, uint64_t offset, const std::string& bytes);
    static void Flush(File& file);
-   static std::string CutPower(const File& file, const Fate* fates, bool mayGarble);
+   static FileContent CutPower(const File& file, const Fate* fates, bool mayGarble);
    static void Lose(File& file, uint64_t seed, bool reverts);
 
    size_t _grain;
@@ -100,7 +102,7 @@ private:
    std::vector<File> _files;
 };
 
-/// The platform's files, on a disk in memory. Paths may end with "/".
+/// The platform's files, on a disk in memory, until the model is destroyed. Paths may end with "/".
 class DiskModel : public Corvax::SystemFactory {
 public:
    enum Class : uint8_t { OPEN = 1, READ = 2, WRITE = 4, FLUSH = 8, NAME = 16, RESERVE = 32 };
@@ -110,13 +112,16 @@ public:
       uint32_t classes = 0;
       uint64_t first = 1; ///< the first one to fail; 1 is the next
       uint64_t count = 1;
-      int reason = 0; ///< an errno; 0: only half of the bytes are read or written
+      int reason = 0; ///< an errno; 0: only half of the bytes are written
       bool reverts = false;
       uint64_t seen = 0; ///< so far
    };
 
-   explicit DiskModel(Disk start) : disk(std::move(start)) { Corvax::System::SetFactory(this); }
-   ~DiskModel() override { Corvax::System::SetFactory(nullptr); }
+   explicit DiskModel(Disk start) : disk(std::move(start)), _before(Corvax::System::GetFactory())
+   {
+      Corvax::System::SetFactory(this);
+   }
+   ~DiskModel() override { Corvax::System::SetFactory(&_before); }
 
    Disk disk;
    std::vector<Disk::Operation> log; ///< all changes
@@ -140,11 +145,12 @@ private:
    class HeldLock;
 
    void Do(Disk::Operation operation);
-   /// True if only half of the operation is done; PlatformException if it fails.
+   /// True if only half of the bytes are to be written; PlatformException if it fails.
    bool Step(Class kind, const std::string& action);
    size_t Find(const std::string& path, const std::string& action) const;
    /// How many of the bytes find room.
    size_t CountFitting(size_t file, uint64_t offset, size_t sizeBytes) const;
 
+   SystemFactory& _before;
    std::set<std::string> _locked;
 };
