@@ -1,6 +1,7 @@
 #include "bench/agentProcess.h"
 
 #include "corvax/exception.h"
+#include "corvax/thread.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -8,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace Bench {
@@ -57,22 +59,32 @@ AgentProcess::~AgentProcess()
    ::waitpid(_process, nullptr, 0);
 }
 
+/// Empty once the agent has ended.
+std::string AgentProcess::ReadLog()
+{
+   char buffer[4096];
+   const ssize_t size = ::read(_log.Get(), buffer, sizeof buffer);
+   return {buffer, static_cast<size_t>(std::max<ssize_t>(size, 0))};
+}
+
 int AgentProcess::WaitForPort()
 {
    const std::string kServed = "is served at http://127.0.0.1:";
    std::string log;
-   char buffer[4096];
-   while (true) {
-      const size_t place = log.find(kServed);
-      if (place != log.npos && log.find('\n', place) != log.npos) {
-         return std::stoi(log.substr(place + kServed.size()));
-      }
-      const ssize_t size = ::read(_log.Get(), buffer, sizeof buffer);
-      if (size <= 0) {
+   size_t place = log.npos;
+   while (place == log.npos || log.find('\n', place) == log.npos) {
+      const std::string more = ReadLog();
+      if (more.empty()) {
          Fail("it ended: " + log);
       }
-      log.append(buffer, static_cast<size_t>(size));
+      log += more;
+      place = log.find(kServed);
    }
+   _logReader = Corvax::StartThread("log", [this](const std::stop_token&) {
+      while (!ReadLog().empty()) {
+      }
+   });
+   return std::stoi(log.substr(place + kServed.size()));
 }
 
 } // namespace Bench

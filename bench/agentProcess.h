@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Bench {
@@ -21,13 +22,16 @@ public:
    AgentProcess(const AgentProcess&) = delete;
    AgentProcess& operator=(const AgentProcess&) = delete;
 
-   /// Waits until the agent serves the management API, and returns its port.
+   /// Waits until the agent serves the management API, and returns its port. Once.
    int WaitForPort();
    std::string GetId() const { return std::to_string(_process); }
 
 private:
+   std::string ReadLog();
+
    Corvax::Descriptor _log; ///< read end of its standard error
    pid_t _process = -1;
+   std::jthread _logReader; ///< so that the agent never waits for a reader; ends with the process
 };
 
 } // namespace Bench

@@ -80,7 +80,9 @@ void Ingest(Measurement& measurement, const IngestWork& work, const JournalOptio
    const double samples = static_cast<double>(stamps) * static_cast<double>(plan.size());
    const std::string name = work.name;
    measurement.Report(name, "us", meter.GetTotalUs() / samples);
-   measurement.Report(name + "-synced", "us", (meter.GetTotalUs() + syncUs) / samples);
+   if (work.cadence == Cadence::REAL) {
+      measurement.Report(name + "-synced", "us", (meter.GetTotalUs() + syncUs) / samples);
+   }
    const IoCounts io = IoCounts::Read("self") - before;
    measurement.Report(name + "-calls", "calls", io.calls / samples);
    measurement.Report(name + "-bytes", "bytes", io.bytes / samples);

@@ -60,7 +60,7 @@ ROWS = (
     Row("device-day-block", "the same, counted by a block device of its own", is_optional=True),
     Row("device-day-longest", "bytes to the disk in a day with the longest checkpoints", 8),
     Row("device-day-longest-block", "the same, counted by a block device of its own", is_optional=True),
-    Row("agent-device-day", "bytes to the disk in a day, of the agent that runs every 20 s"),
+    Row("agent-device-day", "bytes to the disk in a day, of the agent that runs every 20 s", is_optional=True),
     Row("query-1h", "query in process (the depot's GetSamples), one hour at 20 s, p50", 2.5),
     Row("query-1h-p99", "query in process (GetSamples), one hour at 20 s, p99", 10),
     Row("query-5min", "query in process (GetSamples), the newest five minutes at 20 s, p50", 1.2),

@@ -6,6 +6,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <map>
 #include <utility>
 
@@ -233,8 +234,14 @@ const StatPlan& CapturePlan(size_t count)
 
 StatPlan WithThreeRollups(StatPlan plan)
 {
+   constexpr size_t kThree = 3;
    for (PlannedStat& stat : plan) {
-      stat.rollups = {StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX, StatsDepot::ROLLUP_MIN};
+      for (const auto rollup :
+           {StatsDepot::ROLLUP_AVERAGE, StatsDepot::ROLLUP_MAX, StatsDepot::ROLLUP_MIN}) {
+         if (stat.rollups.size() < kThree && !std::ranges::count(stat.rollups, rollup)) {
+            stat.rollups.push_back(rollup);
+         }
+      }
    }
    return plan;
 }

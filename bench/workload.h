@@ -155,7 +155,8 @@ struct CapturedHost {
 CapturedHost CaptureHost(size_t count);
 /// The first `count` of its stats. Each count is captured once.
 const StatPlan& CapturePlan(size_t count);
-/// The same stats, but all with average, maximum and minimum.
+/// The same stats, but all with three rollups: the catalogue's, and average, maximum and minimum
+/// up to that number.
 StatPlan WithThreeRollups(StatPlan plan);
 
 } // namespace Bench
