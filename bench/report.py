@@ -94,13 +94,13 @@ HOW_TO_READ = """\
 `scripts/bench` wrote this page. It only measures: a missed target is shown in the table, and nothing fails.
 
 - **Time** is CPU time, user and system, of the process that does the work. Where waiting matters, it is wall time: how long a query or a start takes. How long a lock is held is CPU time of the thread that holds it.
-- **metrix** is a depot as the agent opens it: the newest samples stay in memory and in a journal, synced after each run, for 300 s (those of the coarse interval for an hour). **metrix without journal** writes everything straight to the store files. Both are measured in a steady state, after hours of samples.
-- **Figures** are medians of {repetitions} repetitions, with the lowest and the highest beside them. Repetitions of all measurements are interleaved, so that other load on the machine affects ours and the floor alike.
+- **metrix** is a depot as the agent opens it: the newest samples stay in memory and in a journal, synced after each run, for 300 s (those of the coarse interval for an hour). **metrix without journal** writes everything straight to the store files. Both are measured in a steady state: with as much in memory as after hours, and all rows written. *Ingest* and *whole run* include the journal's syncs.
+- **Figures** are medians of {repetitions} repetitions, with the lowest and the highest beside them; bytes to the disk and the agent's processes are measured once. Repetitions of all measurements are interleaved, so that other load on the machine affects ours and the floor alike.
 - **Floors** are bare loops on a file of as many rows of the same size (1,452 bytes). They store one number in each row, without lookups, checks or rollups: *F1* row by row with `pread` and `pwrite`, *blocks* 64 neighbouring rows at a time, *mapping* in a mapped file. Our figures include all of that.
 - **x floor** is the figure divided by F1, hot. A peer's is divided by the F1 that was measured with the peers.
 - **A real cadence** means that each stamp finds the machine as 20 seconds after the last one: clean pages and cold caches.
 - **Noise**: ratios within one measurement are good to about 20 %, absolute times depend on the machine's other load. Compare ratios.
-- **Rows** lie in the order in which the stats were created; samples come in the order of collection. On a real host these differ: virtual machines come one after the other. The figures of *ingest* are given for five such orders.
+- **Rows** lie in the order in which the stats were created; samples come in the order of collection. On a real host these differ, because virtual machines come one after the other: hence *ingest* in five orders of creation.
 - **Bytes to the disk** in a day are counted by `write_bytes` of `/proc/PID/io`: pages count when they become dirty, once until they are written back. The benchmark records stamp after stamp and writes back after every second one, as a kernel with default settings does if they come every 20 s: it looks every 5 s for pages that have been dirty for 30 s. The agent's own figure is from five minutes with the kernel's real write-back. With `--device`, the files are on a block device of their own, which also counts what the file system itself writes.
 - Read and write calls are the kernel's count (`/proc/PID/io`). It does not include work on mapped files.
 """
