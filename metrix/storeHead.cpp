@@ -210,7 +210,7 @@ StoreHead::Cell StoreHead::SetCell(StatId id, int32_t column, StatVal value, Tim
 void StoreHead::Restart(StatId id, Tile& tile, Base base, TimeStamp stamp, uint32_t knownFrom)
 {
    for (uint32_t slot = 0; slot < _columns; ++slot) {
-      _pendingInSlot[slot] -= tile.pending >> slot & 1;
+      _pendingInSlot[slot] -= static_cast<uint32_t>(tile.pending >> slot & 1);
    }
    tile = {.stamp = stamp, .seenNewest = _newest, .knownFrom = knownFrom, .base = base};
    _baseStamps.erase(id);
