@@ -73,7 +73,6 @@ public:
 
    Metrix::StatsStore& Get() const { return *_store; }
    StoreHead& GetHead() const { return *_store->GetHead(); }
-   const IntervalEntry& GetInterval() const { return _interval; }
 
    void AddColumn(TimeStamp ts)
    {
@@ -82,19 +81,23 @@ public:
       _ring.AddColumn(ts);
    }
 
-   /// FileFormatException if the file is of another time than the journal.
-   void CheckAge(TimeStamp newestAllowed, bool isJournalWhole) const
+   /// Call it after the last entry. FileFormatException if the file is of another time than the
+   /// journal. `isWhole`: the journal has all that the file may have.
+   void EndReplay(TimeStamp newestAllowed, bool isWhole)
    {
       const std::vector<Column> inFile =
          FindRing(_store->GetFileColumns(), _interval.periodSec, newestAllowed);
-      if (_shape.headerStamp != kUnset &&
-          (inFile.empty() || inFile.back().stamp < _shape.headerStamp)) {
+      const TimeStamp newest = inFile.empty() ? kUnset : inFile.back().stamp;
+      if (_shape.headerStamp != kUnset && (newest == kUnset || newest < _shape.headerStamp)) {
          throw FileFormatException(_store->GetFileName() +
                                    " is older than the journal has seen it");
       }
-      const TimeStamp latest = _ring.GetLatestTimeStamp();
-      if (isJournalWhole && !inFile.empty() && (latest == kUnset || inFile.back().stamp > latest)) {
+      if (isWhole && IsNewer(newest)) {
          throw FileFormatException(_store->GetFileName() + " is newer than the journal");
+      }
+      _isWhole = isWhole;
+      if (!isWhole) {
+         _store->HideLostColumns();
       }
    }
 
@@ -105,7 +108,7 @@ public:
       const TimeStamp stamp = _shape.columns[column];
       const bool isSure =
          stamp != kUnset && _shape.headerStamp != kUnset && stamp <= _shape.headerStamp;
-      return _stamps.contains({column, inFile}) ||
+      return _stamps.contains({column, inFile}) || (!_isWhole && IsNewer(inFile)) ||
              (!isSure && (inFile == kUnset || inFile < _oldest));
    }
    TimeStamp GetStamp(uint32_t column) const
@@ -122,22 +125,6 @@ public:
       return count;
    }
 
-   /// Gives up the file's columns that are newer than a damaged journal, because not all rows have
-   /// their samples. In them the rows have lost those of the columns that the journal knows there.
-   void GiveUpNewerColumns()
-   {
-      const TimeStamp latest = _ring.GetEarliest() < 0 ? 0 : _ring.GetLatestTimeStamp();
-      Corvax::Ref<Metrix::StatsStore> file = LoadStore(_store->GetFileName());
-      for (uint32_t column = 0; column < file->GetNumSamples(); ++column) {
-         const TimeStamp stamp = file->GetFileColumns()[column];
-         if (stamp != kUnset && stamp > latest) {
-            _stamps.emplace(column, stamp);
-            _givenUp.push_back(column);
-         }
-      }
-      file->GiveUpColumnsAfter(latest);
-   }
-
    void LayDown()
    {
       _store->WriteHeader();
@@ -152,22 +139,28 @@ public:
       for (const StatId id : layDown(0, GetHead().GetRowsEnd())) {
          layDown(id, id + 1);
       }
-      std::vector<TimeStamp> columns = _store->GetShape().columns;
-      for (const uint32_t column : _givenUp) {
-         columns[column] = kUnset;
+      if (!_isWhole) {
+         // In columns that the journal has lost, not all rows have their samples.
+         const TimeStamp latest = _store->GetLatestTimeStamp();
+         _store->SetRowsDurable(0, GetHead().GetRowsEnd(), kUnset);
+         _store->GiveUpColumnsAfter(latest == kUnset ? 0 : latest);
       }
-      _store->SetColumns(columns);
-      _store->WriteHeader();
       _store->Flush();
    }
 
 private:
+   /// Than the journal's newest column.
+   bool IsNewer(TimeStamp stamp) const
+   {
+      return stamp != kUnset && (_ring.GetLatest() < 0 || stamp > _ring.GetLatestTimeStamp());
+   }
+
    const IntervalEntry& _interval;
    const Metrix::JournalFormat::StoreShape& _shape;
    Corvax::Ref<Metrix::StatsStore> _store;
-   Metrix::ColumnRing _ring;                         ///< with the columns added since
-   TimeStamp _oldest;                                ///< when the journal began
-   std::vector<uint32_t> _givenUp;                   ///< columns
+   Metrix::ColumnRing _ring; ///< with the columns added since
+   TimeStamp _oldest;        ///< when the journal began
+   bool _isWhole = true;
    std::set<std::pair<uint32_t, TimeStamp>> _stamps; ///< that the journal has given the columns
 };
 
@@ -188,8 +181,8 @@ public:
       for (const auto payload : reader.GetPayloads()) {
          Metrix::DecodeEntries(payload, *this);
       }
-      for (const JournaledStore& store : stores) {
-         store.CheckAge(mending.newestAllowed, reader.GetState() != State::DAMAGED);
+      for (JournaledStore& store : stores) {
+         store.EndReplay(mending.newestAllowed, reader.GetState() != State::DAMAGED);
       }
    }
 
@@ -365,11 +358,6 @@ bool RedoJournal(const Mending& mending, const std::vector<IntervalEntry>& inter
    if (reader.HasRecords()) {
       try {
          Redo redo(mending, intervals, reader);
-         if (isDamaged) {
-            for (JournaledStore& store : redo.stores) {
-               store.GiveUpNewerColumns();
-            }
-         }
          NotePending(mending, path, reader, redo);
          LayDown(mending, redo);
       } catch (const FileFormatException& e) {

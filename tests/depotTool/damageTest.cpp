@@ -11,7 +11,7 @@ struct Case {
    std::function<void()> plant;
 };
 
-class DamageTest : public DepotToolTest {
+class DepotToolDamageTest : public DepotToolTest {
 protected:
    /// Checks each damage and repairs it into another directory, which leaves the depot as it is.
    void Expect(const std::vector<Case>& cases)
@@ -38,7 +38,7 @@ protected:
    }
 };
 
-TEST_F(DamageTest, OfDescriptionAndStoreFilesIsFoundAndRepaired)
+TEST_F(DepotToolDamageTest, OfDescriptionAndStoreFilesIsFoundAndRepaired)
 {
    Expect({
       {"none", "", [] {}},
@@ -61,7 +61,7 @@ TEST_F(DamageTest, OfDescriptionAndStoreFilesIsFoundAndRepaired)
    });
 }
 
-TEST_F(DamageTest, OfColumnsIsFoundAndRepaired)
+TEST_F(DepotToolDamageTest, OfColumnsIsFoundAndRepaired)
 {
    const auto poke = [this](size_t column, uint64_t stamp) {
       Poke("d-20.stats", Metrix::StoreFormat::TimeStampPos(column), Encode64(stamp));
@@ -83,7 +83,7 @@ TEST_F(DamageTest, OfColumnsIsFoundAndRepaired)
    });
 }
 
-TEST_F(DamageTest, OfTheIdMapIsFoundAndRepaired)
+TEST_F(DepotToolDamageTest, OfTheIdMapIsFoundAndRepaired)
 {
    const auto poke = [this](size_t id, size_t field, const std::string& bytes) {
       Poke("d.idMap", RecordPos(id, field), bytes);
@@ -113,7 +113,7 @@ TEST_F(DamageTest, OfTheIdMapIsFoundAndRepaired)
    });
 }
 
-TEST_F(DamageTest, OfRowsIsFoundAndRepaired)
+TEST_F(DepotToolDamageTest, OfRowsIsFoundAndRepaired)
 {
    const auto poke = [this](size_t id, size_t field, const std::string& bytes) {
       Poke("d-20.stats", RowPos(id, field), bytes);

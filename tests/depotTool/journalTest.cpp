@@ -6,7 +6,7 @@ namespace {
 using namespace DepotTool;
 
 /// With a journal: most samples are in it, and in no other file.
-class JournalTest : public DepotToolTest {
+class DepotToolJournalTest : public DepotToolTest {
 protected:
    static constexpr Metrix::JournalOptions kJournal = {.checkpointSec = 100, .syncSec = 1};
 
@@ -50,7 +50,7 @@ protected:
    std::string _journal;
 };
 
-TEST_F(JournalTest, ContentsAreThoseOfADepotWithoutOne)
+TEST_F(DepotToolJournalTest, ContentsAreThoseOfADepotWithoutOne)
 {
    _clock.SetSeconds(kEnd);
    Extend(*WriteDepot(), kLast + 20, kEnd);
@@ -79,7 +79,7 @@ TEST_F(JournalTest, ContentsAreThoseOfADepotWithoutOne)
    EXPECT_EQ(Dump(repaired.Path()), dump);
 }
 
-TEST_F(JournalTest, DamageIsFoundAndRepairedInPlace)
+TEST_F(DepotToolJournalTest, DamageIsFoundAndRepairedInPlace)
 {
    const auto stale = [this] {
       FindLast();
@@ -129,7 +129,7 @@ TEST_F(JournalTest, DamageIsFoundAndRepairedInPlace)
    }
 }
 
-TEST_F(JournalTest, CopiesAreOfOneMoment)
+TEST_F(DepotToolJournalTest, CopiesAreOfOneMoment)
 {
    const Corvax::Ref<StatsDepot> depot = WriteDepot("mem-used", kJournal);
    TimeStamp ts = kLast;
