@@ -27,9 +27,9 @@ void AddDepot(CLI::App& command, Options& options)
 void AddRepair(CLI::App& app, Options& options)
 {
    CLI::App* const repair =
-      AddCommand(app, options, Command::REPAIR, "repair", "Mend what check finds");
+      AddCommand(app, options, Command::REPAIR, "repair", "Repair what check finds");
    CLI::Option_group* const target =
-      repair->add_option_group("target", "Where the mended depot is to be");
+      repair->add_option_group("target", "Where the repaired depot is to be");
    target->add_option("--to", options.toDir, "In this directory; the depot itself stays as it is")
       ->type_name("DIR");
    target->add_flag("--in-place", options.inPlace,
@@ -74,10 +74,11 @@ void AddCommands(CLI::App& app, Options& options)
 
 std::optional<int> ParseOptions(int argc, const char* const* argv, Options& options)
 {
-   CLI::App app("Checks, mends and converts a statistics depot. Only repair --in-place and restore "
-                "change a depot's files; the others work on a private copy, also while the agent "
-                "runs.",
-                kProgramName);
+   CLI::App app(
+      "Checks, repairs and converts a statistics depot. Only repair --in-place and restore "
+      "change a depot's files; the others work on a private copy, also while the agent "
+      "runs.",
+      kProgramName);
    app.require_subcommand(1);
    AddCommands(app, options);
    return Console::ParseOptions(app, argc, argv);
