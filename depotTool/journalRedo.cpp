@@ -97,7 +97,7 @@ public:
       }
       _isWhole = isWhole;
       if (!isWhole) {
-         _store->HideLostColumns();
+         _store->HideNewerColumns();
       }
    }
 

@@ -2,6 +2,7 @@
 
 #include "corvax/exception.h"
 #include "corvax/system.h"
+#include "metrix/columnRing.h"
 
 #include <algorithm>
 
@@ -40,30 +41,6 @@ std::vector<TimeStamp> ReadStamps(Corvax::FileHandle& file, uint32_t numSamples)
    return stamps;
 }
 
-/// The longest ascending selection from the columns, by their order.
-std::vector<Column> SelectAscending(const std::vector<Column>& columns)
-{
-   std::vector<size_t> tails; // by length - 1: where such a selection ends
-   std::vector<size_t> before(columns.size(),
-                              SIZE_MAX); // what precedes each column in its selection
-   for (size_t i = 0; i < columns.size(); ++i) {
-      const auto tail = std::ranges::lower_bound(tails, columns[i].stamp, {},
-                                                 [&](size_t at) { return columns[at].stamp; });
-      before[i] = tail == tails.begin() ? SIZE_MAX : *(tail - 1);
-      if (tail == tails.end()) {
-         tails.push_back(i);
-      } else {
-         *tail = i;
-      }
-   }
-   std::vector<Column> selection(tails.size());
-   for (size_t at = tails.empty() ? SIZE_MAX : tails.back(), left = tails.size(); left-- > 0;
-        at = before[at]) {
-      selection[left] = columns[at];
-   }
-   return selection;
-}
-
 } // namespace
 
 StoreHeader ReadStoreHeader(const std::string& path)
@@ -89,34 +66,17 @@ bool FitsStore(const std::string& path, uint32_t numSamples, int32_t periodSec)
 std::vector<Column> FindRing(const std::vector<TimeStamp>& stamps, int32_t periodSec,
                              TimeStamp newestAllowed)
 {
+   std::vector<size_t> impossible =
+      Metrix::FindImpossibleColumns(stamps, static_cast<uint64_t>(periodSec), newestAllowed);
+   std::ranges::sort(impossible);
    std::vector<Column> columns;
    for (uint32_t index = 0; index < stamps.size(); ++index) {
-      const TimeStamp stamp = stamps[index];
-      if (stamp != kUnset && stamp <= newestAllowed &&
-          stamp % static_cast<uint64_t>(periodSec) == 0) {
-         columns.push_back({stamp, index});
+      if (stamps[index] != kUnset && !std::ranges::binary_search(impossible, index)) {
+         columns.push_back({stamps[index], index});
       }
    }
-   // The ring may start at column 0, or where a stamp is not newer than the one before: once in a
-   // sound ring, a few times in a damaged one.
-   constexpr size_t kMostStarts = 16;
-   std::vector<size_t> starts = {0};
-   for (size_t i = 1; i < columns.size() && starts.size() < kMostStarts; ++i) {
-      if (columns[i].stamp <= columns[i - 1].stamp) {
-         starts.push_back(i);
-      }
-   }
-   std::vector<Column> best;
-   for (const size_t start : starts) {
-      std::vector<Column> rotated(columns.begin() + static_cast<ptrdiff_t>(start), columns.end());
-      rotated.insert(rotated.end(), columns.begin(),
-                     columns.begin() + static_cast<ptrdiff_t>(start));
-      std::vector<Column> selection = SelectAscending(rotated);
-      if (selection.size() > best.size()) {
-         best = std::move(selection);
-      }
-   }
-   return best;
+   std::ranges::sort(columns, {}, &Column::stamp);
+   return columns;
 }
 
 bool IsWhole(const std::vector<TimeStamp>& stamps, const std::vector<Column>& ring)
