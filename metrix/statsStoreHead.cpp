@@ -247,7 +247,7 @@ StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, Time
       _rows->BeginBatch();
    }
    const uint64_t rowBytes = _storeHandle->GetSize() - _statVectorPos;
-   _fileSize = std::max(_fileSize, _statVectorPos + rowBytes - rowBytes % _rowSize);
+   _writtenSize = std::max(_writtenSize, _statVectorPos + rowBytes - rowBytes % _rowSize);
    return result;
 }
 

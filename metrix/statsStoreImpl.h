@@ -7,6 +7,7 @@
 #include "metrix/storeFormat.h"
 #include "metrix/storeHead.h"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -60,7 +61,11 @@ public:
    uint64_t GetLostSamples() override { return _lostSamples; }
    void ReserveRows(StatId end) override;
    void WriteHeader() override;
-   void SetHeaderDurable() override { _headerStamp = _writtenStamp; }
+   void SetHeaderDurable() override
+   {
+      _headerStamp = _writtenStamp;
+      _fileSize = std::max(_fileSize, _writtenSize);
+   }
    TimeStamp GetHeaderStamp() override { return _headerStamp; }
    TimeStamp GetSettledStamp() override;
    LayDownResult LayDown(StatId first, StatId end, TimeStamp newestStamp) override;
@@ -123,7 +128,8 @@ private:
    std::vector<std::byte> _composed;             ///< ComposeRow's result
    std::vector<bool> _lostColumns; ///< by column: hidden, but in the file; empty: none
    uint64_t _reservedRows = 0;
-   uint64_t _fileSize = 0; ///< that the file had at least, without an incomplete row
+   uint64_t _writtenSize = 0; ///< with all whole rows that were laid down
+   uint64_t _fileSize = 0;    ///< that the file has for certain, without an incomplete row
    uint64_t _lostSamples = 0;
 };
 
