@@ -428,6 +428,12 @@ void StatsDepotImpl::SetJournalAside()
 /// ones aside, and opens what is there now.
 void StatsDepotImpl::Reopen()
 {
+   Corvax::SystemFactory& factory = Corvax::System::GetFactory();
+   // The lock's file may be a new one, too: of another process, whose depot this is now.
+   _writerLock = nullptr;
+   if (factory.Exists(_depotDir)) {
+      _writerLock = factory.Lock(GetPrefix() + ".lock");
+   }
    if (_journal && _journal->IsInPlace()) {
       SetJournalAside(); // otherwise it belongs to what is there now
    }
@@ -447,7 +453,6 @@ void StatsDepotImpl::Reopen()
    _intervalTable = Corvax::MakeRef<IntervalTable>(_logger.Get());
    _lastStepStamp = kUnset;
    _needsGeneration = false;
-   Corvax::SystemFactory& factory = Corvax::System::GetFactory();
    if (factory.Exists(GetDepotFileName()) || factory.Exists(GetIdMapFileName())) {
       Open(false);
    } else {
