@@ -53,6 +53,7 @@ config() { printf '<config>\n  %s\n</config>\n' "$1" >"$dir/c.xml"; }
 
 start() { # ARGUMENTS...: the agent in the background, its report in out
    : >"$dir/out"
+   : >"$dir/log"
    "$agentd" --listen "${listen:-none}" --state-dir "$dir" --report "$@" >>"$dir/out" 2>"$dir/log" &
    agent=$!
 }

@@ -3,6 +3,7 @@
 # samples are missing or wrong. A case that needs what is not there is skipped with the reason.
 #   refusals   files that cannot be opened, and a limit of descriptors: status 1, the depot is whole
 #   copied     a copied depot uses its own files
+#   replaced   a depot made anew by another process, while the agent runs, belongs to that one
 #   sizeLimit  the limit of a file's size is an error of the write and does not end the agent
 # Longer, run by hand:
 #   full [SECONDS]       a small file system fills up, then gets room (as root)
@@ -119,6 +120,28 @@ copied() {
    expectWhole
    grep -q "<storeName>$stats/hostAgentStats-1.stats<" "$stats/hostAgentStats.xml" ||
       fail "the description still names the original"
+}
+
+replaced() {
+   local first
+   startSimulated
+   waitFor hasRuns 2
+   first=$agent
+   helper=$first
+   kill -STOP "$first"
+   mv "$dir/log" "$dir/log.first"
+   rm -r "$stats"
+   config "<agentd><stateDir>$dir/other</stateDir></agentd><plugins><metrix><depotDir>$stats/</depotDir><logLevelTemp>debug</logLevelTemp></metrix></plugins>"
+   : >"$dir/log"
+   "$agentd" --listen none --interval 1 --backend simulated --sim "$host" --config "$dir/c.xml" 2>"$dir/log" &
+   agent=$!
+   waitFor hasRuns 2
+   kill -CONT "$first"
+   waitFor grep -q "process $agent is using" "$dir/log.first"
+   waitFor hasRuns 6
+   ! grep '^<[0-3]>' "$dir/log" | grep -v 'Unable to load' || fail "errors of the second agent"
+   killIt
+   expectWhole
 }
 
 # A limit below the stores' size: an error of the write, which does not end the agent.
@@ -285,7 +308,7 @@ refusals | copied)
    expectWhole
    $2
    ;;
-sizeLimit | full | cuts | writes | readers | clock) "${@:2}" ;;
+replaced | sizeLimit | full | cuts | writes | readers | clock) "${@:2}" ;;
 *) fail "unknown case $2" ;;
 esac
 echo "passed: $2"

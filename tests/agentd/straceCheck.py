@@ -3,7 +3,8 @@
 
 TRACE is of `strace -f -y -ttt -e trace=fdatasync,pwrite64,pwritev,write`, STORE the file of the
 finest store, SAMPLES its number of columns. Fails unless every run appends to the journal and syncs
-it, rows are written after that sync only, and no run writes more than a fifteenth of STORE's rows.
+it, rows are written after that sync only, and no run writes more than a fifteenth of STORE's rows,
+those that the run before had postponed aside.
 """
 
 import os
@@ -51,7 +52,7 @@ def split_runs(calls):
 
 
 def judge(run, rows):
-    """Faults of a run, its bytes in the journal, and its rows in the finest store."""
+    """Faults of a run, its bytes in the journal, its rows in the finest store, postponed ones."""
     faults = []
     is_synced = True
     journal_bytes = syncs = 0
@@ -71,9 +72,12 @@ def judge(run, rows):
                 written.update(rows.touched(offset, result))
     if journal_bytes == 0 or syncs == 0:
         faults.append("no record is written to the journal and synced")
-    if len(written) > -(-rows.count // 15):
-        faults.append(f"{len(written)} of {rows.count} rows are written")
-    return faults, journal_bytes, len(written)
+    share = written - rows.turn
+    if len(share) > -(-rows.count // 15):
+        faults.append(f"{len(share)} of {rows.count} rows are written")
+    postponed = len(written) - len(share)
+    rows.turn = set(range(min(share), max(share) + 1)) if share else set()
+    return faults, journal_bytes, len(share), postponed
 
 
 class Finest:
@@ -82,6 +86,7 @@ class Finest:
     def __init__(self, path, samples):
         self.path = os.path.realpath(path)
         self.header = 8 + 8 * samples
+        self.turn = set()  # the span of the rows of the run before
         self.row_size = 12 + 8 * samples
         self.count = (os.path.getsize(path) - self.header) // self.row_size
 
@@ -97,9 +102,9 @@ def main():
     runs = split_runs(c for c in read_calls(trace) if "/stats/" in c[2])
     failed = not runs
     for number, run in enumerate(runs):
-        faults, journal_bytes, written = judge(run, rows)
-        print(f"run {number + 1}: {journal_bytes} bytes in the journal, {written} of {rows.count} "
-              f"rows, {len(run)} calls")
+        faults, journal_bytes, share, postponed = judge(run, rows)
+        print(f"run {number + 1}: {journal_bytes} bytes in the journal, {share} of {rows.count} "
+              f"rows, {postponed} postponed ones, {len(run)} calls")
         for fault in faults[:5]:
             print("   " + fault)
         failed = failed or bool(faults)
