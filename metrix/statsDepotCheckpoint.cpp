@@ -194,7 +194,8 @@ std::shared_ptr<Journal> StatsDepotImpl::GetJournalToSync()
 {
    const PlainLock lock(*this);
    const bool isDue = IsSyncDue();
-   return (isDue || IsStepDue()) && _journal->IsOpen() ? _journal : nullptr;
+   // Others may have failed to open the depot anew since; then there is none.
+   return IsJournaled() && (isDue || IsStepDue()) && _journal->IsOpen() ? _journal : nullptr;
 }
 
 bool StatsDepotImpl::IsStepDue() const
