@@ -56,7 +56,7 @@ void MendAll(const Mending& mending, bool recompute)
 void Check(const DepotPaths& depot, Findings& findings)
 {
    const PrivateCopy copy(depot);
-   MendAll({copy.GetPaths(), depot, depot, GetNewestAllowed(), findings}, false);
+   MendAll({copy.GetPaths(), depot, depot, false, GetNewestAllowed(), findings}, false);
 }
 
 int RunCheck(const Options& options, const DepotPaths& depot, std::ostream& out)
@@ -75,8 +75,8 @@ int RunCheck(const Options& options, const DepotPaths& depot, std::ostream& out)
 
 void RepairInPlace(const Options& options, const DepotPaths& depot, Findings& repaired)
 {
-   MendAll({depot, depot, depot, GetNewestAllowed(), repaired}, options.recompute);
-   Corvax::System::GetFactory().SyncDirectory(depot.dir);
+   MendAll({depot, depot, depot, true, GetNewestAllowed(), repaired}, options.recompute);
+   SyncDepot(depot);
 }
 
 void RepairCopy(const Options& options, const DepotPaths& depot, const DepotPaths& target,
@@ -87,8 +87,8 @@ void RepairCopy(const Options& options, const DepotPaths& depot, const DepotPath
    }
    try {
       CopyDepot(depot, target);
-      MendAll({target, depot, target, GetNewestAllowed(), repaired}, options.recompute);
-      Corvax::System::GetFactory().SyncDirectory(target.dir);
+      MendAll({target, depot, target, true, GetNewestAllowed(), repaired}, options.recompute);
+      SyncDepot(target);
    } catch (...) {
       RemoveCopy(target);
       throw;
@@ -165,7 +165,7 @@ int ShowContents(const Options& options, const DepotPaths& depot, std::ostream& 
 {
    const PrivateCopy copy(depot);
    Findings findings(0);
-   const DepotImage image({copy.GetPaths(), depot, depot, GetNewestAllowed(), findings});
+   const DepotImage image({copy.GetPaths(), depot, depot, false, GetNewestAllowed(), findings});
    if (findings.CountFaults() > 0) {
       remarks << Format("%1: the depot has faults: see %1 check\n", kProgramName);
    }

@@ -132,6 +132,14 @@ void CopyDepot(const DepotPaths& from, const DepotPaths& to)
                                   from.name, from.dir, kAttempts));
 }
 
+void SyncDepot(const DepotPaths& depot)
+{
+   for (const std::string& file : ListFiles(depot)) {
+      Open(depot.dir + file, Corvax::FILE_READ_WRITE)->Flush();
+   }
+   Corvax::System::GetFactory().SyncDirectory(depot.dir);
+}
+
 void RemoveCopy(const DepotPaths& copy)
 {
    for (const std::string& file : ListFiles(copy)) {

@@ -9,6 +9,9 @@ namespace DepotTool {
 /// meanwhile; Exception ("busy") after some attempts. NotFoundException if there is no depot.
 void CopyDepot(const DepotPaths& from, const DepotPaths& to);
 
+/// Brings all files of the depot to the disk.
+void SyncDepot(const DepotPaths& depot);
+
 /// Removes the files that CopyDepot creates.
 void RemoveCopy(const DepotPaths& copy);
 

@@ -100,7 +100,6 @@ void WriteDescription(const DepotPaths& files, const DepotPaths& home,
       config->Set(path + "numSamples", Format("%1", interval.numSamples));
    }
    config->Save();
-   Corvax::System::GetFactory().SyncDirectory(files.dir);
 }
 
 void CheckIntervals(const std::vector<IntervalEntry>& intervals)

@@ -3,6 +3,7 @@
 #include "corvax/exception.h"
 #include "corvax/format.h"
 #include "corvax/system.h"
+#include "depotTool/depotCopy.h"
 #include "depotTool/storeImage.h"
 #include "metrix/columnRing.h"
 #include "metrix/idMapFile.h"
@@ -128,7 +129,6 @@ public:
    void LayDown()
    {
       _store->WriteHeader();
-      _store->Flush();
       const auto layDown = [this](StatId first, StatId end) {
          const auto result = _store->LayDown(first, end, kUnset);
          if (result.failed > 0) {
@@ -145,7 +145,6 @@ public:
          _store->SetRowsDurable(0, GetHead().GetRowsEnd(), kUnset);
          _store->GiveUpColumnsAfter(latest == kUnset ? 0 : latest);
       }
-      _store->Flush();
    }
 
 private:
@@ -271,7 +270,6 @@ void SetJournalAside(const DepotPaths& files)
    for (const std::string& path : ListJournal(files)) {
       Corvax::System::GetFactory().Rename(path, path + ".aside");
    }
-   Corvax::System::GetFactory().SyncDirectory(files.dir);
 }
 
 void WriteRecords(const DepotPaths& files, const Redo& redo)
@@ -291,7 +289,6 @@ void WriteRecords(const DepotPaths& files, const Redo& redo)
    file.Open(files.GetIdMap(), false);
    file.WriteRecords(used);
    file.ClearRecords(freed);
-   file.Sync();
 }
 
 void ReportStamps(const Mending& mending, const JournaledStore& store)
@@ -315,6 +312,9 @@ void LayDown(const Mending& mending, Redo& redo)
       store.LayDown();
    }
    WriteRecords(mending.files, redo);
+   if (mending.isKept) {
+      SyncDepot(mending.files); // before the journal is removed
+   }
 }
 
 void NotePending(const Mending& mending, const std::string& path, const JournalReader& reader,

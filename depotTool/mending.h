@@ -15,6 +15,7 @@ struct Mending {
    DepotPaths files;  ///< read and changed
    DepotPaths origin; ///< named in findings
    DepotPaths home;   ///< where the mended files will be used
+   bool isKept;       ///< the files outlive the program, so changes have to reach the disk
    Metrix::TimeStamp newestAllowed;
    Findings& findings;
 

@@ -293,13 +293,15 @@ private:
       }
       WriteStat();
       WriteRecords();
-      _idMap->Flush();
+      _idMap->Close();
       std::vector<IntervalEntry> entries;
       for (auto& [entry, stamps, writer] : _intervals) {
          writer->Finish();
          entries.push_back(entry);
       }
+      SyncDepot(_depot);
       WriteDescription(_depot, _depot, entries); // last: without it there is no depot
+      Corvax::System::GetFactory().SyncDirectory(_depot.dir);
       _hasEnded = true;
    }
 

@@ -186,7 +186,6 @@ void StatTable::Load(const Mending& mending)
          file.WriteRecords({MakeEntry(*stat, *std::ranges::find(stat->series, id, &Series::id))});
       }
    }
-   file.Sync();
 }
 
 void StatTable::Index(uint64_t recordCount)
@@ -248,7 +247,6 @@ void StatTable::AddMissingRollups(const Mending& mending)
    IdMapFile file;
    file.Open(mending.files.GetIdMap(), false);
    file.WriteRecords(added);
-   file.Sync();
    Index(std::max<uint64_t>(_owners.size(), added.back().id + 1));
 }
 

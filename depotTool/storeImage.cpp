@@ -108,7 +108,6 @@ StoreImage::StoreImage(const std::string& path, uint32_t numSamples)
 void StoreImage::CutExcess()
 {
    _file->Truncate(GetRowPos(_rowCount));
-   _file->Flush();
    _excessBytes = 0;
 }
 
@@ -126,7 +125,6 @@ void StoreImage::MarkDirty(StatId id)
 {
    _rows->MarkDirty(id);
    _rowCount = std::max(_rowCount, id + 1);
-   _isChanged = true;
 }
 
 bool StoreImage::GetSeries(StatId id, std::vector<StatVal>& values)
@@ -162,13 +160,8 @@ void StoreImage::SetSeries(StatId id, const std::vector<StatVal>& values)
 
 void StoreImage::Finish()
 {
-   if (!_isChanged) {
-      return;
-   }
    _rows->EndBatch();
    _rows->BeginBatch();
-   _file->Flush();
-   _isChanged = false;
 }
 
 StoreWriter::StoreWriter(const std::string& path, uint32_t numSamples, int32_t periodSec,
@@ -210,7 +203,6 @@ std::byte* StoreWriter::Append()
 void StoreWriter::Finish()
 {
    _file->WriteAll(_pending.data(), _pending.size());
-   _file->Flush();
    _file->Close();
 }
 

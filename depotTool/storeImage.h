@@ -73,7 +73,7 @@ public:
    /// Replaces the row by these samples; its stamp becomes that of the newest column.
    void SetSeries(StatId id, const std::vector<StatVal>& values);
 
-   /// Writes all changes and syncs the file.
+   /// Writes all changes.
    void Finish();
 
 private:
@@ -84,7 +84,6 @@ private:
    std::vector<TimeStamp> _stamps;
    std::vector<Column> _columns;
    std::unique_ptr<Metrix::RowWindow> _rows;
-   bool _isChanged = false;
 };
 
 /// Writes a store, row after row, with these columns in this order.

@@ -30,7 +30,6 @@ void WriteHeader(const std::string& path, const IntervalEntry& interval)
    const auto file = Corvax::System::GetFactory().NewFileHandle();
    file->Open(path, Corvax::FILE_READ_WRITE, Corvax::FileCreation::OPEN_EXISTING);
    file->WriteAll(bytes, sizeof bytes);
-   file->Flush();
 }
 
 /// Makes header, description and file size agree. False if the store cannot be used.
@@ -103,7 +102,8 @@ void ReportColumns(const Mending& mending, const std::string& path, const Interv
 }
 
 /// Writes the store anew with these columns alone, from column 0 on.
-void RewriteStore(const std::string& path, const IntervalEntry& interval, StoreImage& store)
+void RewriteStore(const Mending& mending, const std::string& path, const IntervalEntry& interval,
+                  StoreImage& store)
 {
    std::vector<TimeStamp> stamps;
    for (const Column& column : store.GetColumns()) {
@@ -123,6 +123,11 @@ void RewriteStore(const std::string& path, const IntervalEntry& interval, StoreI
       writer.AddRow(values, rowStamp);
    }
    writer.Finish();
+   if (mending.isKept) {
+      const auto file = Corvax::System::GetFactory().NewFileHandle();
+      file->Open(newPath, Corvax::FILE_READ_WRITE, Corvax::FileCreation::OPEN_EXISTING);
+      file->Flush(); // before it replaces the old one
+   }
    Corvax::System::GetFactory().Rename(newPath, path);
 }
 
@@ -165,7 +170,7 @@ std::unique_ptr<StoreImage> OpenStore(const Mending& mending, const IntervalEntr
    store->SetColumns(ring);
    if (!isWhole) {
       ReportColumns(mending, path, interval, *store, ring);
-      RewriteStore(path, interval, *store);
+      RewriteStore(mending, path, interval, *store);
       store = std::make_unique<StoreImage>(path, numSamples);
       store->SetColumns(FindRing(store->GetStamps(), interval.periodSec, mending.newestAllowed));
    }
