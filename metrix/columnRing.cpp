@@ -187,6 +187,18 @@ std::vector<size_t> FindLongestAscent(const std::vector<TimeStamp>& stamps)
 
 } // namespace
 
+std::vector<TimeStamp> FillGaps(std::vector<TimeStamp> timeStamps, uint64_t period)
+{
+   const ColumnRing ring(timeStamps);
+   for (int32_t column = ring.GetEarliest(); column != ring.GetLatest();
+        column = ring.GetNext(column)) {
+      const TimeStamp ts = timeStamps[static_cast<size_t>(column)];
+      TimeStamp& next = timeStamps[static_cast<size_t>(ring.GetNext(column))];
+      next = next == kUnset ? ts + period : next;
+   }
+   return timeStamps;
+}
+
 std::vector<size_t> FindImpossibleColumns(const std::vector<TimeStamp>& timeStamps, uint64_t period,
                                           TimeStamp newest)
 {
@@ -198,7 +210,10 @@ std::vector<size_t> FindImpossibleColumns(const std::vector<TimeStamp>& timeStam
          (ts % period == 0 && ts <= newest ? columns : impossible).push_back(column);
       }
    }
-   // The ring begins behind one of the places at which the stamps fall: try each.
+   // The ring begins behind one of the places at which the stamps fall. Trying the first ones must
+   // do where there are more than any damage explains.
+   constexpr int kMaxStarts = 16;
+   int starts = 1;
    std::vector<size_t> best;
    const auto tryFrom = [&](size_t start) {
       std::vector<size_t> rotated(columns.begin() + static_cast<ptrdiff_t>(start), columns.end());
@@ -216,7 +231,8 @@ std::vector<size_t> FindImpossibleColumns(const std::vector<TimeStamp>& timeStam
    };
    tryFrom(0);
    for (size_t i = 1; i < columns.size() && best.size() < columns.size(); ++i) {
-      if (timeStamps[columns[i]] < timeStamps[columns[i - 1]]) {
+      if (timeStamps[columns[i]] < timeStamps[columns[i - 1]] && starts < kMaxStarts) {
+         ++starts;
          tryFrom(i);
       }
    }

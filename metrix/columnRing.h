@@ -74,6 +74,10 @@ private:
    bool _stampsAscend = true;
 };
 
+/// Gives columns that are not in use, but lie between others, the stamps that follow those before
+/// them at the period: a ring has no holes.
+std::vector<TimeStamp> FillGaps(std::vector<TimeStamp> timeStamps, uint64_t period);
+
 /// Columns whose stamps a sound ring of this period cannot have: no multiple of the period, newer
 /// than `newest`, or out of order. Of those out of order the fewest are named.
 std::vector<size_t> FindImpossibleColumns(const std::vector<TimeStamp>& timeStamps, uint64_t period,

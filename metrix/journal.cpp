@@ -16,6 +16,8 @@ namespace {
 /// neither writing nor replaying costs much more than the samples themselves.
 constexpr uint64_t kMinCommitsBytes = uint64_t{1} << 20;
 
+constexpr size_t kMaxKeptBytes = size_t{256} << 10;
+
 constexpr int kCounterShift = 32;
 
 class MutexGuard {
@@ -123,7 +125,7 @@ void Journal::BeginGeneration(const std::vector<JournalFormat::StoreShape>& stor
    _maxCommitsBytes = maxCommitsBytes;
    _isOpen = true;
    _hasFailed = false;
-   _buffer.clear();
+   _buffer = {}; // far larger than a commit's
 }
 
 void Journal::Append(JournalEntries& entries)
@@ -139,6 +141,9 @@ void Journal::Append(JournalEntries& entries)
    _end += _buffer.size();
    _sequence = _encodedSequence;
    _commitBytes = std::max<uint64_t>(_commitBytes, _buffer.size());
+   if (_buffer.size() > kMaxKeptBytes) {
+      _buffer = {};
+   }
 }
 
 void Journal::Sync()

@@ -26,6 +26,7 @@ enum Kind : uint8_t {
 /// Ends the cells of a column: no step from one id to the next is as long.
 constexpr uint64_t kEndOfCells = 1;
 
+constexpr size_t kMaxKeptBytes = size_t{256} << 10;
 constexpr size_t kMaxNumberSize = 10;
 constexpr size_t kCutBytes = size_t{1} << 20;
 constexpr size_t kMaxCellsBytes = size_t{1} << 18;
@@ -186,6 +187,9 @@ JournalSink::~JournalSink() = default;
 
 void JournalEntries::Clear()
 {
+   if (_bytes.size() > kMaxKeptBytes) {
+      _bytes = {}; // a run takes far less than a snapshot, or than the run that creates all stats
+   }
    _size = 0;
    _cuts.clear();
    _inCells = false;

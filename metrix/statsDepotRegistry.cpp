@@ -279,6 +279,7 @@ void StatsDepotImpl::AddMissingRollups(const RollupSource& source)
       const Corvax::Locker lock(this); // commits
       return AddMissingRollups(source);
    }
+   size_t completed = 0;
    for (const auto& [entityId, stats] : _entityMap) {
       for (const auto& [statName, info] : *stats) {
          std::vector<RollupType> rollups;
@@ -297,10 +298,12 @@ void StatsDepotImpl::AddMissingRollups(const RollupSource& source)
          }
          if (!entries.empty()) {
             PersistIdMappingAddition(entries);
-            _logger->Log(kLogNotice, "Stat %1 of %2 gets %3 rollups that it lacked", statName,
-                         entityId, entries.size());
+            ++completed;
          }
       }
+   }
+   if (completed > 0) {
+      _logger->Log(kLogNotice, "%1 stats get rollups that they lacked", completed);
    }
 }
 

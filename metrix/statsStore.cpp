@@ -241,7 +241,7 @@ StatVal StatsStoreImpl::GetSample(StatId statId, TimeStamp ts)
 {
    AssertOpen();
    const int32_t column = FindColumn(ts);
-   if (column < 0) {
+   if (column < 0 || IsHidden(static_cast<size_t>(column))) {
       return kUnset;
    }
    const std::optional<StatVector> row = GetStatVector(statId);
@@ -271,13 +271,17 @@ int StatsStoreImpl::GetSamples(StatId statId, TimeStamp begin, TimeStamp end,
       return 0;
    }
    const size_t beforeWrap = _columns.CountBeforeWrap(range);
+   const auto isHidden = [&](size_t i) {
+      const auto offset = static_cast<size_t>(first);
+      return IsHidden(i < beforeWrap ? offset + i : i - beforeWrap);
+   };
    row->GetSamples(static_cast<size_t>(first), {values.data(), beforeWrap});
    row->GetSamples(0, {values.data() + beforeWrap, range.count - beforeWrap});
    // Columns newer than the row's last sample hold values from before the ring wrapped.
    const TimeStamp newest = row->GetTimeStamp();
    int count = 0;
    for (size_t i = 0; i < range.count; ++i) {
-      values[i] = stamps[i] <= newest ? values[i] : kUnset;
+      values[i] = stamps[i] <= newest && !isHidden(i) ? values[i] : kUnset;
       count += values[i] != kUnset ? 1 : 0;
    }
    return count;

@@ -23,7 +23,7 @@ void StatsStoreImpl::HideColumns(const std::vector<size_t>& columns)
       stamps[column] = kUnset;
       _lostColumns[column] = true;
    }
-   _columns = ColumnRing(stamps);
+   _columns = ColumnRing(FillGaps(std::move(stamps), _samplingPeriod));
 }
 
 std::vector<TimeStamp> StatsStoreImpl::HideImpossibleColumns(TimeStamp newest)
@@ -88,6 +88,13 @@ TimeStamp StatsStoreImpl::GetSettledStamp()
 
 /// Rows are read and written whole, many together. Where they are long, those that only get a few
 /// samples more are extended, after the others: the window must not write older copies of them.
+void StatsStoreImpl::SetHeaderDurable()
+{
+   _headerStamp = _writtenStamp;
+   const uint64_t rowBytes = _storeHandle->GetSize() - _statVectorPos;
+   _fileSize = _statVectorPos + rowBytes - rowBytes % _rowSize;
+}
+
 int StatsStoreImpl::GiveUpColumnsAfter(TimeStamp ts)
 {
    // By the file's header, too: its rows may have samples in columns that memory does not know.
@@ -104,6 +111,7 @@ int StatsStoreImpl::GiveUpColumnsAfter(TimeStamp ts)
    if (givenUp.empty() || !_rows) {
       return 0;
    }
+   columns = FillGaps(std::move(columns), _samplingPeriod);
    const ColumnRing left(columns);
    const bool wasBatch = _rows->IsBatch();
    _rows->BeginBatch();

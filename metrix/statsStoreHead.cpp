@@ -246,8 +246,6 @@ StatsStore::LayDownResult StatsStoreImpl::LayDown(StatId first, StatId end, Time
    if (wasBatch) {
       _rows->BeginBatch();
    }
-   const uint64_t rowBytes = _storeHandle->GetSize() - _statVectorPos;
-   _writtenSize = std::max(_writtenSize, _statVectorPos + rowBytes - rowBytes % _rowSize);
    return result;
 }
 

@@ -7,7 +7,6 @@
 #include "metrix/storeFormat.h"
 #include "metrix/storeHead.h"
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -61,11 +60,7 @@ public:
    uint64_t GetLostSamples() override { return _lostSamples; }
    void ReserveRows(StatId end) override;
    void WriteHeader() override;
-   void SetHeaderDurable() override
-   {
-      _headerStamp = _writtenStamp;
-      _fileSize = std::max(_fileSize, _writtenSize);
-   }
+   void SetHeaderDurable() override;
    TimeStamp GetHeaderStamp() override { return _headerStamp; }
    TimeStamp GetSettledStamp() override;
    LayDownResult LayDown(StatId first, StatId end, TimeStamp newestStamp) override;
@@ -95,6 +90,7 @@ private:
    void InvalidateGap(StoreFormat::StatVector& row, int32_t chosen) const;
 
    void HideColumns(const std::vector<size_t>& columns);
+   bool IsHidden(size_t column) const { return !_lostColumns.empty() && _lostColumns[column]; }
    void AddHeadColumn(TimeStamp ts);
    void MakeRoom();
    void AddHeadSample(StatId statId, int32_t column, TimeStamp ts, StatVal value);
@@ -128,8 +124,7 @@ private:
    std::vector<std::byte> _composed;             ///< ComposeRow's result
    std::vector<bool> _lostColumns; ///< by column: hidden, but in the file; empty: none
    uint64_t _reservedRows = 0;
-   uint64_t _writtenSize = 0; ///< with all whole rows that were laid down
-   uint64_t _fileSize = 0;    ///< that the file has for certain, without an incomplete row
+   uint64_t _fileSize = 0; ///< that the file has for certain, without an incomplete row
    uint64_t _lostSamples = 0;
 };
 

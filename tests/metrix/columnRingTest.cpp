@@ -19,6 +19,13 @@ Stamps InOrder(const ColumnRing& ring, TimeStamp begin = kUnset, TimeStamp end =
    return stamps;
 }
 
+TEST(ColumnRingTest, ColumnsBetweenOthersGetTheirStampsBack)
+{
+   EXPECT_EQ(FillGaps({140, kUnset, 60, kUnset, kUnset, 120}, 20),
+             (std::vector<TimeStamp>{140, kUnset, 60, 80, 100, 120}));
+   EXPECT_EQ(FillGaps({kUnset, kUnset}, 20), (std::vector<TimeStamp>{kUnset, kUnset}));
+}
+
 TEST(ColumnRingTest, FindsTheFewestStampsThatCannotBe)
 {
    constexpr TimeStamp kNone = kUnset;
