@@ -63,6 +63,11 @@ protected:
       _random.seed(seed);
    }
 
+   ~CrashModelTest() override
+   {
+      std::cout << _crashes << (GetParam().isKill ? " kills" : " power cuts") << "\n"; // for soak
+   }
+
    /// Collects for some runs, in the depot of a disk or in a new one.
    Recording Record(const Disk& start, ScriptedHost host, int runs)
    {
@@ -141,6 +146,7 @@ private:
    /// Crashes with that many changes done, while that state was the last one finished.
    void CrashAt(const Recording& recording, const Disk& disk, size_t changes, size_t state)
    {
+      ++_crashes;
       const auto& before = recording.states[state];
       const auto& after = recording.states[std::min(state + 1, recording.states.size() - 1)];
       const bool isMidway = changes < recording.changes.size();
@@ -256,6 +262,7 @@ private:
       return !HasFailure();
    }
 
+   uint64_t _crashes = 0;
    std::mt19937_64 _random;
    const Ref<QuietLogger> _logger = Corvax::MakeRef<QuietLogger>();
    ManualClock _clock;

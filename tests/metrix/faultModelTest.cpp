@@ -160,11 +160,14 @@ protected:
       _atStart = PictureOf(*depot);
    }
 
+   ~FaultModelTest() override { std::cout << _faults << " faults\n"; } // for soak
+
    /// Collects while operations fail, and after that. False if there are fewer operations.
    bool Endure(uint64_t first, uint64_t count)
    {
       SCOPED_TRACE("operation " + std::to_string(first) + " fails, " + std::to_string(count) +
                    " in all");
+      ++_faults;
       const Fault& fault = GetParam();
       const DiskModel::Fault failing{fault.classes, first, count, fault.reason, fault.reverts};
       LoadTwice(failing);
@@ -312,6 +315,7 @@ private:
       }
    }
 
+   uint64_t _faults = 0;
    std::mt19937_64 _random;
    Disk _start;
    Picture _atStart; ///< empty if there is no depot
