@@ -8,7 +8,7 @@ helper= # another process that ends with the test
 
 cleanUp() {
    { kill -9 $agent $helper; wait; } 2>/dev/null || true
-   rm -rf "$dir"
+   rm -rf --one-file-system "$dir"
 }
 trap cleanUp EXIT
 

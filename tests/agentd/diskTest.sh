@@ -19,7 +19,7 @@ runs=$dir/runs
 : >"$runs"
 stats=$dir/stats
 mounts=
-trap '{ kill -9 $agent $helper; wait; umount $mounts; } 2>/dev/null || true; cleanUp' EXIT
+trap '{ kill -9 $agent $helper; wait; umount -l $mounts; } 2>/dev/null || true; cleanUp' EXIT
 config "$kDebugRuns"
 
 startSimulated() { # ARGUMENTS...
