@@ -104,8 +104,10 @@ void Disk::Lose(File& file, uint64_t seed, bool reverts)
    std::erase_if(file.pending,
                  [&](const Piece& piece) { return !piece.isTruncation && random() % 2 == 0; });
    Flush(file);
-   if (reverts) {
+   if (reverts) { // all but the size
+      const uint64_t sizeBytes = file.live.GetSize();
       file.live = file.durable;
+      file.live.Resize(sizeBytes);
    }
 }
 
