@@ -252,6 +252,7 @@ private:
       Corvax::RefVector<StatsDepotInterval> intervals;
       depot->GetIntervals(intervals);
       host.isNew = intervals.size() < size_t{ScriptedHost::kIntervals};
+      EXPECT_TRUE(before.isNew || !host.isNew) << "an interval is lost";
       EXPECT_LE(files.log.size(), 1u) << "more than the lock file was changed";
       host.model = ModelOf(shown);
       if (!host.isNew && Below(5) == 0) {

@@ -38,7 +38,7 @@ struct ScriptedHost {
    void Create(StatsDepot& depot);
 
    /// One run of the collectors. Stats are created, deleted, deleted and created at once, purged
-   /// and given ids that others had; there is a run after a pause, too.
+   /// and given ids that others had; some miss runs, and there is a run after a pause.
    void Collect(StatsDepot& depot);
 
    static constexpr int kIntervals = 2;
@@ -48,6 +48,7 @@ struct ScriptedHost {
 
 private:
    bool Has(int entity) const;
+   bool Has(int entity, int stat) const;
    void Add(StatsDepot& depot, const ModelDepot::Name& name, int stat, StatVal value);
 };
 
