@@ -83,7 +83,8 @@ room(metrix/idMapFile SEES metrix/rowWindow metrix/idMapFormat metrix/statTypes 
 room(metrix/intervalTable SEES metrix/statsStore corvax)
 room(metrix/depotAside SEES corvax)
 room(metrix/statsDepot SEES metrix/statTypes corvax) # the interface alone
-foreach(part IN ITEMS Impl Registry Deletion Propagation Recovery Checkpoint)
+foreach(part IN ITEMS Impl Registry Deletion Propagation Recovery Checkpoint
+      Commit)
    room(metrix/statsDepot${part} SEES metrix/statsDepotImpl metrix/statsDepot metrix/intervalTable
       metrix/storeFormat
       metrix/statsStore metrix/journal metrix/journalReader metrix/journalEntries

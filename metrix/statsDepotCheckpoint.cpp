@@ -12,9 +12,6 @@ namespace Metrix {
 
 namespace {
 
-using Corvax::kLogError;
-using Corvax::kMicrosecondsPerSecond;
-
 /// Id-map records that are written in one run.
 constexpr size_t kIdsInStep = 4096;
 
@@ -25,132 +22,6 @@ constexpr uint64_t kSliceBytes = uint64_t{512} << 10;
 constexpr size_t kMaxRowsInTheWay = 16;
 
 } // namespace
-
-// Commits.
-
-/// Appends what has changed to the journal. If that fails, a snapshot in the other file, which was
-/// allocated ahead, may still have it.
-void StatsDepotImpl::Commit()
-{
-   if (!IsJournaled() || _entries.IsEmpty()) {
-      return;
-   }
-   if (!_journal->IsOpen()) {
-      _needsGeneration = true;
-   }
-   if (_needsGeneration) {
-      _entries.Clear(); // they come with the snapshot
-      return;
-   }
-   try {
-      _journal->Append(_entries);
-      _entries.Clear();
-   } catch (const Corvax::PlatformException&) {
-      BeginGeneration();
-   }
-}
-
-/// Commits the changes of this lock. Whether there were any, so that Maintain has to follow.
-bool StatsDepotImpl::CommitOrLog()
-{
-   if (!_hasChanges) {
-      return false;
-   }
-   _hasChanges = false;
-   try {
-      Commit();
-   } catch (const Corvax::Exception& e) {
-      ReportTrouble(e.GetMessage());
-   }
-   LogLostSamples();
-   return IsJournaled();
-}
-
-void StatsDepotImpl::LogLostSamples()
-{
-   uint64_t lost = 0;
-   for (const auto& interval : *_intervalTable) {
-      lost += interval->GetStore().GetLostSamples();
-   }
-   if (lost > _lostSamples) {
-      _logger->Log(kLogError, "%1 samples are given up: they could not be written in time",
-                   lost - _lostSamples);
-   }
-   _lostSamples = lost;
-}
-
-/// Logs each trouble once.
-void StatsDepotImpl::ReportTrouble(const std::string& trouble)
-{
-   if (!trouble.empty() && trouble != _trouble) {
-      _logger->Log(kLogError, "Samples of depot %1 are not safe: %2", GetPrefix(), trouble);
-   }
-   _trouble = trouble;
-}
-
-std::string StatsDepotImpl::GetTrouble()
-{
-   return _trouble;
-}
-
-bool StatsDepotImpl::IsSyncDue()
-{
-   const int64_t now = Corvax::System::GetMonotonicTime();
-   const int64_t afterUs = _journalOptions.syncSec * kMicrosecondsPerSecond;
-   const bool isDue = _mustSync || _journalOptions.syncSec == 1 ||
-                      (_journalOptions.syncSec > 0 && now - _lastSyncUs >= afterUs);
-   if (isDue) {
-      _lastSyncUs = now;
-      _mustSync = false;
-   }
-   return isDue;
-}
-
-/// Syncs the journal, in a new generation if the last one failed.
-void StatsDepotImpl::SyncJournal()
-{
-   if (_needsGeneration || !_journal->IsOpen()) {
-      BeginGeneration();
-   }
-   _journal->Sync();
-}
-
-/// Begins a journal file with all that is pending.
-void StatsDepotImpl::BeginGeneration()
-{
-   std::vector<JournalFormat::StoreShape> shapes;
-   JournalEntries snapshot;
-   for (int i = 0; i < _intervalTable->GetNumIntervals(); ++i) {
-      StatsStore& store = _intervalTable->GetIntervalAt(i)->GetStore();
-      shapes.push_back(store.GetShape());
-      store.GetHead()->AddTo(snapshot, static_cast<uint32_t>(i));
-   }
-   AddSnapshotOfIds(snapshot);
-   _needsGeneration = true;
-   _journal->BeginGeneration(shapes, snapshot);
-   _entries.Clear();
-   _needsGeneration = false;
-}
-
-void StatsDepotImpl::AddSnapshotOfIds(JournalEntries& snapshot) const
-{
-   std::vector<StatId> freed;
-   for (const auto& [id, change] : _pendingIds) {
-      Corvax::Ref<StatInfo> info;
-      if (!GetStatInfo(id, info)) {
-         freed.push_back(id);
-         continue;
-      }
-      snapshot.AddStat({*info->_entityId,
-                        *info->_statName,
-                        info->_type,
-                        info->_scalingFactor,
-                        {{id, info->GetRollupType(id)}}});
-   }
-   if (!freed.empty()) {
-      snapshot.AddIdsFreed(freed);
-   }
-}
 
 // A run's share of the rows.
 
@@ -166,7 +37,7 @@ void StatsDepotImpl::Maintain()
          return;
       }
       for (Share& share : step.shares) {
-         LayDown(share);
+         LayDown(share, step.epoch);
       }
       const PlainLock lock(*this);
       LayDownIds(step, kIdsInStep);
@@ -219,6 +90,7 @@ bool StatsDepotImpl::PrepareStep(Step& step)
       return false;
    }
    step.hasBegun = true;
+   step.epoch = _epoch;
    _isMaintaining = true;
    SyncJournal(); // others may have committed since
    PlanShares(step);
@@ -264,13 +136,16 @@ void StatsDepotImpl::PlanShares(Step& step)
 }
 
 /// In slices, so that others wait for the lock a short time only.
-void StatsDepotImpl::LayDown(Share& share)
+void StatsDepotImpl::LayDown(Share& share, uint64_t epoch)
 {
    StatsStore& store = share.interval->GetStore();
    const uint64_t rowBytes = StoreFormat::RowSize(store.GetNumSamples());
    const StatId rowsInSlice = std::max<uint64_t>(kSliceBytes / rowBytes, 1);
    const auto layDown = [&](StatId first, StatId end) {
       const PlainLock lock(*this);
+      if (_epoch != epoch) {
+         return std::vector<StatId>();
+      }
       SyncJournal(); // others may have committed since
       StatsStore::LayDownResult result = store.LayDown(first, end, share.newestStamp);
       share.result.error = share.result.failed == 0 ? result.error : share.result.error;
@@ -336,6 +211,9 @@ void StatsDepotImpl::SyncStep(Step& step)
 /// What is safe leaves memory, and what is not has its turn again in the next run.
 void StatsDepotImpl::FinishStep(Step& step)
 {
+   if (step.epoch != _epoch) {
+      return; // what was laid down is laid down again
+   }
    bool isComplete = !step.shares.empty();
    for (size_t i = 0; i < step.shares.size(); ++i) {
       Share& share = step.shares[i];
@@ -390,6 +268,7 @@ void StatsDepotImpl::SetIdsDurable(const Step& step)
 /// Lays down everything that is pending, with the lock held.
 void StatsDepotImpl::CheckpointNow()
 {
+   ++_epoch;
    Commit();
    SyncJournal();
    LayEverythingDown();

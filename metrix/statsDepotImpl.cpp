@@ -177,6 +177,7 @@ void StatsDepotImpl::Lock()
    LockableObjectImpl::Lock();
    if (_lockDepth++ == 0) {
       _whyNotReady = nullptr;
+      _whyNoRoom = nullptr;
       BeginBatch();
    }
 }

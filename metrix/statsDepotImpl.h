@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -22,7 +23,8 @@ namespace Metrix {
 /// The depot. statsDepotImpl.cpp: creating, loading, recording, reading. statsDepotRegistry.cpp:
 /// stats and their ids. statsDepotDeletion.cpp: deleting and purging. statsDepotPropagation.cpp:
 /// filling the coarse intervals. statsDepotRecovery.cpp: what the journal has, and the first change
-/// after loading. statsDepotCheckpoint.cpp: commits, and laying down what is pending.
+/// after loading. statsDepotCommit.cpp: what goes to the journal. statsDepotCheckpoint.cpp: laying
+/// down what is pending.
 class StatsDepotImpl : public Corvax::LockableObjectImpl, public StatsDepot {
 public:
    StatsDepotImpl(std::string depotDir, std::string depotName, Corvax::Logger* logger,
@@ -173,6 +175,7 @@ private:
    /// What one run lays down.
    struct Step {
       bool hasBegun = false;
+      uint64_t epoch = 0;
       TimeStamp stamp = kUnset; ///< newest column of the finest interval
       std::vector<Share> shares;
       std::map<StatId, uint64_t> ids; ///< of _pendingIds
@@ -228,7 +231,7 @@ private:
    bool IsStepDue() const;
    bool PrepareStep(Step& step);
    void PlanShares(Step& step);
-   void LayDown(Share& share);
+   void LayDown(Share& share, uint64_t epoch);
    void SyncStep(Step& step);
    void FinishStep(Step& step);
    void LayDownIds(Step& step, size_t limit);
@@ -326,6 +329,7 @@ private:
    std::unique_ptr<Corvax::FileLock> _writerLock;
    bool _readOnly = false;
    bool _isReady = false;           ///< for changes
+   std::exception_ptr _whyNoRoom;   ///< for more stats, while the depot stays locked
    std::exception_ptr _whyNotReady; ///< while the depot stays locked
    bool _mustReopen = false;        ///< the files are not those that were opened
    bool _mustMendDescription = false;
@@ -349,6 +353,9 @@ private:
    bool _isMaintaining = false;
    uint64_t _lostSamples = 0; ///< that were logged
    std::string _trouble;
+   std::set<std::string> _loggedTroubles;
+   /// Grows when everything is laid down, or columns are given up: a step under way must end then.
+   uint64_t _epoch = 0;
 };
 
 } // namespace Metrix

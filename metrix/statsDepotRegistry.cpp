@@ -195,11 +195,19 @@ void StatsDepotImpl::ReserveIds(size_t count)
    if (!IsJournaled()) {
       return;
    }
+   if (_whyNoRoom) {
+      std::rethrow_exception(_whyNoRoom); // trying it for each of many stats takes seconds
+   }
    // As if all slots below the map's size were used: some may be free.
    const auto end = static_cast<uint64_t>(_slotUsageMap->FindFirstFreeSlot()) + count;
-   _idMapFile.Reserve(end);
-   for (const auto& interval : *_intervalTable) {
-      interval->GetStore().ReserveRows(end);
+   try {
+      _idMapFile.Reserve(end);
+      for (const auto& interval : *_intervalTable) {
+         interval->GetStore().ReserveRows(end);
+      }
+   } catch (const Corvax::PlatformException&) {
+      _whyNoRoom = IsLocked() ? std::current_exception() : nullptr;
+      throw;
    }
 }
 
