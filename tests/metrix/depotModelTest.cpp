@@ -59,10 +59,7 @@ protected:
    }
 
 private:
-   void Open()
-   {
-      GetStatsDepot("/stats/", "model", _logger.Get(), 1000000, _depot, _options);
-   }
+   void Open() { GetStatsDepot("/stats/", "model", _logger.Get(), 1000000, _depot, _options); }
 
    uint64_t Below(uint64_t limit) { return _random() % limit; }
 
