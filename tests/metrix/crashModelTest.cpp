@@ -153,24 +153,10 @@ private:
       std::ostringstream where;
       where << "crash after " << changes << " changes of the disk, run " << before.run;
       const Disk left = Crash(disk, isMidway ? &recording.changes[changes] : nullptr, where);
-      for (size_t i = changes < 30 ? 0 : changes - 30;
-           i < changes + 3 && i < recording.changes.size(); ++i) {
-         const auto& c = recording.changes[i];
-         static const char* const k[] = {"create",  "dir",   "rename", "remove",
-                                         "syncdir", "write", "trunc",  "reserve",
-                                         "flush",   "lose",  "loserev"};
-         where << "\n"
-               << i << " " << k[c.kind] << " " << c.path << " " << c.to << " file " << c.file << " "
-               << c.offset << "+" << c.bytes.size();
-         for (const auto& [n, f] : disk.GetNames()) {
-            if (f == c.file && (c.kind >= 5)) {
-               where << " " << n;
-            }
-         }
-      }
       SCOPED_TRACE(where.str());
       ScriptedHost host{ModelOf({}), after.now, after.run, false};
       if (!Reopen(left, before, after, host)) {
+         PrintChanges(recording, disk, changes);
          return;
       }
       if (Below(5) == 0 || host.isNew) {
@@ -187,6 +173,25 @@ private:
          CrashAt(more, then, end, last);
       } else if (Below(100) == 0) {
          Record(left, host, 400);
+      }
+   }
+
+   /// The last ones before a crash.
+   static void PrintChanges(const Recording& recording, const Disk& disk, size_t end)
+   {
+      constexpr size_t kShown = 30;
+      constexpr const char* kKinds[] = {"create", "directory", "rename",   "remove",
+                                        "sync",   "write",     "truncate", "reserve",
+                                        "flush",  "lose",      "lose"};
+      for (size_t i = end - std::min(end, kShown); i < end; ++i) {
+         const Disk::Operation& change = recording.changes[i];
+         std::cout << i << " " << kKinds[change.kind] << " " << change.path << " " << change.to;
+         for (const auto& [name, file] : disk.GetNames()) {
+            if (change.path.empty() && file == change.file) {
+               std::cout << name << " " << change.offset << "+" << change.bytes.size();
+            }
+         }
+         std::cout << "\n";
       }
    }
 

@@ -204,7 +204,7 @@ bool ScriptedHost::Has(int entity) const
 bool ScriptedHost::Has(int entity, int stat) const
 {
    const bool missesOne = stat == 2 && run % 7 == 3;
-   const bool missesMany = stat == 5 && run % 60 > 30; // more than a journal keeps
+   const bool missesMany = stat == 5 && run % 47 > 22; // more than a head keeps
    return Has(entity) && !missesOne && !missesMany;
 }
 
