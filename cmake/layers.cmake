@@ -156,4 +156,4 @@ room(tests/depotTool SEES depotTool metrix/* ${fakes} TAKES ${system} gtest json
 room(tests/qsh SEES qsh/framework ${fakes} TAKES ${system} gtest)
 room(bench SEES metrix/* simHost linuxHost linuxHost/kernel inventory ${services} ${interfaces}
    TAKES ${system} benchmark)
-room(bench/peers TAKES ${system} peers)
+room(bench/peers SEES corvax TAKES ${system} peers)

@@ -44,7 +44,6 @@ public:
    bool IsOpen() const { return _isOpen && !_hasFailed; }
    /// Whether the file is so long that a new generation is worthwhile.
    bool IsLong() const { return _end - _snapshotEnd > _maxCommitsBytes; }
-   bool IsSynced() const { return _syncedSequence == _sequence && !_hasFailed; }
    uint64_t GetGeneration() const { return _generation; }
 
    /// Whether both files are still at their paths.

@@ -66,6 +66,7 @@ void StatsDepotImpl::AddInterval(const std::string& name, int samplingPeriod,
       PrepareChange();
    }
    if (IsJournaled()) {
+      Assert(!_isMaintaining, "no checkpoint is under way");
       CheckpointNow();
       _journal->Remove(); // the next one knows the new store, too
       _journal = nullptr;

@@ -1,6 +1,6 @@
-#include "bench/peers/descriptor.h"
 #include "bench/peers/measure.h"
 #include "bench/peers/work.h"
+#include "corvax/descriptor.h"
 
 #include <algorithm>
 #include <cstring>
@@ -69,7 +69,7 @@ private:
 
    size_t _rowsPerCall;
    std::vector<unsigned char> _rows;
-   Descriptor _file;
+   Corvax::Descriptor _file;
 };
 
 void MeasureLoop(const Options& options, size_t rowsPerCall, const std::string& who)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bench/peers/descriptor.h"
+#include "corvax/descriptor.h"
 
 #include <sys/types.h>
 
@@ -35,7 +35,7 @@ public:
 private:
    void WalkOnEveryCpu() const;
 
-   Descriptor _place;
+   Corvax::Descriptor _place;
    size_t _sizeBytes; // twice the last-level cache
    unsigned char* _buffer;
 };

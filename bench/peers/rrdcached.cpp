@@ -1,6 +1,6 @@
-#include "bench/peers/descriptor.h"
 #include "bench/peers/measure.h"
 #include "bench/peers/rrdFiles.h"
+#include "corvax/descriptor.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -78,7 +78,7 @@ public:
       }
       std::memcpy(address.sun_path, path.data(), path.size());
       for (int poll = 0; poll < kReadyPolls; ++poll) {
-         _socket = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+         _socket = Corvax::Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
          if (connect(_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) ==
              0) {
             return;
@@ -134,7 +134,7 @@ private:
       _input.append(chunk, static_cast<size_t>(got));
    }
 
-   Descriptor _socket;
+   Corvax::Descriptor _socket;
    std::string _input;
    size_t _at = 0;
 };

@@ -81,15 +81,6 @@ protected:
       AddSamples(leftOut);
       _depot->Flush();
    }
-   /// Long rows whose ring has wrapped, so that every column holds old samples.
-   void BuildWrapped()
-   {
-      constexpr unsigned kColumns = 600;
-      Build(1, 20, kColumns);
-      while (_runs < kColumns + 5) {
-         Collect();
-      }
-   }
    void ExpectFlushFails()
    {
       const Corvax::Locker lock(_depot.Get());
@@ -171,17 +162,6 @@ TEST_F(DepotCostTest, UnlockingWritesRowsThatWereNotFlushed)
       AddSamples();
    }
    ExpectInFiles();
-}
-
-TEST_F(DepotCostTest, ASampleThatALongRowMissedIsUnsetAfterTheRingHasWrapped)
-{
-   BuildWrapped();
-   Collect(7);
-   const TimeStamp missed = Now();
-   Collect();
-   ExpectInFiles();
-   EXPECT_EQ(Read(*_depot, 7, missed), Metrix::kUnset) << "not the sample before the wrap";
-   EXPECT_NE(Read(*_depot, 8, missed), Metrix::kUnset);
 }
 
 TEST_F(DepotCostTest, AfterAFailedFlushTheNextRunIsStored)

@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <random>
 #include <set>
@@ -213,6 +214,53 @@ TEST_F(DepotModelTest, DepotAndModelGiveTheSameAnswers)
          }
       }
       ++seed;
+   }
+}
+
+/// The files of a depot after its ring has wrapped and everything is laid down. Stats miss runs.
+std::map<std::string, std::string> WriteFiles(unsigned columns, const JournalOptions& options)
+{
+   DiskModel files{Disk()};
+   Corvax::Ref<StatsDepot> depot;
+   const auto logger = Corvax::MakeRef<CaptureLogger>();
+   GetStatsDepot("/stats/", "d", logger.Get(), 1000, depot, options);
+   depot->Create();
+   depot->AddInterval("fine", 1, columns);
+   depot->AddInterval("coarse", 10, columns / 10);
+   for (TimeStamp run = 0; run < columns + columns / 4; ++run) {
+      const Corvax::Locker lock(depot.Get());
+      for (TimeStamp stat = 0; stat < 20; ++stat) {
+         const std::string name = "stat" + std::to_string(stat);
+         if (run == 0) {
+            depot->CreateStat("e", name, StatsDepot::STATTYPE_ABSOLUTE, 1,
+                              {StatsDepot::ROLLUP_MAX});
+         }
+         if (run % (stat + 2) < 2 || (run / 70 % 3 != 1 && stat % 2 == 0)) {
+            depot->AddSample("e", name, 1000000 + run, 1000 * run + stat, 0);
+         }
+      }
+      depot->Flush();
+      files.log.clear();
+   }
+   depot->Checkpoint();
+   std::map<std::string, std::string> contents;
+   for (const auto& [name, file] : files.disk.GetNames()) {
+      if (name.ends_with(".stats") || name.ends_with(".idMap")) {
+         contents[name] = files.disk.GetContent(file);
+      }
+   }
+   return contents;
+}
+
+TEST(DepotFilesTest, AJournalChangesNoByteOfTheOtherFiles)
+{
+   for (const unsigned columns : {100U, 600U}) { // short rows, and rows that are extended
+      const auto straight = WriteFiles(columns, {});
+      const auto journaled = WriteFiles(columns, {40, 1});
+      ASSERT_EQ(straight.size(), 3u);
+      for (const auto& [name, content] : straight) {
+         EXPECT_TRUE(journaled.at(name) == content) << name << ", " << columns << " columns";
+      }
    }
 }
 
