@@ -26,6 +26,7 @@ constexpr char kDefaultBackend[] = "auto";
 constexpr char kInterval[] = "plugins/metrix/collectionInterval";
 constexpr char kMockup[] = "plugins/metrix/enableMockup";
 constexpr char kDepotDir[] = "plugins/metrix/depotDir";
+constexpr char kWideFigures[] = "plugins/metrix/wideFigures";
 constexpr char kCheckpoint[] = "plugins/metrix/checkpointSec";
 constexpr char kSync[] = "plugins/metrix/syncSec";
 constexpr char kDefaultCheckpointSec[] = "300";
@@ -74,6 +75,7 @@ constexpr KeyRule kKeyRules[] = {
    {kDepotDir, ValueKind::DIRECTORY},
    {"plugins/metrix/depotName", ValueKind::FILE_NAME},
    {"plugins/metrix/maxStatsPurged", ValueKind::NOT_NEGATIVE},
+   {kWideFigures, ValueKind::BOOLEAN},
    {kCheckpoint, ValueKind::NOT_NEGATIVE},
    {kSync, ValueKind::NOT_NEGATIVE},
 };
@@ -284,6 +286,7 @@ Configuration LoadConfiguration(const Options& options)
    if (options.mockup) {
       keys.Set(kMockup, "true");
    }
+   SetDefault(keys, kWideFigures, "true");
    SetDefault(keys, kCheckpoint, kDefaultCheckpointSec);
    SetDefault(keys, kSync, kDefaultSyncSec);
    configuration.backend = ReadBackend(keys, options);

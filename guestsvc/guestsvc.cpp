@@ -3,6 +3,12 @@
 namespace Guestsvc {
 
 HaVirtualMachine::~HaVirtualMachine() = default;
+
+int64_t HaVirtualMachine::GetNetworkSumCorrectionKb()
+{
+   return 0;
+}
+
 Guestsvc::~Guestsvc() = default;
 VmPowerOpMsg::~VmPowerOpMsg() = default;
 VmUnregisterMsg::~VmUnregisterMsg() = default;

@@ -27,6 +27,9 @@ public:
    virtual int32_t GetWorldId() = 0;
    /// The kernel's id of the port that a NIC is attached to.
    virtual uint32_t GetPortId(Quen::Vm::Device::VirtualEthernetCard* card) = 0;
+   /// To be added to the sum of the KB that the connected NICs received and sent, so that it grows
+   /// by their traffic alone when one is connected or disconnected. 0 until one is.
+   virtual int64_t GetNetworkSumCorrectionKb();
 
 protected:
    ~HaVirtualMachine() override;

@@ -16,7 +16,7 @@ public:
 class CpuInfo {
 public:
    virtual ~CpuInfo();
-   /// Number of CPUs that can run at once, 1 to 255.
+   /// Number of CPUs that can run at once, at least 1.
    virtual uint32_t GetCoreCount() = 0;
    /// At least one.
    virtual std::vector<Cpu*> GetCpus() = 0;

@@ -40,6 +40,16 @@ HostCtlException::~HostCtlException() = default;
 
 } // namespace Lib
 
+int64_t Network::NetworkInfo::GetSumCorrectionKb()
+{
+   return 0;
+}
+
+int64_t Storage::StorageInfo::GetSumCorrectionKb()
+{
+   return 0;
+}
+
 Host* HostFactory::GetHost()
 {
    return Provider().GetHost();

@@ -8,13 +8,12 @@
 /// pointer that is returned. Errors: Lib::HostCtlException from every operation.
 namespace HostCtl::Network {
 
-/// As the NIC attached to the port sees it. The counters have 32 bits: those of bytes wrap at 4
-/// GiB.
+/// As the NIC attached to the port sees it.
 struct PortStatistics {
-   uint32_t bytesReceived = 0;
-   uint32_t bytesSent = 0;
-   uint32_t packetsReceived = 0;
-   uint32_t packetsSent = 0;
+   uint64_t bytesReceived = 0;
+   uint64_t bytesSent = 0;
+   uint64_t packetsReceived = 0;
+   uint64_t packetsSent = 0;
 };
 
 class Port {
@@ -35,6 +34,9 @@ class NetworkInfo {
 public:
    virtual ~NetworkInfo();
    virtual std::vector<PhysicalNic*> GetPhysicalNics() = 0;
+   /// To be added to the sum of the KB that the NICs of the last GetPhysicalNics received and sent,
+   /// so that it grows by their traffic alone when one joins or leaves them. 0 until one does.
+   virtual int64_t GetSumCorrectionKb();
 };
 
 class NetworkFactory {

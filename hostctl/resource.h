@@ -42,6 +42,9 @@ struct HostMemoryStats {
 /// CPU time of a resource group or of a whole virtual machine since it started.
 struct CpuStats {
    uint64_t usedUs = 0;
+   /// To be added to a virtual machine's `usedUs` / number of virtual CPUs, so that the quotient
+   /// grows by its use alone when their number changes. 0 until it does.
+   int64_t perCpuCorrectionUs = 0;
 };
 
 /// Times of one virtual CPU since the virtual machine started.

@@ -38,6 +38,9 @@ class StorageInfo {
 public:
    virtual ~StorageInfo();
    virtual std::vector<DiskLun*> GetDiskLuns() = 0;
+   /// To be added to the sum of the KB that the disks of the last GetDiskLuns read and wrote, so
+   /// that it grows by their traffic alone when one joins or leaves them. 0 until one does.
+   virtual int64_t GetSumCorrectionKb();
 };
 
 } // namespace HostCtl::Storage

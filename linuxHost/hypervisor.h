@@ -39,14 +39,14 @@ struct VmDescription {
    std::vector<VmDisk> disks;
 };
 
-/// Times of a virtual CPU since the virtual machine's start.
+/// Times of a virtual CPU since it was plugged in.
 struct VcpuFigures {
    uint64_t usedUs = 0;
-   uint64_t waitUs = 0;  ///< blocked
+   uint64_t waitUs = 0;  ///< halted: the guest had nothing to run; 0 where nobody counts it
    uint64_t readyUs = 0; ///< ready, but without a CPU
 };
 
-/// Traffic of a NIC since the virtual machine's start; directions as seen by the VM.
+/// Traffic of a NIC since its device appeared; directions as seen by the VM.
 struct VmCardFigures {
    std::string tap;
    uint64_t bytesReceived = 0;
@@ -55,7 +55,7 @@ struct VmCardFigures {
    uint64_t packetsSent = 0;
 };
 
-/// Traffic of a disk since the virtual machine's start.
+/// Traffic of a disk since the virtual machine's start, or since it was plugged in.
 struct VmDiskFigures {
    std::string target;
    uint64_t bytesRead = 0;
@@ -65,22 +65,46 @@ struct VmDiskFigures {
    uint64_t flushOperations = 0;
 };
 
-struct VmFigures {
-   uint64_t usedUs = 0;            ///< CPU time of the whole virtual machine
-   std::vector<VcpuFigures> vcpus; ///< by number; one that is off has zeroes
-   uint64_t balloonCurrentKb = 0;  ///< current size of the guest memory
+/// Figures that the hypervisor knows without asking the virtual machine's monitor.
+struct VmBasics {
+   uint64_t usedUs = 0; ///< CPU time of the whole virtual machine
+   std::vector<VmCardFigures> cards;
+};
+
+struct VmMemory {
+   uint64_t balloonCurrentKb = 0; ///< current size of the guest memory
    uint64_t balloonMaximumKb = 0;
-   uint64_t rssKb = 0; ///< resident memory of the process
+   uint64_t rssKb = 0; ///< resident memory of the process, without huge pages
+   /// Memory that the guest's kernel manages, and the part of it that programs could still get, as
+   /// its balloon driver reports them; unset where it does not.
+   std::optional<uint64_t> guestAvailableKb;
+   std::optional<uint64_t> guestUsableKb;
    /// Time of the balloon driver's last report; 0: never.
    uint64_t guestReportSec = 0;
-   std::vector<VmCardFigures> cards;
+};
+
+/// Figures that only the virtual machine's monitor knows.
+struct VmMonitorFigures {
+   VmMemory memory;
    std::vector<VmDiskFigures> disks;
 };
 
-/// Figures of all running virtual machines that answered, from one call.
-struct VmSnapshot {
-   int64_t takenUs = 0;                  ///< wall clock before that call
-   std::map<std::string, VmFigures> vms; ///< by id
+/// Parts of a virtual machine's figures, to be combined.
+enum VmParts : unsigned {
+   VM_BASICS = 1U << 0U,
+   VM_VCPUS = 1U << 1U, ///< asks the monitor where it is free, but does not need it
+   VM_MONITOR = 1U << 2U,
+};
+
+/// The answer for one running virtual machine; a part that was not asked for or could not be read
+/// is unset.
+struct VmRecord {
+   std::string id;
+   int64_t takenUs = 0;  ///< monotonic time of the reading
+   int32_t startId = -1; ///< another number after each start of the virtual machine
+   std::optional<VmBasics> basics;
+   std::optional<std::vector<VcpuFigures>> vcpus; ///< by number; one that is off has zeroes
+   std::optional<VmMonitorFigures> monitor;
 };
 
 /// A connection calls these on a thread of its own. They return soon and do not call a connection.
@@ -105,9 +129,14 @@ public:
    virtual std::vector<VmDescription> ListVms() = 0;
    /// Unset when there is no VM with that id.
    virtual std::optional<VmDescription> DescribeVm(const std::string& id) = 0;
-   /// One bulk call. Leaves out a virtual machine that is not running and one whose monitor another
-   /// call is waiting for; a monitor that stops answering blocks this call.
-   virtual VmSnapshot ReadSnapshot() = 0;
+   /// One call for these virtual machines, all running ones where `ids` is empty; leaves out those
+   /// that are not running. `parts` are of VmParts.
+   ///
+   /// With VM_BASICS alone no monitor can block the call. Otherwise a monitor that stops answering
+   /// does. One that is busy with another call is waited for with `waitForMonitor`, and else costs
+   /// its machine what needs the monitor.
+   virtual std::vector<VmRecord> ReadVms(unsigned parts, const std::vector<std::string>& ids,
+                                         bool waitForMonitor) = 0;
 };
 
 class Hypervisor {

@@ -20,6 +20,7 @@ namespace {
 class NoSnapshots : public SnapshotSource {
 public:
    std::shared_ptr<const VmSnapshot> GetSnapshot() const override { return nullptr; }
+   Quen::Vm::Freshness GetFreshness(const std::string& /*id*/) const override { return {}; }
 };
 
 } // namespace
@@ -28,9 +29,10 @@ class LinuxBackend::Parts : public ExtraFigures {
 public:
    Parts(const LinuxHostOptions& options, const std::shared_ptr<Hypervisor>& hypervisor,
          int intervalSec, Corvax::Logger* logger)
-      : _inventory(kRootPoolId, "host"),
-        _poller(hypervisor ? std::make_unique<SnapshotPoller>(hypervisor, intervalSec, logger)
-                           : nullptr),
+      : _inventory(kRootPoolId, "host"), _history(std::make_shared<VmHistory>(intervalSec)),
+        _poller(hypervisor
+                   ? std::make_unique<SnapshotPoller>(hypervisor, _history, intervalSec, logger)
+                   : nullptr),
         _vms(options.root, _inventory, GetSnapshots(), logger),
         _watcher(hypervisor ? std::make_unique<VmWatcher>(hypervisor, _vms, logger) : nullptr),
         _groups(options.root, intervalSec, _inventory, _vms, logger),
@@ -50,6 +52,9 @@ public:
    }
 
    HostCtl::HostProvider& GetProvider() { return *_provider; }
+
+   /// Every collection gets the host first.
+   void BeginCollection() { _history->BeginCollection(); }
 
    void Start()
    {
@@ -93,12 +98,13 @@ private:
 
    const SnapshotSource& GetSnapshots() const
    {
-      return _poller ? static_cast<const SnapshotSource&>(*_poller) : _noSnapshots;
+      return _poller ? static_cast<const SnapshotSource&>(*_history) : _noSnapshots;
    }
 
    // Each may use those before it.
    const NoSnapshots _noSnapshots;
    Inventory::Inventory _inventory;
+   const std::shared_ptr<VmHistory> _history; // shared with calls that hang
    const std::unique_ptr<SnapshotPoller> _poller;
    LinuxVms _vms;
    const std::unique_ptr<VmWatcher> _watcher;
@@ -120,6 +126,7 @@ LinuxBackend::~LinuxBackend()
 
 HostCtl::Host* LinuxBackend::GetHost()
 {
+   _parts->BeginCollection();
    return _parts->GetProvider().GetHost();
 }
 

@@ -5,6 +5,8 @@
 #include "linuxHost/kernel/hardwareReader.h"
 #include "linuxHost/kernel/memoryReader.h"
 #include "linuxHost/kernel/nicReader.h"
+#include "linuxHost/kernel/units.h"
+#include "linuxHost/steadySum.h"
 
 #include <algorithm>
 #include <mutex>
@@ -58,6 +60,8 @@ struct Readers {
    DiskReader disks;
    NicReader nics;
    HardwareReader hardware;
+   SteadySum diskSum; // KB of all disks
+   SteadySum nicSum;  // KB of all NICs
 };
 
 template <class T, class... Args>
@@ -160,8 +164,19 @@ public:
 
    std::vector<HostCtl::Storage::DiskLun*> GetDiskLuns() override
    {
-      return NewEach<HostCtl::Storage::DiskLun, DiskLunImpl>(FindLuns());
+      std::vector<Lun> luns = FindLuns();
+      SteadySum::Counters readings;
+      for (const Lun& lun : luns) {
+         const HostCtl::Storage::StorageStatistics& disk = lun.figures.statistics;
+         readings[lun.figures.name] = disk.blocksRead * kBlockSizeBytes / kBytesPerKb +
+                                      disk.blocksWritten * kBlockSizeBytes / kBytesPerKb;
+      }
+      _sumCorrectionKb = _readers.Use([&readings](Readers& readers) {
+         return readers.diskSum.GetCorrection(std::move(readings));
+      });
+      return NewEach<HostCtl::Storage::DiskLun, DiskLunImpl>(std::move(luns));
    }
+   int64_t GetSumCorrectionKb() override { return _sumCorrectionKb; }
 
 private:
    std::vector<Lun> FindLuns()
@@ -190,6 +205,7 @@ private:
    }
 
    Readers& _readers;
+   int64_t _sumCorrectionKb = 0;
 };
 
 class PortImpl : public HostCtl::Network::Port {
@@ -228,11 +244,24 @@ public:
    std::vector<HostCtl::Network::PhysicalNic*> GetPhysicalNics() override
    {
       return NewEach<HostCtl::Network::PhysicalNic, PhysicalNicImpl>(
-         _readers.Use([](Readers& readers) { return readers.nics.ReadNics(); }));
+         _readers.Use([this](Readers& readers) {
+            std::vector<NicFigures> nics = readers.nics.ReadNics();
+            SteadySum::Counters readings;
+            for (const NicFigures& nic : nics) {
+               if (nic.statistics) {
+                  readings[nic.name] = nic.statistics->bytesReceived / kBytesPerKb +
+                                       nic.statistics->bytesSent / kBytesPerKb;
+               }
+            }
+            _sumCorrectionKb = readers.nicSum.GetCorrection(std::move(readings));
+            return nics;
+         }));
    }
+   int64_t GetSumCorrectionKb() override { return _sumCorrectionKb; }
 
 private:
    Readers& _readers;
+   int64_t _sumCorrectionKb = 0;
 };
 
 class CpuImpl : public HostCtl::Hardware::Cpu {

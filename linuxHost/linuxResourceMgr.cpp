@@ -26,10 +26,18 @@ T* NewIfAny(const std::optional<T>& record)
 }
 
 /// Memory of a virtual machine, read from all its sources together.
-struct VmMemory {
+struct MemoryRecords {
    MemoryStats stats;
    SwapInfo swap;
    MemoryClientStats client;
+};
+
+/// CPU time of a virtual machine for each of its virtual CPUs, as their number changes.
+struct PerCpuUse {
+   int32_t startId = -1;
+   uint64_t vcpus = 1;
+   uint64_t usedUs = 0;      ///< of the whole machine, at the last reading
+   uint64_t correctedUs = 0; ///< for each of its virtual CPUs
 };
 
 class LinuxResourceMgr : public Hostsvc::ResourceMgr, public Corvax::LockableObjectImpl {
@@ -85,7 +93,9 @@ public:
    CpuStats* GetVmCpuStats(MoRef* vm) override
    {
       const auto figures = FindFigures(*vm);
-      return figures ? new CpuStats{figures->usedUs} : nullptr;
+      const std::lock_guard guard(_readersMutex);
+      return figures ? new CpuStats{figures->usedUs, GetPerCpuCorrectionUs(vm->GetId(), *figures)}
+                     : nullptr;
    }
 
    std::vector<CpuTimes> GetVmCpuTimes(MoRef* vm) override
@@ -99,19 +109,19 @@ public:
    {
       // The first of the three memory records that a run reads; the other two are from this
       // reading.
-      const auto memory = Read<VmMemory>([&] { return ReadVmMemory(*vm); });
+      const auto memory = Read<MemoryRecords>([&] { return ReadVmMemory(*vm); });
       return memory ? new MemoryStats(memory->stats) : nullptr;
    }
 
    SwapInfo* GetVmSwapInfo(MoRef* vm) override
    {
-      const auto memory = Read<VmMemory>([&] { return FindVmMemory(vm->GetId()); });
+      const auto memory = Read<MemoryRecords>([&] { return FindVmMemory(vm->GetId()); });
       return memory ? new SwapInfo(memory->swap) : nullptr;
    }
 
    MemoryClientStats* GetVmMemoryClientStats(MoRef* vm) override
    {
-      const auto memory = Read<VmMemory>([&] { return FindVmMemory(vm->GetId()); });
+      const auto memory = Read<MemoryRecords>([&] { return FindVmMemory(vm->GetId()); });
       return memory ? new MemoryClientStats(memory->client) : nullptr;
    }
 
@@ -146,6 +156,27 @@ private:
       return found == snapshot->vms.end()
                 ? nullptr
                 : std::shared_ptr<const VmFigures>(snapshot, &found->second);
+   }
+
+   /// The quotient's growth is that of the CPU time / the larger number of virtual CPUs before and
+   /// after, so that it never exceeds the time that has passed.
+   int64_t GetPerCpuCorrectionUs(const std::string& vmId, const VmFigures& figures)
+   {
+      if (figures.vcpus.empty()) {
+         return 0; // no quotient is made
+      }
+      PerCpuUse& use = _perCpuUse[vmId];
+      const uint64_t vcpus = figures.vcpus.size();
+      const uint64_t quotientUs = figures.usedUs / vcpus;
+      if (use.startId != figures.startId || figures.usedUs < use.usedUs) {
+         use = {figures.startId, vcpus, figures.usedUs, quotientUs};
+      }
+      use.correctedUs += vcpus == use.vcpus
+                            ? quotientUs - use.usedUs / vcpus
+                            : (figures.usedUs - use.usedUs) / std::max(vcpus, use.vcpus);
+      use.vcpus = vcpus;
+      use.usedUs = figures.usedUs;
+      return static_cast<int64_t>(use.correctedUs - quotientUs);
    }
 
    std::string GetPoolPath(const MoRef& pool) const
@@ -184,11 +215,11 @@ private:
       return times;
    }
 
-   std::optional<VmMemory> ReadVmMemory(const MoRef& vmRef)
+   std::optional<MemoryRecords> ReadVmMemory(const MoRef& vmRef)
    {
       const auto figures = FindFigures(vmRef);
       const Ref<LinuxVm> vm = _vms.Find(vmRef.GetId());
-      if (!vm || !figures) {
+      if (!vm || !figures || !figures->memory) {
          _vmMemory.erase(vmRef.GetId());
          return std::nullopt;
       }
@@ -201,20 +232,20 @@ private:
       if (places->process) {
          merged = places->process->ReadMergedMemory();
       }
-      VmMemory& memory = _vmMemory[vmRef.GetId()];
-      memory = Combine(*figures, group, merged);
+      MemoryRecords& memory = _vmMemory[vmRef.GetId()];
+      memory = Combine(*figures->memory, group, merged);
       return memory;
    }
 
-   static VmMemory Combine(const VmFigures& figures, const GroupMemory& group,
+   static MemoryRecords Combine(const VmMemory& figures, const GroupMemory& group,
                            const MergedMemory& merged)
    {
-      VmMemory memory;
+      MemoryRecords memory;
       MemoryStats& stats = memory.stats;
       // The resident memory consists of the guest memory that was used, and the process's own.
       stats.grantedKb = std::min(figures.rssKb, figures.balloonCurrentKb);
       stats.overheadKb = figures.rssKb - stats.grantedKb;
-      stats.activeKb = std::min(group.activeKb, stats.grantedKb);
+      stats.activeKb = std::min(GetActiveKb(figures, group), stats.grantedKb);
       stats.sharedKb = merged.sharedKb;
       stats.zeroKb = merged.zeroKb;
       stats.swappedKb = group.swappedKb;
@@ -228,7 +259,16 @@ private:
       return memory;
    }
 
-   std::optional<VmMemory> FindVmMemory(const std::string& id) const
+   /// Memory that the guest itself has in use, where its balloon driver reports that. The kernel's
+   /// active list is far below it on a host that is not short of memory.
+   static uint64_t GetActiveKb(const VmMemory& figures, const GroupMemory& group)
+   {
+      return figures.guestAvailableKb && figures.guestUsableKb
+                ? SaturatingSubtract(*figures.guestAvailableKb, *figures.guestUsableKb)
+                : group.activeKb;
+   }
+
+   std::optional<MemoryRecords> FindVmMemory(const std::string& id) const
    {
       const auto found = _vmMemory.find(id);
       return found == _vmMemory.end() ? std::nullopt : std::optional(found->second);
@@ -247,7 +287,9 @@ private:
       stats.grantedKb = group->grantedKb;
       stats.activeKb = group->activeKb;
       stats.swappedKb = group->swappedKb;
-      std::erase_if(_vmMemory, [this](const auto& entry) { return !_vms.Find(entry.first); });
+      const auto isGone = [this](const auto& entry) { return !_vms.Find(entry.first); };
+      std::erase_if(_vmMemory, isGone);
+      std::erase_if(_perCpuUse, isGone);
       for (const auto& [id, memory] : _vmMemory) {
          const Ref<LinuxVm> vm = _vms.Find(id);
          if (FindFigures(*vm->GetMoRef()) && IsBelow(vm->GetParent(), pool.GetId())) {
@@ -278,7 +320,8 @@ private:
    ControlGroups _groups;
    CpuReader _cpu;
    std::map<std::string, std::string> _systemGroupPaths; // by key
-   std::map<std::string, VmMemory> _vmMemory;            // by id, from the latest run
+   std::map<std::string, PerCpuUse> _perCpuUse;    // by id
+   std::map<std::string, MemoryRecords> _vmMemory;       // by id, from the latest run
 };
 
 } // namespace

@@ -1,6 +1,9 @@
 #include "linuxHost/linuxVm.h"
 
+#include "linuxHost/kernel/units.h"
+
 #include <algorithm>
+#include <utility>
 
 namespace LinuxHost {
 
@@ -9,14 +12,14 @@ using Quen::Vm::PowerState;
 
 namespace {
 
-/// The first run after a machine's start may come before the first snapshot with it.
-constexpr uint64_t kRunsMissedUntilLogged = 2;
+/// The first two runs after a machine's start may come before its second reading.
+constexpr uint64_t kRunsMissedUntilLogged = 3;
 
 } // namespace
 
-LinuxVm::LinuxVm(const std::string& id, const Inventory::Inventory& inventory,
+LinuxVm::LinuxVm(const std::string& id, int32_t worldId, const Inventory::Inventory& inventory,
                  const SnapshotSource& snapshots, Corvax::Logger* logger)
-   : VmObject(id), _inventory(inventory), _snapshots(snapshots), _logger(logger),
+   : VmObject(id), _worldId(worldId), _inventory(inventory), _snapshots(snapshots), _logger(logger),
      _places(std::make_shared<VmPlaces>())
 {
 }
@@ -29,6 +32,12 @@ Ref<Plexa::MoRef> LinuxVm::GetParent()
    }();
    const Ref<Inventory::PoolObject> pool = _inventory.FindPool(poolId);
    return pool ? pool->GetMoRef() : _inventory.GetRootPool();
+}
+
+Quen::Vm::Freshness LinuxVm::GetFreshness()
+{
+   return GetPowerState() == PowerState::POWERED_ON ? _snapshots.GetFreshness(GetId())
+                                                    : Quen::Vm::Freshness();
 }
 
 bool LinuxVm::IsStatsAvailable()
@@ -62,16 +71,12 @@ uint64_t LinuxVm::GetHeartbeatCount()
       return _heartbeatCount;
    }
    const auto found = snapshot->vms.find(GetId());
-   if (found != snapshot->vms.end() && found->second.guestReportSec != _lastReportSec) {
-      _lastReportSec = found->second.guestReportSec;
+   if (found != snapshot->vms.end() && found->second.memory &&
+       found->second.memory->guestReportSec != _lastReportSec) {
+      _lastReportSec = found->second.memory->guestReportSec;
       ++_heartbeatCount;
    }
    return _heartbeatCount;
-}
-
-int32_t LinuxVm::GetWorldId()
-{
-   return GetPlaces()->pid;
 }
 
 uint32_t LinuxVm::GetPortId(Quen::Vm::Device::VirtualEthernetCard* card)
@@ -79,6 +84,32 @@ uint32_t LinuxVm::GetPortId(Quen::Vm::Device::VirtualEthernetCard* card)
    const auto places = GetPlaces();
    const auto found = std::ranges::find(places->cards, card->GetKey(), &VmPlaces::Card::key);
    return found == places->cards.end() ? 0 : found->portId;
+}
+
+/// Over the NICs that the collector counts: connected, and with a port.
+int64_t LinuxVm::GetNetworkSumCorrectionKb()
+{
+   SteadySum::Counters readings;
+   const auto snapshot = _snapshots.GetSnapshot();
+   const auto figures = snapshot ? snapshot->vms.find(GetId()) : decltype(snapshot->vms.end())();
+   if (!snapshot || figures == snapshot->vms.end()) {
+      return 0;
+   }
+   const Ref<Quen::Vm::ConfigInfo> config = GetConfig();
+   const auto places = GetPlaces();
+   for (const Ref<Quen::Vm::Device::VirtualDevice>& device : *config->hardware.device) {
+      const auto place =
+         std::ranges::find(places->cards, device->GetKey(), &VmPlaces::Card::key);
+      if (place == places->cards.end() || !device->GetConnectable()->IsConnected()) {
+         continue;
+      }
+      const auto card =
+         std::ranges::find(figures->second.cards, place->tap, &VmCardFigures::tap);
+      if (card != figures->second.cards.end()) {
+         readings[card->tap] = card->bytesReceived / kBytesPerKb + card->bytesSent / kBytesPerKb;
+      }
+   }
+   return _networkSum.GetCorrection(std::move(readings));
 }
 
 void LinuxVm::SetPoolId(const std::string& poolId)

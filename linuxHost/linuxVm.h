@@ -1,9 +1,11 @@
 #pragma once
 
+#include "corvax/logger.h"
 #include "inventory/inventory.h"
 #include "linuxHost/hypervisor.h"
 #include "linuxHost/kernel/qemuProcess.h"
-#include "linuxHost/snapshotPoller.h"
+#include "linuxHost/steadySum.h"
+#include "linuxHost/vmHistory.h"
 
 #include <atomic>
 #include <map>
@@ -27,7 +29,6 @@ struct VmPlaces {
    };
 
    std::shared_ptr<QemuProcess> process; ///< null when it was not found
-   int32_t pid = -1;
    std::string groupPath; ///< its control group; empty for none
    uint64_t startUs = 0;  ///< time from the host's start to the process's; 0: unknown
    std::vector<Disk> disks;
@@ -40,27 +41,33 @@ struct VmPlaces {
 class LinuxVm : public Inventory::VmObject {
 public:
    /// Inventory and snapshots outlive it.
-   LinuxVm(const std::string& id, const Inventory::Inventory& inventory,
+   LinuxVm(const std::string& id, int32_t worldId, const Inventory::Inventory& inventory,
            const SnapshotSource& snapshots, Corvax::Logger* logger);
 
    /// The pool of its partition; the root pool while the host has no such group.
    Corvax::Ref<Plexa::MoRef> GetParent() override;
 
-   /// Powered on and in the newest snapshot. Logs when a running machine is missing there in two
-   /// consecutive runs, and when it is back.
+   Quen::Vm::Freshness GetFreshness() override;
+
+   /// Powered on and in the collection's snapshot. Logs when a running machine is missing there in
+   /// three consecutive runs, and when it is back.
    bool IsStatsAvailable() override;
    /// Number of reports of the guest's balloon driver that were seen.
    uint64_t GetHeartbeatCount() override;
-   /// Id of the process that runs it, -1 for none.
-   int32_t GetWorldId() override;
+   /// A number that is this machine's alone while the agent runs. Not the process's id, which not
+   /// every agent may see.
+   int32_t GetWorldId() override { return _worldId; }
    /// 0 for a NIC without a port.
    uint32_t GetPortId(Quen::Vm::Device::VirtualEthernetCard* card) override;
+
+   int64_t GetNetworkSumCorrectionKb() override;
 
    void SetPoolId(const std::string& poolId);
    void SetPlaces(std::shared_ptr<const VmPlaces> places);
    std::shared_ptr<const VmPlaces> GetPlaces() const;
 
 private:
+   const int32_t _worldId;
    const Inventory::Inventory& _inventory;
    const SnapshotSource& _snapshots;
    const Corvax::Ref<Corvax::Logger> _logger;
@@ -71,6 +78,7 @@ private:
    uint64_t _runsMissed = 0;
    uint64_t _heartbeatCount = 0;
    uint64_t _lastReportSec = 0;
+   SteadySum _networkSum;
 };
 
 } // namespace LinuxHost

@@ -2,6 +2,7 @@
 
 #include "linuxHost/groupTree.h"
 #include "linuxHost/kernel/diskReader.h"
+#include "linuxHost/kernel/saturate.h"
 
 #include <algorithm>
 
@@ -42,20 +43,28 @@ Ref<Quen::Vm::ConfigInfo> MakeConfig(const VmDescription& description)
    return config;
 }
 
-StorageStatistics& FindRecord(std::vector<WorldStatistics>& records, int32_t worldId)
+constexpr uint64_t VmDiskFigures::* kDiskCounters[] = {
+   &VmDiskFigures::bytesRead, &VmDiskFigures::bytesWritten, &VmDiskFigures::readOperations,
+   &VmDiskFigures::writeOperations, &VmDiskFigures::flushOperations};
+
+/// Adds by how much the disk's counters have grown.
+void AddGrowth(VmDiskFigures& sum, const VmDiskFigures& before, const VmDiskFigures& now)
 {
-   const auto found = std::ranges::find(records, worldId, &WorldStatistics::worldId);
-   return found != records.end() ? found->statistics
-                                 : records.emplace_back(WorldStatistics{worldId, {}}).statistics;
+   for (uint64_t VmDiskFigures::* const counter : kDiskCounters) {
+      sum.*counter += SaturatingSubtract(now.*counter, before.*counter);
+   }
 }
 
-void AddTraffic(StorageStatistics& sum, const VmDiskFigures& disk)
+StorageStatistics ToStatistics(const VmDiskFigures& traffic)
 {
-   sum.blocksRead += disk.bytesRead / kBlockSizeBytes;
-   sum.blocksWritten += disk.bytesWritten / kBlockSizeBytes;
-   sum.readOperations += disk.readOperations;
-   sum.writeOperations += disk.writeOperations;
-   sum.commands += disk.readOperations + disk.writeOperations + disk.flushOperations;
+   StorageStatistics statistics;
+   statistics.blocksRead = traffic.bytesRead / kBlockSizeBytes;
+   statistics.blocksWritten = traffic.bytesWritten / kBlockSizeBytes;
+   statistics.readOperations = traffic.readOperations;
+   statistics.writeOperations = traffic.writeOperations;
+   statistics.commands =
+      traffic.readOperations + traffic.writeOperations + traffic.flushOperations;
+   return statistics;
 }
 
 } // namespace
@@ -95,7 +104,8 @@ void LinuxVms::Update(const VmDescription& description, const Processes& process
    Ref<LinuxVm>& vm = _vms[description.id];
    const bool isNew = !vm;
    if (isNew) {
-      vm = MakeRef<LinuxVm>(description.id, _inventory, _snapshots, _logger.Get());
+      vm = MakeRef<LinuxVm>(description.id, ++_lastWorldId, _inventory, _snapshots,
+                            _logger.Get());
    }
    // Before the new state is published: subscribers to it find everything else up to date.
    vm->SetConfig(MakeConfig(description));
@@ -149,7 +159,6 @@ void LinuxVms::AssignPorts(const VmDescription& description, VmPlaces& places)
 
 void LinuxVms::FindProcess(VmPlaces& places, int32_t pid) const
 {
-   places.pid = pid;
    places.process = std::make_shared<QemuProcess>(_root, pid);
    places.startUs = places.process->ReadStartUs().value_or(0);
    const std::string path = places.process->ReadGroupPath();
@@ -195,33 +204,56 @@ std::optional<HostCtl::Network::PortStatistics> LinuxVms::GetPort(uint32_t portI
    if (card == vm->second.cards.end()) {
       return std::nullopt;
    }
-   // The high halves are dropped on purpose: a port's counters have 32 bits.
-   return HostCtl::Network::PortStatistics{
-      static_cast<uint32_t>(card->bytesReceived), static_cast<uint32_t>(card->bytesSent),
-      static_cast<uint32_t>(card->packetsReceived), static_cast<uint32_t>(card->packetsSent)};
+   return HostCtl::Network::PortStatistics{card->bytesReceived, card->bytesSent,
+                                           card->packetsReceived, card->packetsSent};
 }
 
-std::map<std::string, std::vector<WorldStatistics>> LinuxVms::GetDiskWorlds() const
+std::map<std::string, std::vector<WorldStatistics>> LinuxVms::GetDiskWorlds()
 {
    std::map<std::string, std::vector<WorldStatistics>> worlds;
    const auto snapshot = _snapshots.GetSnapshot();
    if (!snapshot) {
       return worlds;
    }
+   const std::lock_guard guard(_trafficMutex);
+   std::erase_if(_traffic, [this](const auto& entry) { return !Find(entry.first); });
    for (const auto& [id, figures] : snapshot->vms) {
       const Ref<LinuxVm> vm = Find(id);
       const auto places = vm ? vm->GetPlaces() : nullptr;
-      if (!places || places->pid == -1) {
+      if (!places || figures.disks.empty()) {
          continue;
       }
-      for (const VmDiskFigures& disk : figures.disks) {
-         const auto place = std::ranges::find(places->disks, disk.target, &VmPlaces::Disk::target);
-         if (place != places->disks.end()) {
-            AddTraffic(FindRecord(worlds[place->hostDisk], places->pid), disk);
-         }
+      DiskTraffic& traffic = _traffic[id];
+      AddTraffic(traffic, figures, *places);
+      for (const auto& [hostDisk, sum] : traffic.byHostDisk) {
+         worlds[hostDisk].push_back({vm->GetWorldId(), ToStatistics(sum)});
       }
    }
    return worlds;
+}
+
+/// The first disks of a start count from zero, so that the sums are the hypervisor's own figures;
+/// one that appears later counts from its first reading.
+void LinuxVms::AddTraffic(DiskTraffic& traffic, const VmFigures& figures, const VmPlaces& places)
+{
+   const bool isFirst = traffic.startId != figures.startId || traffic.byHostDisk.empty();
+   if (isFirst) {
+      traffic = DiskTraffic();
+      traffic.startId = figures.startId;
+   }
+   for (const VmDiskFigures& disk : figures.disks) {
+      const auto place = std::ranges::find(places.disks, disk.target, &VmPlaces::Disk::target);
+      if (place == places.disks.end()) {
+         continue;
+      }
+      VmDiskFigures& sum = traffic.byHostDisk[place->hostDisk];
+      const auto before =
+         std::ranges::find(traffic.last, disk.target, &VmDiskFigures::target);
+      if (before != traffic.last.end() || isFirst) {
+         AddGrowth(sum, isFirst ? VmDiskFigures() : *before, disk);
+      }
+   }
+   traffic.last = figures.disks;
 }
 
 } // namespace LinuxHost

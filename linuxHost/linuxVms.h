@@ -36,19 +36,28 @@ public:
    Corvax::Ref<LinuxVm> Find(const std::string& id) const;
    std::vector<Corvax::Ref<LinuxVm>> GetAll() const;
 
-   /// The low 32 bits; directions as seen by the VM. Unset for an unknown port and for that of a VM
+   /// Directions as seen by the VM. Unset for an unknown port and for that of a VM
    /// that is not in the newest snapshot.
    std::optional<HostCtl::Network::PortStatistics> GetPort(uint32_t portId) const;
 
    /// Traffic of the virtual machines by the host's disk that holds their images, with one record
    /// for a VM on a disk, in blocks of kBlockSizeBytes. Images that are not on a disk of the host
    /// count under "network" and "other".
-   std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>> GetDiskWorlds() const;
+   ///
+   /// A record grows by the traffic of the images alone: one that moves to another disk, or appears
+   /// or vanishes, does not change it otherwise. It stays for as long as the VM runs.
+   std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>> GetDiskWorlds();
 
 private:
    struct PortPlace {
       std::string vmId;
       std::string tap;
+   };
+   /// The traffic of a VM's disks since it started.
+   struct DiskTraffic {
+      int32_t startId = -1;
+      std::vector<VmDiskFigures> last;
+      std::map<std::string, VmDiskFigures> byHostDisk;
    };
    using Processes = std::map<std::string, int32_t>;
 
@@ -58,6 +67,7 @@ private:
    void AssignPorts(const VmDescription& description, VmPlaces& places);
    void FindProcess(VmPlaces& places, int32_t pid) const;
    void ForgetPorts(const std::string& vmId);
+   static void AddTraffic(DiskTraffic& traffic, const VmFigures& figures, const VmPlaces& places);
 
    const std::string _root;
    Inventory::Inventory& _inventory;
@@ -68,6 +78,9 @@ private:
    std::map<std::string, Corvax::Ref<LinuxVm>> _vms;
    std::map<uint32_t, PortPlace> _ports;
    uint32_t _lastPortId = 0;
+   int32_t _lastWorldId = 0;
+   std::mutex _trafficMutex;
+   std::map<std::string, DiskTraffic> _traffic; // by VM
 };
 
 } // namespace LinuxHost

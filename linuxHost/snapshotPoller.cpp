@@ -18,27 +18,12 @@ constexpr size_t kMaxAbandonedCalls = 8;
 
 } // namespace
 
-/// The newest complete snapshot. Shared with callers that may outlive the poller.
-struct SnapshotPoller::Newest {
-   void Offer(VmSnapshot&& taken)
-   {
-      auto offered = std::make_shared<const VmSnapshot>(std::move(taken));
-      const std::lock_guard guard(mutex);
-      if (!snapshot || offered->takenUs > snapshot->takenUs) {
-         snapshot = std::move(offered);
-      }
-   }
-
-   std::mutex mutex;
-   std::shared_ptr<const VmSnapshot> snapshot;
-};
-
 /// A connection with the thread that calls it, one call at a time.
 class SnapshotPoller::Caller : public std::enable_shared_from_this<Caller> {
 public:
-   Caller(std::shared_ptr<Hypervisor> hypervisor, std::shared_ptr<Newest> newest,
+   Caller(std::shared_ptr<Hypervisor> hypervisor, std::shared_ptr<VmHistory> history,
           Corvax::Ref<Corvax::Logger> logger)
-      : _hypervisor(std::move(hypervisor)), _newest(std::move(newest)), _logger(std::move(logger))
+      : _hypervisor(std::move(hypervisor)), _history(std::move(history)), _logger(std::move(logger))
    {
    }
 
@@ -100,7 +85,10 @@ private:
          if (!_connection) {
             _connection = _hypervisor->Connect(nullptr);
          }
-         _newest->Offer(_connection->ReadSnapshot());
+         for (VmRecord& record :
+              _connection->ReadVms(VM_BASICS | VM_VCPUS | VM_MONITOR, {}, false)) {
+            _history->Add(std::move(record));
+         }
       } catch (const std::exception& e) {
          _connection.reset();
          _logger->Log(kLogDebug, "Cannot read the statistics of the virtual machines: %1",
@@ -109,7 +97,7 @@ private:
    }
 
    const std::shared_ptr<Hypervisor> _hypervisor;
-   const std::shared_ptr<Newest> _newest;
+   const std::shared_ptr<VmHistory> _history;
    const Corvax::Ref<Corvax::Logger> _logger;
    std::unique_ptr<HypervisorConnection> _connection; // used by the thread only
    mutable std::mutex _mutex;
@@ -119,10 +107,11 @@ private:
    bool _hasEnded = false;
 };
 
-SnapshotPoller::SnapshotPoller(std::shared_ptr<Hypervisor> hypervisor, int intervalSec,
+SnapshotPoller::SnapshotPoller(std::shared_ptr<Hypervisor> hypervisor,
+                               std::shared_ptr<VmHistory> history, int intervalSec,
                                Corvax::Logger* logger)
    : _hypervisor(std::move(hypervisor)), _intervalSec(intervalSec), _logger(logger),
-     _newest(std::make_shared<Newest>())
+     _history(std::move(history))
 {
 }
 
@@ -146,15 +135,6 @@ void SnapshotPoller::Stop()
       _caller->Abandon();
       _caller.reset();
    }
-}
-
-std::shared_ptr<const VmSnapshot> SnapshotPoller::GetSnapshot() const
-{
-   const int64_t oldestUs =
-      Corvax::System::GetTime() - _intervalSec * Corvax::kMicrosecondsPerSecond;
-   const std::lock_guard guard(_newest->mutex);
-   const bool isRecent = _newest->snapshot && _newest->snapshot->takenUs >= oldestUs;
-   return isRecent ? _newest->snapshot : nullptr;
 }
 
 int64_t SnapshotPoller::GetDelayToNextPoll(int64_t nowUs, int intervalSec)
@@ -190,7 +170,7 @@ bool SnapshotPoller::Call()
       if (_abandoned.size() >= kMaxAbandonedCalls) {
          return false;
       }
-      _caller = std::make_shared<Caller>(_hypervisor, _newest, _logger);
+      _caller = std::make_shared<Caller>(_hypervisor, _history, _logger);
       _caller->Start();
    }
    const std::chrono::microseconds timeout(_intervalSec * Corvax::kMicrosecondsPerSecond / 4);

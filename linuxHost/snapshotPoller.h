@@ -2,6 +2,7 @@
 
 #include "corvax/logger.h"
 #include "linuxHost/hypervisor.h"
+#include "linuxHost/vmHistory.h"
 
 #include <condition_variable>
 #include <memory>
@@ -10,13 +11,6 @@
 #include <vector>
 
 namespace LinuxHost {
-
-class SnapshotSource {
-public:
-   virtual ~SnapshotSource() = default;
-   /// The newest complete snapshot; null when there is none or it is too old.
-   virtual std::shared_ptr<const VmSnapshot> GetSnapshot() const = 0;
-};
 
 /// Takes a snapshot of all virtual machines for every collection, half an interval ahead of it, so
 /// that the collector never waits for the hypervisor.
@@ -27,19 +21,17 @@ public:
 /// counts if it is the newest. Errors: none leave it; after a failed call the next poll uses a new
 /// connection. The lost connection itself is reported by VmWatcher. Locking: its own, a leaf; any
 /// thread may get the snapshot.
-class SnapshotPoller : public SnapshotSource {
+class SnapshotPoller {
 public:
-   SnapshotPoller(std::shared_ptr<Hypervisor> hypervisor, int intervalSec, Corvax::Logger* logger);
-   ~SnapshotPoller() override;
+   SnapshotPoller(std::shared_ptr<Hypervisor> hypervisor, std::shared_ptr<VmHistory> history,
+                  int intervalSec, Corvax::Logger* logger);
+   ~SnapshotPoller();
    SnapshotPoller(const SnapshotPoller&) = delete;
    SnapshotPoller& operator=(const SnapshotPoller&) = delete;
 
    void Start();
    /// Does not wait for abandoned calls.
    void Stop();
-
-   /// Null when the newest is more than an interval old.
-   std::shared_ptr<const VmSnapshot> GetSnapshot() const override;
 
    /// One poll: returns when a call has ended or the second one has timed out. Called by the
    /// poller's thread; by others only while that is not running.
@@ -50,7 +42,6 @@ public:
 
 private:
    class Caller;
-   struct Newest;
 
    void Run(const std::stop_token& stop);
    bool Call();
@@ -59,7 +50,7 @@ private:
    const std::shared_ptr<Hypervisor> _hypervisor;
    const int _intervalSec;
    const Corvax::Ref<Corvax::Logger> _logger;
-   const std::shared_ptr<Newest> _newest;
+   const std::shared_ptr<VmHistory> _history;
    std::shared_ptr<Caller> _caller; // null until the first call and after an abandoned one
    std::vector<std::shared_ptr<Caller>> _abandoned;
    std::mutex _wakeMutex;

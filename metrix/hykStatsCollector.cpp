@@ -8,6 +8,7 @@
 #include "metrix/ptrObj.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace Metrix {
 
@@ -45,6 +46,7 @@ public:
    {
       try {
          _luns = storageInfo->GetDiskLuns();
+         _sumCorrectionKb = storageInfo->GetSumCorrectionKb();
       } catch (const HostCtlException& e) {
          logger.Log(kLogInfo, "HostCtl Exception during call to GetDiskLuns: %1", e.GetMessage());
       }
@@ -59,14 +61,16 @@ public:
    DiskLuns& operator=(const DiskLuns&) = delete;
 
    const LunVector& Get() const { return _luns; }
+   int64_t GetSumCorrectionKb() const { return _sumCorrectionKb; }
 
 private:
    LunVector _luns;
+   int64_t _sumCorrectionKb = 0;
 };
 
 HykStatsCollector::HykStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata,
-                                     StatsDepot* depot, int interval)
-   : BaseStatsCollector(logger, metadata, depot, interval)
+                                     StatsDepot* depot, int interval, bool wideFigures)
+   : BaseStatsCollector(logger, metadata, depot, interval), _wideFigures(wideFigures)
 {
 }
 
@@ -102,7 +106,7 @@ void HykStatsCollector::CollectAll(TimeStamp ts)
 
    CollectHostCpuStats(resourceInfo, ts);
    CollectHostMemStats(resourceInfo, ts);
-   CollectHostDiskStats(luns.Get(), ts);
+   CollectHostDiskStats(luns.Get(), luns.GetSumCorrectionKb(), ts);
    CollectHostCapacityStats(capacity, ts);
    CollectHostNetworkStats(host, ts);
 
@@ -208,9 +212,10 @@ uint64_t HykStatsCollector::AddDiskStats(const std::string& entity, const std::s
    return readKb + writtenKb;
 }
 
-void HykStatsCollector::CollectHostDiskStats(const LunVector& luns, TimeStamp ts)
+void HykStatsCollector::CollectHostDiskStats(const LunVector& luns, int64_t sumCorrectionKb,
+                                             TimeStamp ts)
 {
-   uint64_t totalKb = 0;
+   auto totalKb = static_cast<uint64_t>(sumCorrectionKb);
    for (HostCtl::Storage::DiskLun* const lun : luns) {
       totalKb += AddDiskStats(moid_hostsystem, lun->GetScsiName(), lun->GetStatistics(),
                               lun->GetBlockSizeBytes(), ts);
@@ -223,15 +228,16 @@ void HykStatsCollector::CollectHostDiskStats(const LunVector& luns, TimeStamp ts
 uint64_t HykStatsCollector::AddPortStats(const std::string& entity, const std::string& instance,
                                          HostCtl::Network::Port* port, TimeStamp ts)
 {
-   // 32-bit figures on purpose: past 4 GiB the byte counters wrap before the shift.
+   // Of 32-bit figures the byte counters wrap at 4 GiB, before the shift.
+   const uint64_t mask = _wideFigures ? ~uint64_t{0} : std::numeric_limits<uint32_t>::max();
    const HostCtl::Network::PortStatistics statistics = port->GetStatistics();
-   const uint32_t receivedKb = statistics.bytesReceived >> 10;
-   const uint32_t sentKb = statistics.bytesSent >> 10;
+   const uint64_t receivedKb = (statistics.bytesReceived & mask) >> 10;
+   const uint64_t sentKb = (statistics.bytesSent & mask) >> 10;
    Add(entity, kNetReceived, ts, receivedKb, instance);
    Add(entity, kNetTransmitted, ts, sentKb, instance);
-   Add(entity, kNetPacketsRx, ts, statistics.packetsReceived, instance);
-   Add(entity, kNetPacketsTx, ts, statistics.packetsSent, instance);
-   return uint64_t{receivedKb} + sentKb;
+   Add(entity, kNetPacketsRx, ts, statistics.packetsReceived & mask, instance);
+   Add(entity, kNetPacketsTx, ts, statistics.packetsSent & mask, instance);
+   return receivedKb + sentKb;
 }
 
 void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp ts)
@@ -241,7 +247,9 @@ void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp t
    for (HostCtl::Network::PhysicalNic* const nic : networkInfo->GetPhysicalNics()) {
       nics.emplace_back(nic);
    }
-   uint64_t totalKb = 0;
+   // Not for sums that wrap: the correction is for counters that do not.
+   uint64_t totalKb =
+      _wideFigures ? static_cast<uint64_t>(networkInfo->GetSumCorrectionKb()) : 0;
    for (const auto& nic : nics) {
       const PtrObj<HostCtl::Network::Port> port(nic->GetUplinkPort());
       if (port != nullptr) {
@@ -293,8 +301,10 @@ void HykStatsCollector::InitCache(HostCtl::Host* host)
                    "The kernel library reports no CPU of this host; the next run tries again");
       return;
    }
-   // 8 bits on purpose: a host reports at most 255 cores.
-   _numCpuCores = static_cast<uint8_t>(cpuInfo->GetCoreCount());
+   // Without wide figures 8 bits on purpose: a host has at most 255 cores then.
+   const uint32_t cores = cpuInfo->GetCoreCount();
+   _numCpuCores = static_cast<int32_t>(
+      _wideFigures ? cores : std::min<uint32_t>(cores, std::numeric_limits<uint8_t>::max()));
    _totalCpuMHz = static_cast<int64_t>(cpus.front()->GetSpeedHz() *
                                        static_cast<uint64_t>(_numCpuCores) / kHzPerMhz);
    _hostPhysicalMemoryKB = static_cast<int64_t>(memoryInfo->GetPhysicalBytes() >> 10);

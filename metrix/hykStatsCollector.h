@@ -23,8 +23,10 @@ namespace Metrix {
 /// Errors: a failure that ends a run is logged, and the samples taken before it are kept.
 class HykStatsCollector : public BaseStatsCollector {
 public:
+   /// Without `wideFigures` ports have counters of 32 bits and a host at most 255 cores, as the
+   /// stored figures of older depots.
    HykStatsCollector(Corvax::Logger* logger, StatsMetadata* metadata, StatsDepot* depot,
-                     int interval);
+                     int interval, bool wideFigures = false);
 
 protected:
    ~HykStatsCollector() override;
@@ -45,7 +47,7 @@ private:
    void CollectHostCpuStats(HostCtl::Resource::ResourceInfo* resourceInfo, TimeStamp ts);
    void CollectHostCapacityStats(const HostCtl::Resource::HostCapacity& capacity, TimeStamp ts);
    void CollectHostMemStats(HostCtl::Resource::ResourceInfo* resourceInfo, TimeStamp ts);
-   void CollectHostDiskStats(const LunVector& luns, TimeStamp ts);
+   void CollectHostDiskStats(const LunVector& luns, int64_t sumCorrectionKb, TimeStamp ts);
    void CollectHostNetworkStats(HostCtl::Host* host, TimeStamp ts);
 
    /// Samples a virtual machine under its lock. False if its state does not permit sampling.
@@ -95,6 +97,7 @@ private:
    uint64_t ToMhz(uint64_t usedUs) const;
    void AssertCpuCache() const;
 
+   const bool _wideFigures;
    std::set<std::string> _poweredOnVms;          ///< ids
    std::vector<std::string> _systemResGroupList; ///< keys, parents before children
    int32_t _numCpuCores = 0;

@@ -86,8 +86,10 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
          Add(entity, kSysUptime, ts, vcpu.uptimeUs / Corvax::kMicrosecondsPerSecond);
       }
    }
-   AddSample(entity, kCpuUsage, ts, total->usedUs / (vcpus.size() * 100),
-             StatsMetadata::AggregateInstanceId, kFullPercent);
+   const uint64_t perCpuUs =
+      total->usedUs / vcpus.size() + static_cast<uint64_t>(total->perCpuCorrectionUs);
+   AddSample(entity, kCpuUsage, ts, perCpuUs / 100, StatsMetadata::AggregateInstanceId,
+             kFullPercent);
    Add(entity, kCpuUsageMhz, ts, ToMhz(total->usedUs));
    CollectVmCpuLoadStats(resourceMgr, vm, ts);
 }
@@ -151,7 +153,7 @@ void HykStatsCollector::CollectVmCards(Vm* vm, const Corvax::RefVector<EthernetC
                                        TimeStamp ts)
 {
    const std::string& entity = vm->GetMoRef()->GetId();
-   uint64_t totalKb = 0;
+   uint64_t totalKb = _wideFigures ? static_cast<uint64_t>(vm->GetNetworkSumCorrectionKb()) : 0;
    int connected = 0;
    for (const Ref<EthernetCard>& card : cards) {
       if (!IsConnected(*card)) {

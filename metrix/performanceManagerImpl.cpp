@@ -74,8 +74,11 @@ PerformanceManagerImpl::PerformanceManagerImpl(const std::string& id, Corvax::Lo
       _statsCollector = MakeRef<MockupStatsCollector>(_logger.Get(), _statsMetadata.Get(),
                                                       _statsDepot.Get(), _collectionInterval);
    } else {
-      _statsCollector = MakeRef<HykStatsCollector>(_logger.Get(), _statsMetadata.Get(),
-                                                   _statsDepot.Get(), _collectionInterval);
+      bool wideFigures = false;
+      config->Get("wideFigures", wideFigures);
+      _statsCollector =
+         MakeRef<HykStatsCollector>(_logger.Get(), _statsMetadata.Get(), _statsDepot.Get(),
+                                    _collectionInterval, wideFigures);
    }
 }
 

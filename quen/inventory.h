@@ -21,8 +21,29 @@ protected:
    ~ManagedEntity() override;
 };
 
+namespace Vm {
+
+/// How current a virtual machine's figures are.
+struct Freshness {
+   enum class State {
+      FRESH,
+      PARTLY, ///< some of them are missing
+      STALE,  ///< all of them are missing
+      OFF,    ///< it does not run
+   };
+
+   State state = State::OFF;
+   int64_t sinceSec = 0; ///< since the epoch, when the state began; 0: unknown
+   std::string reason;   ///< for PARTLY and STALE
+};
+
+} // namespace Vm
+
 class VirtualMachine : public virtual ManagedEntity {
 public:
+   /// FRESH, since an unknown time, unless a backend knows more.
+   virtual Vm::Freshness GetFreshness();
+
    static const Plexa::ManagedType& GetManagedType();
 
 protected:

@@ -47,6 +47,11 @@ const Plexa::ManagedType& PerformanceManager::GetManagedType()
    return kPerformanceManager;
 }
 
+Vm::Freshness VirtualMachine::GetFreshness()
+{
+   return {Vm::Freshness::State::FRESH, 0, ""};
+}
+
 const Plexa::ManagedType& VirtualMachine::GetManagedType()
 {
    return kVirtualMachine;

@@ -23,13 +23,9 @@ std::vector<std::string> WithoutRepeats(std::vector<std::string> names)
 
 NicFigures MakeFigures(const InterfaceCounts& counts)
 {
-   // The high halves are dropped on purpose: a port's counters have 32 bits.
-   HostCtl::Network::PortStatistics statistics;
-   statistics.bytesReceived = static_cast<uint32_t>(counts.bytesReceived);
-   statistics.bytesSent = static_cast<uint32_t>(counts.bytesSent);
-   statistics.packetsReceived = static_cast<uint32_t>(counts.packetsReceived);
-   statistics.packetsSent = static_cast<uint32_t>(counts.packetsSent);
-   return {std::string(counts.name), statistics};
+   return {std::string(counts.name),
+           HostCtl::Network::PortStatistics{counts.bytesReceived, counts.bytesSent,
+                                            counts.packetsReceived, counts.packetsSent}};
 }
 
 } // namespace

@@ -24,16 +24,19 @@ struct Field {
    uint64_t divisor = 1;
 };
 
-constexpr Field<VmFigures> kDomainFields[] = {
-   {"cpu.time", &VmFigures::usedUs, kNanosecondsPerMicrosecond},
-   {"balloon.current", &VmFigures::balloonCurrentKb},
-   {"balloon.maximum", &VmFigures::balloonMaximumKb},
-   {"balloon.rss", &VmFigures::rssKb},
-   {"balloon.last-update", &VmFigures::guestReportSec},
+constexpr Field<VmBasics> kBasicFields[] = {
+   {"cpu.time", &VmBasics::usedUs, kNanosecondsPerMicrosecond},
 };
+constexpr Field<VmMemory> kMemoryFields[] = {
+   {"balloon.current", &VmMemory::balloonCurrentKb},
+   {"balloon.maximum", &VmMemory::balloonMaximumKb},
+   {"balloon.rss", &VmMemory::rssKb},
+   {"balloon.last-update", &VmMemory::guestReportSec},
+};
+/// libvirt's own "wait" is no idle time: it is waiting for a CPU, as "delay".
 constexpr Field<VcpuFigures> kVcpuFields[] = {
    {"time", &VcpuFigures::usedUs, kNanosecondsPerMicrosecond},
-   {"wait", &VcpuFigures::waitUs, kNanosecondsPerMicrosecond},
+   {"halt_wait_ns.sum", &VcpuFigures::waitUs, kNanosecondsPerMicrosecond},
    {"delay", &VcpuFigures::readyUs, kNanosecondsPerMicrosecond},
 };
 /// libvirt has already swapped the tap's directions, so that these are the VM's.
@@ -137,23 +140,35 @@ public:
          TakeCardField(*card, parameter);
       } else if (const auto disk = ParseItemField(name, "block.")) {
          TakeDiskField(*disk, parameter);
-      } else if (Fill(_figures, kDomainFields, name, parameter)) {
+      } else if (name == "balloon.available") {
+         _monitor.memory.guestAvailableKb = GetInteger(parameter);
+      } else if (name == "balloon.usable") {
+         _monitor.memory.guestUsableKb = GetInteger(parameter);
+      } else if (Fill(_monitor.memory, kMemoryFields, name, parameter)) {
          _hasRss = _hasRss || name == "balloon.rss";
+      } else {
+         Fill(_basics, kBasicFields, name, parameter);
       }
    }
 
-   std::optional<VmFigures> Finish()
+   std::optional<VmRecord> Finish(unsigned parts)
    {
-      if (!_isRunning || !WasMonitorAsked()) {
+      if (!_isRunning) {
          return std::nullopt;
       }
-      for (auto& [number, card] : _cards) {
-         if (!card.tap.empty()) {
-            _figures.cards.push_back(std::move(card));
-         }
+      VmRecord record;
+      if (parts & VM_BASICS) {
+         AddCards();
+         record.basics = std::move(_basics);
       }
-      AddDisks();
-      return std::move(_figures);
+      if (parts & VM_VCPUS) {
+         record.vcpus = std::move(_vcpus);
+      }
+      if ((parts & VM_MONITOR) && WasMonitorAsked()) {
+         AddDisks();
+         record.monitor = std::move(_monitor);
+      }
+      return record;
    }
 
 private:
@@ -167,10 +182,10 @@ private:
       if (field.number > kHighestVcpuNumber) {
          return;
       }
-      if (field.number >= _figures.vcpus.size()) {
-         _figures.vcpus.resize(field.number + 1);
+      if (field.number >= _vcpus.size()) {
+         _vcpus.resize(field.number + 1);
       }
-      Fill(_figures.vcpus[field.number], kVcpuFields, field.name, parameter);
+      Fill(_vcpus[field.number], kVcpuFields, field.name, parameter);
    }
 
    void TakeCardField(const ItemField& field, const virTypedParameter& parameter)
@@ -193,6 +208,15 @@ private:
       }
    }
 
+   void AddCards()
+   {
+      for (auto& [number, card] : _cards) {
+         if (!card.tap.empty()) {
+            _basics.cards.push_back(std::move(card));
+         }
+      }
+   }
+
    /// An image and its base images have an entry each, all under the disk's name. The first is the
    /// image that the VM uses; its counters include all of the VM's traffic.
    void AddDisks()
@@ -205,12 +229,14 @@ private:
          }
          seen.push_back(target);
          if (disk.hasCounters) {
-            _figures.disks.push_back(std::move(disk.figures));
+            _monitor.disks.push_back(std::move(disk.figures));
          }
       }
    }
 
-   VmFigures _figures;
+   VmBasics _basics;
+   std::vector<VcpuFigures> _vcpus;
+   VmMonitorFigures _monitor;
    std::map<uint32_t, VmCardFigures> _cards;
    std::map<uint32_t, DiskEntry> _disks;
    bool _isRunning = false;
@@ -219,13 +245,14 @@ private:
 
 } // namespace
 
-std::optional<VmFigures> ParseDomainStats(std::span<const virTypedParameter> parameters)
+std::optional<VmRecord> ParseDomainStats(std::span<const virTypedParameter> parameters,
+                                         unsigned parts)
 {
    Record record;
    for (const virTypedParameter& parameter : parameters) {
       record.Take(parameter);
    }
-   return record.Finish();
+   return record.Finish(parts);
 }
 
 } // namespace LinuxHost

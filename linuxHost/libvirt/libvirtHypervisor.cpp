@@ -121,10 +121,11 @@ public:
       return Describe(domain.get());
    }
 
-   VmSnapshot ReadSnapshot() override
+   std::vector<VmRecord> ReadVms(unsigned parts, const std::vector<std::string>& /*ids*/,
+                                 bool /*waitForMonitor*/) override
    {
-      VmSnapshot snapshot;
-      snapshot.takenUs = Corvax::System::GetTime();
+      std::vector<VmRecord> vms;
+      const int64_t takenUs = Corvax::System::GetMonotonicTime();
       virDomainStatsRecordPtr* list = nullptr;
       const int count =
          ::virConnectGetAllDomainStats(_connection.get(), kStatGroups, &list, kStatFlags);
@@ -134,12 +135,15 @@ public:
       const RecordList records(list);
       for (int i = 0; i < count; ++i) {
          const virDomainStatsRecord& record = *list[i];
-         auto figures = ParseDomainStats({record.params, static_cast<size_t>(record.nparams)});
-         if (figures) {
-            snapshot.vms.emplace(GetUuid(record.dom), std::move(*figures));
+         auto vm = ParseDomainStats({record.params, static_cast<size_t>(record.nparams)}, parts);
+         if (vm) {
+            vm->id = GetUuid(record.dom);
+            vm->takenUs = takenUs;
+            vm->startId = static_cast<int32_t>(::virDomainGetID(record.dom));
+            vms.push_back(std::move(*vm));
          }
       }
-      return snapshot;
+      return vms;
    }
 
 private:

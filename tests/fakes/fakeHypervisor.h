@@ -25,7 +25,7 @@ public:
       return std::make_unique<Connection>(*this, listener);
    }
 
-   void Set(const LinuxHost::VmDescription& vm, const LinuxHost::VmFigures& figures = {})
+   void Set(const LinuxHost::VmDescription& vm, const LinuxHost::VmRecord& figures = {})
    {
       Change(vm.id, [&] {
          _vms[vm.id] = vm;
@@ -81,7 +81,11 @@ private:
          const auto found = hypervisor._vms.find(id);
          return found == hypervisor._vms.end() ? std::nullopt : std::optional(found->second);
       }
-      LinuxHost::VmSnapshot ReadSnapshot() override { return hypervisor.TakeSnapshot(); }
+      std::vector<LinuxHost::VmRecord> ReadVms(unsigned parts, const std::vector<std::string>& ids,
+                                               bool waitForMonitor) override
+      {
+         return hypervisor.Read(parts, ids, waitForMonitor);
+      }
 
       FakeHypervisor& hypervisor;
       LinuxHost::HypervisorListener* const listener;
@@ -104,36 +108,36 @@ private:
       }
    }
 
-   LinuxHost::VmSnapshot TakeSnapshot()
+   std::vector<LinuxHost::VmRecord> Read(unsigned /*parts*/, const std::vector<std::string>& /*ids*/,
+                                         bool /*waitForMonitor*/)
    {
       std::unique_lock lock(_mutex);
       if (_isDown) {
          throw HostCtl::Lib::HostCtlException("connection refused");
       }
-      LinuxHost::VmSnapshot snapshot;
-      // Newer than the last one, even if the clock does not move.
-      snapshot.takenUs = Corvax::System::GetTime() + ++_snapshots;
       const std::string leftOut = _isCallWaiting ? _hung : "";
       if (!_hung.empty() && !_isCallWaiting) {
          _isCallWaiting = true;
          _changed.wait(lock, [this] { return _hung.empty(); });
          _isCallWaiting = false;
       }
+      std::vector<LinuxHost::VmRecord> records;
       for (const auto& [id, vm] : _vms) {
          if (vm.powerState == Quen::Vm::PowerState::POWERED_ON && id != leftOut) {
-            snapshot.vms[id] = _figures.at(id);
+            records.push_back(_figures.at(id));
+            records.back().id = id;
+            records.back().takenUs = Corvax::System::GetMonotonicTime();
          }
       }
-      return snapshot;
+      return records;
    }
 
    std::mutex _mutex;
    std::condition_variable _changed;
    LinuxHost::HypervisorListener* _listener = nullptr;
    std::map<std::string, LinuxHost::VmDescription> _vms;
-   std::map<std::string, LinuxHost::VmFigures> _figures;
+   std::map<std::string, LinuxHost::VmRecord> _figures;
    bool _isDown = false;
-   int64_t _snapshots = 0;
    std::string _hung;
    bool _isCallWaiting = false;
 };
