@@ -147,7 +147,7 @@ public:
       } else if (Fill(_monitor.memory, kMemoryFields, name, parameter)) {
          _hasRss = _hasRss || name == "balloon.rss";
       } else {
-         Fill(_basics, kBasicFields, name, parameter);
+         _hasCpuTime = Fill(_basics, kBasicFields, name, parameter) || _hasCpuTime;
       }
    }
 
@@ -157,7 +157,7 @@ public:
          return std::nullopt;
       }
       VmRecord record;
-      if (parts & VM_BASICS) {
+      if ((parts & VM_BASICS) && _hasCpuTime) {
          AddCards();
          record.basics = std::move(_basics);
       }
@@ -240,6 +240,7 @@ private:
    std::map<uint32_t, VmCardFigures> _cards;
    std::map<uint32_t, DiskEntry> _disks;
    bool _isRunning = false;
+   bool _hasCpuTime = false;
    bool _hasRss = false;
 };
 

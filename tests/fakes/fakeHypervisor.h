@@ -25,6 +25,7 @@ public:
       return std::make_unique<Connection>(*this, listener);
    }
 
+   /// The time of the figures counts from that of the reading.
    void Set(const LinuxHost::VmDescription& vm, const LinuxHost::VmRecord& figures = {})
    {
       Change(vm.id, [&] {
@@ -39,6 +40,11 @@ public:
    void Remove(const std::string& id)
    {
       Change(id, [&] { _vms.erase(id); });
+   }
+   int64_t GetReads()
+   {
+      const std::lock_guard guard(_mutex);
+      return _reads;
    }
    void GoDown()
    {
@@ -121,12 +127,13 @@ private:
          _changed.wait(lock, [this] { return _hung.empty(); });
          _isCallWaiting = false;
       }
+      ++_reads;
       std::vector<LinuxHost::VmRecord> records;
       for (const auto& [id, vm] : _vms) {
          if (vm.powerState == Quen::Vm::PowerState::POWERED_ON && id != leftOut) {
             records.push_back(_figures.at(id));
             records.back().id = id;
-            records.back().takenUs = Corvax::System::GetMonotonicTime();
+            records.back().takenUs += Corvax::System::GetMonotonicTime();
          }
       }
       return records;
@@ -138,6 +145,7 @@ private:
    std::map<std::string, LinuxHost::VmDescription> _vms;
    std::map<std::string, LinuxHost::VmRecord> _figures;
    bool _isDown = false;
+   int64_t _reads = 0;
    std::string _hung;
    bool _isCallWaiting = false;
 };

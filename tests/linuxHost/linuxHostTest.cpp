@@ -195,13 +195,13 @@ TEST_F(LinuxHostTest, NicsAreThoseWithADeviceElseAllButTheLoopback)
    Write("proc/net/dev", kThreeInterfaces);
    MakeDirectory("sys/class/net/br0");
    MakeDirectory("sys/class/net/eth1/device"); // of another network namespace
-   EXPECT_EQ("br0:1/3/2/4 eth0:5/0/4294967295/7 ", Nics());
+   EXPECT_EQ("br0:1/3/2/4 eth0:4294967301/8589934592/4294967295/7 ", Nics());
 
    Write("proc/net/dev", "lo: 9 9 0 0 0 0 0 0 9 9\n");
    EXPECT_EQ("", Nics());
    MakeDirectory("sys/class/net/eth0/device");
    Write("proc/net/dev", kThreeInterfaces);
-   EXPECT_EQ("eth0:5/0/4294967295/7 ", Nics()) << "looked up again after it was gone";
+   EXPECT_EQ("eth0:4294967301/8589934592/4294967295/7 ", Nics()) << "looked up again after it was gone";
 }
 
 TEST_F(LinuxHostTest, ConfiguredNicsAreCountedOnceInTheirOrder)

@@ -98,6 +98,10 @@ TEST(DomainXmlTest, TextsThatAreNotADomainAreRefused)
    }
 }
 
+constexpr unsigned kAllParts = LinuxHost::VM_BASICS | LinuxHost::VM_VCPUS | LinuxHost::VM_MONITOR;
+const std::vector<LinuxHost::VmCardFigures> kNoCards;
+const std::vector<LinuxHost::VmDiskFigures> kNoDisks;
+
 /// A record like libvirt's.
 class Record {
 public:
@@ -128,20 +132,28 @@ public:
 
    std::string Show() const
    {
-      const auto vm = LinuxHost::ParseDomainStats({_parameters, static_cast<size_t>(_count)});
+      const auto vm =
+         LinuxHost::ParseDomainStats({_parameters, static_cast<size_t>(_count)}, kAllParts);
       if (!vm) {
          return "none";
       }
-      std::string text = Format("%1 %2/%3/%4 @%5", vm->usedUs, vm->balloonCurrentKb,
-                                vm->balloonMaximumKb, vm->rssKb, vm->guestReportSec);
-      for (const auto& vcpu : vm->vcpus) {
+      std::string text = vm->basics ? Format("%1", vm->basics->usedUs) : "-";
+      if (vm->monitor) {
+         const LinuxHost::VmMemory& memory = vm->monitor->memory;
+         text += Format(" %1/%2/%3 @%4", memory.balloonCurrentKb, memory.balloonMaximumKb,
+                        memory.rssKb, memory.guestReportSec);
+         if (memory.guestAvailableKb && memory.guestUsableKb) {
+            text += Format(" %1-%2", *memory.guestAvailableKb, *memory.guestUsableKb);
+         }
+      }
+      for (const auto& vcpu : *vm->vcpus) {
          text += Format(" %1/%2/%3", vcpu.usedUs, vcpu.waitUs, vcpu.readyUs);
       }
-      for (const auto& card : vm->cards) {
+      for (const auto& card : vm->basics ? vm->basics->cards : kNoCards) {
          text += Format(" %1:%2/%3/%4/%5", card.tap, card.bytesReceived, card.bytesSent,
                         card.packetsReceived, card.packetsSent);
       }
-      for (const auto& disk : vm->disks) {
+      for (const auto& disk : vm->monitor ? vm->monitor->disks : kNoDisks) {
          text += Format(" %1:%2/%3/%4/%5/%6", disk.target, disk.bytesRead, disk.bytesWritten,
                         disk.readOperations, disk.writeOperations, disk.flushOperations);
       }
@@ -162,33 +174,34 @@ const Case kStatCases[] = {
    {"made without the monitor",
     "state.state=1 cpu.time=9 balloon.current=5 balloon.maximum=6 vcpu.0.time=7 net.0.name=t "
     "net.0.rx.bytes=90 block.count=1 block.0.name=vda block.0.backingIndex=1",
-    "none"},
+    "0 0/0/0 t:90/0/0/0"},
    {"neither balloon device nor disk", "state.state=1 cpu.time=1999 balloon.rss=42984",
     "1 0/0/42984 @0"},
    {"units and directions",
     "state.state=1 cpu.time=7000999 cpu.user=1 balloon.current=2 balloon.maximum=3 balloon.rss=4 "
-    "balloon.last-update=5 vcpu.current=1 vcpu.0.state=1 vcpu.0.time=6000 vcpu.0.wait=7000 "
-    "vcpu.0.delay=8000 net.count=1 net.0.name=t net.0.rx.bytes=9 net.0.rx.pkts=10 "
+    "balloon.available=9 balloon.usable=8 balloon.last-update=5 vcpu.current=1 vcpu.0.state=1 vcpu.0.time=6000 vcpu.0.wait=7000 "
+    "vcpu.0.delay=8000 vcpu.0.halt_wait_ns.sum=9000 net.count=1 net.0.name=t net.0.rx.bytes=9 net.0.rx.pkts=10 "
     "net.0.rx.drop=77 net.0.tx.bytes=11 net.0.tx.pkts=12 block.count=1 block.0.name=vda "
     "block.0.path=/p block.0.rd.reqs=13 block.0.rd.bytes=14 block.0.rd.times=77 block.0.wr.reqs=15 "
     "block.0.wr.bytes=16 block.0.fl.reqs=17 block.0.fl.times=77",
-    "7000 2/3/4 @5 6/7/8 t:9/11/10/12 vda:14/16/13/15/17"},
+    "7000 2/3/4 @5 9-8 6/9/8 t:9/11/10/12 vda:14/16/13/15/17"},
    {"a virtual CPU that is off has zeroes",
     "state.state=1 balloon.rss=1 vcpu.2.time=3000 vcpu.0.time=1000 vcpu.16384.time=5000 "
     "vcpu.99999999999.time=1 vcpu.x.time=1 vcpu.1=1",
-    "0 0/0/1 @0 1/0/0 0/0/0 3/0/0"},
+    "- 0/0/1 @0 1/0/0 0/0/0 3/0/0"},
    {"a NIC without a name is left out",
-    "state.state=1 balloon.rss=1 net.count=2 net.1.name=b net.1.rx.bytes=3 net.0.rx.bytes=1",
+    "state.state=1 cpu.time=1 balloon.rss=1 net.count=2 net.1.name=b net.1.rx.bytes=3 "
+    "net.0.rx.bytes=1",
     "0 0/0/1 @0 b:3/0/0/0"},
    {"base images are not counted again",
     "state.state=1 balloon.rss=1 block.0.name=vda block.0.backingIndex=1 block.0.rd.bytes=10 "
     "block.1.name=vda block.1.backingIndex=3 block.1.rd.bytes=10 block.10.name=vdc "
     "block.10.wr.bytes=5 block.2.name=vdb block.2.rd.bytes=7",
-    "0 0/0/1 @0 vda:10/0/0/0/0 vdb:7/0/0/0/0 vdc:0/5/0/0/0"},
+    "- 0/0/1 @0 vda:10/0/0/0/0 vdb:7/0/0/0/0 vdc:0/5/0/0/0"},
    {"a disk without counters", "state.state=1 balloon.rss=1 block.0.name=vda block.0.path=/p",
-    "0 0/0/1 @0"},
+    "- 0/0/1 @0"},
    {"a text is not a number", "state.state=1 balloon.rss=1 cpu.time=soon net.0.name=7",
-    "0 0/0/1 @0"},
+    "- 0/0/1 @0"},
 };
 
 TEST(DomainStatsTest, RecordsYieldTheseFigures)
@@ -231,7 +244,9 @@ TEST(HypervisorModuleTest, ConnectsAndListsTheDomains)
    EXPECT_TRUE(connection->DescribeVm(vms[0].id));
    EXPECT_FALSE(connection->DescribeVm("6695eb01-f6a4-8304-79aa-97f2502e1930"));
    EXPECT_THROW(connection->DescribeVm("nonsense"), HostCtl::Lib::HostCtlException);
-   EXPECT_TRUE(connection->ReadSnapshot().vms.empty());
+   const auto records = connection->ReadVms(kAllParts, {}, false);
+   ASSERT_EQ(1U, records.size());
+   EXPECT_FALSE(records[0].basics || records[0].monitor) << "it has no statistics";
    const std::unique_ptr<LinuxHost::Hypervisor> nowhere(
       entry("qemu:///system?socket=/no/such/socket"));
    EXPECT_THROW(nowhere->Connect(nullptr), HostCtl::Lib::HostCtlException);
