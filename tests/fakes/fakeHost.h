@@ -22,6 +22,7 @@ public:
    HostCtl::Resource::HostMemoryStats memory;
    std::vector<Disk> disks;
    std::vector<std::string> nics; ///< none of them has a port
+   int64_t sumCorrectionKb = 0;   ///< of disks and of NICs
    std::map<uint32_t, HostCtl::Network::PortStatistics> ports;
    std::function<void(const std::string& operation)> before = [](const std::string&) {};
 
@@ -112,6 +113,7 @@ private:
       {
          return Make<PhysicalNic, HostCtl::Network::PhysicalNic>("GetPhysicalNics", host.nics);
       }
+      int64_t GetSumCorrectionKb() override { return host.sumCorrectionKb; }
       uint32_t GetCoreCount() override { return static_cast<uint32_t>(host.cpus.size()); }
       std::vector<HostCtl::Hardware::Cpu*> GetCpus() override
       {

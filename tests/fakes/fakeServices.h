@@ -23,6 +23,7 @@ struct FakeVm : Guestsvc::HaVirtualMachine, Corvax::LockableObjectImpl {
    {
       return static_cast<uint32_t>(card->GetKey());
    }
+   int64_t GetNetworkSumCorrectionKb() override { return networkSumCorrectionKb; }
 
    void AddCard(int32_t key, bool onNetwork, bool connected)
    {
@@ -46,6 +47,7 @@ struct FakeVm : Guestsvc::HaVirtualMachine, Corvax::LockableObjectImpl {
    const Corvax::Ref<Quen::Vm::RuntimeInfo> runtime = Corvax::MakeRef<Quen::Vm::RuntimeInfo>();
    bool available = true;
    int32_t worldId = -1;
+   int64_t networkSumCorrectionKb = 0;
 };
 
 struct FakeGuestsvc : Guestsvc::Guestsvc, Corvax::ObjectImpl {

@@ -63,6 +63,36 @@ TEST_F(KernelCollectorTest, CapacityFiguresDoNotOverflow)
    EXPECT_EQ(Raw("ha-host", "mem-consumed"), 0u);
 }
 
+TEST_F(KernelCollectorTest, WideFiguresHaveSixtyFourBitsAndAnyNumberOfCores)
+{
+   const uint64_t kGiB = uint64_t{1} << 30;
+   _host.cpus.assign(384, {2000000, 0});
+   _host.disks = {{"sda", {}, {}}};
+   _host.nics = {"eth0"};
+   const auto vm = AddVm("vm-1");
+   vm->AddCard(4000, true, true);
+   _host.ports[4000] = {5 * kGiB, kGiB, (uint64_t{1} << 32) + 1, 2};
+   // Devices and virtual CPUs that came and went.
+   _host.sumCorrectionKb = 100;
+   vm->networkSumCorrectionKb = -1000;
+   _resourceMgr->cpu["vm-1"] = {40000, -10000};
+
+   for (const bool isWide : {false, true}) {
+      const auto collector = MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(),
+                                                        _depot.Get(), 20, isWide);
+      collector->Start();
+      _scheduler.RunNext();
+      EXPECT_EQ(Raw("ha-host", "cpu-usage"), isWide ? 20000 : 384 * 2000000 / 25500) << isWide;
+      EXPECT_EQ(Raw("vm-1", "net-received#4000"), (isWide ? 5 : 1) * kGiB / 1024) << isWide;
+      EXPECT_EQ(Raw("vm-1", "net-packetsRx#4000"), isWide ? (uint64_t{1} << 32) + 1 : 1);
+      EXPECT_EQ(Raw("vm-1", "net-usage"), isWide ? 6 * kGiB / 1024 - 1000 : 2 * kGiB / 1024);
+      EXPECT_EQ(Raw("ha-host", "net-usage"), isWide ? 100 : 0) << "a sum that wraps is left alone";
+      EXPECT_EQ(Raw("ha-host", "disk-usage"), 100);
+      EXPECT_EQ(Raw("vm-1", "cpu-usage"), (40000 / 2 - 10000) / 100);
+      collector->Stop();
+   }
+}
+
 TEST_F(KernelCollectorTest, UsageNeedsNoSpeed)
 {
    _host.speedHz = 0;
