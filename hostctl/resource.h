@@ -8,6 +8,9 @@
 /// Units: times in microseconds, memory in KB, CPU capacity in MHz, unless a field says otherwise.
 namespace HostCtl::Resource {
 
+/// In place of a figure that cannot be read.
+constexpr uint64_t kUnknownUs = UINT64_MAX;
+
 /// Times of one CPU of the host since the host started.
 struct HostCpuStats {
    uint64_t usedUs = 0;
@@ -50,12 +53,12 @@ struct CpuStats {
 /// Times of one virtual CPU since the virtual machine started.
 struct CpuTimes {
    uint64_t usedUs = 0;
-   uint64_t systemUs = 0;
+   uint64_t systemUs = 0; ///< perhaps kUnknownUs
    uint64_t waitUs = 0;
    uint64_t readyUs = 0;
    uint64_t extraUs = 0;
    uint64_t guaranteedMs = 0;
-   uint64_t uptimeUs = 0;
+   uint64_t uptimeUs = 0; ///< perhaps kUnknownUs
 };
 
 /// Memory of a resource pool or virtual machine.

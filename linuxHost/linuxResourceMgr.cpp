@@ -199,7 +199,8 @@ private:
       }
       const auto places = vm->GetPlaces();
       const uint64_t uptimeUs =
-         places->startUs > 0 ? SaturatingSubtract(_cpu.ReadUptimeUs(), places->startUs) : 0;
+         places->startUs > 0 ? SaturatingSubtract(_cpu.ReadUptimeUs(), places->startUs)
+                             : kUnknownUs;
       for (size_t i = 0; i < figures->vcpus.size(); ++i) {
          const VcpuFigures& vcpu = figures->vcpus[i];
          CpuTimes& record = times.emplace_back();
@@ -207,10 +208,11 @@ private:
          record.waitUs = vcpu.waitUs;
          record.readyUs = vcpu.readyUs;
          record.uptimeUs = uptimeUs;
-         if (!places->groupPath.empty()) {
-            record.systemUs =
-               _groups.ReadVcpuSystemUs(places->groupPath, static_cast<uint32_t>(i)).value_or(0);
-         }
+         const auto systemUs =
+            places->groupPath.empty()
+               ? std::nullopt
+               : _groups.ReadVcpuSystemUs(places->groupPath, static_cast<uint32_t>(i));
+         record.systemUs = systemUs.value_or(kUnknownUs);
       }
       return times;
    }

@@ -20,6 +20,7 @@ namespace LinuxHost {
 struct VmPlaces {
    struct Disk {
       std::string target;   ///< name on the VM's bus
+      std::string path;     ///< of the image; empty for one that is no file and no device
       std::string hostDisk; ///< the host's disk that holds the image
    };
    struct Card {

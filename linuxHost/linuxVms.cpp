@@ -77,7 +77,7 @@ LinuxVms::LinuxVms(const std::string& root, Inventory::Inventory& inventory,
 
 void LinuxVms::Replace(const std::vector<VmDescription>& descriptions)
 {
-   const Processes processes = FindQemuProcesses(_root);
+   Processes processes;
    std::set<std::string> known;
    for (const VmDescription& description : descriptions) {
       known.insert(description.id);
@@ -92,10 +92,11 @@ void LinuxVms::Replace(const std::vector<VmDescription>& descriptions)
 
 void LinuxVms::Update(const VmDescription& description)
 {
-   Update(description, FindQemuProcesses(_root));
+   Processes processes;
+   Update(description, processes);
 }
 
-void LinuxVms::Update(const VmDescription& description, const Processes& processes)
+void LinuxVms::Update(const VmDescription& description, Processes& processes)
 {
    // Before the lock: access to the images may be slow, as on a network file system.
    const auto places = FindPlaces(description, processes);
@@ -128,19 +129,47 @@ void LinuxVms::Remove(const std::string& id)
 }
 
 std::shared_ptr<VmPlaces> LinuxVms::FindPlaces(const VmDescription& description,
-                                               const Processes& processes) const
+                                               Processes& processes) const
 {
    auto places = std::make_shared<VmPlaces>();
    if (description.powerState == PowerState::POWERED_OFF) {
       return places;
    }
-   if (const auto found = processes.find(description.id); found != processes.end()) {
-      FindProcess(*places, found->second);
-   }
+   const Ref<LinuxVm> vm = Find(description.id);
+   const auto before = vm ? vm->GetPlaces() : std::make_shared<const VmPlaces>();
+   FindProcess(*places, *before, description.id, processes);
    for (const VmDisk& disk : description.disks) {
-      places->disks.push_back({disk.target, _locator.FindDisk(disk)});
+      const auto known = std::ranges::find_if(before->disks, [&disk](const VmPlaces::Disk& one) {
+         return one.target == disk.target && one.path == disk.path;
+      });
+      places->disks.push_back({disk.target, disk.path,
+                               known != before->disks.end() ? known->hostDisk
+                                                            : _locator.FindDisk(disk)});
    }
    return places;
+}
+
+/// A process that is still there stays the machine's; its group may be another one now.
+void LinuxVms::FindProcess(VmPlaces& places, const VmPlaces& before, const std::string& id,
+                           Processes& processes) const
+{
+   places.process = before.process;
+   const auto startUs = places.process ? places.process->ReadStartUs() : std::nullopt;
+   places.startUs = startUs.value_or(0);
+   if (!startUs) {
+      places.process = nullptr;
+      if (!processes) {
+         processes = FindQemuProcesses(_root);
+      }
+      const auto found = processes->find(id);
+      if (found == processes->end()) {
+         return;
+      }
+      places.process = std::make_shared<QemuProcess>(_root, found->second);
+      places.startUs = places.process->ReadStartUs().value_or(0);
+   }
+   const std::string path = places.process->ReadGroupPath();
+   places.groupPath = IsInMachineGroup(path) ? path : "";
 }
 
 void LinuxVms::AssignPorts(const VmDescription& description, VmPlaces& places)
@@ -155,14 +184,6 @@ void LinuxVms::AssignPorts(const VmDescription& description, VmPlaces& places)
          _ports[_lastPortId] = {description.id, card.tap};
       }
    }
-}
-
-void LinuxVms::FindProcess(VmPlaces& places, int32_t pid) const
-{
-   places.process = std::make_shared<QemuProcess>(_root, pid);
-   places.startUs = places.process->ReadStartUs().value_or(0);
-   const std::string path = places.process->ReadGroupPath();
-   places.groupPath = IsInMachineGroup(path) ? path : "";
 }
 
 void LinuxVms::ForgetPorts(const std::string& vmId)

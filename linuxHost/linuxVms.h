@@ -28,7 +28,8 @@ public:
 
    /// Updates all of these and unregisters all others.
    void Replace(const std::vector<VmDescription>& descriptions);
-   /// For a virtual machine that is new or has changed.
+   /// For a virtual machine that is new or may have changed. What is known of its process and its
+   /// images is not looked for again.
    void Update(const VmDescription& description);
    void Remove(const std::string& id);
 
@@ -59,13 +60,15 @@ private:
       std::vector<VmDiskFigures> last;
       std::map<std::string, VmDiskFigures> byHostDisk;
    };
-   using Processes = std::map<std::string, int32_t>;
+   /// The processes of virtual machines, looked for when one is asked for.
+   using Processes = std::optional<std::map<std::string, int32_t>>;
 
-   void Update(const VmDescription& description, const Processes& processes);
+   void Update(const VmDescription& description, Processes& processes);
    std::shared_ptr<VmPlaces> FindPlaces(const VmDescription& description,
-                                        const Processes& processes) const;
+                                        Processes& processes) const;
+   void FindProcess(VmPlaces& places, const VmPlaces& before, const std::string& id,
+                    Processes& processes) const;
    void AssignPorts(const VmDescription& description, VmPlaces& places);
-   void FindProcess(VmPlaces& places, int32_t pid) const;
    void ForgetPorts(const std::string& vmId);
    static void AddTraffic(DiskTraffic& traffic, const VmFigures& figures, const VmPlaces& places);
 

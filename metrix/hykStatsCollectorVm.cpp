@@ -18,6 +18,7 @@ using HostCtl::Lib::HostCtlException;
 using HostCtl::Resource::CpuLoadHistory;
 using HostCtl::Resource::CpuStats;
 using HostCtl::Resource::CpuTimes;
+using HostCtl::Resource::kUnknownUs;
 using HostCtl::Resource::MemoryClientStats;
 using HostCtl::Resource::MemoryStats;
 using HostCtl::Resource::SwapInfo;
@@ -76,13 +77,15 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
       const CpuTimes& vcpu = vcpus[i];
       const std::string instance = Format("%1", i);
       Add(entity, kCpuUsageMhz, ts, ToMhz(vcpu.usedUs), instance);
-      Add(entity, kCpuSystem, ts, vcpu.systemUs / 1000, instance);
+      if (vcpu.systemUs != kUnknownUs) {
+         Add(entity, kCpuSystem, ts, vcpu.systemUs / 1000, instance);
+      }
       Add(entity, kCpuWait, ts, vcpu.waitUs / 1000, instance);
       Add(entity, kCpuReady, ts, vcpu.readyUs / 1000, instance);
       Add(entity, kCpuExtra, ts, vcpu.extraUs / 1000, instance);
       Add(entity, kCpuGuaranteed, ts, vcpu.guaranteedMs, instance);
       Add(entity, kCpuUsed, ts, vcpu.usedUs / 1000, instance);
-      if (i == 0) {
+      if (i == 0 && vcpu.uptimeUs != kUnknownUs) {
          Add(entity, kSysUptime, ts, vcpu.uptimeUs / Corvax::kMicrosecondsPerSecond);
       }
    }
