@@ -74,7 +74,7 @@ void ReadHost(HostCtl::HostProvider& provider)
 void HostRead(Measurement& measurement)
 {
    const QuietAgent agent;
-   const auto provider = LinuxHost::NewLinuxHostProvider({}, nullptr, agent.GetLogger());
+   const auto provider = LinuxHost::NewLinuxHostProvider({}, nullptr);
    ReadHost(*provider); // opens the files
    CpuMeter meter;
    meter.Start();

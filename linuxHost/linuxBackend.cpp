@@ -36,7 +36,7 @@ public:
         _vms(options.root, _inventory, GetSnapshots(), logger),
         _watcher(hypervisor ? std::make_unique<VmWatcher>(hypervisor, _vms, logger) : nullptr),
         _groups(options.root, intervalSec, _inventory, _vms, logger),
-        _provider(NewLinuxHostProvider(options, this, logger))
+        _provider(NewLinuxHostProvider(options, this))
    {
       Registry().Register(
          AgentdCommon::moid_resourcemgr,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "corvax/logger.h"
 #include "linuxHost/hypervisor.h"
 #include "linuxHost/linuxHostProvider.h"
 

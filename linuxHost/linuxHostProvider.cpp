@@ -1,5 +1,6 @@
 #include "linuxHost/linuxHostProvider.h"
 
+#include "corvax/format.h"
 #include "linuxHost/kernel/cpuReader.h"
 #include "linuxHost/kernel/diskReader.h"
 #include "linuxHost/kernel/hardwareReader.h"
@@ -37,9 +38,9 @@ auto Translated(const Operation& operation)
 /// All readers of kernel files. Locking: the mutex protects the readers; only the logger's lock is
 /// taken under it.
 struct Readers {
-   Readers(LinuxHostOptions options, ExtraFigures* extraFigures, Corvax::Logger* logger)
+   Readers(LinuxHostOptions options, ExtraFigures* extraFigures)
       : extra(extraFigures), cpu(options.root), memory(options.root), disks(options.root),
-        nics(options.root, std::move(options.nics)), hardware(options.root, options.cpuMhz, logger)
+        nics(options.root, std::move(options.nics)), hardware(options.root, options.cpuMhz)
    {
    }
 
@@ -345,8 +346,8 @@ private:
 
 class LinuxHostProviderImpl : public HostCtl::HostProvider {
 public:
-   LinuxHostProviderImpl(LinuxHostOptions options, ExtraFigures* extra, Corvax::Logger* logger)
-      : _readers(std::move(options), extra, logger)
+   LinuxHostProviderImpl(LinuxHostOptions options, ExtraFigures* extra)
+      : _readers(std::move(options), extra)
    {
    }
 
@@ -365,11 +366,11 @@ private:
 
 } // namespace
 
-std::unique_ptr<HostCtl::HostProvider>
-NewLinuxHostProvider(LinuxHostOptions options, ExtraFigures* extra, Corvax::Logger* logger)
+std::unique_ptr<HostCtl::HostProvider> NewLinuxHostProvider(LinuxHostOptions options,
+                                                            ExtraFigures* extra)
 {
    return Translated([&]() -> std::unique_ptr<HostCtl::HostProvider> {
-      return std::make_unique<LinuxHostProviderImpl>(std::move(options), extra, logger);
+      return std::make_unique<LinuxHostProviderImpl>(std::move(options), extra);
    });
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "corvax/logger.h"
 #include "hostctl/host.h"
 
 #include <map>
@@ -37,10 +36,9 @@ public:
 /// each. Nothing is read in advance; a list of disks or NICs is read as a whole, and its elements
 /// keep those figures.
 ///
-/// Ownership: takes a reference to the logger; null for none. `extra`, null for none, outlives the
-/// provider. Locking: any thread may call; calls are serialised. Errors:
-/// HostCtl::Lib::HostCtlException from this and from every operation.
-std::unique_ptr<HostCtl::HostProvider>
-NewLinuxHostProvider(LinuxHostOptions options, ExtraFigures* extra, Corvax::Logger* logger);
+/// Ownership: `extra`, null for none, outlives the provider. Locking: any thread may call; calls
+/// are serialised. Errors: HostCtl::Lib::HostCtlException from this and from every operation.
+std::unique_ptr<HostCtl::HostProvider> NewLinuxHostProvider(LinuxHostOptions options,
+                                                            ExtraFigures* extra);
 
 } // namespace LinuxHost

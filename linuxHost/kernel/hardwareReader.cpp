@@ -1,13 +1,15 @@
 #include "linuxHost/kernel/hardwareReader.h"
 
+#include "corvax/format.h"
 #include "hostctl/lib.h"
 #include "linuxHost/kernel/units.h"
+
+#include <algorithm>
 
 namespace LinuxHost {
 
 namespace {
 
-constexpr uint32_t kMaxCores = 255;
 constexpr uint64_t kLeastSpeedHz = kHzPerMhz;
 
 /// 0 when there is no such file or no number in it.
@@ -19,25 +21,15 @@ uint64_t ReadKhzAsHz(const std::string& path)
 
 } // namespace
 
-HardwareReader::HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger)
+HardwareReader::HardwareReader(const std::string& root, uint32_t cpuMhz)
    : _configuredCpuMhz(cpuMhz), _cpuPath(root + "/sys/devices/system/cpu/"),
-     _cpuinfoPath(root + "/proc/cpuinfo"), _logger(logger), _online(_cpuPath + "online"),
-     _stat(root + "/proc/stat")
+     _cpuinfoPath(root + "/proc/cpuinfo"), _online(_cpuPath + "online"), _stat(root + "/proc/stat")
 {
 }
 
 uint32_t HardwareReader::ReadCoreCount()
 {
-   const uint64_t count = ReadOnlineCpus().count;
-   if (count <= kMaxCores) {
-      return static_cast<uint32_t>(count);
-   }
-   if (!_isCapLogged && _logger) {
-      _isCapLogged = true;
-      _logger->Log(Corvax::kLogWarning, "The host has %1 CPUs, only %2 are counted", count,
-                   kMaxCores);
-   }
-   return kMaxCores;
+   return static_cast<uint32_t>(std::min<uint64_t>(ReadOnlineCpus().count, kHighestCpuNumber));
 }
 
 uint64_t HardwareReader::ReadCpuSpeedHz()

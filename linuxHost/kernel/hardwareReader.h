@@ -1,6 +1,5 @@
 #pragma once
 
-#include "corvax/logger.h"
 #include "linuxHost/kernel/kernelFile.h"
 #include "linuxHost/kernel/procParsers.h"
 
@@ -17,10 +16,10 @@ namespace LinuxHost {
 class HardwareReader {
 public:
    /// `root` goes before the path of every file; `cpuMhz`, unless 0, is the speed of one CPU and
-   /// replaces the kernel's. The logger may be null.
-   HardwareReader(const std::string& root, uint32_t cpuMhz, Corvax::Logger* logger);
+   /// replaces the kernel's.
+   HardwareReader(const std::string& root, uint32_t cpuMhz);
 
-   /// CPUs online, 1 to 255; when there are more, one warning is logged.
+   /// CPUs online, 1 to kHighestCpuNumber.
    uint32_t ReadCoreCount();
 
    /// Speed of the first CPU online, at least 1 MHz: the first that the kernel reports of its base
@@ -33,10 +32,8 @@ private:
    const uint32_t _configuredCpuMhz;
    const std::string _cpuPath;
    const std::string _cpuinfoPath;
-   const Corvax::Ref<Corvax::Logger> _logger;
    KernelFile _online;
    KernelFile _stat;
-   bool _isCapLogged = false;
 };
 
 } // namespace LinuxHost

@@ -1,7 +1,6 @@
 #include "linuxHost/linuxHostProvider.h"
 
 #include "corvax/format.h"
-#include "tests/fakes/captureLogger.h"
 #include "tests/fakes/kernelTree.h"
 #include "tests/fakes/messageOf.h"
 
@@ -22,8 +21,7 @@ protected:
    HostCtl::Host& Host()
    {
       if (!_host) {
-         _provider =
-            LinuxHost::NewLinuxHostProvider({GetRoot(), _nics, _cpuMhz}, nullptr, _logger.Get());
+         _provider = LinuxHost::NewLinuxHostProvider({GetRoot(), _nics, _cpuMhz}, nullptr);
          _host.reset(_provider->GetHost());
       }
       return *_host;
@@ -75,7 +73,6 @@ protected:
 
    std::vector<std::string> _nics;
    uint32_t _cpuMhz = 0;
-   Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();
    std::unique_ptr<HostCtl::HostProvider> _provider;
    std::unique_ptr<HostCtl::Host> _host;
 };
@@ -237,18 +234,16 @@ TEST_F(LinuxHostTest, CpuSpeedIsTheFirstThatTheKernelReports)
    }
 }
 
-TEST_F(LinuxHostTest, CoresAreCountedUpToTheLimitWithOneWarning)
+TEST_F(LinuxHostTest, AllCoresAreCountedHoweverMany)
 {
    Write("proc/stat", "cpu0 1 1 1 1\ncpu3 1 1 1 1\n");
    EXPECT_EQ(2U, Cpus()->GetCoreCount()) << "counted in proc/stat";
    const std::pair<const char*, uint32_t> lists[] = {
-      {"0-254\n", 255}, {"0-255\n", 255}, {"0-4294967296\n", 255}, {"5\n", 1}, {"x\n", 2}};
+      {"0-383\n", 384}, {"0-4294967296\n", 65535}, {"5\n", 1}, {"x\n", 2}};
    for (const auto& [list, cores] : lists) {
       Write("sys/devices/system/cpu/online", list);
       EXPECT_EQ(cores, Cpus()->GetCoreCount()) << list;
    }
-   EXPECT_EQ(1, _logger->Count("4 The host has 256 CPUs, only 255 are counted"));
-   EXPECT_EQ(1, _logger->CountLevel(Corvax::kLogWarning));
 }
 
 TEST_F(LinuxHostTest, AnExceptionNamesTheFileThatIsMissingOrLacksItsFigure)
