@@ -13,7 +13,9 @@ namespace {
 constexpr int64_t kMinuteUs = 60 * Corvax::kMicrosecondsPerSecond;
 constexpr int64_t kKeptUs = 15 * kMinuteUs;
 constexpr int64_t kMaxGapUs = 2 * LoadHistory::kSamplePeriodUs;
+constexpr int64_t kLeastLengthUs = LoadHistory::kSamplePeriodUs / 2;
 
+/// Of all samples together the length is below 2^32 us, as Scale needs: 150 times two periods.
 uint32_t Percent(uint64_t partUs, int64_t elapsedUs)
 {
    const uint64_t percent = Scale(partUs, 100, static_cast<uint64_t>(elapsedUs));
@@ -24,9 +26,13 @@ uint32_t Percent(uint64_t partUs, int64_t elapsedUs)
 
 void LoadHistory::Add(int64_t timeUs, uint64_t activeUs, uint64_t waitingUs, uint64_t limitedUs)
 {
-   const Reading reading{timeUs, activeUs, waitingUs, limitedUs};
-   if (_newest && timeUs < _newest->timeUs) {
-      _samples.clear(); // they end in the future and would not expire
+   const Reading reading{timeUs, {activeUs, waitingUs, limitedUs}};
+   if (_newest && (timeUs < _newest->timeUs || activeUs < _newest->times.activeUs)) {
+      _newest.reset();
+      _samples.clear();
+   }
+   if (_newest && timeUs - _newest->timeUs < kLeastLengthUs) {
+      return;
    }
    const std::optional<Sample> sample = _newest ? MakeSample(*_newest, reading) : std::nullopt;
    if (sample) {
@@ -53,16 +59,15 @@ HostCtl::Resource::CpuLoadHistory LoadHistory::Get() const
 
 std::optional<LoadHistory::Sample> LoadHistory::MakeSample(const Reading& from, const Reading& to)
 {
-   if (to.timeUs <= from.timeUs || to.timeUs - from.timeUs > kMaxGapUs ||
-       to.activeUs < from.activeUs || to.waitingUs < from.waitingUs ||
-       to.limitedUs < from.limitedUs) {
+   if (to.timeUs - from.timeUs > kMaxGapUs || to.times.waitingUs < from.times.waitingUs ||
+       to.times.limitedUs < from.times.limitedUs) {
       return std::nullopt;
    }
-   const int64_t elapsedUs = to.timeUs - from.timeUs;
-   const uint64_t activeUs = to.activeUs - from.activeUs;
-   const uint64_t runUs = SaturatingAdd(activeUs, to.waitingUs - from.waitingUs);
-   return Sample{to.timeUs, Percent(activeUs, elapsedUs), Percent(runUs, elapsedUs),
-                 Percent(to.limitedUs - from.limitedUs, elapsedUs)};
+   return Sample{to.timeUs,
+                 to.timeUs - from.timeUs,
+                 {to.times.activeUs - from.times.activeUs,
+                  to.times.waitingUs - from.times.waitingUs,
+                  to.times.limitedUs - from.times.limitedUs}};
 }
 
 void LoadHistory::Append(const Sample& sample)
@@ -84,27 +89,28 @@ bool LoadHistory::IsWithin(const Sample& sample, int64_t periodUs) const
 HostCtl::Resource::CpuLoad LoadHistory::LoadOver(int64_t periodUs) const
 {
    HostCtl::Resource::CpuLoad load;
-   uint64_t count = 0;
-   uint64_t active = 0;
-   uint64_t run = 0;
-   uint64_t limited = 0;
+   int64_t lengthUs = 0;
+   uint64_t activeUs = 0;
+   uint64_t runUs = 0;
+   uint64_t limitedUs = 0;
    for (const Sample& sample : _samples) {
       if (!IsWithin(sample, periodUs)) {
          continue;
       }
-      ++count;
-      active += sample.active;
-      run += sample.run;
-      limited += sample.limited;
-      load.activePeak = std::max(load.activePeak, sample.active);
-      load.runPeak = std::max(load.runPeak, sample.run);
+      const uint64_t sampleRunUs = SaturatingAdd(sample.times.activeUs, sample.times.waitingUs);
+      lengthUs += sample.lengthUs;
+      activeUs = SaturatingAdd(activeUs, sample.times.activeUs);
+      runUs = SaturatingAdd(runUs, sampleRunUs);
+      limitedUs = SaturatingAdd(limitedUs, sample.times.limitedUs);
+      load.activePeak = std::max(load.activePeak, Percent(sample.times.activeUs, sample.lengthUs));
+      load.runPeak = std::max(load.runPeak, Percent(sampleRunUs, sample.lengthUs));
    }
-   if (count == 0) {
+   if (lengthUs == 0) {
       return load;
    }
-   load.activeAverage = static_cast<uint32_t>(active / count);
-   load.runAverage = static_cast<uint32_t>(run / count);
-   load.maxLimited = static_cast<uint32_t>(limited / count);
+   load.activeAverage = Percent(activeUs, lengthUs);
+   load.runAverage = Percent(runUs, lengthUs);
+   load.maxLimited = Percent(limitedUs, lengthUs);
    return load;
 }
 

@@ -12,7 +12,8 @@ namespace LinuxHost {
 /// The load of a group over the last minutes, computed from its cumulative times: the kernel keeps
 /// no averages of groups, and no peaks at all. Add is to be called every kSamplePeriodUs.
 ///
-/// Units: percent of one core, rounded down.
+/// Units: percent of one core, rounded down. An average is the time of all samples of its period
+/// over their length, so that a long sample counts for more than a short one.
 /// Locking: none; one thread at a time.
 class LoadHistory {
 public:
@@ -20,8 +21,10 @@ public:
    static constexpr size_t kMaxSamples = 150; ///< fifteen minutes
 
    /// `timeUs` is monotonic. Adds a sample of the time since the previous reading, except for the
-   /// first reading, after more than two periods without one, and when a counter has decreased, as
-   /// at a restart.
+   /// first reading, after more than two periods without one, and when a waiting or limited time
+   /// has decreased. A reading less than half a period after the previous one is dropped: over so
+   /// short a time a delay of the reader passes for load. When the active time has decreased or the
+   /// time went back, the subject is another one, and the history begins anew.
    void Add(int64_t timeUs, uint64_t activeUs, uint64_t waitingUs, uint64_t limitedUs);
 
    /// Whether there is no sample of the last fifteen minutes.
@@ -31,17 +34,20 @@ public:
    HostCtl::Resource::CpuLoadHistory Get() const;
 
 private:
-   struct Reading {
-      int64_t timeUs = 0;
+   /// A time of the group: a cumulative one in a reading, its growth in a sample.
+   struct Times {
       uint64_t activeUs = 0;
       uint64_t waitingUs = 0;
       uint64_t limitedUs = 0;
    };
+   struct Reading {
+      int64_t timeUs = 0;
+      Times times;
+   };
    struct Sample {
       int64_t timeUs = 0; // its end
-      uint32_t active = 0;
-      uint32_t run = 0;
-      uint32_t limited = 0;
+      int64_t lengthUs = 0;
+      Times times;
    };
 
    static std::optional<Sample> MakeSample(const Reading& from, const Reading& to);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -61,6 +62,27 @@ TEST(LoadHistoryTest, UnusableReadingsAddNoSample)
    const std::string most = Format("%1/%1/%1/%1/%1 ", UINT32_MAX);
    EXPECT_EQ(most + most + most + "1", add(1024, UINT64_MAX, UINT64_MAX, UINT64_MAX));
    EXPECT_EQ(none, add(10, UINT64_MAX, UINT64_MAX, UINT64_MAX)); // the clock went back
+}
+
+TEST(LoadHistoryTest, AveragesWeighByTimeAndAnEarlyReadingIsDropped)
+{
+   LoadHistory history;
+   const std::tuple<int64_t, uint64_t, const char*> readings[] = {
+      // ms, active ms, average/peak
+      {0, 0, "0/0"},
+      {12'000, 12'000, "100/100"},
+      {18'000, 12'600, "70/100"},
+      {20'999, 22'600, "70/100"}, // ten seconds' load caught up within three
+      {24'000, 22'600, "94/166"},
+      {27'000, 22'600, "83/166"},
+      {33'000, 100, "0/0"}, // another life
+      {39'000, 700, "10/10"},
+   };
+   for (const auto& [timeMs, activeMs, expected] : readings) {
+      history.Add(timeMs * 1000, activeMs * 1000, 0, 0);
+      const auto load = history.Get().fifteenMinutes;
+      EXPECT_EQ(expected, Format("%1/%2", load.activeAverage, load.activePeak)) << timeMs;
+   }
 }
 
 } // namespace
