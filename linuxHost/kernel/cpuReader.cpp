@@ -4,6 +4,7 @@
 #include "linuxHost/kernel/units.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace LinuxHost {
 
@@ -18,15 +19,24 @@ std::vector<HostCtl::Resource::HostCpuStats> CpuReader::ReadCpuStats()
    if (cpus.empty()) {
       _stat.FailLacking("any CPU's times");
    }
-   for (const CpuTicks& cpu : cpus) {
-      if (cpu.number >= _last.size()) {
-         _last.resize(cpu.number + size_t{1});
+   const bool isFirstReading = _cpus.empty();
+   for (const CpuTicks& ticks : cpus) {
+      if (ticks.number >= _cpus.size()) {
+         _cpus.resize(ticks.number + size_t{1});
       }
-      HostCtl::Resource::HostCpuStats& last = _last[cpu.number];
-      last.usedUs = std::max(last.usedUs, TicksToUs(cpu.used));
-      last.idleUs = std::max(last.idleUs, TicksToUs(cpu.idle));
+      Cpu& cpu = _cpus[ticks.number];
+      const HostCtl::Resource::HostCpuStats now{TicksToUs(ticks.used), TicksToUs(ticks.idle)};
+      if (!cpu.isKnown && !isFirstReading) {
+         cpu.base = now;
+      }
+      cpu.isKnown = true;
+      cpu.last.usedUs = std::max(cpu.last.usedUs, SaturatingSubtract(now.usedUs, cpu.base.usedUs));
+      cpu.last.idleUs = std::max(cpu.last.idleUs, SaturatingSubtract(now.idleUs, cpu.base.idleUs));
    }
-   return _last;
+   std::vector<HostCtl::Resource::HostCpuStats> stats;
+   stats.reserve(_cpus.size());
+   std::ranges::transform(_cpus, std::back_inserter(stats), &Cpu::last);
+   return stats;
 }
 
 uint64_t CpuReader::ReadUptimeUs()

@@ -14,12 +14,16 @@ namespace LinuxHost {
 namespace {
 
 /// Drivers whose devices exist while they are empty.
-constexpr std::string_view kMayBeEmpty[] = {"loop", "ram", "zram", "nbd", "sr", "fd", "dm-", "md"};
+constexpr std::string_view kMayBeEmpty[] = {"ram", "nbd", "sr", "fd", "dm-", "md"};
 
-bool MayBeEmpty(std::string_view name)
+/// Drivers whose traffic ends on another disk, or in memory.
+constexpr std::string_view kNeverCounted[] = {"loop", "zram"};
+
+template <size_t Count>
+bool IsOfDriver(std::string_view name, const std::string_view (&drivers)[Count])
 {
-   return std::any_of(std::begin(kMayBeEmpty), std::end(kMayBeEmpty),
-                      [name](std::string_view driver) { return IsNumbered(name, driver); });
+   return std::ranges::any_of(drivers,
+                              [name](std::string_view driver) { return IsNumbered(name, driver); });
 }
 
 // An error counts as absence: devices come and go at any time.
@@ -39,14 +43,20 @@ bool HasEntries(const std::string& path)
 } // namespace
 
 DiskReader::Device::Device(std::string_view name, std::string devicePath)
-   : path(std::move(devicePath)), isWholeDisk(Exists(path)), isMemory(IsNumbered(name, "ram"))
+   : path(std::move(devicePath)), isWholeDisk(!IsOfDriver(name, kNeverCounted) && Exists(path)),
+     isMemory(IsNumbered(name, "ram"))
 {
-   if (isWholeDisk && MayBeEmpty(name)) {
+   if (!isWholeDisk) {
+      return;
+   }
+   if (IsOfDriver(name, kMayBeEmpty)) {
       size.emplace(path + "/size");
    }
-   const std::string timeoutsPath = path + "/device/iotmo_cnt";
-   if (isWholeDisk && Exists(timeoutsPath)) {
-      timeouts.emplace(timeoutsPath);
+   if (const std::string file = path + "/device/iotmo_cnt"; Exists(file)) {
+      timeouts.emplace(file);
+   }
+   if (const std::string file = path + "/diskseq"; Exists(file)) {
+      sequence.emplace(file);
    }
 }
 
@@ -62,7 +72,7 @@ std::vector<DiskFigures> DiskReader::ReadDisks()
    for (const DiskCounts& counts : ParseDiskStats(_diskstats.Read())) {
       Device& device = FindDevice(counts.name);
       device.lastRead = _reads;
-      if (IsCounted(device, counts)) {
+      if (IsCounted(device, counts) && IsSameDevice(device, counts.name)) {
          figures.push_back(MakeFigures(device, counts));
       }
    }
@@ -96,6 +106,23 @@ bool DiskReader::IsCounted(Device& device, const DiskCounts& counts)
    }
    return !*device.isStacked && !(device.isMemory && counts.reads == 0 && counts.writes == 0 &&
                                   counts.discards == 0 && counts.flushes == 0);
+}
+
+/// Otherwise the kind of the new device is looked up in the next reading.
+bool DiskReader::IsSameDevice(Device& device, std::string_view name)
+{
+   if (!device.sequence) {
+      return true;
+   }
+   const std::optional<uint64_t> number = device.sequence->ReadNumberIfPresent();
+   if (!device.sequenceNumber) {
+      device.sequenceNumber = number;
+   }
+   if (number && number == device.sequenceNumber) {
+      return true;
+   }
+   _devices.erase(_devices.find(name));
+   return false;
 }
 
 DiskFigures DiskReader::MakeFigures(Device& device, const DiskCounts& counts)

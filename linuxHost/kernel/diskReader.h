@@ -25,9 +25,13 @@ struct DiskFigures {
 /// Traffic of the host's whole disks.
 ///
 /// Left out: partitions; devices made of other disks, which count that traffic themselves; loop
-/// devices, card slots and the like while they are empty; RAM disks that were never used.
-/// Cost: reads /proc/diskstats, and one small file for each SCSI disk and each device that may be
-/// empty. The kind of a device is looked up once, and again when its name was gone meanwhile.
+/// devices, whose traffic is counted on the disk of their file; compressed memory (zram); card
+/// slots and the like while they are empty; RAM disks that were never used; a device in the reading
+/// that finds another one behind its name, so that nobody takes the difference of two devices'
+/// counters. The kernel numbers devices since 5.15: before, such a device is not noticed.
+/// Cost: reads /proc/diskstats, one small file for each disk, and one more for each SCSI disk and
+/// each device that may be empty. The kind of a device is looked up once, and again when its name
+/// was gone meanwhile.
 /// Errors: HostCtl::Lib::HostCtlException.
 /// Locking: none; one thread at a time.
 class DiskReader {
@@ -46,16 +50,19 @@ private:
       Device(std::string_view name, std::string path);
 
       const std::string path;
-      const bool isWholeDisk;
+      const bool isWholeDisk; // and neither a loop device nor zram
       const bool isMemory;
-      std::optional<KernelFile> size;     // of a device that may be empty
-      std::optional<KernelFile> timeouts; // of a SCSI disk
-      std::optional<bool> isStacked;      // unset until it is looked up
-      uint64_t lastRead = 0;              // number of the last call that met it
+      std::optional<KernelFile> size;         // of a device that may be empty
+      std::optional<KernelFile> timeouts;     // of a SCSI disk
+      std::optional<KernelFile> sequence;     // number of the device since the host's start
+      std::optional<uint64_t> sequenceNumber; // unset until it is read
+      std::optional<bool> isStacked;          // unset until it is looked up
+      uint64_t lastRead = 0;                  // number of the last call that met it
    };
 
    Device& FindDevice(std::string_view name);
    static bool IsCounted(Device& device, const DiskCounts& counts);
+   bool IsSameDevice(Device& device, std::string_view name);
    static DiskFigures MakeFigures(Device& device, const DiskCounts& counts);
 
    const std::string _blockPath;

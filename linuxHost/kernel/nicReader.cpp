@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -11,6 +10,13 @@ namespace LinuxHost {
 namespace {
 
 constexpr std::string_view kLoopback = "lo";
+
+// An error counts as absence: devices come and go at any time.
+bool Exists(const std::string& path)
+{
+   std::error_code ignored;
+   return std::filesystem::exists(path, ignored);
+}
 
 /// In the order of first occurrence.
 std::vector<std::string> WithoutRepeats(std::vector<std::string> names)
@@ -21,14 +27,12 @@ std::vector<std::string> WithoutRepeats(std::vector<std::string> names)
    return names;
 }
 
-NicFigures MakeFigures(const InterfaceCounts& counts)
-{
-   return {std::string(counts.name),
-           HostCtl::Network::PortStatistics{counts.bytesReceived, counts.bytesSent,
-                                            counts.packetsReceived, counts.packetsSent}};
-}
-
 } // namespace
+
+NicReader::Interface::Interface(const std::string& path)
+   : hasDevice(Exists(path + "/device")), index(path + "/ifindex")
+{
+}
 
 NicReader::NicReader(const std::string& root, std::vector<std::string> configured)
    : _netPath(root + "/sys/class/net/"), _configured(WithoutRepeats(std::move(configured))),
@@ -38,53 +42,63 @@ NicReader::NicReader(const std::string& root, std::vector<std::string> configure
 
 std::vector<NicFigures> NicReader::ReadNics()
 {
-   std::vector<InterfaceCounts> interfaces = ParseNetDev(_netDev.Read());
-   std::erase_if(interfaces,
-                 [](const InterfaceCounts& counts) { return counts.name == kLoopback; });
-   return _configured.empty() ? FindPhysical(interfaces) : FindConfigured(interfaces);
+   ++_reads;
+   std::vector<InterfaceCounts> counts = ParseNetDev(_netDev.Read());
+   std::erase_if(counts, [](const InterfaceCounts& one) { return one.name == kLoopback; });
+   std::vector<NicFigures> nics =
+      _configured.empty() ? FindPhysical(counts) : FindConfigured(counts);
+   std::erase_if(_interfaces,
+                 [this](const auto& entry) { return entry.second.lastRead != _reads; });
+   return nics;
 }
 
-std::vector<NicFigures>
-NicReader::FindConfigured(const std::vector<InterfaceCounts>& interfaces) const
+std::vector<NicFigures> NicReader::FindConfigured(const std::vector<InterfaceCounts>& counts)
 {
    std::vector<NicFigures> nics;
    for (const std::string& name : _configured) {
-      const auto found =
-         std::find_if(interfaces.begin(), interfaces.end(),
-                      [&name](const InterfaceCounts& counts) { return counts.name == name; });
-      nics.push_back(found == interfaces.end() ? NicFigures{name, {}} : MakeFigures(*found));
+      const auto found = std::ranges::find(counts, name, &InterfaceCounts::name);
+      nics.push_back(found == counts.end() ? NicFigures{name, {}} : MakeFigures(*found));
    }
    return nics;
 }
 
-std::vector<NicFigures> NicReader::FindPhysical(const std::vector<InterfaceCounts>& interfaces)
+std::vector<NicFigures> NicReader::FindPhysical(const std::vector<InterfaceCounts>& counts)
 {
-   ++_reads;
+   const bool hasPhysical = std::ranges::count_if(counts, [this](const InterfaceCounts& one) {
+                               return FindInterface(one.name).hasDevice;
+                            }) > 0;
    std::vector<NicFigures> nics;
-   for (const InterfaceCounts& counts : interfaces) {
-      if (HasDevice(counts.name)) {
-         nics.push_back(MakeFigures(counts));
+   for (const InterfaceCounts& one : counts) {
+      if (!hasPhysical || FindInterface(one.name).hasDevice) {
+         nics.push_back(MakeFigures(one));
       }
    }
-   std::erase_if(_interfaces,
-                 [this](const auto& entry) { return entry.second.lastRead != _reads; });
-   if (nics.empty()) {
-      std::transform(interfaces.begin(), interfaces.end(), std::back_inserter(nics), MakeFigures);
-   }
    return nics;
 }
 
-bool NicReader::HasDevice(std::string_view name)
+NicReader::Interface& NicReader::FindInterface(std::string_view name)
 {
    auto known = _interfaces.find(name);
    if (known == _interfaces.end()) {
-      std::error_code ignored; // an error counts as absence
-      const bool hasDevice =
-         std::filesystem::exists(_netPath + std::string(name) + "/device", ignored);
-      known = _interfaces.try_emplace(std::string(name), Interface{hasDevice, 0}).first;
+      known = _interfaces.try_emplace(std::string(name), _netPath + std::string(name)).first;
    }
    known->second.lastRead = _reads;
-   return known->second.hasDevice;
+   return known->second;
+}
+
+NicFigures NicReader::MakeFigures(const InterfaceCounts& counts)
+{
+   NicFigures nic{std::string(counts.name), {}};
+   Interface& interface = FindInterface(counts.name);
+   const std::optional<uint64_t> index = interface.index.ReadNumberIfPresent();
+   if (interface.indexNumber && interface.indexNumber != index) {
+      _interfaces.erase(_interfaces.find(counts.name));
+      return nic;
+   }
+   interface.indexNumber = index;
+   nic.statistics = HostCtl::Network::PortStatistics{counts.bytesReceived, counts.bytesSent,
+                                                     counts.packetsReceived, counts.packetsSent};
+   return nic;
 }
 
 } // namespace LinuxHost

@@ -16,7 +16,8 @@ namespace LinuxHost {
 
 struct NicFigures {
    std::string name;
-   /// The low 32 bits of the kernel's counters; unset for a configured NIC that does not exist.
+   /// The low 32 bits of the kernel's counters; unset for a configured NIC that does not exist, and
+   /// in the reading that finds another interface behind a NIC's name.
    std::optional<HostCtl::Network::PortStatistics> statistics;
 };
 
@@ -24,8 +25,8 @@ struct NicFigures {
 ///
 /// These are the configured ones; without configuration the interfaces that have a device; if none
 /// has, all interfaces. The loopback interface is never one.
-/// Cost: reads /proc/net/dev. Whether an interface has a device is looked up once, and again when
-/// its name was gone meanwhile.
+/// Cost: reads /proc/net/dev and one small file for each NIC. Whether an interface has a device is
+/// looked up once, and again when its name was gone meanwhile.
 /// Errors: HostCtl::Lib::HostCtlException.
 /// Locking: none; one thread at a time.
 class NicReader {
@@ -38,19 +39,24 @@ public:
 
 private:
    struct Interface {
-      bool hasDevice = false;
-      uint64_t lastRead = 0; // number of the last call that met it
+      explicit Interface(const std::string& path);
+
+      const bool hasDevice;
+      KernelFile index;                    // the interface's number, never used twice
+      std::optional<uint64_t> indexNumber; // unset until it is read
+      uint64_t lastRead = 0;               // number of the last call that met it
    };
 
-   std::vector<NicFigures> FindConfigured(const std::vector<InterfaceCounts>& interfaces) const;
-   std::vector<NicFigures> FindPhysical(const std::vector<InterfaceCounts>& interfaces);
-   bool HasDevice(std::string_view name);
+   std::vector<NicFigures> FindConfigured(const std::vector<InterfaceCounts>& counts);
+   std::vector<NicFigures> FindPhysical(const std::vector<InterfaceCounts>& counts);
+   Interface& FindInterface(std::string_view name);
+   NicFigures MakeFigures(const InterfaceCounts& counts);
 
    const std::string _netPath;
    const std::vector<std::string> _configured;
    KernelFile _netDev;
    std::map<std::string, Interface, std::less<>> _interfaces;
-   uint64_t _reads = 0; // number of calls of FindPhysical
+   uint64_t _reads = 0; // number of calls of ReadNics
 };
 
 } // namespace LinuxHost

@@ -86,7 +86,8 @@ TEST_F(LinuxHostTest, CpuTimesNeverDecreaseAndAnOfflineCpuKeepsItsIndex)
       {"cpu0 1 0 1 5 4\ncpu1 1 0 0 9 0\ncpu2 3 0 0 8 0\n", "20000/100000 20000/90000 30000/80000 "},
       {"cpu0 1 0 2 6 6\ncpu2 4 0 0 8 0\n", "30000/120000 20000/90000 40000/80000 "},
       {"cpu0 1 0 2 6 6\n", "30000/120000 20000/90000 40000/80000 "},
-      {"cpu0 1 0 2 6 6\ncpu4 1 0 0 1 0\n", "30000/120000 20000/90000 40000/80000 0/0 10000/10000 "},
+      {"cpu0 1 0 2 6 6\ncpu4 9 0 0 9 0\n", "30000/120000 20000/90000 40000/80000 0/0 0/0 "},
+      {"cpu4 11 0 0 8 0\n", "30000/120000 20000/90000 40000/80000 0/0 20000/0 "},
    };
    for (const auto& [text, expected] : readings) {
       Write("proc/stat", text);
@@ -136,39 +137,42 @@ TEST_F(LinuxHostTest, OnlyWholeDisksWithDataOfTheirOwnAreCounted)
 {
    const std::string counts = " 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17\n";
    const std::string none = " 0 0 0 0 0 0 0 0 0 0 0\n";
-   Write("proc/diskstats", "8 0 sda" + counts + "8 1 sda1" + counts + "7 0 loop0" + none +
-                              "7 1 loop1" + counts + "1 0 ram0" + none + "1 1 ram1" + counts +
-                              "253 0 dm-0" + counts + "104 0 cciss/c0d0" + counts);
+   Write("proc/diskstats", "8 0 sda" + counts + "8 1 sda1" + counts + "43 0 nbd0" + none +
+                              "43 1 nbd1" + counts + "7 1 loop1" + counts + "252 0 zram0" + counts +
+                              "1 0 ram0" + none + "1 1 ram1" + counts + "253 0 dm-0" + counts +
+                              "104 0 cciss/c0d0" + counts);
    Write("sys/block/sda/device/iotmo_cnt", "0x1f\n");
    MakeDirectory("sys/block/sda/slaves");
-   Write("sys/block/loop0/size", "0\n");
-   Write("sys/block/loop1/size", "8\n");
+   Write("sys/block/nbd0/size", "0\n");
+   Write("sys/block/nbd1/size", "8\n");
+   MakeDirectory("sys/block/loop1/loop");
+   MakeDirectory("sys/block/zram0");
    Write("sys/block/ram0/size", "8\n");
    Write("sys/block/ram1/size", "8\n");
    Write("sys/block/dm-0/size", "8\n");
    MakeDirectory("sys/block/dm-0/slaves/sda");
    MakeDirectory("sys/block/cciss!c0d0");
    const std::string figures = ":1/5/3/7/34/0 ";
-   EXPECT_EQ("sda:1/5/3/7/34/31 loop1" + figures + "ram1" + figures + "cciss/c0d0" + figures,
+   EXPECT_EQ("sda:1/5/3/7/34/31 nbd1" + figures + "ram1" + figures + "cciss/c0d0" + figures,
              Disks());
 }
 
 TEST_F(LinuxHostTest, DisksMayComeAndGo)
 {
    const std::string counts = " 1 0 1 0 0 0 0 0 0 0 0\n";
-   const std::string loop = "7 0 loop0" + counts;
+   const std::string slot = "43 0 nbd0" + counts;
    const std::string disk = "8 0 sda" + counts;
-   Write("proc/diskstats", loop + "253 0 dm-0" + counts + disk);
-   Write("sys/block/loop0/size", "0\n");
+   Write("proc/diskstats", slot + "253 0 dm-0" + counts + disk);
+   Write("sys/block/nbd0/size", "0\n");
    Write("sys/block/dm-0/size", "0\n"); // created, without members yet
    EXPECT_EQ("", Disks()) << "no disk has a directory or a size yet";
 
-   Write("sys/block/loop0/size", "8\n");
+   Write("sys/block/nbd0/size", "8\n");
    MakeDirectory("sys/block/dm-0/slaves/sda");
    Write("sys/block/dm-0/size", "8\n");
-   EXPECT_EQ("loop0:1/0/1/0/1/0 ", Disks());
+   EXPECT_EQ("nbd0:1/0/1/0/1/0 ", Disks());
 
-   Write("sys/block/loop0/size", "0\n");
+   Write("sys/block/nbd0/size", "0\n");
    Write("sys/block/dm-0/size", "0\n");
    EXPECT_EQ("", Disks());
    Remove("sys/block/dm-0/slaves");
@@ -177,10 +181,31 @@ TEST_F(LinuxHostTest, DisksMayComeAndGo)
 
    MakeDirectory("sys/block/sda");
    EXPECT_EQ("dm-0:1/0/1/0/1/0 ", Disks()) << "the kind of a device is looked up once";
-   Write("proc/diskstats", loop);
+   Write("proc/diskstats", slot);
    EXPECT_EQ("", Disks());
-   Write("proc/diskstats", loop + disk);
+   Write("proc/diskstats", slot + disk);
    EXPECT_EQ("sda:1/0/1/0/1/0 ", Disks()) << "and again after it was gone";
+}
+
+TEST_F(LinuxHostTest, AnotherDeviceBehindANameIsLeftOutOnce)
+{
+   Write("proc/diskstats", "8 0 sda 1 0 1 0 0 0 0 0 0 0 0\n8 1 sdb 2 0 1 0 0 0 0 0 0 0 0\n");
+   MakeDirectory("sys/block/sdb");
+   Write("proc/net/dev", "eth0: 1 2 0 0 0 0 0 0 3 4\neth1: 5 6 0 0 0 0 0 0 7 8\n");
+   MakeDirectory("sys/class/net/eth1/device");
+   const std::tuple<const char*, const char*, const char*> readings[] = {
+      {"7\n", "sda:1/0/1/0/1/0 sdb:2/0/1/0/2/0 ", "eth0:1/3/2/4 eth1:5/7/6/8 "},
+      {"7\n", "sda:1/0/1/0/1/0 sdb:2/0/1/0/2/0 ", "eth0:1/3/2/4 eth1:5/7/6/8 "},
+      {"8\n", "sdb:2/0/1/0/2/0 ", "eth0:none eth1:5/7/6/8 "},
+      {"8\n", "sda:1/0/1/0/1/0 sdb:2/0/1/0/2/0 ", "eth0:1/3/2/4 eth1:5/7/6/8 "},
+      {"", "sdb:2/0/1/0/2/0 ", "eth0:none eth1:5/7/6/8 "}, // just going
+   };
+   MakeDirectory("sys/class/net/eth0/device");
+   for (const auto& [number, disks, nics] : readings) {
+      Write({{"sys/block/sda/diskseq", number}, {"sys/class/net/eth0/ifindex", number}});
+      EXPECT_EQ(disks, Disks()) << number;
+      EXPECT_EQ(nics, Nics()) << number;
+   }
 }
 
 constexpr char kThreeInterfaces[] = "lo: 9 9 0 0 0 0 0 0 9 9\n"
