@@ -7,6 +7,7 @@
 #include "agentd/version.h"
 #include "console/program.h"
 #include "corvax/application.h"
+#include "corvax/descriptor.h"
 #include "corvax/exception.h"
 #include "corvax/lockFile.h"
 #include "corvax/system.h"
@@ -87,6 +88,7 @@ void RaiseDescriptorLimit()
 void Run(const Options& options, const Configuration& configuration)
 {
    RaiseDescriptorLimit();
+   Corvax::FillDescriptorReserve();
    StopSignal stop;
    const ApplicationScope application(configuration);
    const Ref<Corvax::Logger> logger = Corvax::Service::GetApp()->GetLogger("agentd");
@@ -107,6 +109,7 @@ void Run(const Options& options, const Configuration& configuration)
                plugin.GetNameAndVersion(), configuration.stateDir);
    while (!stop.Wait(monitor.GetCheckPeriod())) {
       monitor.CheckSilence();
+      Corvax::FillDescriptorReserve();
    }
    api.RefuseRequests();
    monitor.Stop();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <utility>
 
 namespace Corvax {
@@ -22,5 +23,29 @@ public:
 private:
    int _number;
 };
+
+/// How the process divides the descriptors that it may have open. The rest, kOtherDescriptors, is
+/// for the depot, the log, the hypervisor's connections and the reserve.
+struct DescriptorShares {
+   size_t keptFiles = 0;   ///< kernel files that stay open between two readings
+   size_t connections = 0; ///< of clients
+};
+
+constexpr size_t kOtherDescriptors = 64;
+constexpr size_t kReservedDescriptors = 16;
+
+/// The process's soft limit.
+size_t GetDescriptorLimit();
+DescriptorShares GetDescriptorShares();
+
+/// As open(2), close-on-exec, for a file that is closed again at once. When the process has no
+/// descriptor left, one of the reserve is given back for it. None: errno says why.
+/// Locking: any thread may call.
+Descriptor OpenBriefly(const char* path, int flags);
+
+/// Fills the reserve to kReservedDescriptors, as far as there are descriptors. To be called at the
+/// start and now and then, because OpenBriefly empties it. Without a call there is no reserve.
+/// Locking: any thread may call.
+void FillDescriptorReserve();
 
 } // namespace Corvax

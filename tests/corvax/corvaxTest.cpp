@@ -1,5 +1,6 @@
 #include "corvax/channel.h"
 #include "corvax/dateTime.h"
+#include "corvax/descriptor.h"
 #include "corvax/lockFile.h"
 #include "corvax/lockable.h"
 #include "corvax/objectRegistry.h"
@@ -7,10 +8,12 @@
 #include "corvax/system.h"
 #include "corvax/xmlConfig.h"
 #include "tests/fakes/captureLogger.h"
+#include "tests/fakes/descriptorLimit.h"
 #include "tests/fakes/manualTime.h"
 #include "tests/fakes/messageOf.h"
 #include "tests/fakes/scratch.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -18,6 +21,39 @@
 namespace {
 
 using namespace Corvax;
+
+TEST(DescriptorTest, TheReserveServesShortOpensWhenAllOthersAreTaken)
+{
+   FillDescriptorReserve();
+   const DescriptorLimit limit(200);
+   EXPECT_EQ(GetDescriptorShares().connections, 68);
+   std::vector<Descriptor> taken;
+   const auto take = [&taken] {
+      Descriptor one(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+      const bool isOpen = static_cast<bool>(one);
+      taken.push_back(std::move(one));
+      return isOpen;
+   };
+   while (take()) {
+   }
+   for (int i = 0; i < 100; ++i) {
+      ASSERT_TRUE(OpenBriefly("/", O_RDONLY | O_DIRECTORY)) << "each is closed again at once";
+   }
+   for (size_t i = 0; i < kReservedDescriptors; ++i) {
+      ASSERT_TRUE(OpenBriefly("/", O_RDONLY));
+      ASSERT_TRUE(take()) << "others take what was given back";
+   }
+   EXPECT_FALSE(OpenBriefly("/", O_RDONLY));
+   EXPECT_EQ(errno, EMFILE);
+   taken.resize(taken.size() - 5);
+   FillDescriptorReserve();
+   EXPECT_FALSE(take());
+   EXPECT_TRUE(OpenBriefly("/", O_RDONLY)) << "refilled";
+   EXPECT_FALSE(OpenBriefly("/gone", O_RDONLY));
+   EXPECT_EQ(errno, ENOENT);
+   const DescriptorLimit tooLow(kOtherDescriptors);
+   EXPECT_EQ(GetDescriptorShares().keptFiles, 0);
+}
 
 TEST(FormatTest, FillsPlacesInOnePass)
 {
