@@ -125,6 +125,22 @@ void AppendSeries(std::string& text, const PerformanceManager::MetricSeries& ser
    text += '}';
 }
 
+const char* StateName(Quen::Vm::Freshness::State state)
+{
+   using State = Quen::Vm::Freshness::State;
+   switch (state) {
+   case State::FRESH:
+      return "fresh";
+   case State::PARTLY:
+      return "partly";
+   case State::STALE:
+      return "stale";
+   case State::OFF:
+      return "off";
+   }
+   return "unknown";
+}
+
 } // namespace
 
 Json FigureToJson(int64_t figure)
@@ -172,6 +188,18 @@ Json ToJson(const PerformanceManager::ProviderSummary& summary)
                 {"refreshRate", nullptr}};
    if (summary.refreshRate) {
       json["refreshRate"] = *summary.refreshRate;
+   }
+   return json;
+}
+
+Json ToJson(const Quen::Vm::Freshness& freshness)
+{
+   Json json = {{"state", StateName(freshness.state)}};
+   if (freshness.sinceSec != 0) {
+      json["since"] = Corvax::DateTime::FromSeconds(freshness.sinceSec).ToString();
+   }
+   if (!freshness.reason.empty()) {
+      json["reason"] = freshness.reason;
    }
    return json;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "managementApi/requestText.h"
+#include "quen/inventory.h"
 #include "quen/performanceManager.h"
 
 #include <nlohmann/json.hpp>
@@ -17,6 +18,8 @@ Json ToJson(const Quen::PerformanceManager::CounterInfo& counter);
 Json ToJson(const Quen::HistoricalInterval& interval);
 Json ToJson(const MetricId& metricId);
 Json ToJson(const Quen::PerformanceManager::ProviderSummary& summary);
+/// Without `since` or `reason` where there is none.
+Json ToJson(const Quen::Vm::Freshness& freshness);
 /// Null if the figure is negative, that is, unset.
 Json FigureToJson(int64_t figure);
 

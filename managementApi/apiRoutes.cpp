@@ -81,12 +81,20 @@ Json EntityToJson(Quen::ManagedEntity& entity)
    json["name"] = entity.GetName();
    json["state"] = nullptr;
    json["parent"] = nullptr;
+   Json freshness;
    if (auto* const vm = dynamic_cast<Guestsvc::HaVirtualMachine*>(&entity)) {
       const Corvax::Locker lock(vm);
-      json["state"] = PowerStateName(vm->GetRuntime()->GetPowerState());
+      const Quen::Vm::PowerState state = vm->GetRuntime()->GetPowerState();
+      json["state"] = PowerStateName(state);
+      // Backends that know nothing of freshness report every virtual machine as fresh.
+      freshness = ToJson(state == Quen::Vm::PowerState::POWERED_ON ? vm->GetFreshness()
+                                                                   : Quen::Vm::Freshness());
    }
    if (const Ref<Plexa::MoRef> parent = entity.GetParent()) {
       json["parent"] = parent->GetId();
+   }
+   if (!freshness.is_null()) {
+      json["freshness"] = std::move(freshness);
    }
    return json;
 }

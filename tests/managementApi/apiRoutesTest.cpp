@@ -26,6 +26,12 @@ struct FakeHostSystem : Quen::HostSystem, Corvax::ObjectImpl {
       MakeRef<Plexa::MoRef>(Quen::HostSystem::GetManagedType(), AgentdCommon::moid_hostsystem);
 };
 
+struct FreshnessVm : FakeVm {
+   using FakeVm::FakeVm;
+   Quen::Vm::Freshness GetFreshness() override { return freshness; }
+   Quen::Vm::Freshness freshness;
+};
+
 /// The API over a real performance manager, with some collections in its depot.
 class ManagementApiTest : public testing::Test {
 protected:
@@ -431,11 +437,39 @@ TEST_F(ManagementApiTest, EveryDocumentedFieldOfAQuerySpecIsTaken)
    ASSERT_EQ(answer["data"].size(), 1u);
 }
 
-TEST_F(ManagementApiTest, EntitiesAreListedWithTheirState)
+TEST_F(ManagementApiTest, EntitiesAreListedWithTheirStateAndFreshness)
 {
-   const Json entities = Data(Get("/api/v1/entities"));
-   ASSERT_EQ(entities.size(), 3u);
-   EXPECT_EQ(entities[2]["state"], "suspended");
+   using State = Quen::Vm::Freshness::State;
+   const std::tuple<State, int64_t, const char*, Json> rows[] = {
+      {State::FRESH, kNow, "", {{"state", "fresh"}, {"since", "2001-09-09T01:50:00Z"}}},
+      {State::PARTLY,
+       1,
+       "is\xff busy",
+       {{"state", "partly"}, {"since", "1970-01-01T00:00:01Z"}, {"reason", "is\xef\xbf\xbd busy"}}},
+      {State::STALE, 0, "is away", {{"state", "stale"}, {"reason", "is away"}}},
+   };
+   std::map<std::string, Json> expected = {{"ha-host", nullptr},
+                                           {"pool-1", nullptr},
+                                           {"vm 1/\xc3\xa4", {{"state", "off"}}}}; // suspended
+   for (const auto& [state, sinceSec, reason, json] : rows) {
+      const std::string id = "on-" + std::to_string(expected.size());
+      const auto vm = MakeRef<FreshnessVm>(id);
+      vm->runtime->powerState = Quen::Vm::PowerState::POWERED_ON;
+      vm->freshness = {state, sinceSec, reason};
+      _agent.Register(id, vm);
+      expected[id] = json;
+   }
+   std::map<std::string, Json> freshness;
+   const Json document = Document();
+   for (const Json& entity : Data(Get("/api/v1/entities"))) {
+      CheckSchema(document, document["components"]["schemas"]["Entity"], entity, "entity");
+      const std::string id = entity["id"];
+      freshness[id] = entity.value("freshness", Json());
+      EXPECT_EQ(entity["state"], id.starts_with("on-")   ? Json("poweredOn")
+                                 : id.starts_with("vm ") ? Json("suspended")
+                                                         : Json());
+   }
+   EXPECT_EQ(freshness, expected);
 }
 
 } // namespace
