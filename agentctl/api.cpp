@@ -128,6 +128,32 @@ Json GetData(HttpClient& client, const std::string& path)
    return GetEnvelope(client.Get(path, kJsonType)).at("data");
 }
 
+Corvax::DateTime GetTime(const Json& object, const char* key)
+{
+   Corvax::DateTime time;
+   if (!Corvax::DateTime::Parse(GetText(object, key), time)) {
+      FailInvalid(Format("'%1' is not a valid time", key));
+   }
+   return time;
+}
+
+/// Agents of older versions do not send it, and no agent does for hosts and pools.
+Freshness GetFreshness(const Json& entity)
+{
+   Freshness freshness;
+   if (entity.contains("freshness")) {
+      const Json& field = entity.at("freshness");
+      freshness.state = GetText(field, "state");
+      if (field.contains("since")) {
+         freshness.since = GetTime(field, "since");
+      }
+      if (field.contains("reason")) {
+         freshness.reason = GetText(field, "reason");
+      }
+   }
+   return freshness;
+}
+
 Metric ToMetric(const Json& object)
 {
    return {GetNumber(object, "counterId"), GetText(object, "instance")};
@@ -149,11 +175,7 @@ EntitySeries ToEntitySeries(const Json& object)
 {
    EntitySeries result = {GetText(GetField(object, "entity"), "id"), {}, {}};
    for (const Json& sample : ToList(GetField(object, "sampleInfo"), "sampleInfo")) {
-      Corvax::DateTime time;
-      if (!Corvax::DateTime::Parse(GetText(sample, "timestamp"), time)) {
-         FailInvalid("a time stamp is not a valid time");
-      }
-      result.times.push_back(time);
+      result.times.push_back(GetTime(sample, "timestamp"));
    }
    for (const Json& series : ToList(GetField(object, "value"), "value")) {
       result.series.push_back(ToSeries(series, result.times.size()));
@@ -219,7 +241,8 @@ std::vector<Entity> Api::GetEntities()
    const Json data = GetData(_client, "/api/v1/entities");
    for (const Json& item : ToList(data, "data")) {
       entities.push_back({GetText(item, "type"), GetText(item, "id"), GetText(item, "name"),
-                          GetOptionalText(item, "state"), GetOptionalText(item, "parent")});
+                          GetOptionalText(item, "state"), GetOptionalText(item, "parent"),
+                          GetFreshness(item)});
    }
    return entities;
 }

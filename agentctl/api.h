@@ -26,12 +26,22 @@ struct Interval {
    int64_t lengthSec;
 };
 
+/// Whether the current figures of a virtual machine are there.
+struct Freshness {
+   std::string state; ///< fresh, partly, stale or off; empty if the server does not say
+   std::optional<Corvax::DateTime> since;
+   std::string reason;
+
+   bool IsAnyMissing() const { return state == "partly" || state == "stale"; }
+};
+
 struct Entity {
    std::string type; ///< HostSystem, VirtualMachine or ResourcePool
    std::string id;
    std::string name;
    std::optional<std::string> state;
    std::optional<std::string> parent;
+   Freshness freshness = {};
 };
 
 struct Metric {

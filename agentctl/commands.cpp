@@ -45,10 +45,22 @@ std::string FormatMemory(const std::optional<int64_t>& kb)
 
 void ListEntities(Api& api, Output& output)
 {
-   TextTable table({{"TYPE"}, {"ID"}, {"NAME"}, {"STATE"}, {"PARENT"}});
+   // Scripts read the first five columns by their numbers.
+   TextTable table(
+      {{"TYPE"}, {"ID"}, {"NAME"}, {"STATE"}, {"PARENT"}, {"FIGURES"}, {"SINCE"}, {"REASON"}});
    for (const Entity& entity : api.GetEntities()) {
-      table.AddRow({entity.type, entity.id, entity.name, entity.state.value_or(kUnsetText),
-                    entity.parent.value_or(kUnsetText)});
+      std::vector<std::string> cells = {entity.type, entity.id, entity.name,
+                                        entity.state.value_or(kUnsetText),
+                                        entity.parent.value_or(kUnsetText)};
+      const Freshness& freshness = entity.freshness;
+      if (freshness.IsAnyMissing()) {
+         cells.insert(cells.end(),
+                      {freshness.state,
+                       freshness.since ? FormatTime(*freshness.since, false) : kUnsetText,
+                       freshness.reason});
+      }
+      cells.resize(8);
+      table.AddRow(cells);
    }
    output.Write(table.TakeText());
 }

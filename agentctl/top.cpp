@@ -46,11 +46,13 @@ std::string FormatType(const std::string& type)
    return Shorten(type, types);
 }
 
-std::string FormatState(const std::optional<std::string>& state)
+/// Of a virtual machine with missing figures this is how many are: "partly" or "stale".
+std::string FormatState(const Entity& entity)
 {
    static const std::map<std::string, std::string> states = {{"poweredOn", "on"},
                                                              {"poweredOff", "off"}};
-   return Shorten(state.value_or(kUnsetText), states);
+   return entity.freshness.IsAnyMissing() ? entity.freshness.state
+                                          : Shorten(entity.state.value_or(kUnsetText), states);
 }
 
 /// Works on rows that are const or not.
@@ -197,7 +199,7 @@ TextTable ToTable(const std::vector<TopRow>& rows)
                     {"DISK KB/s", true},
                     {"NET KB/s", true}});
    for (const TopRow& row : rows) {
-      table.AddRow({row.entity.name, FormatType(row.entity.type), FormatState(row.entity.state),
+      table.AddRow({row.entity.name, FormatType(row.entity.type), FormatState(row.entity),
                     FormatPool(row.entity, rows), FormatNumber(row.cpuMhz),
                     FormatPercent(row.cpuHundredths), FormatNumber(row.readyMs),
                     FormatNumber(ToMb(row.memConsumedKb)), FormatPercent(row.memHundredths),

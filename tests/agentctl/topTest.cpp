@@ -1,5 +1,7 @@
 #include "agentctl/top.h"
+#include "agentctl/commands.h"
 #include "agentctl/topCommand.h"
+#include "agentctl/valueFormat.h"
 #include "tests/agentctl/scriptedAgent.h"
 
 #include <algorithm>
@@ -8,7 +10,7 @@ namespace {
 
 using namespace Agentctl;
 
-/// A host, a pool, and two virtual machines in it, one of them switched off.
+/// A host, a pool, and three virtual machines in it: one runs, one does not answer, one is off.
 class TopTest : public AgentctlTest {
 public:
    TopTest()
@@ -16,8 +18,10 @@ public:
       agent.Respond("/api/v1/entities", R"([
          {"type":"ResourcePool","id":"p","name":"pool","state":null,"parent":null},
          {"type":"VirtualMachine","id":"old","name":"off","state":"poweredOff","parent":"p"},
+         {"type":"VirtualMachine","id":"s","name":"stuck","state":"poweredOn","parent":"p",
+          "freshness":{"state":"stale","since":"2026-11-21T09:05:00Z","reason":"no answer\u001b"}},
          {"type":"VirtualMachine","id":"v","name":"web\u001b[2J","state":"poweredOn",
-          "parent":"p"},
+          "parent":"p","freshness":{"state":"fresh","since":"2026-11-21T09:00:00Z"}},
          {"type":"HostSystem","id":"ha-host","name":"host","state":null,"parent":null}])");
       const std::vector<std::string> times = {"09:05:00", "09:05:20"};
       agent.Respond(
@@ -44,7 +48,25 @@ TEST_F(TopTest, PrintsNewestFiguresByCpuUse)
              "off         vm    off    pool        -      -         -       -      -          -  "
              "       -\n"
              "pool        pool  -      -           -      -         -       -      -          -  "
+             "       -\n"
+             "stuck       vm    stale  pool        -      -         -       -      -          -  "
              "       -\n");
+}
+
+TEST_F(TopTest, EntitiesSayWhichFiguresAreMissingSinceWhenAndWhy)
+{
+   ListEntities(api, output);
+   const std::string since = FormatTime(Corvax::DateTime::FromSeconds(1795251900), false);
+   EXPECT_EQ(output.text,
+             "TYPE            ID       NAME        STATE       PARENT  FIGURES  SINCE             "
+             "   REASON\n"
+             "ResourcePool    p        pool        -           -\n"
+             "VirtualMachine  old      off         poweredOff  p\n"
+             "VirtualMachine  s        stuck       poweredOn   p       stale    " +
+                since +
+                "  no answer\\x1b\n"
+                "VirtualMachine  v        web\\x1b[2J  poweredOn   p\n"
+                "HostSystem      ha-host  host        -           -\n");
 }
 
 TEST_F(TopTest, SendsOneQueryForAllEntities)
