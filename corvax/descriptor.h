@@ -18,6 +18,8 @@ public:
    ~Descriptor();
 
    int Get() const noexcept { return _number; }
+   /// Gives up ownership.
+   int Release() noexcept { return std::exchange(_number, -1); }
    explicit operator bool() const noexcept { return _number >= 0; }
 
 private:

@@ -1,6 +1,7 @@
 #include "linuxHost/kernel/diskReader.h"
 
 #include "linuxHost/kernel/blockDevices.h"
+#include "linuxHost/kernel/directory.h"
 #include "linuxHost/kernel/saturate.h"
 #include "linuxHost/kernel/textParts.h"
 
@@ -35,9 +36,8 @@ bool Exists(const std::string& path)
 
 bool HasEntries(const std::string& path)
 {
-   std::error_code failure;
-   const std::filesystem::directory_iterator entry(path, failure);
-   return !failure && entry != std::filesystem::directory_iterator();
+   const auto names = ListDirectory(path, Entries::ALL);
+   return names && !names->empty();
 }
 
 } // namespace

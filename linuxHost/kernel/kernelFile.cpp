@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <system_error>
 #include <utility>
@@ -23,14 +24,54 @@ bool MeansAbsent(int errorNumber)
           errorNumber == ENXIO || errorNumber == ESRCH;
 }
 
+bool MeansRefused(int errorNumber)
+{
+   return errorNumber == EACCES || errorNumber == EPERM;
+}
+
+std::atomic<size_t> keptCount{0};
+
 } // namespace
+
+void FailReading(const std::string& path, int errorNumber)
+{
+   std::string reason = std::generic_category().message(errorNumber);
+   if (errorNumber == EMFILE) {
+      reason += Corvax::Format("; the limit is %1 (LimitNOFILE of the agent's unit, ulimit -n)",
+                               Corvax::GetDescriptorLimit());
+   }
+   throw HostCtl::Lib::HostCtlException(Corvax::Format("Cannot read %1: %2", path, reason));
+}
+
+void KeptDescriptor::Keep(Corvax::Descriptor descriptor)
+{
+   Close();
+   // Two threads at once may exceed the share by one each, which does no harm.
+   if (descriptor && keptCount < Corvax::GetDescriptorShares().keptFiles) {
+      _descriptor = std::move(descriptor);
+      ++keptCount;
+   }
+}
+
+void KeptDescriptor::Close()
+{
+   if (_descriptor) {
+      _descriptor = Corvax::Descriptor();
+      --keptCount;
+   }
+}
+
+size_t KeptDescriptor::GetCount()
+{
+   return keptCount;
+}
 
 KernelFile::KernelFile(std::string path) : _path(std::move(path)) {}
 
 std::string_view KernelFile::Read()
 {
    if (const int errorNumber = TryRead()) {
-      Fail(errorNumber);
+      FailReading(_path, errorNumber);
    }
    return {_buffer.data(), _sizeBytes};
 }
@@ -38,13 +79,21 @@ std::string_view KernelFile::Read()
 std::optional<std::string_view> KernelFile::ReadIfPresent()
 {
    const int errorNumber = TryRead();
-   if (MeansAbsent(errorNumber)) {
-      return std::nullopt;
+   if (errorNumber != 0 && !MeansAbsent(errorNumber)) {
+      FailReading(_path, errorNumber);
    }
-   if (errorNumber != 0) {
-      Fail(errorNumber);
+   return errorNumber == 0 ? std::optional(std::string_view(_buffer.data(), _sizeBytes))
+                           : std::nullopt;
+}
+
+std::optional<std::string_view> KernelFile::ReadIfPermitted()
+{
+   const int errorNumber = TryRead();
+   if (errorNumber != 0 && !MeansAbsent(errorNumber) && !MeansRefused(errorNumber)) {
+      FailReading(_path, errorNumber);
    }
-   return std::string_view(_buffer.data(), _sizeBytes);
+   return errorNumber == 0 ? std::optional(std::string_view(_buffer.data(), _sizeBytes))
+                           : std::nullopt;
 }
 
 std::optional<uint64_t> KernelFile::ReadNumberIfPresent()
@@ -62,33 +111,37 @@ void KernelFile::FailLacking(std::string_view what) const
 int KernelFile::TryRead()
 {
    if (_descriptor) {
-      if (ReadAll() == 0) {
+      if (ReadAll(_descriptor.Get()) == 0) {
          return 0;
       }
-      _descriptor = Corvax::Descriptor();
+      _descriptor.Close();
    }
    return OpenAndReadAll();
 }
 
 int KernelFile::OpenAndReadAll()
 {
-   _descriptor = Corvax::Descriptor(::open(_path.c_str(), O_RDONLY | O_CLOEXEC));
-   const int errorNumber = _descriptor ? ReadAll() : errno;
-   if (errorNumber != 0) {
-      _descriptor = Corvax::Descriptor();
+   Corvax::Descriptor descriptor(::open(_path.c_str(), O_RDONLY | O_CLOEXEC));
+   if (!descriptor && (errno == EMFILE || errno == ENFILE)) {
+      descriptor = Corvax::OpenBriefly(_path.c_str(), O_RDONLY);
+      return descriptor ? ReadAll(descriptor.Get()) : errno;
+   }
+   const int errorNumber = descriptor ? ReadAll(descriptor.Get()) : errno;
+   if (errorNumber == 0) {
+      _descriptor.Keep(std::move(descriptor));
    }
    return errorNumber;
 }
 
 /// Reads until nothing is left: a short read is not yet the end of a kernel file.
-int KernelFile::ReadAll()
+int KernelFile::ReadAll(int descriptor)
 {
    _sizeBytes = 0;
    for (;;) {
       if (_sizeBytes == _buffer.size()) {
          _buffer.resize(_buffer.empty() ? kFirstBufferBytes : _buffer.size() * 2);
       }
-      const ssize_t count = ::pread(_descriptor.Get(), _buffer.data() + _sizeBytes,
+      const ssize_t count = ::pread(descriptor, _buffer.data() + _sizeBytes,
                                     _buffer.size() - _sizeBytes, static_cast<off_t>(_sizeBytes));
       if (count == 0) {
          return 0;
@@ -99,12 +152,6 @@ int KernelFile::ReadAll()
          return errno;
       }
    }
-}
-
-void KernelFile::Fail(int errorNumber) const
-{
-   throw HostCtl::Lib::HostCtlException(
-      Corvax::Format("Cannot read %1: %2", _path, std::generic_category().message(errorNumber)));
 }
 
 } // namespace LinuxHost

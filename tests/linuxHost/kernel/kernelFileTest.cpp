@@ -1,13 +1,16 @@
 #include "linuxHost/kernel/kernelFile.h"
 #include "corvax/format.h"
 #include "hostctl/lib.h"
+#include "tests/fakes/descriptorLimit.h"
 #include "tests/fakes/kernelTree.h"
+#include "tests/fakes/messageOf.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <list>
 
 namespace {
 
@@ -36,6 +39,34 @@ TEST_F(KernelFileTest, AFileOfADeviceThatCameBackIsOpenedAgain)
    EXPECT_EQ(std::string(5000, 'x'), back.Read());
    EXPECT_FALSE(gone.ReadIfPresent());
    EXPECT_THROW(gone.Read(), HostCtl::Lib::HostCtlException);
+}
+
+TEST_F(KernelFileTest, FilesBeyondTheShareAreOpenedForEachReading)
+{
+   Write("f", "1\n");
+   const DescriptorLimit limit(Corvax::kOtherDescriptors + 2 * 8);
+   std::list<KernelFile> files;
+   for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(1U, files.emplace_back(Path("f")).ReadNumberIfPresent());
+   }
+   EXPECT_EQ(8U, LinuxHost::KeptDescriptor::GetCount());
+   Write("f", "2\n");
+   for (KernelFile& file : files) {
+      EXPECT_EQ(2U, file.ReadNumberIfPresent());
+   }
+   files.clear();
+   EXPECT_EQ(0U, LinuxHost::KeptDescriptor::GetCount());
+}
+
+TEST_F(KernelFileTest, TooManyOpenFilesAreNotAnAbsentFile)
+{
+   const DescriptorLimit limit(0);
+   const std::string message =
+      MessageOf<HostCtl::Lib::HostCtlException>([this] { KernelFile(Path("f")).ReadIfPresent(); });
+   EXPECT_EQ("Cannot read " + Path("f") +
+                ": Too many open files; the limit is 0 (LimitNOFILE of "
+                "the agent's unit, ulimit -n)",
+             message);
 }
 
 } // namespace
