@@ -83,6 +83,15 @@ std::optional<uint64_t> ParseZeroPages(std::string_view ksmStat)
    return ParseKeyedNumbers(ksmStat, kFields).zeroPages;
 }
 
+std::optional<uint64_t> ParseHugeKb(std::string_view procStatus)
+{
+   struct Status {
+      std::optional<uint64_t> hugeKb;
+   };
+   constexpr KeyedNumber<Status> kFields[] = {{"HugetlbPages:", &Status::hugeKb}};
+   return ParseKeyedNumbers(procStatus, kFields).hugeKb;
+}
+
 std::optional<std::string> ParseUuidArgument(std::string_view procCmdline)
 {
    while (!procCmdline.empty()) {

@@ -28,6 +28,9 @@ std::optional<uint64_t> ParseStartTicks(std::string_view procStat);
 /// Pages merged into the zero page, from /proc/PID/ksm_stat.
 std::optional<uint64_t> ParseZeroPages(std::string_view ksmStat);
 
+/// Memory in huge pages, in KB, from /proc/PID/status.
+std::optional<uint64_t> ParseHugeKb(std::string_view procStatus);
+
 /// The value of the argument "-uuid" in lower case, from /proc/PID/cmdline; unset when it is not a
 /// UUID.
 std::optional<std::string> ParseUuidArgument(std::string_view procCmdline);

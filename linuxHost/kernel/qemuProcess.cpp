@@ -2,118 +2,194 @@
 
 #include "corvax/format.h"
 #include "hostctl/lib.h"
+#include "linuxHost/kernel/directory.h"
 #include "linuxHost/kernel/procParsers.h"
 #include "linuxHost/kernel/processParsers.h"
-#include "linuxHost/kernel/textParts.h"
 #include "linuxHost/kernel/units.h"
+#include "linuxHost/kernel/vmGroups.h"
 
 #include <fcntl.h>
 
-#include <filesystem>
-#include <system_error>
+#include <algorithm>
+#include <cerrno>
+#include <utility>
 #include <vector>
 
 namespace LinuxHost {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-/// libvirt's groups inside that of a virtual machine.
-bool IsInnerGroup(std::string_view name)
+/// The group of one of a process's hierarchies; empty for none.
+std::string_view FindGroup(const std::vector<GroupMembership>& memberships,
+                           bool (*isWanted)(std::string_view))
 {
-   return name == "emulator" || name == "libvirt" || IsNumbered(name, "vcpu") ||
-          IsNumbered(name, "iothread");
+   for (const std::string_view controller : {"", "cpu", "memory"}) {
+      for (const GroupMembership& one : memberships) {
+         if (one.controller == controller && isWanted(GetVmGroup(one.path))) {
+            return GetVmGroup(one.path);
+         }
+      }
+   }
+   return {};
 }
 
-/// The path up to the virtual machine's own group.
-std::string_view GetVmGroup(std::string_view path)
+/// The smaller, the surer is it that the process runs a virtual machine.
+enum class Rank { IN_VM_GROUP, NAMED_SO, OTHER };
+
+Rank FindRank(const std::string& processPath)
 {
-   for (size_t slash = path.rfind('/'); slash != 0 && slash != std::string_view::npos;
-        slash = path.rfind('/')) {
-      if (!IsInnerGroup(path.substr(slash + 1))) {
-         break;
-      }
-      path = path.substr(0, slash);
+   KernelFile cgroup(processPath + "/cgroup");
+   const auto memberships = ParseMemberships(cgroup.ReadIfPermitted().value_or(""));
+   if (!FindGroup(memberships, IsVmGroup).empty()) {
+      return Rank::IN_VM_GROUP;
    }
-   return path;
+   KernelFile comm(processPath + "/comm");
+   const std::string_view name = comm.ReadIfPermitted().value_or("");
+   return name.starts_with("qemu") || name.starts_with("kvm") ? Rank::NAMED_SO : Rank::OTHER;
+}
+
+std::string PathOf(int directory, std::string_view fileName)
+{
+   return Corvax::Format("/proc/self/fd/%1/%2", directory, fileName);
 }
 
 } // namespace
 
 std::map<std::string, int32_t> FindQemuProcesses(const std::string& root)
 {
-   std::map<std::string, int32_t> processes;
-   std::error_code failure;
-   for (fs::directory_iterator entry(root + "/proc", failure), end; !failure && entry != end;
-        entry.increment(failure)) {
-      const std::optional<int32_t> pid = ParsePid(entry->path().filename().string());
+   std::map<std::string, std::pair<Rank, int32_t>> best;
+   const std::string proc = root + "/proc";
+   const auto names = ListDirectory(proc, Entries::DIRECTORIES);
+   for (const std::string& name : names.value_or(std::vector<std::string>())) {
+      const std::optional<int32_t> pid = ParsePid(name);
       if (!pid) {
          continue;
       }
-      KernelFile cmdline(entry->path().string() + "/cmdline");
-      const auto uuid = ParseUuidArgument(cmdline.ReadIfPresent().value_or(""));
+      const std::string path = Corvax::Format("%1/%2", proc, name);
+      KernelFile cmdline(path + "/cmdline");
+      const auto uuid = ParseUuidArgument(cmdline.ReadIfPermitted().value_or(""));
       if (!uuid) {
          continue;
       }
-      const auto [known, isNew] = processes.emplace(*uuid, *pid);
-      if (!isNew && *pid < known->second) {
-         known->second = *pid;
+      if (const Rank rank = FindRank(path); rank != Rank::OTHER) {
+         const auto [known, isNew] = best.try_emplace(*uuid, rank, *pid);
+         known->second = std::min(known->second, std::pair(rank, *pid));
       }
+   }
+   std::map<std::string, int32_t> processes;
+   for (const auto& [uuid, process] : best) {
+      processes[uuid] = process.second;
    }
    return processes;
 }
 
-QemuProcess::QemuProcess(const std::string& root, int32_t pid)
-   : _pid(pid), _directory(::open(Corvax::Format("%1/proc/%2", root, pid).c_str(),
-                                  O_PATH | O_DIRECTORY | O_CLOEXEC)),
-     _mergingPages(PathOf("ksm_merging_pages")), _ksmStat(PathOf("ksm_stat"))
+/// The paths in messages show a descriptor instead of the process.
+template <class Operation>
+auto QemuProcess::Named(const Operation& operation) const
 {
+   try {
+      return operation();
+   } catch (const HostCtl::Lib::HostCtlException& failure) {
+      throw HostCtl::Lib::HostCtlException(
+         Corvax::Format("Process %1: %2", _pid, failure.GetMessage()));
+   }
+}
+
+QemuProcess::QemuProcess(const std::string& root, int32_t pid)
+   : _pid(pid), _path(Corvax::Format("%1/proc/%2", root, pid))
+{
+   Corvax::Descriptor directory(::open(_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+   _isGone = !directory && errno == ENOENT;
+   _directory.Keep(std::move(directory));
+   if (_directory) {
+      return;
+   }
+   try {
+      OpenSame();
+   } catch (const HostCtl::Lib::HostCtlException&) {
+      _startTicks.reset(); // the first reading that succeeds identifies the process
+   }
 }
 
 std::optional<uint64_t> QemuProcess::ReadStartUs()
 {
-   KernelFile file(PathOf("stat"));
-   const std::optional<uint64_t> ticks = ParseStartTicks(Read(file));
+   const std::optional<uint64_t> ticks = ParseStartTicks(ReadOnce("stat"));
    return ticks ? std::optional(TicksToUs(*ticks)) : std::nullopt;
 }
 
 std::string QemuProcess::ReadGroupPath()
 {
-   KernelFile file(PathOf("cgroup"));
-   const std::vector<GroupMembership> memberships = ParseMemberships(Read(file));
-   for (const std::string_view controller : {"", "cpu", "memory"}) {
-      for (const GroupMembership& one : memberships) {
-         if (one.controller == controller && one.path != "/") {
-            return std::string(GetVmGroup(one.path));
-         }
-      }
+   const std::string text = ReadOnce("cgroup");
+   const std::vector<GroupMembership> memberships = ParseMemberships(text);
+   std::string_view group = FindGroup(memberships, IsVmGroup);
+   if (group.empty()) {
+      group = FindGroup(memberships, [](std::string_view path) { return path != "/"; });
    }
-   return "";
+   return std::string(group);
 }
 
 MergedMemory QemuProcess::ReadMergedMemory()
 {
-   return {PagesToKb(ParseNumberFile(Read(_mergingPages)).value_or(0)),
-           PagesToKb(ParseZeroPages(Read(_ksmStat)).value_or(0))};
+   return {PagesToKb(ParseNumberFile(ReadKept("ksm_merging_pages")).value_or(0)),
+           PagesToKb(ParseZeroPages(ReadKept("ksm_stat")).value_or(0))};
 }
 
-/// A path through the directory's descriptor, which stays this process's.
-std::string QemuProcess::PathOf(std::string_view fileName) const
+std::optional<uint64_t> QemuProcess::ReadHugeKb()
 {
-   return Corvax::Format("/proc/self/fd/%1/%2", _directory.Get(), fileName);
+   return ParseHugeKb(ReadKept("status"));
 }
 
-/// Empty when the process or the file does not exist.
-std::string_view QemuProcess::Read(KernelFile& file) const
+/// Empty when the process or the file does not exist or may not be read. Valid until the next call.
+/// The file stays open if the directory does.
+std::string_view QemuProcess::ReadKept(std::string_view fileName)
 {
-   try {
-      return file.ReadIfPresent().value_or("");
-   } catch (const HostCtl::Lib::HostCtlException& failure) {
-      // The path in its message shows a descriptor instead of the process.
-      throw HostCtl::Lib::HostCtlException(
-         Corvax::Format("Process %1: %2", _pid, failure.GetMessage()));
+   if (!_directory) {
+      _text = ReadOnce(fileName);
+      return _text;
    }
+   auto file = _files.find(fileName);
+   if (file == _files.end()) {
+      file = _files.try_emplace(std::string(fileName), PathOf(_directory.Get(), fileName)).first;
+   }
+   return Named([&] { return file->second.ReadIfPermitted().value_or(""); });
+}
+
+std::string QemuProcess::ReadOnce(std::string_view fileName)
+{
+   const Corvax::Descriptor opened = _directory ? Corvax::Descriptor() : OpenSame();
+   if (!_directory && !opened) {
+      return {};
+   }
+   KernelFile file(PathOf(_directory ? _directory.Get() : opened.Get(), fileName));
+   return Named([&] { return std::string(file.ReadIfPermitted().value_or("")); });
+}
+
+std::optional<uint64_t> QemuProcess::ReadStartTicks(int directory) const
+{
+   KernelFile stat(PathOf(directory, "stat"));
+   return Named([&] { return ParseStartTicks(stat.ReadIfPermitted().value_or("")); });
+}
+
+/// The directory of the process; none when it has ended.
+Corvax::Descriptor QemuProcess::OpenSame()
+{
+   Corvax::Descriptor directory;
+   if (_isGone) {
+      return directory;
+   }
+   directory = Corvax::OpenBriefly(_path.c_str(), O_PATH | O_DIRECTORY);
+   if (!directory && errno != ENOENT) {
+      FailReading(_path, errno);
+   }
+   _isGone = !directory;
+   if (!_isGone) {
+      const std::optional<uint64_t> ticks = ReadStartTicks(directory.Get());
+      if (!_startTicks) {
+         _startTicks = ticks; // there was no descriptor until now
+      }
+      _isGone = ticks != _startTicks;
+   }
+   return _isGone ? Corvax::Descriptor() : std::move(directory);
 }
 
 } // namespace LinuxHost
