@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <set>
 #include <utility>
 
 namespace LinuxHost {
@@ -163,6 +162,39 @@ std::vector<PoolGroup> FindPools(const ControlGroups& groups)
       search.AddBelow("/" + machine, machine, "");
    }
    return search.TakePools();
+}
+
+PoolTracker::Changes PoolTracker::LookUp(const ControlGroups& groups)
+{
+   Changes changes;
+   changes.present = FindPools(groups);
+   std::map<std::string, std::string> paths;
+   for (const PoolGroup& pool : changes.present) {
+      paths[pool.id] = pool.path;
+   }
+   if (std::string machine = FindMachinePath(groups); !machine.empty()) {
+      paths[kRootPoolId] = std::move(machine);
+   }
+   std::set<std::string> missing;
+   for (const auto& [id, path] : _paths) {
+      if (paths.contains(id) || path.empty()) {
+         continue;
+      }
+      const bool isMissing = !groups.IsPresent(path);
+      if (isMissing && _missing.contains(id)) {
+         changes.gone.push_back(id);
+         continue;
+      }
+      if (isMissing) {
+         missing.insert(id);
+      }
+      paths[id] = path;
+   }
+   std::erase(changes.gone, kRootPoolId);
+   paths.try_emplace(kRootPoolId);
+   _paths = std::move(paths);
+   _missing = std::move(missing);
+   return changes;
 }
 
 std::string PoolIdOfPartition(std::string_view partition)

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,16 +30,38 @@ struct PoolGroup {
 };
 
 /// Parents before their children, without the root pool. Where two groups have the same id, the
-/// first is the pool. Groups more than 16 levels deep are left out.
+/// first is the pool. Groups more than 16 levels deep are left out. Errors:
+/// HostCtl::Lib::HostCtlException when one cannot be listed.
 std::vector<PoolGroup> FindPools(const ControlGroups& groups);
+
+/// The pools of the host over several lookups. A pool is gone when two lookups in a row find that
+/// its own group does not exist; one that merely was not listed stays.
+///
+/// Errors: HostCtl::Lib::HostCtlException when something cannot be looked up; nothing has changed
+/// then. Locking: none; one thread at a time.
+class PoolTracker {
+public:
+   struct Changes {
+      std::vector<PoolGroup> present; ///< parents before their children
+      std::vector<std::string> gone;  ///< ids
+   };
+
+   Changes LookUp(const ControlGroups& groups);
+
+   /// Path of each pool's group by the pool's id; the root pool's is empty while it has none.
+   const std::map<std::string, std::string>& GetPaths() const { return _paths; }
+
+private:
+   std::map<std::string, std::string> _paths{{kRootPoolId, ""}};
+   std::set<std::string> _missing; // ids of those that the last lookup did not find
+};
 
 /// Id of the pool that FindPools finds for a virtual machine's partition, "/machine/gold/web" or
 /// "/machine.slice/machine-gold.slice/machine-gold-web.slice". The root pool's for an empty
 /// partition and for one outside the machine group.
 std::string PoolIdOfPartition(std::string_view partition);
 
-/// Whether a group is below a machine group. A virtual machine's is, unless a user started it
-/// without libvirt: then it is in that user's group.
+/// Whether a group is below a machine group.
 bool IsInMachineGroup(std::string_view path);
 
 /// Path of the root pool's group; empty when there is none.
@@ -50,7 +73,7 @@ struct SystemGroups {
 };
 
 /// The host's groups except the machine group, two levels deep. A key is the group's path, bounded
-/// to kMaxGroupKeyBytes.
+/// to kMaxGroupKeyBytes. Errors: HostCtl::Lib::HostCtlException when one cannot be listed.
 SystemGroups FindSystemGroups(const ControlGroups& groups);
 
 } // namespace LinuxHost

@@ -3,13 +3,19 @@
 #include "agentdCommon/wellKnown.h"
 #include "corvax/system.h"
 #include "corvax/thread.h"
-#include "linuxHost/groupTree.h"
+#include "linuxHost/kernel/saturate.h"
 
 #include <algorithm>
 #include <chrono>
-#include <set>
 
 namespace LinuxHost {
+
+namespace {
+
+constexpr char kPools[] = "the resource pools";
+constexpr int64_t kMaxReadingUs = LoadHistory::kSamplePeriodUs / 20;
+
+} // namespace
 
 GroupWatcher::GroupWatcher(const std::string& root, int periodSec, Inventory::Inventory& inventory,
                            LinuxVms& vms, Corvax::Logger* logger)
@@ -25,7 +31,7 @@ GroupWatcher::~GroupWatcher()
 
 void GroupWatcher::Start()
 {
-   Guarded([this] { UpdatePools(); });
+   Guarded(kPools, [this] { UpdatePools(); });
    _thread = Corvax::StartThread("groups", [this](const std::stop_token& stop) { Run(stop); });
 }
 
@@ -41,14 +47,14 @@ void GroupWatcher::Run(const std::stop_token& stop)
 {
    int64_t loadsDueUs = Corvax::System::GetMonotonicTime();
    while (!stop.stop_requested()) {
-      Guarded([&] {
-         UpdatePools();
-         const int64_t nowUs = Corvax::System::GetMonotonicTime();
-         if (nowUs >= loadsDueUs) {
-            loadsDueUs += LoadHistory::kSamplePeriodUs;
-            ReadLoads(nowUs);
-         }
-      });
+      Guarded(kPools, [this] { UpdatePools(); });
+      const int64_t nowUs = Corvax::System::GetMonotonicTime();
+      if (nowUs >= loadsDueUs) {
+         // After a hold-up the readings that were missed are not caught up.
+         const int64_t periods = (nowUs - loadsDueUs) / LoadHistory::kSamplePeriodUs + 1;
+         loadsDueUs += periods * LoadHistory::kSamplePeriodUs;
+         ReadLoads();
+      }
       const std::chrono::microseconds wait(
          std::min(_periodUs, loadsDueUs - Corvax::System::GetMonotonicTime()));
       std::unique_lock lock(_mutex);
@@ -57,41 +63,32 @@ void GroupWatcher::Run(const std::stop_token& stop)
 }
 
 template <class Operation>
-void GroupWatcher::Guarded(const Operation& operation)
+void GroupWatcher::Guarded(const std::string& what, const Operation& operation)
 {
    try {
       operation();
-      _isFailureLogged = false;
+      _failing.erase(what);
    } catch (const std::exception& e) {
-      if (!_isFailureLogged) {
-         _logger->Log(Corvax::kLogWarning, "Cannot read the host's control groups: %1", e.what());
+      if (_failing.insert(what).second) {
+         _logger->Log(Corvax::kLogWarning, "Cannot look up %1: %2", what, e.what());
       }
-      _isFailureLogged = true;
    }
 }
 
 void GroupWatcher::UpdatePools()
 {
-   const std::vector<PoolGroup> pools = FindPools(_groups);
-   std::map<std::string, std::string> paths{{kRootPoolId, FindMachinePath(_groups)}};
-   for (const PoolGroup& pool : pools) {
-      paths[pool.id] = pool.path;
-   }
-   std::vector<std::string> gone;
+   const PoolTracker::Changes changes = _pools.LookUp(_groups);
    {
       const std::lock_guard guard(_mutex);
-      for (const auto& [id, path] : _poolPaths) {
-         if (!paths.contains(id)) {
-            gone.push_back(id);
-            _loads.erase(id);
-         }
+      for (const std::string& id : changes.gone) {
+         _loads.erase(id);
       }
-      _poolPaths = paths;
+      _poolPaths = _pools.GetPaths();
    }
-   for (const std::string& id : gone) {
+   for (const std::string& id : changes.gone) {
       _inventory.RemovePool(id);
    }
-   for (const PoolGroup& pool : pools) {
+   for (const PoolGroup& pool : changes.present) {
       if (!_inventory.FindPool(pool.id)) {
          _inventory.AddPool(pool.id, pool.name, pool.parentId);
       }
@@ -103,31 +100,76 @@ std::vector<GroupWatcher::Subject> GroupWatcher::FindSubjects() const
    std::vector<Subject> subjects;
    for (const Corvax::Ref<LinuxVm>& vm : _vms.GetAll()) {
       if (const auto places = vm->GetPlaces(); !places->groupPath.empty()) {
-         subjects.push_back({vm->GetId(), places->groupPath});
+         subjects.push_back({vm->GetId(), places->groupPath, true});
       }
    }
    const std::lock_guard guard(_mutex);
    for (const auto& [id, path] : _poolPaths) {
       if (!path.empty()) {
-         subjects.push_back({id, path});
+         subjects.push_back({id, path, false});
       }
    }
    return subjects;
 }
 
-void GroupWatcher::ReadLoads(int64_t timeUs)
+void GroupWatcher::ReadLoads()
 {
    _groups.BeginReading();
-   std::set<std::string> seen{AgentdCommon::moid_hostsystem};
-   AddReading(AgentdCommon::moid_hostsystem, timeUs, ReadHostLoad());
-   for (const Subject& subject : FindSubjects()) {
-      if (const std::optional<GroupCpu> reading = _groups.ReadCpu(subject.path)) {
-         AddReading(subject.id, timeUs, *reading);
-         seen.insert(subject.id);
+   std::vector<Subject> subjects = FindSubjects();
+   subjects.push_back({AgentdCommon::moid_hostsystem, "", false});
+   std::set<std::string> present;
+   std::set<std::string> operations = {kPools};
+   for (const Subject& subject : subjects) {
+      bool isPresent = true; // also when it cannot be read
+      const std::string operation = "the CPU load of " + subject.id;
+      operations.insert(operation);
+      Guarded(operation, [&] { isPresent = ReadLoad(subject); });
+      if (isPresent) {
+         present.insert(subject.id);
       }
    }
+   std::erase_if(_failing, [&operations](const auto& one) { return !operations.contains(one); });
    const std::lock_guard guard(_mutex);
-   std::erase_if(_loads, [&seen](const auto& load) { return !seen.contains(load.first); });
+   std::erase_if(_loads, [&present](const auto& load) { return !present.contains(load.first); });
+}
+
+bool GroupWatcher::ReadLoad(const Subject& subject)
+{
+   const int64_t beginUs = Corvax::System::GetMonotonicTime();
+   Load& load = FindLoad(subject);
+   const std::optional<GroupCpu> reading = ReadGroup(subject, load.limited);
+   const int64_t timeUs = Corvax::System::GetMonotonicTime();
+   // Its time would be wrong by up to its length.
+   if (reading && timeUs - beginUs <= kMaxReadingUs) {
+      const std::lock_guard guard(_mutex);
+      load.history.Add(timeUs, reading->usedUs, reading->waitingUs, reading->throttledUs);
+   }
+   return reading.has_value();
+}
+
+/// The subject's own; that of another group begins anew.
+GroupWatcher::Load& GroupWatcher::FindLoad(const Subject& subject)
+{
+   const std::lock_guard guard(_mutex);
+   Load& load = _loads[subject.id];
+   if (load.path != subject.path) {
+      load = Load();
+      load.path = subject.path;
+   }
+   return load;
+}
+
+std::optional<GroupCpu> GroupWatcher::ReadGroup(const Subject& subject, LimitedTime& limited)
+{
+   if (subject.path.empty()) {
+      return ReadHostLoad();
+   }
+   std::optional<GroupCpu> reading = _groups.ReadCpu(subject.path);
+   if (reading && subject.isVm) {
+      reading->throttledUs =
+         SaturatingAdd(reading->throttledUs, limited.ReadUs(_groups, subject.path));
+   }
+   return reading;
 }
 
 /// CPU use from the same source as the host's other CPU figures. Nothing limits the host.
@@ -143,12 +185,6 @@ GroupCpu GroupWatcher::ReadHostLoad()
    return load;
 }
 
-void GroupWatcher::AddReading(const std::string& id, int64_t timeUs, const GroupCpu& reading)
-{
-   const std::lock_guard guard(_mutex);
-   _loads[id].Add(timeUs, reading.usedUs, reading.waitingUs, reading.throttledUs);
-}
-
 std::string GroupWatcher::GetPoolPath(const std::string& poolId) const
 {
    const std::lock_guard guard(_mutex);
@@ -160,10 +196,14 @@ std::optional<HostCtl::Resource::CpuLoadHistory> GroupWatcher::GetLoad(const std
 {
    const std::lock_guard guard(_mutex);
    const auto found = _loads.find(id);
-   if (found == _loads.end() || found->second.IsEmpty()) {
+   if (found == _loads.end()) {
       return std::nullopt;
    }
-   return found->second.Get();
+   const LoadHistory& history = found->second.history;
+   if (history.IsEmpty() || history.IsStale(Corvax::System::GetMonotonicTime())) {
+      return std::nullopt;
+   }
+   return history.Get();
 }
 
 } // namespace LinuxHost

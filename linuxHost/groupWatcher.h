@@ -3,8 +3,10 @@
 #include "corvax/logger.h"
 #include "hostctl/resource.h"
 #include "inventory/inventory.h"
+#include "linuxHost/groupTree.h"
 #include "linuxHost/kernel/controlGroups.h"
 #include "linuxHost/kernel/cpuReader.h"
+#include "linuxHost/kernel/limitedTime.h"
 #include "linuxHost/linuxVms.h"
 #include "linuxHost/loadHistory.h"
 
@@ -13,6 +15,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -23,8 +26,9 @@ namespace LinuxHost {
 /// and the running virtual machines.
 ///
 /// Units: a load is CPU time. Waiting time counts once however many threads wait, as in the
-/// kernel's pressure figures. Errors: a group that cannot be read has no load for that time; one
-/// warning is logged until reading works again. Locking: its own, a leaf; any thread may call.
+/// kernel's pressure figures. Errors: while groups cannot be listed, everything stays as it is,
+/// with one warning; an entity whose group cannot be read has no load for that time, with one
+/// warning that names it. Locking: its own, a leaf; any thread may call.
 class GroupWatcher {
 public:
    /// Inventory and virtual machines outlive it; `root` goes before the path of every kernel file.
@@ -42,7 +46,8 @@ public:
    /// Path of a resource pool's control group; empty when it has none.
    std::string GetPoolPath(const std::string& poolId) const;
 
-   /// Of a virtual machine, a pool or the host by its id; unset until it was read twice.
+   /// Of a virtual machine, a pool or the host by its id; unset until it was read twice, and when
+   /// it was not read for longer than a history's gap.
    std::optional<HostCtl::Resource::CpuLoadHistory> GetLoad(const std::string& id) const;
 
 private:
@@ -50,17 +55,27 @@ private:
    struct Subject {
       std::string id;
       std::string path;
+      bool isVm = false;
+   };
+   /// What is kept of it.
+   struct Load {
+      std::string path; // the history is that of this group
+      LoadHistory history;
+      LimitedTime limited;
    };
 
    void Run(const std::stop_token& stop);
    void UpdatePools();
-   /// `timeUs` is the monotonic time.
-   void ReadLoads(int64_t timeUs);
+   void ReadLoads();
+   /// False when the subject's group is gone.
+   bool ReadLoad(const Subject& subject);
    std::vector<Subject> FindSubjects() const;
    GroupCpu ReadHostLoad();
-   void AddReading(const std::string& id, int64_t timeUs, const GroupCpu& reading);
+   std::optional<GroupCpu> ReadGroup(const Subject& subject, LimitedTime& limited);
+   Load& FindLoad(const Subject& subject);
+   /// Logs one warning, "Cannot look up WHAT", until the operation succeeds again.
    template <class Operation>
-   void Guarded(const Operation& operation);
+   void Guarded(const std::string& what, const Operation& operation);
 
    const int64_t _periodUs;
    Inventory::Inventory& _inventory;
@@ -69,12 +84,13 @@ private:
    // Used by the thread only.
    ControlGroups _groups;
    CpuReader _cpu;
-   bool _isFailureLogged = false;
+   PoolTracker _pools;
+   std::set<std::string> _failing; // operations of Guarded
 
    mutable std::mutex _mutex;
    std::condition_variable_any _wake;
    std::map<std::string, std::string> _poolPaths;
-   std::map<std::string, LoadHistory> _loads;
+   std::map<std::string, Load> _loads; // by id; changed by the thread only
    std::jthread _thread;
 };
 

@@ -46,6 +46,11 @@ bool LoadHistory::IsEmpty() const
    return CountSamples() == 0;
 }
 
+bool LoadHistory::IsStale(int64_t nowUs) const
+{
+   return !_newest || nowUs - _newest->timeUs > kMaxGapUs;
+}
+
 HostCtl::Resource::CpuLoadHistory LoadHistory::Get() const
 {
    HostCtl::Resource::CpuLoadHistory history;

@@ -30,6 +30,9 @@ public:
    /// Whether there is no sample of the last fifteen minutes.
    bool IsEmpty() const;
 
+   /// Whether the newest reading is so old that the next one makes no sample.
+   bool IsStale(int64_t nowUs) const;
+
    /// Of the last 1, 5 and 15 minutes before the newest reading; 0 without a sample.
    HostCtl::Resource::CpuLoadHistory Get() const;
 

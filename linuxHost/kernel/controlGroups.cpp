@@ -2,13 +2,16 @@
 
 #include "corvax/format.h"
 #include "hostctl/lib.h"
+#include "linuxHost/kernel/directory.h"
 #include "linuxHost/kernel/groupParsers.h"
 #include "linuxHost/kernel/procParsers.h"
 #include "linuxHost/kernel/textParts.h"
 #include "linuxHost/kernel/units.h"
+#include "linuxHost/kernel/vmGroups.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
-#include <set>
 #include <system_error>
 
 namespace LinuxHost {
@@ -42,19 +45,6 @@ std::optional<std::string> FindV1(const std::string& top, std::string_view contr
       }
    }
    return std::nullopt;
-}
-
-/// A group that is removed meanwhile ends the list.
-void AddChildren(const std::string& directory, std::set<std::string>& names)
-{
-   std::error_code failure;
-   for (fs::directory_iterator entry(directory, failure), end; !failure && entry != end;
-        entry.increment(failure)) {
-      std::error_code gone;
-      if (entry->is_directory(gone)) {
-         names.insert(entry->path().filename().string());
-      }
-   }
 }
 
 /// The path to append to a hierarchy's directory.
@@ -111,17 +101,36 @@ void ControlGroups::BeginReading()
 
 std::vector<std::string> ControlGroups::ListChildren(const std::string& path) const
 {
-   std::set<std::string> directories; // controllers mounted together share one
+   std::set<std::string> names;
+   bool isPresent = false;
+   const std::set<std::string> directories = DirectoriesOf(path);
+   for (const std::string& directory : directories) {
+      if (const auto children = ListDirectory(directory, Entries::DIRECTORIES)) {
+         isPresent = true;
+         names.insert(children->begin(), children->end());
+      }
+   }
+   if (!isPresent && path == "/" && !directories.empty()) {
+      FailReading(*directories.begin(), ENOENT);
+   }
+   return {names.begin(), names.end()};
+}
+
+bool ControlGroups::IsPresent(const std::string& path) const
+{
+   return std::ranges::any_of(DirectoriesOf(path), LinuxHost::IsPresent);
+}
+
+/// Of the hierarchies; controllers that are mounted together share one.
+std::set<std::string> ControlGroups::DirectoriesOf(const std::string& path) const
+{
+   std::set<std::string> directories;
    for (const auto* hierarchy : {&_unified, &_cpu, &_accounting, &_memory}) {
       if (*hierarchy) {
          directories.insert(**hierarchy + std::string(BelowTop(path)));
       }
    }
-   std::set<std::string> names;
-   for (const std::string& directory : directories) {
-      AddChildren(directory, names);
-   }
-   return {names.begin(), names.end()};
+   return directories;
 }
 
 std::optional<GroupCpu> ControlGroups::ReadCpu(const std::string& path)
@@ -138,12 +147,7 @@ std::optional<GroupCpu> ControlGroups::ReadCpu(const std::string& path)
       cpu.usedUs = *usedNs / kNanosecondsPerMicrosecond;
    }
    cpu.waitingUs = ParsePressureUs(ReadPressure(path)).value_or(0);
-   if (unified.throttledUs) {
-      cpu.throttledUs = *unified.throttledUs;
-   } else {
-      const GroupCpuStat own = ParseGroupCpuStat(ReadText(_cpu, path, "cpu.stat"));
-      cpu.throttledUs = own.throttledNs.value_or(0) / kNanosecondsPerMicrosecond;
-   }
+   cpu.throttledUs = unified.throttledUs ? *unified.throttledUs : ReadThrottledV1(path).value_or(0);
    return cpu;
 }
 
@@ -187,6 +191,46 @@ std::optional<uint64_t> ControlGroups::ReadVcpuSystemUs(const std::string& path,
       text = ReadFile(nested);
    }
    return ParseGroupCpuStat(text.value_or("")).systemUs;
+}
+
+std::vector<std::string> ControlGroups::FindLimitedVmGroups(const std::string& vmPath) const
+{
+   std::vector<std::string> limited;
+   // With systemd all others are inside the one that is named after libvirt.
+   for (const std::string& parent : {vmPath, vmPath + "/libvirt"}) {
+      for (const std::string& name : ListChildren(parent)) {
+         const std::string path = Corvax::Format("%1/%2", parent, name);
+         if (IsInnerVmGroup(name) && HasLimit(path)) {
+            limited.push_back(path);
+         }
+      }
+   }
+   return limited;
+}
+
+bool ControlGroups::HasLimit(const std::string& path) const
+{
+   // Without a limit the one has a word and the other a negative number.
+   const auto isNumber = [](const std::string& filePath) {
+      KernelFile file(filePath);
+      std::string_view text = file.ReadIfPresent().value_or("");
+      std::string_view line = TakePart(text, '\n');
+      return ParseNumber(TakeWord(line)).has_value();
+   };
+   return (_unified && isNumber(*_unified + path + "/cpu.max")) ||
+          (_cpu && isNumber(*_cpu + path + "/cpu.cfs_quota_us"));
+}
+
+std::optional<uint64_t> ControlGroups::ReadThrottledUs(const std::string& path)
+{
+   const auto throttledUs = ParseGroupCpuStat(ReadText(_unified, path, "cpu.stat")).throttledUs;
+   return throttledUs ? throttledUs : ReadThrottledV1(path);
+}
+
+std::optional<uint64_t> ControlGroups::ReadThrottledV1(const std::string& path)
+{
+   const auto throttledNs = ParseGroupCpuStat(ReadText(_cpu, path, "cpu.stat")).throttledNs;
+   return throttledNs ? std::optional(*throttledNs / kNanosecondsPerMicrosecond) : std::nullopt;
 }
 
 /// Unset when there is no such file. The text is valid until the same file is read again.

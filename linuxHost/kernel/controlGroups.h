@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -16,7 +17,7 @@ namespace LinuxHost {
 struct GroupCpu {
    uint64_t usedUs = 0;
    uint64_t waitingUs = 0;   ///< at least one task of the group was ready, but had no CPU
-   uint64_t throttledUs = 0; ///< stopped by a limit
+   uint64_t throttledUs = 0; ///< stopped by the group's own limit
 };
 
 /// Memory of a group and those below it. Swap traffic is 0 where the kernel does not count it by
@@ -37,10 +38,10 @@ struct GroupMemory {
 /// for the text and one that finds the end. Files of a group: for the CPU cpu.stat and cpu.pressure
 /// (version 2), cpuacct.usage and cpu.stat (version 1), or cpu.stat twice and cpu.pressure (both);
 /// for the memory memory.stat and memory.swap.current (version 2) or memory.stat (version 1); one
-/// for each virtual CPU. A file that does not exist costs one failing open each time. So the
-/// process holds up to four descriptors for a group, and one for each virtual CPU. Errors:
-/// HostCtl::Lib::HostCtlException when a file exists but cannot be read. Locking: none; one thread
-/// at a time.
+/// for each virtual CPU. A file that does not exist costs one failing open each time. So up to four
+/// files are open for a group, and one for each virtual CPU, as far as the process's share allows.
+/// Errors: HostCtl::Lib::HostCtlException when a file exists but cannot be read. Locking: none; one
+/// thread at a time.
 class ControlGroups {
 public:
    /// `root` goes before the path of every file. Finds out what is mounted, once.
@@ -52,7 +53,12 @@ public:
 
    /// Names of the groups directly below, sorted, of version 2 and of version 1's cpu, cpuacct and
    /// memory together: each may have groups that the others lack. Empty when the group is gone.
+   /// HostCtlException when one of its directories exists but cannot be listed, and when "/" has
+   /// none, because the hierarchies are mounted no more.
    std::vector<std::string> ListChildren(const std::string& path) const;
+
+   /// Whether a hierarchy has the group. HostCtlException when that cannot be found out.
+   bool IsPresent(const std::string& path) const;
 
    /// Unset when the group is gone.
    std::optional<GroupCpu> ReadCpu(const std::string& path);
@@ -63,6 +69,13 @@ public:
    /// Time in the kernel of a virtual CPU, whose group is a child of its virtual machine's. Unset
    /// when there is none, as with version 1 alone.
    std::optional<uint64_t> ReadVcpuSystemUs(const std::string& path, uint32_t vcpuNumber);
+
+   /// Paths of libvirt's groups inside a virtual machine's that have a limit of CPU time.
+   std::vector<std::string> FindLimitedVmGroups(const std::string& vmPath) const;
+
+   /// Time in which the group's own limit stopped it, without the groups below. Unset when it is
+   /// gone, or has no such figure.
+   std::optional<uint64_t> ReadThrottledUs(const std::string& path);
 
 private:
    struct CachedFile {
@@ -78,6 +91,9 @@ private:
                              std::string_view fileName);
    std::string_view ReadPressure(const std::string& path);
    bool WasPresent(const std::string& filePath) const;
+   bool HasLimit(const std::string& path) const;
+   std::optional<uint64_t> ReadThrottledV1(const std::string& path);
+   std::set<std::string> DirectoriesOf(const std::string& path) const;
 
    const std::string _pressurePath; // of the whole host
    // False where the kernel was started without pressure figures: the whole host has no such file

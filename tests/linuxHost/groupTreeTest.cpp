@@ -1,5 +1,7 @@
 #include "linuxHost/groupTree.h"
 #include "corvax/format.h"
+#include "hostctl/lib.h"
+#include "tests/fakes/descriptorLimit.h"
 #include "tests/fakes/kernelTree.h"
 
 #include <gtest/gtest.h>
@@ -47,6 +49,44 @@ TEST_F(GroupTreeTest, PoolsEndAtTheSixteenthLevel)
    }
    MakeDirectory(deep);
    EXPECT_EQ(16U, LinuxHost::FindPools(ControlGroups(Path())).size());
+}
+
+TEST_F(GroupTreeTest, APoolIsGoneWhenItsGroupIsMissingTwiceAndNotWhenAListingFails)
+{
+   const std::string gold = kTop + "unified/machine/gold.partition/";
+   MakeDirectory(gold + "web.partition");
+   const ControlGroups groups(Path());
+   LinuxHost::PoolTracker pools;
+   const auto gone = [&] {
+      std::string text;
+      for (const std::string& id : pools.LookUp(groups).gone) {
+         text += id + " ";
+      }
+      return text;
+   };
+   EXPECT_EQ("", gone());
+   const auto paths = pools.GetPaths();
+   EXPECT_EQ("/machine/gold.partition/web.partition", paths.at("pool:gold/web"));
+   for (int i = 0; i < 2; ++i) {
+      const DescriptorLimit limit(0);
+      EXPECT_THROW(gone(), HostCtl::Lib::HostCtlException);
+      EXPECT_THROW(LinuxHost::FindSystemGroups(groups), HostCtl::Lib::HostCtlException);
+   }
+   Remove(gold + "web.partition");
+   EXPECT_EQ("", gone()) << "once";
+   EXPECT_EQ(paths, pools.GetPaths());
+   MakeDirectory(gold + "web.partition");
+   EXPECT_EQ("", gone());
+   Remove(gold);
+   EXPECT_EQ("", gone()) << "once again";
+   EXPECT_EQ("pool:gold pool:gold/web ", gone());
+   Remove(kTop + "unified/machine");
+   EXPECT_EQ("", gone());
+   EXPECT_EQ("/machine", pools.GetPaths().at("ha-root-pool"));
+   EXPECT_EQ("", gone());
+   EXPECT_EQ("", pools.GetPaths().at("ha-root-pool"));
+   Remove(kTop);
+   EXPECT_THROW(gone(), HostCtl::Lib::HostCtlException) << "not mounted any more";
 }
 
 TEST_F(GroupTreeTest, SystemGroupsAreAllOthersTwoLevelsDeep)

@@ -1,5 +1,6 @@
 #include "linuxHost/kernel/controlGroups.h"
 #include "corvax/format.h"
+#include "linuxHost/kernel/limitedTime.h"
 #include "tests/fakes/kernelTree.h"
 
 #include <gtest/gtest.h>
@@ -87,6 +88,34 @@ TEST_F(ControlGroupsTest, Version1AloneMayHaveControllersMountedTogether)
    EXPECT_EQ("9/2/0, none", Figures(groups, "/"));
    EXPECT_EQ("8/0/7, none", Figures(groups, "/a"));
    EXPECT_FALSE(groups.ReadVcpuSystemUs("/a", 0));
+}
+
+TEST_F(ControlGroupsTest, LimitsInsideAVmAreFoundAndAddUp)
+{
+   const std::string v2 = kTop + "unified/vm/";
+   const std::string v1 = kTop + "cpu/vm/";
+   Write({{kTop + "unified/cgroup.controllers", "cpu\n"},
+          {v2 + "libvirt/cpu.max", "max 100000\n"},
+          {v2 + "libvirt/vcpu0/cpu.max", "50000 100000\n"},
+          {v2 + "libvirt/vcpu1/cpu.max", "50000 100000\n"},
+          {v2 + "other/cpu.max", "50000 100000\n"},
+          {v1 + "emulator/cpu.cfs_quota_us", "5000\n"},
+          {v1 + "emulator/cpu.stat", "throttled_time 9000\n"},
+          {v1 + "iothread1/cpu.cfs_quota_us", "-1\n"}});
+   ControlGroups groups(Path());
+   EXPECT_EQ((Names{"/vm/emulator", "/vm/libvirt/vcpu0", "/vm/libvirt/vcpu1"}),
+             groups.FindLimitedVmGroups("/vm"));
+   LinuxHost::LimitedTime limited;
+   const std::tuple<int, int, uint64_t> readings[] = {
+      {70, 1000, 0},                                // from before it was read
+      {75, 1000, 5}, {90, 1003, 23}, {2, 1003, 23}, // a new group of that name
+      {5, 1003, 26},
+   };
+   for (const auto& [first, second, sum] : readings) {
+      Write({{v2 + "libvirt/vcpu0/cpu.stat", Format("throttled_usec %1\n", first)},
+             {v2 + "libvirt/vcpu1/cpu.stat", Format("throttled_usec %1\n", second)}});
+      EXPECT_EQ(sum, limited.ReadUs(groups, "/vm")) << first << " " << second;
+   }
 }
 
 TEST_F(ControlGroupsTest, AFileIsClosedAfterTwoRunsWithoutARead)
