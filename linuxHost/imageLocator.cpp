@@ -1,6 +1,8 @@
 #include "linuxHost/imageLocator.h"
 
+#include "corvax/format.h"
 #include "linuxHost/kernel/kernelFile.h"
+#include "linuxHost/kernel/textParts.h"
 
 #include <algorithm>
 #include <iterator>
@@ -44,16 +46,16 @@ std::string ImageLocator::FindDisk(const VmDisk& disk) const
       return kOtherDisk;
    }
    if (identity->device) {
-      return FindDiskOfDevice(*identity->device);
+      return FindDiskOfDevice(*identity->device, 0);
    }
    // A block device's path that leads to anything else has no disk.
-   return disk.image == VmDisk::Image::FILE ? FindDiskOfFileSystem(*identity) : kOtherDisk;
+   return disk.image == VmDisk::Image::FILE ? FindDiskOfFileSystem(*identity, 0) : kOtherDisk;
 }
 
-std::string ImageLocator::FindDiskOfFileSystem(const FileIdentity& identity) const
+std::string ImageLocator::FindDiskOfFileSystem(const FileIdentity& identity, size_t depth) const
 {
    if (identity.fileSystem.majorNumber != 0) {
-      return FindDiskOfDevice(identity.fileSystem);
+      return FindDiskOfDevice(identity.fileSystem, depth);
    }
    KernelFile file(_root + "/proc/self/mountinfo");
    const std::vector<MountedFileSystem> mounts = ParseMountInfo(file.ReadIfPresent().value_or(""));
@@ -71,12 +73,31 @@ std::string ImageLocator::FindDiskOfFileSystem(const FileIdentity& identity) con
    }
    const std::optional<FileIdentity> source =
       mount->source.starts_with("/dev/") ? _identify(_root + mount->source) : std::nullopt;
-   return source && source->device ? FindDiskOfDevice(*source->device) : kOtherDisk;
+   return source && source->device ? FindDiskOfDevice(*source->device, depth) : kOtherDisk;
 }
 
-std::string ImageLocator::FindDiskOfDevice(DeviceNumber device) const
+std::string ImageLocator::FindDiskOfDevice(DeviceNumber device, size_t depth) const
 {
-   return FindWholeDisk(_root, device).value_or(kOtherDisk);
+   const std::vector<std::string> disks = FindWholeDisks(_root, device);
+   if (disks.empty() || IsNumbered(disks.front(), "zram")) {
+      return kOtherDisk;
+   }
+   return IsNumbered(disks.front(), "loop") ? FindDiskOfLoop(disks.front(), depth) : disks.front();
+}
+
+std::string ImageLocator::FindDiskOfLoop(const std::string& name, size_t depth) const
+{
+   constexpr size_t kMaxDepth = 8;
+   KernelFile file(Corvax::Format("%1/sys/block/%2/loop/backing_file", _root, name));
+   std::string_view text = file.ReadIfPresent().value_or("");
+   const std::string path(TakePart(text, '\n'));
+   const auto identity =
+      path.empty() || depth == kMaxDepth ? std::nullopt : _identify(_root + path);
+   if (!identity) {
+      return kOtherDisk;
+   }
+   return identity->device ? FindDiskOfDevice(*identity->device, depth + 1)
+                           : FindDiskOfFileSystem(*identity, depth + 1);
 }
 
 } // namespace LinuxHost

@@ -1,12 +1,14 @@
 #include "linuxHost/kernel/blockDevices.h"
 
 #include "corvax/format.h"
+#include "linuxHost/kernel/directory.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 #include <system_error>
 
 namespace LinuxHost {
@@ -15,27 +17,37 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// One of the devices that the device is made of, the same at each call; empty for a device that is
-/// not made of others.
-fs::path FindMember(const fs::path& device)
-{
-   fs::path first;
-   std::error_code failure;
-   for (fs::directory_iterator member(device / "slaves", failure), end; !failure && member != end;
-        member.increment(failure)) {
-      if (first.empty() || member->path() < first) {
-         first = member->path();
-      }
-   }
-   return first;
-}
-
 /// The opposite of GetDeviceDirectory.
 std::string GetDeviceName(const fs::path& directory)
 {
    std::string name = directory.filename().string();
    std::replace(name.begin(), name.end(), '!', '/');
    return name;
+}
+
+/// `link` leads to the device's directory; nothing is added when it is gone, or was visited before.
+void AddDisks(const fs::path& link, std::set<fs::path>& visited, std::vector<std::string>& disks)
+{
+   std::error_code failure;
+   fs::path directory = fs::canonical(link, failure);
+   if (failure) {
+      return;
+   }
+   if (fs::exists(directory / "partition", failure)) {
+      directory = directory.parent_path();
+   }
+   if (!visited.insert(directory).second) {
+      return;
+   }
+   const fs::path slaves = directory / "slaves";
+   const auto members = ListDirectory(slaves.string(), Entries::ALL);
+   if (!members || members->empty()) {
+      disks.push_back(GetDeviceName(directory));
+      return;
+   }
+   for (const std::string& member : *members) {
+      AddDisks(slaves / member, visited, disks);
+   }
 }
 
 } // namespace
@@ -65,25 +77,13 @@ std::string GetDeviceDirectory(std::string_view name)
    return directory;
 }
 
-std::optional<std::string> FindWholeDisk(const std::string& root, DeviceNumber device)
+std::vector<std::string> FindWholeDisks(const std::string& root, DeviceNumber device)
 {
-   constexpr size_t kMaxDepth = 16;
-   std::error_code failure;
-   fs::path directory = fs::canonical(
-      Corvax::Format("%1/sys/dev/block/%2:%3", root, device.majorNumber, device.minorNumber),
-      failure);
-   for (size_t depth = 0; !failure && depth < kMaxDepth; ++depth) {
-      std::error_code ignored;
-      if (fs::exists(directory / "partition", ignored)) {
-         directory = directory.parent_path();
-      }
-      const fs::path member = FindMember(directory);
-      if (member.empty()) {
-         return GetDeviceName(directory);
-      }
-      directory = fs::canonical(member, failure);
-   }
-   return std::nullopt;
+   std::vector<std::string> disks;
+   std::set<fs::path> visited;
+   AddDisks(Corvax::Format("%1/sys/dev/block/%2:%3", root, device.majorNumber, device.minorNumber),
+            visited, disks);
+   return disks;
 }
 
 } // namespace LinuxHost

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace LinuxHost {
 
@@ -23,9 +24,10 @@ std::optional<FileIdentity> IdentifyFile(const std::string& path);
 /// "cciss/c0d0".
 std::string GetDeviceDirectory(std::string_view name);
 
-/// Name of the whole disk below a device, "vda": through partitions, and for a device made of
-/// several the disk of the first one by name. Unset for an unknown device. `root` goes before the
-/// path of every file.
-std::optional<std::string> FindWholeDisk(const std::string& root, DeviceNumber device);
+/// Names of the whole disks below a device, "vda": through partitions, and for a device made of
+/// several those of all of them, each once, in the order of their names: all disks of a volume, all
+/// paths of a multipath device. Empty for an unknown device. `root` goes before the path of every
+/// file. Errors: HostCtl::Lib::HostCtlException when the members cannot be listed.
+std::vector<std::string> FindWholeDisks(const std::string& root, DeviceNumber device);
 
 } // namespace LinuxHost
