@@ -27,6 +27,8 @@ constexpr uint64_t kWakeUpKey = 1;
 constexpr size_t kReadBytes = size_t{64} << 10;
 // Connections beyond the limit that get a 503; further ones are closed at once.
 constexpr size_t kMaxRefusedConnections = 32;
+// Served and refused however few descriptors there are.
+constexpr size_t kMinConnections = 4;
 constexpr std::chrono::milliseconds kDrainTimeout{2000};
 constexpr std::chrono::milliseconds kAcceptPause{1000};
 constexpr std::string_view kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -38,6 +40,20 @@ bool Control(int epoll, int operation, int descriptor, uint64_t key, uint32_t ev
    event.events = events;
    event.data.u64 = key;
    return ::epoll_ctl(epoll, operation, descriptor, &event) == 0;
+}
+
+/// Clients must leave the rest of the process the descriptors that it needs.
+size_t GetMaxRefused()
+{
+   return std::clamp(Corvax::GetDescriptorShares().connections / 4, kMinConnections,
+                     kMaxRefusedConnections);
+}
+
+size_t GetMaxServed(int configured)
+{
+   const size_t share = Corvax::GetDescriptorShares().connections;
+   const size_t left = std::max(share, kMinConnections + GetMaxRefused()) - GetMaxRefused();
+   return std::min(static_cast<size_t>(configured), left);
 }
 
 bool WouldBlock(int errorNumber)
@@ -57,7 +73,8 @@ std::chrono::steady_clock::time_point After(std::chrono::milliseconds time)
 Connections::Connections(Descriptor listener, const Limits& limits, RequestTaker takeRequest,
                          RefusalWriter writeRefusal, Corvax::Logger* logger)
    : _limits(limits), _takeRequest(std::move(takeRequest)), _writeRefusal(std::move(writeRefusal)),
-     _logger(logger), _listener(std::move(listener)), _epoll(::epoll_create1(EPOLL_CLOEXEC)),
+     _logger(logger), _maxServed(GetMaxServed(limits.maxConnections)), _maxRefused(GetMaxRefused()),
+     _listener(std::move(listener)), _epoll(::epoll_create1(EPOLL_CLOEXEC)),
      _wakeUp(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), _lastId(kWakeUpKey)
 {
    if (!_epoll || !_wakeUp ||
@@ -66,9 +83,13 @@ Connections::Connections(Descriptor listener, const Limits& limits, RequestTaker
       throw Corvax::PlatformException("wait for HTTP connections", errno);
    }
    // A connection has at most one answer, so Answer never allocates.
-   const size_t most = static_cast<size_t>(_limits.maxConnections) + kMaxRefusedConnections;
-   _answers.reserve(most);
-   _answersTaken.reserve(most);
+   _answers.reserve(_maxServed + _maxRefused);
+   _answersTaken.reserve(_maxServed + _maxRefused);
+   if (_maxServed < static_cast<size_t>(_limits.maxConnections)) {
+      _logger->Log(Corvax::kLogNotice,
+                   "At most %1 HTTP connections instead of %2: the process may have %3 descriptors",
+                   _maxServed, _limits.maxConnections, Corvax::GetDescriptorLimit());
+   }
 }
 
 Connections::~Connections() = default;
@@ -208,9 +229,12 @@ void Connections::Accept()
       }
       return; // for other errors the client has gone already
    }
-   const auto most = static_cast<size_t>(_limits.maxConnections);
-   const bool tooMany = _connections.size() >= most;
-   if (_connections.size() >= most + kMaxRefusedConnections) {
+   if (_acceptFails) {
+      _acceptFails = false;
+      _logger->Log(Corvax::kLogNotice, "HTTP connections are accepted again");
+   }
+   const bool tooMany = _connections.size() >= _maxServed;
+   if (_connections.size() >= _maxServed + _maxRefused) {
       return;
    }
    const int one = 1;
@@ -237,8 +261,11 @@ void Connections::PauseAccepting(int errorNumber)
 {
    Control(_epoll.Get(), EPOLL_CTL_MOD, _listener.Get(), kListenerKey, 0);
    _acceptAgain = After(kAcceptPause);
-   _logger->Log(Corvax::kLogWarning, "HTTP connections are not accepted for %1 ms: %2",
-                kAcceptPause.count(), std::generic_category().message(errorNumber));
+   if (!_acceptFails) {
+      _acceptFails = true;
+      _logger->Log(Corvax::kLogWarning, "HTTP connections cannot be accepted: %1",
+                   std::generic_category().message(errorNumber));
+   }
 }
 
 void Connections::ResumeAccepting()

@@ -112,10 +112,13 @@ private:
    const RequestTaker _takeRequest;
    const RefusalWriter _writeRefusal;
    const Corvax::Ref<Corvax::Logger> _logger;
+   const size_t _maxServed;
+   const size_t _maxRefused; ///< besides those served
    Corvax::Descriptor _listener;
    const Corvax::Descriptor _epoll;
    const Corvax::Descriptor _wakeUp;                          ///< an eventfd
    Clock::time_point _acceptAgain = Clock::time_point::max(); ///< max: accepting is not paused
+   bool _acceptFails = false;
    std::unordered_map<uint64_t, Connection> _connections;
    uint64_t _lastId;
    std::vector<AnswerItem> _answersTaken;

@@ -24,7 +24,9 @@ struct Limits {
    std::chrono::milliseconds requestTimeout{30000};
    std::chrono::milliseconds idleTimeout{60000}; ///< between requests
    int workers = 4;
-   int maxConnections = 256; ///< more get a 503 and are closed
+   /// More get a 503 and are closed. Lower if the process may have too few descriptors when it
+   /// starts to listen, but at least four.
+   int maxConnections = 256;
 };
 
 using Fields = std::vector<std::pair<std::string, std::string>>;

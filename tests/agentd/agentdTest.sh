@@ -165,6 +165,28 @@ END
       --plugin "$build/lib/libcorvax.so"
    ;;
 
+descriptors)
+   limited() {
+      ulimit -n 120
+      exec "$build/bin/agentd" "$@"
+   }
+   sockets() { find "/proc/$agent/fd" -lname 'socket:*' | wc -l; }
+   hasSockets() { [ "$(sockets)" -ge "$1" ]; }
+   agentd=limited
+   listen=127.0.0.1:0
+   start --interval 1
+   waitFor grep -q "served at" "$dir/log"
+   port=$(sed -n 's/.*served at .*:\([0-9]*\)$/\1/p' "$dir/log")
+   for ((i = 0; i < 150; i++)); do
+      exec {connection}<>"/dev/tcp/127.0.0.1/$port"
+   done
+   waitFor hasSockets 21
+   [ "$(sockets)" -le 36 ] || fail "$(sockets) of 120 descriptors are sockets"
+   waitFor hasLines $(($(lines) + 3))
+   ! grep "Too many open files" "$dir/log" || fail "no descriptors are left"
+   stop TERM
+   ;;
+
 plugin)
    library=$build/lib/libmetrix.so
    exported=$(nm -D --defined-only "$library" | awk '{print $3}' | grep -v '^__\(asan\|odr_asan\|ubsan\|tsan\)' | sort | tr '\n' ' ')

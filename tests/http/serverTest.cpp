@@ -1,9 +1,31 @@
+#include "tests/fakes/descriptorLimit.h"
 #include "tests/fakes/messageOf.h"
 #include "tests/http/serverFixture.h"
 
 #include <zlib.h>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <future>
+
+namespace {
+
+std::atomic<bool> acceptFails = false;
+std::atomic<int> acceptFailures = 0;
+
+} // namespace
+
+/// In place of the system's: fails as it does without free descriptors.
+extern "C" int accept4(int socket, sockaddr* address, socklen_t* size, int flags)
+{
+   if (acceptFails) {
+      ++acceptFailures;
+      errno = EMFILE;
+      return -1;
+   }
+   return static_cast<int>(::syscall(SYS_accept4, socket, address, size, flags));
+}
 
 namespace {
 
@@ -194,6 +216,44 @@ TEST_F(HttpServerTest, LimitCountsAConnectionUntilItsHandlerEnds)
       status = StatusOf(Ask(kGet));
    }
    EXPECT_EQ(status, 200);
+}
+
+TEST_F(HttpServerTest, ConnectionsLeaveDescriptorsToTheProcess)
+{
+   for (const auto& [limit, most] : {std::pair{104, 15}, {64, 4}}) {
+      {
+         const DescriptorLimit low(static_cast<rlim_t>(limit));
+         Start();
+      }
+      std::vector<Client> clients;
+      for (int i = 0; i < most; ++i) {
+         EXPECT_EQ(BodyOf(clients.emplace_back(_port).Ask(kGet)), "text");
+      }
+      EXPECT_EQ(StatusOf(Client(_port).ReceiveToEnd()), 503);
+      EXPECT_EQ(_logger->Count(Corvax::Format("At most %1 HTTP connections instead of 256", most)),
+                1);
+   }
+}
+
+TEST_F(HttpServerTest, LackOfDescriptorsDelaysNewConnectionsAlone)
+{
+   Start();
+   Client open(_port);
+   EXPECT_EQ(BodyOf(open.Ask(kGet)), "text");
+   const auto start = std::chrono::steady_clock::now();
+   acceptFails = true;
+   Client late(_port);
+   late.Send(kGet);
+   // Each request wakes the thread of the sockets, which must not try to accept every time.
+   for (int i = 0; i < 100 || acceptFailures == 0; ++i) {
+      ASSERT_EQ(BodyOf(open.Ask(kGet)), "text");
+   }
+   const auto passed = std::chrono::steady_clock::now() - start;
+   EXPECT_LE(acceptFailures, 1 + passed / 1s);
+   acceptFails = false;
+   EXPECT_EQ(BodyOf(late.Receive()), "text");
+   EXPECT_EQ(_logger->Count("cannot be accepted: Too many open files"), 1);
+   EXPECT_EQ(_logger->Count("accepted again"), 1);
 }
 
 TEST_F(HttpServerTest, StopWaitsForHandlersAndClosesTheRest)
