@@ -68,7 +68,7 @@ void SimEvents::ApplyDue(int64_t elapsedUs)
       // Taken before it is applied: an event that fails is not tried again.
       TakeNext(event);
       try {
-         _appliedCount += _apply(event.action, event.id) ? 1 : 0;
+         _appliedCount += _apply(event) ? 1 : 0;
       } catch (const Corvax::Exception& e) {
          _logger->Log(Corvax::kLogError, "Cannot apply an event of the simulated host to %1: %2",
                       event.id, e.GetMessage());

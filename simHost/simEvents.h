@@ -15,7 +15,7 @@ namespace SimHost {
 class SimEvents : public Corvax::ObjectImpl {
 public:
    /// Returns true if the action changed anything.
-   using ApplyFunction = std::function<bool(SimAction action, const std::string& id)>;
+   using ApplyFunction = std::function<bool(const SimEvent& event)>;
 
    /// Reads the script, with LoadScript's errors. `apply` is called between Start and the end of
    /// Stop.

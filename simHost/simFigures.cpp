@@ -36,9 +36,9 @@ CpuLoad GetLoad(EntityKey period, int64_t timeSec)
 
 HostCpuStats GetHostCpu(EntityKey host, uint64_t cpu, int64_t timeSec)
 {
-   const uint64_t usedUs = Counter(host.Part(cpu), Figure::HOST_CPU_USED_US, timeSec);
+   const uint64_t usedUs = Counter(host.Part(cpu), Figure::HOST_CPU_USED_US, {timeSec});
    // One second more than has passed: in the first seconds, the counter's noise may exceed them.
-   return {usedUs, (GetUptimeSec(timeSec) + 1) * kMicrosecondsPerSecond - usedUs};
+   return {usedUs, (GetUptimeSec({timeSec}) + 1) * kMicrosecondsPerSecond - usedUs};
 }
 
 HostCapacity GetHostCapacity(EntityKey host, int64_t timeSec)
@@ -72,8 +72,8 @@ HostMemoryStats GetHostMemory(EntityKey host, uint64_t physicalKb, int64_t timeS
    stats.state = static_cast<uint32_t>(Gauge(host, Figure::SHORTAGE, timeSec));
    stats.balloonKb = share(physicalKb / 8, Figure::BALLOON);
    stats.overheadKb = Gauge(host, Figure::OVERHEAD_KB, timeSec);
-   stats.swapInKb = Counter(host, Figure::SWAP_IN_KB, timeSec);
-   stats.swapOutKb = Counter(host, Figure::SWAP_OUT_KB, timeSec);
+   stats.swapInKb = Counter(host, Figure::SWAP_IN_KB, {timeSec});
+   stats.swapOutKb = Counter(host, Figure::SWAP_OUT_KB, {timeSec});
    stats.sysUsageKb = share(physicalKb, Figure::SYSTEM_USAGE);
    return stats;
 }
@@ -92,38 +92,40 @@ CpuLoadHistory GetCpuLoad(EntityKey entity, int64_t timeSec)
 
 CpuStats GetGroupCpu(EntityKey group, int64_t timeSec)
 {
-   return {Counter(group, Figure::GROUP_CPU_USED_US, timeSec)};
+   CpuStats stats;
+   stats.usedUs = Counter(group, Figure::GROUP_CPU_USED_US, {timeSec});
+   return stats;
 }
 
-CpuStats GetVmCpu(EntityKey vm, uint64_t vcpus, int64_t timeSec)
+int64_t GetFirstStartSec(EntityKey vm)
 {
-   CpuStats total;
-   for (uint64_t vcpu = 0; vcpu < vcpus; ++vcpu) {
-      total.usedUs += Counter(vm.Part(vcpu), Figure::VCPU_USED_US, timeSec);
-   }
-   return total;
+   return kHostStartSec + static_cast<int64_t>(Gauge(vm, Figure::START_DELAY_SEC, kHostStartSec));
 }
 
-CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, int64_t timeSec)
+CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, const Moment& moment)
 {
    const EntityKey key = vm.Part(vcpu);
-   // A VM starts some time after the host.
-   const auto vmTimeSec =
-      timeSec - static_cast<int64_t>(Gauge(vm, Figure::START_DELAY_SEC, kHostStartSec));
    CpuTimes times;
-   times.usedUs = Counter(key, Figure::VCPU_USED_US, timeSec);
-   times.systemUs = Counter(key, Figure::VCPU_SYSTEM_US, timeSec);
-   times.waitUs = Counter(key, Figure::VCPU_WAIT_US, timeSec);
-   times.readyUs = Counter(key, Figure::VCPU_READY_US, timeSec);
-   times.extraUs = Counter(key, Figure::VCPU_EXTRA_US, timeSec);
-   times.guaranteedMs = Gauge(key, Figure::GUARANTEED_MS, timeSec);
-   times.uptimeUs = GetUptimeSec(vmTimeSec) * kMicrosecondsPerSecond;
+   times.usedUs = Counter(key, Figure::VCPU_USED_US, moment);
+   times.systemUs = Counter(key, Figure::VCPU_SYSTEM_US, moment);
+   times.waitUs = Counter(key, Figure::VCPU_WAIT_US, moment);
+   times.readyUs = Counter(key, Figure::VCPU_READY_US, moment);
+   times.extraUs = Counter(key, Figure::VCPU_EXTRA_US, moment);
+   times.guaranteedMs = Gauge(key, Figure::GUARANTEED_MS, moment.timeSec);
    return times;
 }
 
-uint64_t GetHeartbeats(EntityKey vm, int64_t timeSec)
+uint64_t GetHeartbeats(EntityKey vm, const Moment& moment)
 {
-   return Counter(vm, Figure::HEARTBEATS, timeSec);
+   return Counter(vm, Figure::HEARTBEATS, moment);
+}
+
+int64_t GetLatenessSec(EntityKey host, uint64_t percent, int64_t timeSec)
+{
+   constexpr int64_t kSteps[] = {-3, -2, -1, 1, 2, 3};
+   return Gauge(host, Figure::LATE_PERCENT, timeSec) < percent
+             ? kSteps[Gauge(host, Figure::LATENESS_STEP, timeSec)]
+             : 0;
 }
 
 uint64_t GetMemorySizeKb(EntityKey entity)
@@ -155,31 +157,29 @@ MemoryClientStats GetMemoryClient(EntityKey vm, uint64_t sizeKb, int64_t timeSec
            Share(sizeKb, vm, Figure::BALLOON, timeSec)};
 }
 
-SwapInfo GetSwap(EntityKey vm, uint64_t sizeKb, int64_t timeSec)
+SwapInfo GetSwap(EntityKey vm, uint64_t sizeKb, const Moment& moment)
 {
-   return {static_cast<uint32_t>(Share(sizeKb, vm, Figure::SWAPPED, timeSec)),
-           static_cast<uint32_t>(Counter(vm, Figure::SWAP_IN_KB, timeSec)),
-           static_cast<uint32_t>(Counter(vm, Figure::SWAP_OUT_KB, timeSec))};
+   return {static_cast<uint32_t>(Share(sizeKb, vm, Figure::SWAPPED, moment.timeSec)),
+           static_cast<uint32_t>(Counter(vm, Figure::SWAP_IN_KB, moment)),
+           static_cast<uint32_t>(Counter(vm, Figure::SWAP_OUT_KB, moment))};
 }
 
-HostCtl::Storage::StorageStatistics GetDisk(EntityKey disk, int64_t timeSec)
+HostCtl::Storage::StorageStatistics GetDisk(EntityKey disk, const Moment& moment)
 {
    HostCtl::Storage::StorageStatistics statistics;
-   statistics.blocksRead = Counter(disk, Figure::BLOCKS_READ, timeSec);
-   statistics.blocksWritten = Counter(disk, Figure::BLOCKS_WRITTEN, timeSec);
-   statistics.readOperations = Counter(disk, Figure::READ_OPERATIONS, timeSec);
-   statistics.writeOperations = Counter(disk, Figure::WRITE_OPERATIONS, timeSec);
+   statistics.blocksRead = Counter(disk, Figure::BLOCKS_READ, moment);
+   statistics.blocksWritten = Counter(disk, Figure::BLOCKS_WRITTEN, moment);
+   statistics.readOperations = Counter(disk, Figure::READ_OPERATIONS, moment);
+   statistics.writeOperations = Counter(disk, Figure::WRITE_OPERATIONS, moment);
    statistics.commands = statistics.readOperations + statistics.writeOperations;
-   statistics.abortedCommands = Counter(disk, Figure::ABORTS_PER_HOUR, timeSec) / 3600;
-   statistics.busResets = Counter(disk, Figure::RESETS_PER_DAY, timeSec) / 86400;
+   statistics.abortedCommands = Counter(disk, Figure::ABORTS_PER_HOUR, moment) / 3600;
+   statistics.busResets = Counter(disk, Figure::RESETS_PER_DAY, moment) / 86400;
    return statistics;
 }
 
-HostCtl::Network::PortStatistics GetPort(EntityKey card, int64_t timeSec)
+HostCtl::Network::PortStatistics GetPort(EntityKey card, const Moment& moment)
 {
-   const auto count = [&](Figure figure) {
-      return static_cast<uint32_t>(Counter(card, figure, timeSec));
-   };
+   const auto count = [&](Figure figure) { return Counter(card, figure, moment); };
    return {count(Figure::BYTES_RECEIVED), count(Figure::BYTES_SENT),
            count(Figure::PACKETS_RECEIVED), count(Figure::PACKETS_SENT)};
 }

@@ -25,10 +25,15 @@ HostCtl::Resource::CpuLoadHistory GetCpuLoad(EntityKey entity, int64_t timeSec);
 /// Of a resource pool or system group.
 HostCtl::Resource::CpuStats GetGroupCpu(EntityKey group, int64_t timeSec);
 
-/// The sum of its virtual CPUs.
-HostCtl::Resource::CpuStats GetVmCpu(EntityKey vm, uint64_t vcpus, int64_t timeSec);
-HostCtl::Resource::CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, int64_t timeSec);
-uint64_t GetHeartbeats(EntityKey vm, int64_t timeSec);
+/// When a virtual machine that runs from the beginning started: some time after the host.
+int64_t GetFirstStartSec(EntityKey vm);
+/// Without the uptime, which is the virtual machine's.
+HostCtl::Resource::CpuTimes GetVcpu(EntityKey vm, uint64_t vcpu, const Moment& moment);
+uint64_t GetHeartbeats(EntityKey vm, const Moment& moment);
+
+/// By how many seconds the readings of the virtual machines are late, in `percent` of all seconds:
+/// 1 to 3, or -1 to -3 for early ones.
+int64_t GetLatenessSec(EntityKey host, uint64_t percent, int64_t timeSec);
 
 /// The configured memory of a VM or pool, a multiple of 512 MB; never changes.
 uint64_t GetMemorySizeKb(EntityKey entity);
@@ -38,12 +43,12 @@ HostCtl::Resource::MemoryStats GetMemory(EntityKey entity, uint64_t sizeKb, int6
 HostCtl::Resource::MemoryClientStats GetMemoryClient(EntityKey vm, uint64_t sizeKb,
                                                      int64_t timeSec);
 /// The two counts have 32 bits and wrap.
-HostCtl::Resource::SwapInfo GetSwap(EntityKey vm, uint64_t sizeKb, int64_t timeSec);
+HostCtl::Resource::SwapInfo GetSwap(EntityKey vm, uint64_t sizeKb, const Moment& moment);
 
 /// A disk's traffic, or the part of it that a VM's image on the disk causes.
-HostCtl::Storage::StorageStatistics GetDisk(EntityKey disk, int64_t timeSec);
-/// The port of a NIC. The counts have 32 bits and wrap.
-HostCtl::Network::PortStatistics GetPort(EntityKey card, int64_t timeSec);
+HostCtl::Storage::StorageStatistics GetDisk(EntityKey disk, const Moment& moment);
+/// The port of a NIC.
+HostCtl::Network::PortStatistics GetPort(EntityKey card, const Moment& moment);
 
 /// The two disks that hold a VM's images; twice the same if the host has only one. Not for a host
 /// without disks.

@@ -2,7 +2,9 @@
 
 #include "agentdCommon/wellKnown.h"
 #include "corvax/application.h"
+#include "corvax/clock.h"
 #include "corvax/exception.h"
+#include "corvax/system.h"
 #include "simHost/simProvider.h"
 #include "simHost/simResourceMgr.h"
 
@@ -53,6 +55,34 @@ void AddPool(Inventory::Inventory& inventory, uint64_t number)
    inventory.AddPool(GetPoolId(number), "sim pool " + std::to_string(number), parentId);
 }
 
+void ChangeShape(VmShape& shape, SimAction action, uint64_t count, int64_t timeSec)
+{
+   switch (action) {
+   case SimAction::ON_VM:
+      return shape.Restart(timeSec);
+   case SimAction::STUCK_VM:
+   case SimAction::UNSTUCK_VM:
+      shape.isStuck = action == SimAction::STUCK_VM;
+      return;
+   case SimAction::FAILING_VM:
+   case SimAction::WORKING_VM:
+      shape.isFailing = action == SimAction::FAILING_VM;
+      return;
+   case SimAction::HANG_VM:
+   case SimAction::UNHANG_VM:
+      shape.isHung = action == SimAction::HANG_VM;
+      return;
+   case SimAction::VCPUS_VM:
+      return shape.SetVcpus(count, timeSec);
+   case SimAction::CARDS_VM:
+      return shape.SetCards(count, timeSec);
+   case SimAction::DISKS_VM:
+      return shape.SetImages(count, timeSec);
+   default:
+      Corvax::NotReached("the action changes a virtual machine");
+   }
+}
+
 } // namespace
 
 SimHost::Registration::Registration(std::string id, const Ref<Corvax::Object>& object)
@@ -67,12 +97,14 @@ SimHost::Registration::~Registration()
 }
 
 SimHost::SimHost(SimOptions options, Corvax::Logger* logger)
-   : _state(MakeRef<SimState>(std::move(options))), _inventory(kRootPoolId, "simulated root pool"),
+   : _state(MakeRef<SimState>(std::move(options))), _logger(logger),
+     _inventory(kRootPoolId, "simulated root pool"),
      _resourceMgr(AgentdCommon::moid_resourcemgr,
                   NewSimResourceMgr(_state, _inventory.GetRootPool())),
      _hostSystem(AgentdCommon::moid_hostsystem, MakeRef<SimHostSystem>()),
      _events(MakeRef<SimEvents>(
-        _state, [this](SimAction action, const std::string& id) { return Apply(action, id); },
+        _state,
+        [this](const SimEvent& event) { return Apply(event.action, event.id, event.count); },
         logger))
 {
    const uint64_t pools = _state->GetOptions().pools;
@@ -94,7 +126,15 @@ SimHost::~SimHost()
 
 HostCtl::Host* SimHost::GetHost()
 {
-   _state->UpdateTime();
+   std::vector<Change> changes;
+   {
+      const std::lock_guard guard(_changesMutex);
+      changes.swap(_changes);
+   }
+   _state->UpdateTime(); // after the time of the last change
+   for (const Change& change : changes) {
+      Make(change);
+   }
    return NewHost(*_state);
 }
 
@@ -103,22 +143,27 @@ HostCtl::Network::Port* SimHost::GetPort(uint32_t portId)
    return NewCardPort(*_state, portId);
 }
 
-bool SimHost::Apply(SimAction action, const std::string& id)
+bool SimHost::Apply(SimAction action, const std::string& id, uint64_t count)
 {
    const std::lock_guard guard(_mutex);
    switch (action) {
+   case SimAction::DISKS_HOST:
+   case SimAction::NICS_HOST:
+      return id == AgentdCommon::moid_hostsystem && Plan(action, id, count);
    case SimAction::DESTROY_POOL:
       return DestroyPool(id);
    case SimAction::CREATE_POOL:
       return CreatePool(id);
    default:
       const uint64_t index = _state->FindVmIndex(id);
-      return index < _vms.size() && ApplyToVm(action, *_vms[index]);
+      return index < _vms.size() && ApplyToVm(action, *_vms[index], count);
    }
 }
 
-bool SimHost::ApplyToVm(SimAction action, SimVm& vm)
+bool SimHost::ApplyToVm(SimAction action, SimVm& vm, uint64_t count)
 {
+   const SimOptions& options = _state->GetOptions();
+   const uint64_t index = _state->FindVmIndex(vm.GetId());
    if (action == SimAction::REGISTER_VM) {
       return RegisterVm(vm);
    }
@@ -137,12 +182,67 @@ bool SimHost::ApplyToVm(SimAction action, SimVm& vm)
       return true;
    case SimAction::STUCK_VM:
    case SimAction::UNSTUCK_VM:
-      return vm.SetFlag(&SimState::Vm::isStuck, action == SimAction::STUCK_VM);
+      return PlanFlag(SimAction::STUCK_VM, action, vm, index < options.stuck);
    case SimAction::FAILING_VM:
    case SimAction::WORKING_VM:
-      return vm.SetFlag(&SimState::Vm::isFailing, action == SimAction::FAILING_VM);
+      return PlanFlag(SimAction::FAILING_VM, action, vm, index + options.failing >= options.vms);
+   case SimAction::HANG_VM:
+   case SimAction::UNHANG_VM:
+      return PlanFlag(SimAction::HANG_VM, action, vm, false);
    default:
-      Corvax::NotReached("the action is for a virtual machine");
+      return Plan(action, vm.GetId(), count);
+   }
+}
+
+/// False if the number is already that one, or is not possible.
+bool SimHost::Plan(SimAction action, const std::string& id, uint64_t count)
+{
+   const CountRange range = GetCountRange(_state->GetOptions(), action);
+   uint64_t& planned = _planned.try_emplace({action, id}, range.atStart).first->second;
+   if (planned == count || count < range.min || count > range.max) {
+      return false;
+   }
+   planned = count;
+   AddChange(action, id, count);
+   return true;
+}
+
+/// `flag` is the action that sets it; `action` is that one or the one that clears it.
+bool SimHost::PlanFlag(SimAction flag, SimAction action, const SimVm& vm, bool isAtStart)
+{
+   const uint64_t value = action == flag ? 1 : 0;
+   uint64_t& planned = _planned.try_emplace({flag, vm.GetId()}, isAtStart ? 1 : 0).first->second;
+   if (planned == value) {
+      return false;
+   }
+   planned = value;
+   AddChange(action, vm.GetId(), 0);
+   return true;
+}
+
+void SimHost::AddChange(SimAction action, const std::string& id, uint64_t count)
+{
+   const std::lock_guard guard(_changesMutex);
+   const int64_t timeSec = Corvax::System::GetTime() / Corvax::kMicrosecondsPerSecond;
+   _changes.push_back({timeSec, action, id, count});
+}
+
+void SimHost::Make(const Change& change)
+{
+   _logger->Log(Corvax::kLogDebug, "Simulated change: %1 %2 %3 %4 %5", _state->GetTimeSec(),
+                change.timeSec, GetActionName(change.action), change.id, change.count);
+   if (change.action == SimAction::DISKS_HOST) {
+      _state->SetDisks(change.count, change.timeSec);
+      return;
+   }
+   if (change.action == SimAction::NICS_HOST) {
+      _state->SetNics(change.count, change.timeSec);
+      return;
+   }
+   const uint64_t index = _state->FindVmIndex(change.id);
+   ChangeShape(_state->GetVm(index).shape, change.action, change.count, change.timeSec);
+   if (change.action == SimAction::CARDS_VM) {
+      _vms[index]->UpdateConfig();
    }
 }
 
@@ -151,6 +251,9 @@ bool SimHost::SetPower(SimVm& vm, PowerState state, bool isOnlyFromOn)
    const PowerState before = vm.GetPowerState();
    if (before == state || (isOnlyFromOn && before != PowerState::POWERED_ON)) {
       return false;
+   }
+   if (before == PowerState::POWERED_OFF && state == PowerState::POWERED_ON) {
+      AddChange(SimAction::ON_VM, vm.GetId(), 0);
    }
    _inventory.SetPowerState(vm.GetId(), state);
    return true;
@@ -166,6 +269,7 @@ bool SimHost::RegisterVm(SimVm& vm)
       vm.SetPool(_inventory.GetRootPool());
    }
    vm.SetPowerState(PowerState::POWERED_ON);
+   AddChange(SimAction::ON_VM, vm.GetId(), 0);
    _inventory.RegisterVm(&vm);
    return true;
 }

@@ -17,8 +17,8 @@ struct Range {
 };
 
 // A counter grows by less than twice its rate per second. Hence a host CPU's busy time and the sum
-// of a virtual CPU's times grow by less than a second per second. A port's 32-bit byte counts wrap
-// within minutes at the upper end of their range.
+// of a virtual CPU's times grow by less than a second per second. The low 32 bits of a port's byte
+// counts wrap within minutes at the upper end of their range.
 constexpr auto kRanges = std::to_array<Range>({
    {Figure::HOST_CPU_USED_US, 50000, 490000},
    {Figure::GROUP_CPU_USED_US, 1000, 2000000},
@@ -66,6 +66,8 @@ constexpr auto kRanges = std::to_array<Range>({
    {Figure::START_DELAY_SEC, 0, 9999},
    {Figure::FIRST_DISK, 0, 999999},
    {Figure::SECOND_DISK, 0, 999999},
+   {Figure::LATE_PERCENT, 0, 99},
+   {Figure::LATENESS_STEP, 0, 5},
 });
 
 constexpr bool IsInOrder()
@@ -125,19 +127,22 @@ uint64_t Gauge(EntityKey key, Figure figure, int64_t timeSec)
    return Choose(RangeOf(figure), Mix(bits));
 }
 
-uint64_t Counter(EntityKey key, Figure figure, int64_t timeSec)
+uint64_t Counter(EntityKey key, Figure figure, const Moment& moment)
 {
    const uint64_t mixed = Mix(Bits(key, figure));
    const uint64_t ratePerSec = Choose(RangeOf(figure), mixed);
-   const uint64_t sinceStartSec = GetUptimeSec(timeSec);
+   const uint64_t sinceStartSec = GetUptimeSec(moment);
+   if (sinceStartSec == 0) {
+      return 0;
+   }
    // The noise is below the rate, so that the count grows even from the highest noise to the
    // lowest.
    return ratePerSec * sinceStartSec + Below(ratePerSec, Mix(mixed + sinceStartSec * kTimeStep));
 }
 
-uint64_t GetUptimeSec(int64_t timeSec)
+uint64_t GetUptimeSec(const Moment& moment)
 {
-   return static_cast<uint64_t>(std::max(timeSec, kHostStartSec) - kHostStartSec);
+   return static_cast<uint64_t>(std::max(moment.timeSec, moment.startSec) - moment.startSec);
 }
 
 } // namespace SimHost

@@ -59,6 +59,9 @@ enum class Figure : uint32_t {
    START_DELAY_SEC,
    FIRST_DISK,
    SECOND_DISK,
+   // Gauges of the host: whether the virtual machines' readings are late, and by how much.
+   LATE_PERCENT,
+   LATENESS_STEP,
    COUNT
 };
 
@@ -88,12 +91,17 @@ constexpr uint64_t Below(uint64_t limit, uint64_t mixed)
 /// A value anywhere in the figure's range.
 uint64_t Gauge(EntityKey key, Figure figure, int64_t timeSec);
 
-/// A count since the host's start. It grows every second, by less than twice the upper end of the
-/// figure's range; before the host's start it is below its rate, and it does not overflow before
-/// 2100.
-uint64_t Counter(EntityKey key, Figure figure, int64_t timeSec);
+/// A second, and the one in which the counters that are read in it began.
+struct Moment {
+   int64_t timeSec = 0;
+   int64_t startSec = kHostStartSec;
+};
 
-/// Seconds since the host's start, 0 before it.
-uint64_t GetUptimeSec(int64_t timeSec);
+/// Seconds since the counters began, 0 before that.
+uint64_t GetUptimeSec(const Moment& moment);
+
+/// A count since the moment's start, 0 until then. It grows every second, by less than twice the
+/// upper end of the figure's range, and does not overflow before 2100.
+uint64_t Counter(EntityKey key, Figure figure, const Moment& moment);
 
 } // namespace SimHost

@@ -23,19 +23,19 @@ struct NumberKey {
 
 constexpr uint64_t kMaxVms = 20000;
 
-// The collector keeps the host's number of CPUs in 8 bits.
 constexpr NumberKey kNumberKeys[] = {
    {"vms", &SimOptions::vms, 0, kMaxVms},
    {"pools", &SimOptions::pools, 0, 2000},
    {"disks", &SimOptions::disks, 0, 256},
    {"nics", &SimOptions::nics, 0, 32},
-   {"cpus", &SimOptions::cpus, 1, 255},
-   {"vcpus", &SimOptions::vcpus, 1, 64},
-   {"cards", &SimOptions::cards, 0, 10},
+   {"cpus", &SimOptions::cpus, 1, 4096},
+   {"vcpus", &SimOptions::vcpus, 1, kMostVcpus},
+   {"cards", &SimOptions::cards, 0, kMostCards},
    {"seed", &SimOptions::seed, 0, std::numeric_limits<uint64_t>::max()},
    {"events", &SimOptions::events, 0, 60000},
    {"stuck", &SimOptions::stuck, 0, kMaxVms},
    {"failing", &SimOptions::failing, 0, kMaxVms},
+   {"late", &SimOptions::late, 0, 100},
 };
 constexpr std::string_view kScriptKey = "script";
 

@@ -6,6 +6,9 @@
 
 namespace SimHost {
 
+constexpr uint64_t kMostVcpus = 64;
+constexpr uint64_t kMostCards = 10;
+
 /// The size and behaviour of a simulated host.
 struct SimOptions {
    uint64_t vms = 20;
@@ -19,6 +22,7 @@ struct SimOptions {
    uint64_t events = 0;  ///< random events per minute
    uint64_t stuck = 0;   ///< number of VMs, the first ones, that start stuck
    uint64_t failing = 0; ///< number of VMs, the last ones, that start failing
+   uint64_t late = 0;    ///< percent of the runs whose readings of VMs are late or early
    std::string script;   ///< file with events; empty: none
 };
 

@@ -3,6 +3,8 @@
 #include "corvax/clock.h"
 #include "corvax/format.h"
 
+#include <algorithm>
+
 namespace SimHost {
 
 namespace {
@@ -39,7 +41,7 @@ public:
    }
    uint64_t GetUptimeUs() override
    {
-      return GetUptimeSec(_state.GetTimeSec()) * Corvax::kMicrosecondsPerSecond;
+      return GetUptimeSec({_state.GetTimeSec()}) * Corvax::kMicrosecondsPerSecond;
    }
    HostCtl::Resource::HostCapacity GetCapacity() override
    {
@@ -58,27 +60,38 @@ private:
 
 class DiskLunImpl : public HostCtl::Storage::DiskLun {
 public:
-   DiskLunImpl(const SimState::Disk& disk, int64_t timeSec) : _disk(disk), _timeSec(timeSec) {}
+   DiskLunImpl(const SimState& state, uint64_t index)
+      : _state(state), _disk(state.GetDisks()[index]), _startSec(state.GetDiskParts()[index])
+   {
+   }
 
    std::string GetScsiName() override { return _disk.name; }
    uint64_t GetBlockSizeBytes() override { return kBlockSizeBytes; }
    HostCtl::Storage::StorageStatistics GetStatistics() override
    {
-      return GetDisk(_disk.key, _timeSec);
+      return GetDisk(_disk.key, {_state.GetTimeSec(), _startSec});
    }
    std::vector<HostCtl::Storage::WorldStatistics> GetWorldStatistics() override
    {
       std::vector<HostCtl::Storage::WorldStatistics> worlds;
       worlds.reserve(_disk.images.size());
       for (const SimState::Image& image : _disk.images) {
-         worlds.push_back({image.worldId, GetDisk(image.key, _timeSec)});
+         const VmShape& vm = _state.GetVm(image.vmIndex).shape;
+         if (!vm.isHung && image.index < vm.images.size()) {
+            // With a disk of the host, the images on it begin anew, too.
+            const int64_t startSec = std::max(vm.images[image.index], _startSec);
+            worlds.push_back(
+               {SimState::GetWorldId(image.vmIndex),
+                GetDisk(vm.key.Part(image.index), {_state.GetVmTimeSec(), startSec})});
+         }
       }
       return worlds;
    }
 
 private:
+   const SimState& _state;
    const SimState::Disk& _disk;
-   const int64_t _timeSec;
+   const int64_t _startSec;
 };
 
 class StorageInfoImpl : public HostCtl::Storage::StorageInfo {
@@ -88,12 +101,13 @@ public:
    std::vector<HostCtl::Storage::DiskLun*> GetDiskLuns() override
    {
       std::vector<HostCtl::Storage::DiskLun*> luns;
-      luns.reserve(_state.GetDisks().size());
-      for (const SimState::Disk& disk : _state.GetDisks()) {
-         luns.push_back(new DiskLunImpl(disk, _state.GetTimeSec()));
+      luns.reserve(_state.GetDiskParts().size());
+      for (uint64_t disk = 0; disk < _state.GetDiskParts().size(); ++disk) {
+         luns.push_back(new DiskLunImpl(_state, disk));
       }
       return luns;
    }
+   int64_t GetSumCorrectionKb() override { return _state.GetRemovedDisksKb(); }
 
 private:
    const SimState& _state;
@@ -128,17 +142,19 @@ private:
 
 class PhysicalNicImpl : public HostCtl::Network::PhysicalNic {
 public:
-   PhysicalNicImpl(const SimState::Device& nic, int64_t timeSec) : _nic(nic), _timeSec(timeSec) {}
+   PhysicalNicImpl(const SimState::Device& nic, const Moment& moment) : _nic(nic), _moment(moment)
+   {
+   }
 
    std::string GetName() override { return _nic.name; }
    HostCtl::Network::Port* GetUplinkPort() override
    {
-      return new PortImpl(GetPort(_nic.key, _timeSec));
+      return new PortImpl(GetPort(_nic.key, _moment));
    }
 
 private:
    const SimState::Device& _nic;
-   const int64_t _timeSec;
+   const Moment _moment;
 };
 
 class NetworkInfoImpl : public HostCtl::Network::NetworkInfo {
@@ -148,12 +164,15 @@ public:
    std::vector<HostCtl::Network::PhysicalNic*> GetPhysicalNics() override
    {
       std::vector<HostCtl::Network::PhysicalNic*> nics;
-      nics.reserve(_state.GetNics().size());
-      for (const SimState::Device& nic : _state.GetNics()) {
-         nics.push_back(new PhysicalNicImpl(nic, _state.GetTimeSec()));
+      const SimParts& parts = _state.GetNicParts();
+      nics.reserve(parts.size());
+      for (uint64_t nic = 0; nic < parts.size(); ++nic) {
+         nics.push_back(
+            new PhysicalNicImpl(_state.GetNics()[nic], {_state.GetTimeSec(), parts[nic]}));
       }
       return nics;
    }
+   int64_t GetSumCorrectionKb() override { return _state.GetRemovedNicsKb(); }
 
 private:
    const SimState& _state;
@@ -238,7 +257,9 @@ HostCtl::Network::Port* NewCardPort(const SimState& state, uint32_t portId)
    if (card.vm->isFailing) {
       return new FailingPort(portId);
    }
-   return new PortImpl(GetPort(card.key, state.GetTimeSec()));
+   const VmShape& vm = *card.vm;
+   return new PortImpl(
+      GetPort(vm.key.Part(card.index), {state.GetVmTimeSec(), vm.cards[card.index]}));
 }
 
 } // namespace SimHost

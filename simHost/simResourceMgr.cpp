@@ -45,38 +45,42 @@ public:
    CpuStats* GetVmCpuStats(MoRef* vm) override
    {
       const SimState::Vm* const found = _state->FindVm(vm->GetId());
-      return found ? new CpuStats(GetVmCpu(found->key, _state->GetOptions().vcpus, Now()))
-                   : nullptr;
+      return found ? new CpuStats(found->shape.GetCpu(VmNow())) : nullptr;
    }
    std::vector<CpuTimes> GetVmCpuTimes(MoRef* vm) override;
    MemoryStats* GetVmMemoryStats(MoRef* vm) override
    {
-      const SimState::Vm* const found = FindWorkingVm(vm);
-      return found ? new MemoryStats(GetMemory(found->key, found->memoryKb, Now())) : nullptr;
+      const SimState::Vm* const found = FindVmWithMemory(vm);
+      return found ? new MemoryStats(GetMemory(found->shape.key, found->memoryKb, VmNow()))
+                   : nullptr;
    }
    SwapInfo* GetVmSwapInfo(MoRef* vm) override
    {
-      const SimState::Vm* const found = FindWorkingVm(vm);
-      return found ? new SwapInfo(GetSwap(found->key, found->memoryKb, Now())) : nullptr;
+      const SimState::Vm* const found = FindVmWithMemory(vm);
+      return found ? new SwapInfo(GetSwap(found->shape.key, found->memoryKb,
+                                          {VmNow(), found->shape.startSec}))
+                   : nullptr;
    }
    MemoryClientStats* GetVmMemoryClientStats(MoRef* vm) override
    {
-      const SimState::Vm* const found = FindWorkingVm(vm);
-      return found ? new MemoryClientStats(GetMemoryClient(found->key, found->memoryKb, Now()))
-                   : nullptr;
+      const SimState::Vm* const found = FindVmWithMemory(vm);
+      return found
+                ? new MemoryClientStats(GetMemoryClient(found->shape.key, found->memoryKb, VmNow()))
+                : nullptr;
    }
    CpuLoadHistory* GetVmCpuLoadHistory(MoRef* vm) override
    {
       const SimState::Vm* const found = _state->FindVm(vm->GetId());
-      return found ? new CpuLoadHistory(GetCpuLoad(found->key, Now())) : nullptr;
+      return found ? new CpuLoadHistory(GetCpuLoad(found->shape.key, VmNow())) : nullptr;
    }
 
 private:
    int64_t Now() const { return _state->GetTimeSec(); }
-   const SimState::Vm* FindWorkingVm(MoRef* vm) const
+   int64_t VmNow() const { return _state->GetVmTimeSec(); }
+   const SimState::Vm* FindVmWithMemory(MoRef* vm) const
    {
       const SimState::Vm* const found = _state->FindVm(vm->GetId());
-      return found && !found->isFailing ? found : nullptr;
+      return found && !found->shape.isFailing && !found->shape.isHung ? found : nullptr;
    }
 
    const Ref<SimState> _state;
@@ -87,10 +91,10 @@ std::vector<CpuTimes> SimResourceMgr::GetVmCpuTimes(MoRef* vm)
 {
    std::vector<CpuTimes> times;
    if (const SimState::Vm* const found = _state->FindVm(vm->GetId())) {
-      const uint64_t vcpus = _state->GetOptions().vcpus;
+      const uint64_t vcpus = found->shape.vcpus.size();
       times.reserve(vcpus);
       for (uint64_t vcpu = 0; vcpu < vcpus; ++vcpu) {
-         times.push_back(GetVcpu(found->key, vcpu, Now()));
+         times.push_back(found->shape.GetVcpu(vcpu, VmNow()));
       }
    }
    return times;

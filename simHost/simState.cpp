@@ -72,13 +72,21 @@ std::string GetNicName(uint64_t index)
 
 SimState::SimState(SimOptions options)
    : _options(std::move(options)), _hostKey(MakeKey(_options.seed, AgentdCommon::moid_hostsystem)),
-     _vms(new Vm[_options.vms]), _timeSec(GetCurrentSec())
+     _vms(new Vm[_options.vms]), _diskParts(_options.disks, kHostStartSec),
+     _nicParts(_options.nics, kHostStartSec), _timeSec(GetCurrentSec()), _vmTimeSec(_timeSec)
 {
    for (uint64_t i = 0; i < _options.vms; ++i) {
-      _vms[i].key = MakeKey(_options.seed, GetVmId(i + 1));
-      _vms[i].memoryKb = GetMemorySizeKb(_vms[i].key);
-      _vms[i].isStuck = i < _options.stuck;
-      _vms[i].isFailing = i + _options.failing >= _options.vms;
+      const EntityKey key = MakeKey(_options.seed, GetVmId(i + 1));
+      const int64_t startSec = GetFirstStartSec(key);
+      VmShape& shape = _vms[i].shape;
+      shape.key = key;
+      shape.startSec = startSec;
+      shape.vcpus.assign(_options.vcpus, startSec);
+      shape.cards.assign(_options.cards, startSec);
+      shape.images.assign(std::min(_options.disks, kMostImages), startSec);
+      shape.isStuck = i < _options.stuck;
+      shape.isFailing = i + _options.failing >= _options.vms;
+      _vms[i].memoryKb = GetMemorySizeKb(key);
    }
    for (uint64_t i = 0; i <= _options.pools; ++i) {
       const EntityKey key = MakeKey(_options.seed, i == 0 ? kRootPoolId : GetPoolId(i));
@@ -103,18 +111,18 @@ SimState::SimState(SimOptions options)
 void SimState::PlaceImages()
 {
    for (uint64_t i = 0; i < _options.vms && !_disks.empty(); ++i) {
-      const EntityKey vm = _vms[i].key;
-      const auto [first, second] = GetImageDisks(vm, _disks.size());
-      _disks[first].images.push_back({GetWorldId(i), vm.Part(0)});
+      const auto [first, second] = GetImageDisks(_vms[i].shape.key, _disks.size());
+      _disks[first].images.push_back({i, 0});
       if (second != first) {
-         _disks[second].images.push_back({GetWorldId(i), vm.Part(1)});
+         _disks[second].images.push_back({i, 1});
       }
    }
 }
 
 void SimState::UpdateTime()
 {
-   _timeSec.store(GetCurrentSec(), std::memory_order_relaxed);
+   _timeSec = GetCurrentSec();
+   _vmTimeSec = _timeSec + GetLatenessSec(_hostKey, _options.late, _timeSec);
 }
 
 uint64_t SimState::FindVmIndex(std::string_view id) const
@@ -166,11 +174,24 @@ SimState::Card SimState::FindCard(uint32_t portId) const
 {
    const uint64_t number = portId / kPortsPerVm;
    const uint64_t card = portId % kPortsPerVm;
-   if (number < 1 || number > _options.vms || card >= _options.cards) {
+   if (number < 1 || number > _options.vms || card >= _vms[number - 1].shape.cards.size()) {
       return {};
    }
-   const Vm& vm = _vms[number - 1];
-   return {&vm, vm.key.Part(card)};
+   return {&_vms[number - 1].shape, card};
+}
+
+void SimState::SetDisks(uint64_t count, int64_t timeSec)
+{
+   _removedDisksKb +=
+      GetDisksKb(_diskParts, count, [this](uint64_t disk) { return _disks[disk].key; }, timeSec);
+   _diskParts.resize(count, timeSec);
+}
+
+void SimState::SetNics(uint64_t count, int64_t timeSec)
+{
+   _removedNicsKb +=
+      GetCardsKb(_nicParts, count, [this](uint64_t nic) { return _nics[nic].key; }, timeSec);
+   _nicParts.resize(count, timeSec);
 }
 
 } // namespace SimHost

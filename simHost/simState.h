@@ -1,11 +1,10 @@
 #pragma once
 
 #include "corvax/object.h"
-#include "simHost/simFigures.h"
 #include "simHost/simOptions.h"
+#include "simHost/simParts.h"
 
 #include <array>
-#include <atomic>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -38,19 +37,20 @@ constexpr auto kSystemGroups = std::to_array<std::string_view>({
    "host/user/sessions",
 });
 
-/// The entities of a simulated host, registered or not, and the time of its figures. Only that time
-/// and the two flags of a VM ever change.
+/// Images of a virtual machine on disks of the host.
+constexpr uint64_t kMostImages = 2;
+
+/// The entities of a simulated host, registered or not, and the time of its figures.
 ///
-/// Locking: none needed; what changes is atomic.
+/// Locking: none. Time, shapes and the host's parts change between runs only, on the thread of the
+/// runs, which alone reads them; the rest never changes.
 class SimState : public Corvax::ObjectImpl {
 public:
    explicit SimState(SimOptions options);
 
    struct Vm {
-      EntityKey key;
+      VmShape shape;
       uint64_t memoryKb = 0;
-      std::atomic<bool> isStuck = false;   ///< cannot be sampled, as if its monitor hung
-      std::atomic<bool> isFailing = false; ///< has no memory figures, and its ports cannot be read
    };
    struct Pool {
       EntityKey key;
@@ -62,21 +62,32 @@ public:
    };
    /// A virtual machine's image on a disk.
    struct Image {
-      int32_t worldId;
-      EntityKey key;
+      uint64_t vmIndex;
+      uint64_t index; ///< among the images of the VM
    };
    struct Disk : Device {
-      std::vector<Image> images;
+      std::vector<Image> images; ///< of all VMs that ever have one on the disk
    };
 
    /// Sets the time of the figures to the current second.
    void UpdateTime();
-   int64_t GetTimeSec() const { return _timeSec.load(std::memory_order_relaxed); }
+   int64_t GetTimeSec() const { return _timeSec; }
+   /// Of the virtual machines' figures: those may be late.
+   int64_t GetVmTimeSec() const { return _vmTimeSec; }
 
    const SimOptions& GetOptions() const { return _options; }
    EntityKey GetHostKey() const { return _hostKey; }
+   /// Those that the host ever has; GetDiskParts and GetNicParts say which are there.
    const std::vector<Disk>& GetDisks() const { return _disks; }
    const std::vector<Device>& GetNics() const { return _nics; }
+   const SimParts& GetDiskParts() const { return _diskParts; }
+   const SimParts& GetNicParts() const { return _nicParts; }
+   /// Traffic of the disks and NICs that have left the host.
+   int64_t GetRemovedDisksKb() const { return _removedDisksKb; }
+   int64_t GetRemovedNicsKb() const { return _removedNicsKb; }
+   /// `count` is at most the number at the start.
+   void SetDisks(uint64_t count, int64_t timeSec);
+   void SetNics(uint64_t count, int64_t timeSec);
 
    Vm& GetVm(uint64_t index) const { return _vms[index]; }
    /// Null for an id that no VM of this host ever has.
@@ -92,8 +103,8 @@ public:
    static uint32_t GetPortId(uint64_t vmIndex, int32_t cardKey);
    static int32_t GetCardKey(uint64_t card);
    struct Card {
-      const Vm* vm = nullptr; ///< null: the port is not a VM's
-      EntityKey key;
+      const VmShape* vm = nullptr; ///< null: there is no such NIC at present
+      uint64_t index = 0;
    };
    Card FindCard(uint32_t portId) const;
 
@@ -106,8 +117,13 @@ private:
    std::vector<Pool> _pools; ///< the root pool first
    std::vector<Disk> _disks;
    std::vector<Device> _nics;
+   SimParts _diskParts;
+   SimParts _nicParts;
+   int64_t _removedDisksKb = 0;
+   int64_t _removedNicsKb = 0;
    std::array<EntityKey, kSystemGroups.size()> _systemGroups;
-   std::atomic<int64_t> _timeSec;
+   int64_t _timeSec;
+   int64_t _vmTimeSec;
 };
 
 } // namespace SimHost

@@ -25,33 +25,32 @@ Ref<VirtualEthernetCard> MakeCard(uint64_t card)
 SimVm::SimVm(Ref<SimState> state, uint64_t index)
    : VmObject(GetVmId(index + 1)), _state(std::move(state)), _index(index)
 {
-   const auto config = MakeRef<Quen::Vm::ConfigInfo>();
-   config->name = "sim vm " + std::to_string(index + 1);
-   config->hardware.memoryMb = static_cast<int64_t>(_state->GetVm(index).memoryKb / 1024);
-   config->hardware.device = MakeRef<Plexa::DataArray<Quen::Vm::Device::VirtualDevice>>();
-   for (uint64_t card = 0; card < _state->GetOptions().cards; ++card) {
-      config->hardware.device->Append(MakeCard(card));
-   }
-   SetConfig(config);
+   UpdateConfig();
    SetPowerState(Quen::Vm::PowerState::POWERED_ON);
 }
 
 SimVm::~SimVm() = default;
 
-bool SimVm::SetFlag(std::atomic<bool> SimState::Vm::* flag, bool value)
+void SimVm::UpdateConfig()
 {
-   const Corvax::Locker lock(this);
-   return (_state->GetVm(_index).*flag).exchange(value) != value;
+   const auto config = MakeRef<Quen::Vm::ConfigInfo>();
+   config->name = "sim vm " + std::to_string(_index + 1);
+   config->hardware.memoryMb = static_cast<int64_t>(_state->GetVm(_index).memoryKb / 1024);
+   config->hardware.device = MakeRef<Plexa::DataArray<Quen::Vm::Device::VirtualDevice>>();
+   for (uint64_t card = 0; card < GetShape().cards.size(); ++card) {
+      config->hardware.device->Append(MakeCard(card));
+   }
+   SetConfig(config);
 }
 
 bool SimVm::IsStatsAvailable()
 {
-   return !_state->GetVm(_index).isStuck && GetPowerState() == Quen::Vm::PowerState::POWERED_ON;
+   return !GetShape().isStuck && GetPowerState() == Quen::Vm::PowerState::POWERED_ON;
 }
 
 uint64_t SimVm::GetHeartbeatCount()
 {
-   return GetHeartbeats(_state->GetVm(_index).key, _state->GetTimeSec());
+   return GetHeartbeats(GetShape().key, {_state->GetVmTimeSec(), GetShape().startSec});
 }
 
 uint32_t SimVm::GetPortId(VirtualEthernetCard* card)

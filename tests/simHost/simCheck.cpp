@@ -32,18 +32,39 @@ std::vector<SimOracle::Run> ReadRuns(const std::string& path)
    return runs;
 }
 
+/// The changes that the simulated host has logged: a line for each, with the time of the run that
+/// sees it, its own, action, id and number.
+std::vector<SimOracle::Change> ReadChanges(const std::string& path)
+{
+   std::ifstream file(path);
+   std::vector<SimOracle::Change> changes;
+   for (std::string line; std::getline(file, line);) {
+      std::istringstream words(line);
+      SimOracle::Change change{};
+      std::string action;
+      words >> change.runSec >> change.timeSec >> action >> change.id >> change.count;
+      const auto known = SimHost::FindAction(action);
+      if (!words || !known) {
+         throw Corvax::Exception("Cannot read a change of the simulated host: " + line);
+      }
+      change.action = *known;
+      changes.push_back(change);
+   }
+   return changes;
+}
+
 } // namespace
 
 /// Compares a depot that an agent has written from its simulated host with that host's model: the
 /// runs in the file, and no others, must be there with all their samples. The agent must have
-/// ended: a depot has one user.
+/// ended: a depot has one user. The agent has wide figures.
 int main(int argc, char** argv)
 {
    const bool onlyEstablished = argc == 6 && std::string(argv[5]) == "--established";
-   if (argc != 5 && !onlyEstablished) {
+   if (argc != 5 && argc != 6) {
       std::fprintf(stderr,
                    "usage: simCheck DEPOT_DIR/ DEPOT_NAME \"vms=200,pools=20,...\" RUNS_FILE "
-                   "[--established]\n");
+                   "[--established | CHANGES_FILE]\n");
       return 2;
    }
    try {
@@ -53,8 +74,10 @@ int main(int argc, char** argv)
       Corvax::Ref<Metrix::StatsDepot> depot;
       Metrix::GetStatsDepot(directory, name, logger.Get(), 0, depot);
       depot->LoadReadOnly();
-      const SimOracle oracle =
-         SimOracle::FromRuns(*depot, SimHost::ParseSimOptions(argv[3]), ReadRuns(argv[4]));
+      const auto changes =
+         argc == 6 && !onlyEstablished ? ReadChanges(argv[5]) : std::vector<SimOracle::Change>();
+      const SimOracle oracle = SimOracle::FromRuns(*depot, SimHost::ParseSimOptions(argv[3]),
+                                                   ReadRuns(argv[4]), changes, true);
       const SimOracle::Result result =
          oracle.Compare(*depot, directory + name + ".idMap", onlyEstablished);
       for (const std::string& text : result.texts) {

@@ -38,7 +38,7 @@ protected:
       int run; ///< the event comes before this run
       SimAction action;
       std::string id;
-      uint8_t reads; ///< of the entity from then on
+      uint64_t count = 0;
    };
 
    SimulationTest() { _clock.SetSeconds(kStartSec + 7); }
@@ -61,24 +61,65 @@ protected:
          _collector = nullptr; // with the depot before
          _depot->Load();
       }
-      _collector =
-         MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), periodSec);
+      _collector = MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(),
+                                              periodSec, _wideFigures);
       _collector->Start();
    }
 
-   void Follow(SimOracle& oracle, SimHost::SimHost& host, const Scripted& event)
+   /// Applies the event and tells the oracle. False if it changes nothing.
+   bool Follow(SimOracle& oracle, SimHost::SimHost& host, const Scripted& event)
    {
-      EXPECT_TRUE(host.Apply(event.action, event.id)) << event.id;
-      EXPECT_FALSE(host.Apply(event.action, event.id)) << event.id;
+      if (!host.Apply(event.action, event.id, event.count)) {
+         return false;
+      }
+      EXPECT_FALSE(host.Apply(event.action, event.id, event.count)) << event.id;
+      std::set<SimAction>& off = _off[event.id];
+      const bool isStart = event.action == SimAction::REGISTER_VM ||
+                           (event.action == SimAction::ON_VM && off.contains(SimAction::OFF_VM));
+      if (isStart || event.action != SimAction::ON_VM) {
+         const auto nowSec = static_cast<TimeStamp>(_clock.nowUs / Corvax::kMicrosecondsPerSecond);
+         _changes.push_back({nowSec + 1, static_cast<int64_t>(nowSec),
+                             isStart ? SimAction::ON_VM : event.action, event.id, event.count});
+         if (!event.id.starts_with("pool")) {
+            oracle.Apply(_changes.back());
+         }
+      }
+      FollowPower(event.action, off);
       std::vector<std::string> ids = {event.id};
       if (event.action == SimAction::DESTROY_POOL && event.id == "pool-01") {
          ids.push_back("pool-05"); // its child
+         _off["pool-05"] = off;
       }
       for (const std::string& id : ids) {
-         oracle.SetReads(id, event.reads);
+         oracle.SetRead(id, off.empty());
          if (event.action == SimAction::UNREGISTER_VM || event.action == SimAction::DESTROY_POOL) {
             oracle.Forget(id);
          }
+      }
+      return true;
+   }
+
+   /// `off` is what keeps an entity from being read.
+   static void FollowPower(SimAction action, std::set<SimAction>& off)
+   {
+      switch (action) {
+      case SimAction::OFF_VM:
+      case SimAction::SUSPEND_VM:
+      case SimAction::UNREGISTER_VM:
+      case SimAction::DESTROY_POOL:
+      case SimAction::STUCK_VM:
+         off.insert(action);
+         break;
+      case SimAction::UNSTUCK_VM:
+         off.erase(SimAction::STUCK_VM);
+         break;
+      case SimAction::ON_VM:
+      case SimAction::REGISTER_VM:
+      case SimAction::CREATE_POOL:
+         std::erase_if(off, [](SimAction each) { return each != SimAction::STUCK_VM; });
+         break;
+      default:
+         break;
       }
    }
 
@@ -89,14 +130,18 @@ protected:
       SimOptions options = ParseSimOptions(text);
       SimHost::SimHost host(options, _agent.logger.Get());
       HostCtl::HostFactory::SetProvider(&host);
-      SimOracle oracle(options, _periodSec);
+      SimOracle oracle(options, _periodSec, _wideFigures);
+      for (uint64_t i = 1; i <= options.stuck; ++i) {
+         _off[SimHost::GetVmId(i)].insert(SimAction::STUCK_VM);
+      }
       for (int run = 0; run < runs; ++run) {
          if (run == 0 || run == restart) {
             Open(run == 0);
          }
+         _clock.Advance(events.empty() ? 0 : 4000000); // events come between runs
          for (const Scripted& event : events) {
             if (event.run == run) {
-               Follow(oracle, host, event);
+               EXPECT_TRUE(Follow(oracle, host, event) || _mayRepeat) << run << event.id;
             }
          }
          _agent.Publish("/nothing", nullptr); // all earlier messages have been delivered
@@ -112,7 +157,21 @@ protected:
       }
       Expect(oracle, "knows the events");
       options.script = events.empty() ? "" : "events";
-      Expect(SimOracle::FromRuns(*_depot, options, _runs), "knows the runs alone");
+      Expect(SimOracle::FromRuns(*_depot, options, _runs, _changes, _wideFigures),
+             "knows runs and changes alone");
+   }
+
+   /// Of the run with that number.
+   StatVal GetSample(const std::string& entity, const std::string& stat, int run) const
+   {
+      std::vector<StatVal> values;
+      std::vector<TimeStamp> stamps;
+      _depot->GetSamples(entity, stat, Metrix::kUnset, Metrix::kUnset, values, &stamps, "RealTime",
+                         StatsDepot::ROLLUP_NONE);
+      const TimeStamp stamp = _runs.at(static_cast<size_t>(run)).timeSec / _periodSec * _periodSec;
+      const auto found = std::ranges::find(stamps, stamp);
+      return found == stamps.end() ? Metrix::kUnset
+                                   : values[static_cast<size_t>(found - stamps.begin())];
    }
 
    SimOracle::Result Compare(const SimOracle& oracle) const
@@ -133,6 +192,10 @@ protected:
    const Ref<StatsMetadata> _metadata = MakeRef<StatsMetadata>();
    uint64_t _periodSec = 20;
    unsigned _columns = 60;
+   bool _wideFigures = false;
+   bool _mayRepeat = false; ///< events may change nothing
+   std::map<std::string, std::set<SimAction>> _off;
+   std::vector<SimOracle::Change> _changes;
    std::vector<SimOracle::Run> _runs;
    Ref<StatsDepot> _depot;
    Ref<HykStatsCollector> _collector;
@@ -140,26 +203,23 @@ protected:
 
 TEST_F(SimulationTest, EverySampleMatchesTheModelThroughEventsAndARestart)
 {
-   constexpr auto kNothing = SimStat::kNothing;
-   constexpr auto kCpu = SimStat::kCpu;
-   constexpr auto kAll = SimStat::kAll;
    _columns = 180;
    Check("vms=12,pools=5,disks=3,vcpus=2,cards=2,seed=5,stuck=1,failing=1", 170, 100,
-         {{5, SimAction::OFF_VM, "vm-0003", kNothing},
-          {6, SimAction::ON_VM, "vm-0003", kAll},
-          {7, SimAction::SUSPEND_VM, "vm-0004", kNothing},
-          {40, SimAction::ON_VM, "vm-0004", kAll},
-          {20, SimAction::UNREGISTER_VM, "vm-0005", kNothing},
-          {70, SimAction::REGISTER_VM, "vm-0005", kAll},
-          {21, SimAction::DESTROY_POOL, "pool-01", kNothing},
-          {45, SimAction::CREATE_POOL, "pool-01", kCpu},
-          {46, SimAction::CREATE_POOL, "pool-05", kCpu},
-          {30, SimAction::STUCK_VM, "vm-0006", kNothing},
-          {33, SimAction::UNSTUCK_VM, "vm-0006", kAll},
-          {31, SimAction::FAILING_VM, "vm-0007", kCpu},
-          {50, SimAction::WORKING_VM, "vm-0007", kAll},
-          {60, SimAction::UNSTUCK_VM, "vm-0001", kAll},
-          {61, SimAction::WORKING_VM, "vm-0012", kAll}});
+         {{5, SimAction::OFF_VM, "vm-0003"},
+          {6, SimAction::ON_VM, "vm-0003"},
+          {7, SimAction::SUSPEND_VM, "vm-0004"},
+          {40, SimAction::ON_VM, "vm-0004"},
+          {20, SimAction::UNREGISTER_VM, "vm-0005"},
+          {70, SimAction::REGISTER_VM, "vm-0005"},
+          {21, SimAction::DESTROY_POOL, "pool-01"},
+          {45, SimAction::CREATE_POOL, "pool-01"},
+          {46, SimAction::CREATE_POOL, "pool-05"},
+          {30, SimAction::STUCK_VM, "vm-0006"},
+          {33, SimAction::UNSTUCK_VM, "vm-0006"},
+          {31, SimAction::FAILING_VM, "vm-0007"},
+          {50, SimAction::WORKING_VM, "vm-0007"},
+          {60, SimAction::UNSTUCK_VM, "vm-0001"},
+          {61, SimAction::WORKING_VM, "vm-0012"}});
 }
 
 TEST_F(SimulationTest, MissingAndInventedSamplesAreFoundEvenInReusedColumns)
@@ -172,7 +232,7 @@ TEST_F(SimulationTest, MissingAndInventedSamplesAreFoundEvenInReusedColumns)
    }
    SimOptions options = ParseSimOptions(text);
    const auto countDifferences = [&] {
-      return Compare(SimOracle::FromRuns(*_depot, options, _runs)).differ;
+      return Compare(SimOracle::FromRuns(*_depot, options, _runs, {}, false)).differ;
    };
    EXPECT_EQ(countDifferences(), 2u);
    _depot->DeleteStat("vm-0002", "mem-active");
@@ -181,11 +241,59 @@ TEST_F(SimulationTest, MissingAndInventedSamplesAreFoundEvenInReusedColumns)
    EXPECT_GT(countDifferences(), 10000u);
 }
 
+TEST_F(SimulationTest, SumsAndQuotientsStayRightWhileTheirPartsComeAndGo)
+{
+   _columns = 180;
+   _wideFigures = true;
+   Check("vms=4,pools=0,disks=3,nics=3,vcpus=1,cards=1,seed=11", 120, 90,
+         {{5, SimAction::VCPUS_VM, "vm-0001", 4},    {15, SimAction::VCPUS_VM, "vm-0001", 2},
+          {18, SimAction::VCPUS_VM, "vm-0001", 3},   {20, SimAction::OFF_VM, "vm-0001"},
+          {22, SimAction::ON_VM, "vm-0001"},         {30, SimAction::VCPUS_VM, "vm-0001", 1},
+          {31, SimAction::VCPUS_VM, "vm-0001", 16},  {10, SimAction::CARDS_VM, "vm-0002", 3},
+          {20, SimAction::CARDS_VM, "vm-0002", 0},   {21, SimAction::CARDS_VM, "vm-0002", 10},
+          {10, SimAction::DISKS_VM, "vm-0003", 0},   {11, SimAction::DISKS_VM, "vm-0003", 2},
+          {20, SimAction::DISKS_HOST, "ha-host", 1}, {40, SimAction::DISKS_HOST, "ha-host", 3},
+          {41, SimAction::DISKS_HOST, "ha-host", 0}, {43, SimAction::DISKS_HOST, "ha-host", 2},
+          {20, SimAction::NICS_HOST, "ha-host", 2},  {40, SimAction::NICS_HOST, "ha-host", 3},
+          {41, SimAction::NICS_HOST, "ha-host", 0},  {45, SimAction::NICS_HOST, "ha-host", 1},
+          {50, SimAction::HANG_VM, "vm-0004"},       {55, SimAction::UNHANG_VM, "vm-0004"}});
+   // One that joins or leaves costs a corrected figure no sample.
+   for (const int run : {5, 15, 18, 31}) {
+      EXPECT_NE(GetSample("vm-0001", "cpu-usage", run), kUnset) << run;
+   }
+   for (const int run : {20, 40}) {
+      EXPECT_NE(GetSample("ha-host", "disk-usage", run), kUnset) << run;
+      EXPECT_NE(GetSample("ha-host", "net-usage", run), kUnset) << run;
+   }
+}
+
+TEST_F(SimulationTest, RandomEventsAndLateReadingsShowInEverySampleAsTheyMust)
+{
+   _columns = 180;
+   _mayRepeat = true;
+   const std::string text =
+      "vms=12,pools=4,disks=3,nics=2,vcpus=2,cards=2,seed=12,stuck=1,failing=1,late=30,events=1";
+   std::vector<Scripted> events;
+   for (uint64_t number = 0; number < 700; ++number) {
+      const SimEvent event = SimHost::GetRandomEvent(ParseSimOptions(text), number);
+      events.push_back({static_cast<int>(number / 4), event.action, event.id, event.count});
+   }
+   Check(text, 170, 90, events);
+}
+
+TEST_F(SimulationTest, AHostWithManyCpusHasRightPercentages)
+{
+   _wideFigures = true;
+   Check("vms=1,pools=0,cpus=384,disks=0,nics=0,seed=13", 40, -1, {});
+   EXPECT_GT(GetSample("ha-host", "cpu-usage", 39), 2000u);
+   EXPECT_LT(GetSample("ha-host", "cpu-usage", 39), 3500u);
+}
+
 TEST_F(SimulationTest, EverySecondOfSeveralCoarsePeriodsIsRight)
 {
    _periodSec = 1;
    _columns = 700;
-   Check("vms=2,pools=1,cpus=2,disks=2,cards=1,seed=7", 950, -1, {});
+   Check("vms=2,pools=1,cpus=2,disks=2,cards=1,seed=7,late=10", 950, -1, {});
 }
 
 TEST(SimOptionsTest, ErrorsNameTheOptionAndTheAcceptedValues)
@@ -200,7 +308,7 @@ TEST(SimOptionsTest, ErrorsNameTheOptionAndTheAcceptedValues)
        {"vms=3,", "at 'vms=3'"},
        {"vms=3,vms=4", "vms is given twice"},
        {"vms=20001", "vms cannot be '20001': it must be a whole number from 0 to 20000"},
-       {"cpus=0", "cpus cannot be '0': it must be a whole number from 1 to 255"},
+       {"cpus=0", "cpus cannot be '0': it must be a whole number from 1 to 4096"},
        {"vcpus=65", "from 1 to 64"},
        {"pools=-1", "from 0 to 2000"},
        {"seed=1x", "seed cannot be '1x'"},
@@ -213,7 +321,7 @@ TEST(SimModelTest, FiguresDependOnTheSeedAndKeepTheirBounds)
    const auto key = SimHost::MakeKey(1, "vm-0001");
    const uint64_t sizeKb = SimHost::GetMemorySizeKb(key);
    const auto total = [key](int64_t t) {
-      const auto cpu = SimHost::GetVcpu(key, 3, t);
+      const auto cpu = SimHost::GetVcpu(key, 3, {t});
       return cpu.usedUs + cpu.systemUs + cpu.waitUs + cpu.readyUs + cpu.extraUs;
    };
    const auto hostTotal = [key](int64_t t) {
@@ -225,7 +333,7 @@ TEST(SimModelTest, FiguresDependOnTheSeedAndKeepTheirBounds)
       for (int64_t t = start; t < start + 50; ++t) {
          for (uint32_t i = 0; i < static_cast<uint32_t>(Figure::RESERVED_CPU_MHZ); ++i) {
             const auto figure = static_cast<Figure>(i);
-            EXPECT_LT(Counter(key, figure, t), Counter(key, figure, t + 1));
+            EXPECT_LT(Counter(key, figure, {t}), Counter(key, figure, {t + 1}));
          }
          EXPECT_LT(total(t + 1), total(t) + 1000000);
          EXPECT_EQ(hostTotal(t + 1), hostTotal(t) + 1000000);
@@ -235,8 +343,8 @@ TEST(SimModelTest, FiguresDependOnTheSeedAndKeepTheirBounds)
          EXPECT_LE(memory.grantedKb + memory.swappedKb + memory.balloonKb, sizeKb);
       }
    }
-   EXPECT_NE(Counter(SimHost::MakeKey(2, "vm-0001"), Figure::BLOCKS_READ, kStartSec),
-             Counter(key, Figure::BLOCKS_READ, kStartSec));
+   EXPECT_NE(Counter(SimHost::MakeKey(2, "vm-0001"), Figure::BLOCKS_READ, {kStartSec}),
+             Counter(key, Figure::BLOCKS_READ, {kStartSec}));
 }
 
 TEST(SimEventsTest, ScriptErrorsNameFileAndLine)
@@ -256,6 +364,10 @@ TEST(SimEventsTest, ScriptErrorsNameFileAndLine)
       load, {{"#\n1 off-vm", "s:2: a line must be SECONDS ACTION ID"},
              {"1.5 off-vm vm-0001", "s:1: '1.5' is not a whole number of seconds"},
              {"1 of-vm vm-0001", "s:1: there is no action 'of-vm': the actions are on-vm, off-vm,"},
+             {"1 off-vm vm-0001 2", "s:1: with off-vm, a line must be SECONDS ACTION ID"},
+             {"1 vcpus-vm vm-0001", "s:1: with vcpus-vm, a line must be SECONDS ACTION ID NUMBER"},
+             {"1 vcpus-vm vm-0001 0", "s:1: '0' is not a whole number from 1 to 64"},
+             {"1 disks-host host 1", "s:1: there is no host 'host': the host is ha-host"},
              {"1 off-vm vm-0003", "s:1: there is no virtual machine 'vm-0003': the host has 2"},
              {"1 off-vm vm-001", "s:1: there is no virtual machine 'vm-001'"},
              {"1 destroy-pool ha-root-pool",
@@ -272,9 +384,10 @@ TEST(SimEventsTest, DelayedRandomEventsAreAllAppliedAndKeepTheHostsSize)
    std::vector<std::string> taken[2];
    std::set<SimAction> applied;
    const auto newEvents = [&](std::vector<std::string>& list) {
-      const auto apply = [&](SimAction action, const std::string& id) {
-         list.push_back(std::to_string(static_cast<int>(action)) + id);
-         return host.Apply(action, id) && applied.insert(action).second;
+      const auto apply = [&](const SimEvent& event) {
+         list.push_back(std::to_string(static_cast<int>(event.action)) + event.id);
+         return host.Apply(event.action, event.id, event.count) &&
+                applied.insert(event.action).second;
       };
       return MakeRef<SimHost::SimEvents>(state, apply, agent.logger.Get());
    };
@@ -285,7 +398,7 @@ TEST(SimEventsTest, DelayedRandomEventsAreAllAppliedAndKeepTheHostsSize)
    }
    newEvents(taken[1])->ApplyDue(600000000);
    EXPECT_EQ(taken[1], taken[0]);
-   EXPECT_EQ(applied.size(), 11u);
+   EXPECT_EQ(applied.size(), 18u);
    // 3 services, the root pool, and most of the 30 VMs and 10 pools.
    EXPECT_GE(Corvax::Service::GetApp()->GetObjectRegistry()->GetAll().size(), 4u + 26 + 6);
 }
@@ -313,7 +426,7 @@ TEST(SimEventsTest, TheThreadAppliesDueEventsAndStopLogsHowManyChangedAnything)
    int calls = 0;
    const auto events = MakeRef<SimHost::SimEvents>(
       MakeRef<SimHost::SimState>(ParseSimOptions("vms=1,script=" + scratch.Path() + "s")),
-      [&](SimAction, const std::string&) {
+      [&](const SimEvent&) {
          if (++calls == 2) {
             both.set_value();
          }

@@ -86,59 +86,92 @@ uint64_t RollUp(const std::vector<uint64_t>& values, StatsDepot::RollupType roll
    }
 }
 
-/// The absolute stats of an entity that show which of its parts a run has read.
-struct Marks {
-   Series cpu;
-   Series memory; // of a VM only
-
-   uint8_t GetReads(uint64_t stamp) const
-   {
-      const auto has = [stamp](const Series& series) {
-         const auto sample = series.find(stamp);
-         return sample != series.end() && sample->second != kUnset;
-      };
-      return static_cast<uint8_t>((has(cpu) ? SimStat::kCpu : SimStat::kNothing) |
-                                  (has(memory) ? SimStat::kMemory : SimStat::kNothing));
-   }
-};
-
-std::map<std::string, Marks> ReadMarks(StatsDepot& depot, const std::string& interval,
-                                       const std::map<std::string, SimStatTable>& stats)
+/// The stamps of an absolute stat: of the runs that have read its entity.
+std::set<uint64_t> ReadStamps(StatsDepot& depot, const std::string& entity, const std::string& stat,
+                              const std::string& interval)
 {
-   std::map<std::string, Marks> marks;
-   for (const auto& [entity, table] : stats) {
-      const auto series = [&, id = entity](const char* stat) {
-         return ReadSeries(depot, id, stat, interval, StatsDepot::ROLLUP_NONE);
-      };
-      if (entity == kHost) {
-         continue;
+   std::set<uint64_t> stamps;
+   for (const auto& [stamp, value] :
+        ReadSeries(depot, entity, stat, interval, StatsDepot::ROLLUP_NONE)) {
+      if (value != kUnset) {
+         stamps.insert(stamp);
       }
-      const bool isVm = table.contains("sys-uptime");
-      marks[entity] = isVm ? Marks{series("sys-uptime"), series("mem-granted")}
-                           : Marks{series("mem-granted"), {}};
    }
-   return marks;
+   return stamps;
+}
+
+SimShape MakeShape(uint64_t vcpus, uint64_t cards, uint64_t disks, int64_t startSec)
+{
+   SimShape shape;
+   shape.SetCount(SimShape::VCPUS, vcpus, startSec);
+   shape.SetCount(SimShape::CARDS, cards, startSec);
+   shape.SetCount(SimShape::DISKS, disks, startSec);
+   shape.startSec = startSec;
+   return shape;
 }
 
 } // namespace
 
-SimOracle::SimOracle(const SimOptions& options, uint64_t finePeriodSec)
-   : _finePeriodSec(finePeriodSec)
+SimOracle::SimOracle(const SimOptions& options, uint64_t finePeriodSec, bool wideFigures)
+   : _options(options), _finePeriodSec(finePeriodSec), _wideFigures(wideFigures)
 {
-   const auto add = [this](const std::string& entity, SimStatTable table, uint8_t reads) {
-      _stats[entity] = std::move(table);
-      SetReads(entity, reads);
-   };
-   add(kHost, MakeHostStats(options, kHost), SimStat::kCpu);
-   add(kRootPoolId, MakePoolStats(options, kRootPoolId), SimStat::kCpu);
+   _entities[kHost].stats = MakeHostStats(options, kHost, wideFigures);
+   SetShape(kHost, MakeShape(0, options.nics, options.disks, kHostStartSec));
+   _entities[kRootPoolId].stats = MakePoolStats(options, kRootPoolId);
    for (uint64_t i = 1; i <= options.pools; ++i) {
-      add(GetPoolId(i), MakePoolStats(options, GetPoolId(i)), SimStat::kCpu);
+      _entities[GetPoolId(i)].stats = MakePoolStats(options, GetPoolId(i));
    }
    for (uint64_t i = 1; i <= options.vms; ++i) {
-      const uint8_t working = i + options.failing > options.vms ? SimStat::kCpu : SimStat::kAll;
-      add(GetVmId(i), MakeVmStats(options, GetVmId(i)),
-          i <= options.stuck ? uint8_t{SimStat::kNothing} : working);
+      const std::string id = GetVmId(i);
+      SimShape shape = MakeShape(options.vcpus, options.cards, std::min<uint64_t>(options.disks, 2),
+                                 GetFirstStartSec(MakeKey(options.seed, id)));
+      shape.isFailing = i + options.failing > options.vms;
+      _entities[id].isVm = true;
+      _entities[id].isRead = i > options.stuck;
+      SetShape(id, shape);
    }
+}
+
+void SimOracle::SetShape(const std::string& id, const SimShape& shape)
+{
+   Entity& entity = _entities.at(id);
+   const bool isLarger = entity.shape->mostOf != shape.mostOf;
+   entity.shape = std::make_shared<SimShape>(shape);
+   if (entity.isVm && isLarger) {
+      entity.stats = MakeVmStats(_options, id, shape, _wideFigures);
+   }
+}
+
+void SimOracle::Apply(const Change& change)
+{
+   SimShape shape = *_entities.at(change.id).shape;
+   switch (change.action) {
+   case SimAction::ON_VM:
+      shape.Restart(change.timeSec);
+      break;
+   case SimAction::HANG_VM:
+   case SimAction::UNHANG_VM:
+      shape.isHung = change.action == SimAction::HANG_VM;
+      break;
+   case SimAction::FAILING_VM:
+   case SimAction::WORKING_VM:
+      shape.isFailing = change.action == SimAction::FAILING_VM;
+      break;
+   case SimAction::VCPUS_VM:
+      shape.SetCount(SimShape::VCPUS, change.count, change.timeSec);
+      break;
+   case SimAction::CARDS_VM:
+   case SimAction::NICS_HOST:
+      shape.SetCount(SimShape::CARDS, change.count, change.timeSec);
+      break;
+   case SimAction::DISKS_VM:
+   case SimAction::DISKS_HOST:
+      shape.SetCount(SimShape::DISKS, change.count, change.timeSec);
+      break;
+   default: // whether the entity is read
+      return;
+   }
+   SetShape(change.id, shape);
 }
 
 void SimOracle::AddRun(const Run& run)
@@ -152,8 +185,10 @@ void SimOracle::AddRun(const Run& run)
       }
       _nextRollup = run.timeSec + kCoarsePeriodSec;
    }
-   for (const auto& [entity, reads] : _currentReads) {
-      _reads[entity][_runs.size()] = reads;
+   for (auto& [id, entity] : _entities) {
+      if (entity.isRead) {
+         entity.reads[_runs.size()] = entity.shape;
+      }
    }
    _runs.push_back(run);
 }
@@ -168,39 +203,48 @@ Metrix::TimeStamp SimOracle::GetNextPeriodEnd(TimeStamp timeSec) const
    return end - end % kCoarsePeriodSec;
 }
 
-uint8_t SimOracle::GetReads(const std::string& entity, size_t run) const
+/// What the run reads for the stat; nothing if it does not.
+std::optional<uint64_t> SimOracle::Read(const std::string& id, const SimStat& stat,
+                                        size_t run) const
 {
-   const auto runs = _reads.find(entity);
-   return runs != _reads.end() && runs->second.contains(run) ? runs->second.at(run)
-                                                             : uint8_t{SimStat::kNothing};
+   const Entity& entity = _entities.at(id);
+   const auto shape = entity.reads.find(run);
+   if (shape == entity.reads.end()) {
+      return std::nullopt;
+   }
+   const auto timeSec = static_cast<int64_t>(_runs[run].readSec);
+   const int64_t latenessSec =
+      entity.isVm ? GetLatenessSec(MakeKey(_options.seed, kHost), _options.late, timeSec) : 0;
+   return stat.read({timeSec + latenessSec, *shape->second, *_entities.at(kHost).reads.at(run)});
 }
 
 std::optional<uint64_t> SimOracle::ExpectedRaw(const std::string& entity, const SimStat& stat,
                                                size_t run) const
 {
-   if ((GetReads(entity, run) & stat.part) == 0) {
-      return std::nullopt;
-   }
    const auto cut = [&](uint64_t value) {
       return stat.limit > 0 ? std::min(value, stat.limit) : value;
    };
-   const uint64_t reading = stat.read(static_cast<int64_t>(_runs[run].readSec));
+   const std::optional<uint64_t> reading = Read(entity, stat, run);
+   if (!reading) {
+      return std::nullopt;
+   }
    if (stat.kind == Kind::GAUGE || stat.kind == Kind::GAUGE_AVERAGE || stat.kind == Kind::LATEST) {
-      return cut(reading);
+      return cut(*reading);
    }
    size_t last = run;
+   std::optional<uint64_t> before;
    do {
       if (last == 0 || _runs[last].isFirst) {
          return std::nullopt;
       }
       --last;
-   } while ((GetReads(entity, last) & stat.part) == 0);
+      before = Read(entity, stat, last);
+   } while (!before);
    const uint64_t passed = _runs[run].timeSec - _runs[last].timeSec;
-   const uint64_t before = stat.read(static_cast<int64_t>(_runs[last].readSec));
-   if (passed >= 2 * _finePeriodSec || reading < before) {
+   if (passed >= 2 * _finePeriodSec || *reading < *before) {
       return std::nullopt;
    }
-   return cut(stat.kind == Kind::GROWTH ? reading - before : (reading - before) / passed);
+   return cut(stat.kind == Kind::GROWTH ? *reading - *before : (*reading - *before) / passed);
 }
 
 /// The raw samples of a coarse period, of the runs before `limit`.
@@ -243,12 +287,12 @@ const SimOracle::Run* SimOracle::FindRun(TimeStamp stamp) const
 std::optional<uint64_t> SimOracle::Expected(const std::string& entity, const std::string& statName,
                                             RollupType rollup, bool isFinest, TimeStamp stamp) const
 {
-   const auto stats = _stats.find(entity);
-   if (isFinest != (rollup == StatsDepot::ROLLUP_NONE) || stats == _stats.end() ||
-       !stats->second.contains(statName)) {
+   const auto found = _entities.find(entity);
+   if (isFinest != (rollup == StatsDepot::ROLLUP_NONE) || found == _entities.end() ||
+       !found->second.stats.contains(statName)) {
       return std::nullopt;
    }
-   const SimStat& stat = stats->second.at(statName);
+   const SimStat& stat = found->second.stats.at(statName);
    if (!isFinest) {
       return Keeps(stat.kind, rollup) ? ExpectedRollup(entity, statName, stat, rollup, stamp)
                                       : std::nullopt;
@@ -258,29 +302,39 @@ std::optional<uint64_t> SimOracle::Expected(const std::string& entity, const std
 }
 
 SimOracle SimOracle::FromRuns(StatsDepot& depot, const SimOptions& options,
-                              const std::vector<Run>& runs)
+                              const std::vector<Run>& runs, const std::vector<Change>& changes,
+                              bool wideFigures)
 {
    Corvax::RefVector<Metrix::StatsDepotInterval> intervals;
    depot.GetIntervals(intervals);
    const Metrix::StatsDepotInterval& finest = *intervals[0];
-   SimOracle oracle(options, static_cast<uint64_t>(finest.samplingPeriod));
-   std::map<std::string, Marks> marks;
+   SimOracle oracle(options, static_cast<uint64_t>(finest.samplingPeriod), wideFigures);
+   std::map<std::string, std::set<uint64_t>> stamps;
    if (options.events > 0 || !options.script.empty()) {
       if (runs.size() > static_cast<size_t>(finest.numSamples)) {
          throw Corvax::Exception("The depot no longer shows what its oldest runs have read");
       }
-      marks = ReadMarks(depot, finest.name, oracle._stats);
+      for (const auto& [id, entity] : oracle._entities) {
+         if (id != kHost) {
+            stamps[id] =
+               ReadStamps(depot, id, entity.isVm ? "sys-uptime" : "mem-granted", finest.name);
+         }
+      }
    }
    const Series uptimes =
       ReadSeries(depot, kHost, "sys-uptime", finest.name, StatsDepot::ROLLUP_NONE);
+   auto change = changes.begin();
    for (Run run : runs) {
       const TimeStamp stamp = oracle.GetStamp(run);
-      for (const auto& [entity, mark] : marks) {
-         oracle.SetReads(entity, mark.GetReads(stamp));
-      }
       if (uptimes.contains(stamp) && uptimes.at(stamp) != kUnset) {
          run.readSec =
             std::max(run.timeSec, static_cast<TimeStamp>(kHostStartSec) + uptimes.at(stamp));
+      }
+      for (const auto& [id, read] : stamps) {
+         oracle.SetRead(id, read.contains(stamp));
+      }
+      for (; change != changes.end() && change->runSec <= run.readSec; ++change) {
+         oracle.Apply(*change);
       }
       oracle.AddRun(run);
    }
@@ -293,9 +347,9 @@ SimOracle::Result SimOracle::Compare(StatsDepot& depot, const std::string& idMap
    auto all = ReadIdMap(idMapPath);
    Result result;
    result.stats = all.size();
-   for (const auto& [entity, stats] : _stats) {
-      for (const auto& [name, stat] : stats) {
-         all.emplace(entity, name);
+   for (const auto& [id, entity] : _entities) {
+      for (const auto& [name, stat] : entity.stats) {
+         all.emplace(id, name);
       }
    }
    Corvax::RefVector<Metrix::StatsDepotInterval> intervals;

@@ -1,9 +1,11 @@
 #pragma once
 
 #include "metrix/statsDepot.h"
+#include "simHost/simActions.h"
 #include "tests/simHost/simStatTable.h"
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -24,22 +26,34 @@ public:
       bool isCut = false; ///< by the end of the process: any of its samples may be missing
    };
 
-   /// Before the first run; every VM and pool is read as the options have it at the start.
-   SimOracle(const SimHost::SimOptions& options, uint64_t finePeriodSec);
+   /// What an event changes of an entity's figures: which parts of it are there, and since when.
+   struct Change {
+      TimeStamp runSec; ///< `readSec` of the first run that sees it
+      int64_t timeSec;
+      SimHost::SimAction action;
+      std::string id;
+      uint64_t count;
+   };
 
-   /// Sets what the following runs read of an entity, a mask of SimStat::Parts.
-   void SetReads(const std::string& entity, uint8_t reads) { _currentReads[entity] = reads; }
+   /// Before the first run; every VM and pool is read as the options have it at the start.
+   SimOracle(const SimHost::SimOptions& options, uint64_t finePeriodSec, bool wideFigures);
+
+   /// Sets whether the following runs read the entity.
+   void SetRead(const std::string& entity, bool isRead) { _entities[entity].isRead = isRead; }
+   /// For the following runs.
+   void Apply(const Change& change);
    /// The entity's stats have been deleted.
-   void Forget(const std::string& entity) { _reads.erase(entity); }
+   void Forget(const std::string& entity) { _entities[entity].reads.clear(); }
    void AddRun(const Run& run);
 
    /// For runs known by `timeSec` alone, each of which must be in the depot; the host's uptime,
    /// which must fit all other samples, shows when a run has read the host. Without events every VM
-   /// and pool must be there in every run; with events, one absolute stat of each part of an entity
-   /// shows whether a run has read that part. Exception if there were events and the depot no
-   /// longer holds all runs.
+   /// and pool must be there in every run; with events, one absolute stat of each entity shows
+   /// whether a run has read it, and `changes` are what they changed. Exception if there were
+   /// events and the depot no longer holds all runs.
    static SimOracle FromRuns(Metrix::StatsDepot& depot, const SimHost::SimOptions& options,
-                             const std::vector<Run>& runs);
+                             const std::vector<Run>& runs, const std::vector<Change>& changes,
+                             bool wideFigures);
 
    struct Result {
       size_t stats = 0;
@@ -57,7 +71,8 @@ public:
 
 private:
    TimeStamp GetStamp(const Run& run) const { return run.timeSec - run.timeSec % _finePeriodSec; }
-   uint8_t GetReads(const std::string& entity, size_t run) const;
+   std::optional<StatVal> Read(const std::string& entity, const SimStat& stat, size_t run) const;
+   void SetShape(const std::string& entity, const SimShape& shape);
    std::optional<StatVal> ExpectedRaw(const std::string& entity, const SimStat& stat,
                                       size_t run) const;
    std::vector<StatVal> ExpectedInPeriod(const std::string& entity, const SimStat& stat,
@@ -77,10 +92,18 @@ private:
                     bool isFinest, const std::string& entity, const std::string& name,
                     bool onlyEstablished, Result& result) const;
 
+   struct Entity {
+      SimStatTable stats;
+      bool isRead = true;
+      bool isVm = false;
+      std::shared_ptr<const SimShape> shape = std::make_shared<SimShape>();
+      std::map<size_t, std::shared_ptr<const SimShape>> reads; ///< by run: its shape then
+   };
+
+   SimHost::SimOptions _options;
    uint64_t _finePeriodSec;
-   std::map<std::string, SimStatTable> _stats;
-   std::map<std::string, uint8_t> _currentReads;
-   std::map<std::string, std::map<size_t, uint8_t>> _reads; ///< by run
+   bool _wideFigures;
+   std::map<std::string, Entity> _entities;
    std::vector<Run> _runs;
    std::map<TimeStamp, size_t> _coarsePeriods; ///< end of each, and the run that rolled it up
    TimeStamp _nextRollup = Metrix::kUnset;

@@ -3,6 +3,7 @@
 #include "simHost/simFigures.h"
 #include "simHost/simState.h"
 
+#include <algorithm>
 #include <sstream>
 
 using namespace SimHost;
@@ -10,7 +11,8 @@ using namespace SimHost;
 namespace {
 
 using Kind = SimStat::Kind;
-using Devices = std::vector<std::pair<std::string, EntityKey>>;
+using Reading = SimStat::Reading;
+using Figure64 = std::optional<uint64_t>;
 
 constexpr uint64_t kFullPercent = 10000; // hundredths
 constexpr uint32_t kBlocksPerKb = 2;
@@ -22,22 +24,77 @@ uint64_t Mhz(uint64_t usedUs)
    return usedUs / 400;
 }
 
-/// Fills the table of one entity from the model's records. `part` is the part of the entity that
-/// the stats added next belong to.
+/// A disk or NIC of an entity: since when it has been there, if it is.
+struct Device {
+   std::string name;
+   EntityKey key;
+   SimShape::Kind kind;
+   uint64_t index;
+   std::optional<uint64_t> hostDisk = std::nullopt; ///< of an image: it is there only with its disk
+
+   std::optional<int64_t> FindStart(const Reading& at) const
+   {
+      const auto start = at.shape.FindStart(kind, index);
+      if (!start || !hostDisk) {
+         return start;
+      }
+      const auto diskStart = at.host.FindStart(kind, *hostDisk);
+      return diskStart ? std::optional(std::max(*start, *diskStart)) : std::nullopt;
+   }
+};
+
+using Devices = std::vector<Device>;
+
+/// CPU time of all virtual CPUs that a VM has had, each up to the second in which it left, or up to
+/// `timeSec`. An early reading is of a time before some of them left.
+uint64_t GetUsedUs(EntityKey vm, const SimShape& shape, int64_t timeSec, bool isReading = true)
+{
+   uint64_t usedUs = 0;
+   for (const SimShape::Part& part : shape.parts) {
+      const bool hasLeft =
+         part.untilSec != SimShape::kStays && (isReading || part.untilSec < timeSec);
+      if (part.kind == SimShape::VCPUS) {
+         usedUs += Counter(vm.Part(part.index), Figure::VCPU_USED_US,
+                           {hasLeft ? part.untilSec : timeSec, part.fromSec});
+      }
+   }
+   return usedUs;
+}
+
+/// The same shared out among the virtual CPUs of each time: what the quotient has grown by between
+/// two changes of their number, summed up.
+uint64_t GetPerVcpuUs(EntityKey vm, const SimShape& shape, int64_t timeSec)
+{
+   uint64_t totalUs = 0;
+   for (size_t i = 0; i < shape.steps.size(); ++i) {
+      const SimShape::Step& step = shape.steps[i];
+      const bool isLast = i + 1 == shape.steps.size();
+      const int64_t endSec = isLast ? timeSec : shape.steps[i + 1].timeSec;
+      const uint64_t atEndUs = GetUsedUs(vm, shape, endSec, isLast) / step.vcpus;
+      totalUs += atEndUs - (i == 0 ? 0 : GetUsedUs(vm, shape, step.timeSec, false) / step.vcpus);
+   }
+   return totalUs;
+}
+
+/// Fills the table of one entity from the model's records.
 struct TableBuilder {
    const SimOptions& options;
    const EntityKey key;
+   const bool wideFigures;
    SimStatTable stats = {};
-   uint8_t part = SimStat::kCpu;
+   /// What runs do not read of the entity at times; null: they read everything.
+   bool (*isMissing)(const SimShape& shape) = nullptr;
 
-   void Add(const std::string& name, Kind kind, std::function<uint64_t(int64_t)> read,
+   void Add(const std::string& name, Kind kind, std::function<Figure64(const Reading&)> read,
             uint64_t limit = 0)
    {
-      stats[name] = {kind, part, limit, std::move(read)};
+      stats[name] = {kind, limit, [missing = isMissing, read](const Reading& at) {
+                        return missing && missing(at.shape) ? std::nullopt : read(at);
+                     }};
    }
 
-   /// One stat for each of the record's fields. `names`, in the same order, are separated by
-   /// blanks; `ending` is appended to each.
+   /// One stat for each field of the record, which `record` returns as an optional. `names`, in the
+   /// same order, are separated by blanks; `ending` is appended to each.
    template <class Field, class Read>
    void AddFields(Kind kind, Read record, uint32_t divisor, const std::string& ending,
                   const char* names, std::initializer_list<Field> fields, uint32_t factor = 1)
@@ -46,8 +103,10 @@ struct TableBuilder {
       for (const Field field : fields) {
          std::string name;
          words >> name;
-         Add(name + ending, kind,
-             [=](int64_t t) { return uint64_t{record(t).*field} * factor / divisor; });
+         Add(name + ending, kind, [=](const Reading& at) {
+            const auto all = record(at);
+            return all ? Figure64(uint64_t{(*all).*field} * factor / divisor) : std::nullopt;
+         });
       }
    }
 
@@ -55,14 +114,17 @@ struct TableBuilder {
    {
       using Load = HostCtl::Resource::CpuLoad;
       using History = HostCtl::Resource::CpuLoadHistory;
-      const auto history = [k = key](int64_t t) { return GetCpuLoad(k, t); };
+      const auto history = [k = key](const Reading& at) {
+         return std::optional(GetCpuLoad(k, at.timeSec));
+      };
       const std::pair<const char*, Load History::*> periods[] = {{"1", &History::oneMinute},
                                                                  {"5", &History::fiveMinutes},
                                                                  {"15", &History::fifteenMinutes}};
       for (const auto& [minutes, period] : periods) {
          AddFields(
-            Kind::LATEST, [=, p = period](int64_t t) { return history(t).*p; }, 1, minutes,
-            "rescpu-actav rescpu-actpk rescpu-runav rescpu-runpk rescpu-maxLimited",
+            Kind::LATEST,
+            [=, p = period](const Reading& at) { return std::optional((*history(at)).*p); }, 1,
+            minutes, "rescpu-actav rescpu-actpk rescpu-runav rescpu-runpk rescpu-maxLimited",
             {&Load::activeAverage, &Load::activePeak, &Load::runAverage, &Load::runPeak,
              &Load::maxLimited},
             100);
@@ -71,21 +133,24 @@ struct TableBuilder {
                 {&History::sampleCount, &History::samplePeriodMs});
    }
 
-   void AddDisks(const Devices& disks)
+   void AddDisks(const Devices& disks, bool isSteady)
    {
       using S = HostCtl::Storage::StorageStatistics;
-      for (const auto& [name, diskKey] : disks) {
-         const auto disk = [k = diskKey](int64_t t) { return GetDisk(k, t); };
-         AddFields(Kind::GROWTH, disk, 1, "#" + name,
+      for (const Device& device : disks) {
+         const auto disk = [=](const Reading& at) {
+            const auto start = device.FindStart(at);
+            return start ? std::optional(GetDisk(device.key, {at.timeSec, *start})) : std::nullopt;
+         };
+         AddFields(Kind::GROWTH, disk, 1, "#" + device.name,
                    "disk-numberRead disk-numberWrite disk-commands disk-commandsAborted "
                    "disk-busResets",
                    {&S::readOperations, &S::writeOperations, &S::commands, &S::abortedCommands,
                     &S::busResets});
-         AddFields(Kind::RATE_AVERAGE, disk, kBlocksPerKb, "#" + name, "disk-read disk-write",
-                   {&S::blocksRead, &S::blocksWritten});
+         AddFields(Kind::RATE_AVERAGE, disk, kBlocksPerKb, "#" + device.name,
+                   "disk-read disk-write", {&S::blocksRead, &S::blocksWritten});
       }
-      AddSum("disk-usage", disks, [](EntityKey k, int64_t t) {
-         const S disk = GetDisk(k, t);
+      AddSum("disk-usage", disks, isSteady, [](EntityKey k, const Moment& moment) {
+         const S disk = GetDisk(k, moment);
          return disk.blocksRead / kBlocksPerKb + disk.blocksWritten / kBlocksPerKb;
       });
    }
@@ -93,47 +158,67 @@ struct TableBuilder {
    void AddPorts(const Devices& cards)
    {
       using P = HostCtl::Network::PortStatistics;
-      for (const auto& [name, cardKey] : cards) {
-         const auto port = [k = cardKey](int64_t t) { return GetPort(k, t); };
-         AddFields(Kind::RATE_AVERAGE, port, 1024, "#" + name, "net-received net-transmitted",
-                   {&P::bytesReceived, &P::bytesSent});
-         AddFields(Kind::GROWTH, port, 1, "#" + name, "net-packetsRx net-packetsTx",
+      const auto read = [wide = wideFigures](EntityKey k, const Moment& moment) {
+         P port = GetPort(k, moment);
+         for (uint64_t P::* const field :
+              {&P::bytesReceived, &P::bytesSent, &P::packetsReceived, &P::packetsSent}) {
+            port.*field = wide ? port.*field : static_cast<uint32_t>(port.*field);
+         }
+         return port;
+      };
+      for (const Device& device : cards) {
+         const auto port = [=](const Reading& at) {
+            const auto start = device.FindStart(at);
+            return start ? std::optional(read(device.key, {at.timeSec, *start})) : std::nullopt;
+         };
+         AddFields(Kind::RATE_AVERAGE, port, 1024, "#" + device.name,
+                   "net-received net-transmitted", {&P::bytesReceived, &P::bytesSent});
+         AddFields(Kind::GROWTH, port, 1, "#" + device.name, "net-packetsRx net-packetsTx",
                    {&P::packetsReceived, &P::packetsSent});
       }
-      AddSum("net-usage", cards, [](EntityKey k, int64_t t) {
-         const P port = GetPort(k, t);
-         return uint64_t{port.bytesReceived / 1024} + port.bytesSent / 1024;
+      AddSum("net-usage", cards, wideFigures, [=](EntityKey k, const Moment& moment) {
+         const P port = read(k, moment);
+         return port.bytesReceived / 1024 + port.bytesSent / 1024;
       });
    }
 
-   /// The traffic of all devices together, unless there are none.
-   void AddSum(const char* name, const Devices& devices, uint64_t (*read)(EntityKey, int64_t))
+   /// The traffic of all devices that are there, unless there are none. A steady sum is that of all
+   /// that have been there since the entity's start.
+   template <class Read>
+   void AddSum(const char* name, const Devices& devices, bool isSteady, Read read)
    {
-      const auto sum = [=](int64_t t) {
+      Add(name, Kind::RATE, [=](const Reading& at) {
+         bool isAny = false;
          uint64_t total = 0;
-         for (const auto& [device, deviceKey] : devices) {
-            total += read(deviceKey, t);
+         for (const Device& device : devices) {
+            if (const auto start = device.FindStart(at)) {
+               isAny = true;
+               total += read(device.key, {at.timeSec, *start});
+            }
+            for (const SimShape::Part& part : at.shape.parts) {
+               if (isSteady && part.kind == device.kind && part.index == device.index &&
+                   part.untilSec != SimShape::kStays) {
+                  total += read(device.key, {part.untilSec, part.fromSec});
+               }
+            }
          }
-         return total;
-      };
-      if (!devices.empty()) {
-         Add(name, Kind::RATE, sum);
-      }
+         return isAny ? Figure64(total) : std::nullopt;
+      });
    }
 
-   template <class Read>
-   void AddCpuUse(uint64_t cpus, Read usedUs)
+   void AddGroupCpu(const std::string& name, EntityKey group)
    {
-      Add(
-         "cpu-usage", Kind::RATE, [=](int64_t t) { return usedUs(t) / (100 * cpus); },
-         kFullPercent);
-      Add("cpu-usagemhz", Kind::RATE, [=](int64_t t) { return Mhz(usedUs(t)); });
+      Add(name, Kind::RATE,
+          [=](const Reading& at) { return Mhz(GetGroupCpu(group, at.timeSec).usedUs); });
    }
 
    void AddMemory()
    {
       using M = HostCtl::Resource::MemoryStats;
-      AddFields(Kind::GAUGE, [k = key](int64_t t) { return GetMemory(k, GetMemorySizeKb(k), t); },
+      AddFields(Kind::GAUGE,
+                [k = key](const Reading& at) {
+                   return std::optional(GetMemory(k, GetMemorySizeKb(k), at.timeSec));
+                },
                 1, "",
                 "mem-granted mem-active mem-shared mem-zero mem-swapped mem-vmmemctl mem-overhead",
                 {&M::grantedKb, &M::activeKb, &M::sharedKb, &M::zeroKb, &M::swappedKb,
@@ -145,15 +230,21 @@ struct TableBuilder {
       using C = HostCtl::Resource::MemoryClientStats;
       using S = HostCtl::Resource::SwapInfo;
       const uint64_t sizeKb = GetMemorySizeKb(key);
-      const auto client = [=, k = key](int64_t t) { return GetMemoryClient(k, sizeKb, t); };
+      const auto client = [=, k = key](const Reading& at) {
+         return std::optional(GetMemoryClient(k, sizeKb, at.timeSec));
+      };
       AddMemory();
       Add("mem-usage", Kind::GAUGE,
-          [=](int64_t t) { return client(t).activeKb * kFullPercent / sizeKb; });
+          [=](const Reading& at) { return client(at)->activeKb * kFullPercent / sizeKb; });
       Add("mem-consumed", Kind::GAUGE,
-          [=](int64_t t) { return client(t).grantedKb - client(t).savedBySharingKb; });
+          [=](const Reading& at) { return client(at)->grantedKb - client(at)->savedBySharingKb; });
       AddFields(Kind::GAUGE, client, 1, "", "mem-vmmemctltarget", {&C::balloonTargetKb});
-      AddFields(Kind::GAUGE, [=, k = key](int64_t t) { return GetSwap(k, sizeKb, t); }, 1, "",
-                "mem-swaptarget mem-swapin mem-swapout", {&S::targetKb, &S::inKb, &S::outKb});
+      AddFields(Kind::GAUGE,
+                [=, k = key](const Reading& at) {
+                   return std::optional(GetSwap(k, sizeKb, {at.timeSec, at.shape.startSec}));
+                },
+                1, "", "mem-swaptarget mem-swapin mem-swapout",
+                {&S::targetKb, &S::inKb, &S::outKb});
    }
 
    void AddHostMemory()
@@ -161,7 +252,9 @@ struct TableBuilder {
       using M = HostCtl::Resource::HostMemoryStats;
       using R = HostCtl::Resource::HostCapacity;
       const uint64_t physicalKb = GetPhysicalKb(options.cpus);
-      const auto memory = [=, k = key](int64_t t) { return GetHostMemory(k, physicalKb, t); };
+      const auto memory = [=, k = key](const Reading& at) {
+         return std::optional(GetHostMemory(k, physicalKb, at.timeSec));
+      };
       AddFields(Kind::GAUGE, memory, 1, "",
                 "mem-granted mem-active mem-shared mem-zero mem-unreserved mem-swapused "
                 "mem-sharedcommon mem-heap mem-heapfree mem-vmmemctl mem-overhead mem-swapin "
@@ -169,14 +262,16 @@ struct TableBuilder {
                 {&M::grantedKb, &M::activeKb, &M::sharedKb, &M::zeroKb, &M::unreservedKb,
                  &M::swapUsedKb, &M::sharedCommonKb, &M::heapKb, &M::heapFreeKb, &M::balloonKb,
                  &M::overheadKb, &M::swapInKb, &M::swapOutKb, &M::sysUsageKb});
-      const auto consumedKb = [=](int64_t t) { return physicalKb - memory(t).freeKb; };
+      const auto consumedKb = [=](const Reading& at) { return physicalKb - memory(at)->freeKb; };
       Add("mem-consumed", Kind::GAUGE, consumedKb);
       Add("mem-usage", Kind::GAUGE,
-          [=](int64_t t) { return consumedKb(t) * kFullPercent / physicalKb; });
+          [=](const Reading& at) { return consumedKb(at) * kFullPercent / physicalKb; });
       AddFields(Kind::LATEST, memory, 1, "", "mem-state", {&M::state});
-      AddFields(Kind::GAUGE_AVERAGE, [k = key](int64_t t) { return GetHostCapacity(k, t); }, 1, "",
-                "cpu-reservedCapacity mem-reservedCapacity",
-                {&R::reservedCpuMhz, &R::reservedMemoryMb});
+      AddFields(
+         Kind::GAUGE_AVERAGE,
+         [k = key](const Reading& at) { return std::optional(GetHostCapacity(k, at.timeSec)); }, 1,
+         "", "cpu-reservedCapacity mem-reservedCapacity",
+         {&R::reservedCpuMhz, &R::reservedMemoryMb});
    }
 
    void AddHost()
@@ -185,102 +280,126 @@ struct TableBuilder {
       const uint64_t cpus = options.cpus;
       for (uint64_t i = 0; i < cpus; ++i) {
          const std::string cpu = "#" + std::to_string(i);
-         const auto times = [=, k = key](int64_t t) { return GetHostCpu(k, i, t); };
+         const auto times = [=, k = key](const Reading& at) {
+            return std::optional(GetHostCpu(k, i, at.timeSec));
+         };
          Add(
-            "cpu-usage" + cpu, Kind::RATE, [=](int64_t t) { return times(t).usedUs / 100; },
-            kFullPercent);
+            "cpu-usage" + cpu, Kind::RATE,
+            [=](const Reading& at) { return times(at)->usedUs / 100; }, kFullPercent);
          AddFields(Kind::GROWTH, times, 1000, cpu, "cpu-used cpu-idle", {&C::usedUs, &C::idleUs});
       }
-      AddCpuUse(cpus, [=, k = key](int64_t t) {
+      const auto usedUs = [=, k = key](const Reading& at) {
          uint64_t sum = 0;
          for (uint64_t i = 0; i < cpus; ++i) {
-            sum += GetHostCpu(k, i, t).usedUs;
+            sum += GetHostCpu(k, i, at.timeSec).usedUs;
          }
          return sum;
-      });
+      };
+      Add(
+         "cpu-usage", Kind::RATE, [=](const Reading& at) { return usedUs(at) / (100 * cpus); },
+         kFullPercent);
+      Add("cpu-usagemhz", Kind::RATE, [=](const Reading& at) { return Mhz(usedUs(at)); });
       AddLoad();
       AddHostMemory();
-      Add("sys-uptime", Kind::LATEST, GetUptimeSec);
+      Add("sys-uptime", Kind::LATEST, [](const Reading& at) { return GetUptimeSec({at.timeSec}); });
       for (const std::string_view group : kSystemGroups) {
-         Add("sys-resourceCpuUsage#" + std::string(group), Kind::RATE,
-             [k = MakeKey(options.seed, group)](int64_t t) {
-                return Mhz(GetGroupCpu(k, t).usedUs);
-             });
+         AddGroupCpu("sys-resourceCpuUsage#" + std::string(group), MakeKey(options.seed, group));
       }
-      const auto devices = [this](uint64_t count, std::string (*name)(uint64_t)) {
+      const auto devices = [this](SimShape::Kind kind, uint64_t count,
+                                  std::string (*name)(uint64_t)) {
          Devices all;
          for (uint64_t i = 0; i < count; ++i) {
-            all.emplace_back(name(i), MakeKey(options.seed, name(i)));
+            all.push_back({name(i), MakeKey(options.seed, name(i)), kind, i});
          }
          return all;
       };
-      AddDisks(devices(options.disks, GetDiskName));
-      AddPorts(devices(options.nics, GetNicName));
+      AddDisks(devices(SimShape::DISKS, options.disks, GetDiskName), true);
+      AddPorts(devices(SimShape::CARDS, options.nics, GetNicName));
    }
 
-   void AddVm()
+   void AddVmCpu(uint64_t vcpus)
    {
       using C = HostCtl::Resource::CpuTimes;
-      Add("sys-heartbeat", Kind::GROWTH, [k = key](int64_t t) { return GetHeartbeats(k, t); });
-      for (uint64_t i = 0; i < options.vcpus; ++i) {
+      Add("sys-heartbeat", Kind::GROWTH, [k = key](const Reading& at) {
+         return GetHeartbeats(k, {at.timeSec, at.shape.startSec});
+      });
+      Add("sys-uptime", Kind::LATEST, [](const Reading& at) {
+         return static_cast<uint64_t>(std::max<int64_t>(at.timeSec - at.shape.startSec, 0));
+      });
+      for (uint64_t i = 0; i < vcpus; ++i) {
          const std::string vcpu = "#" + std::to_string(i);
-         const auto times = [=, k = key](int64_t t) { return GetVcpu(k, i, t); };
+         const auto times = [=, k = key](const Reading& at) {
+            const auto start = at.shape.FindStart(SimShape::VCPUS, i);
+            return start ? std::optional(GetVcpu(k, i, {at.timeSec, *start})) : std::nullopt;
+         };
          AddFields(Kind::GROWTH, times, 1000, vcpu,
                    "cpu-system cpu-wait cpu-ready cpu-extra cpu-used",
                    {&C::systemUs, &C::waitUs, &C::readyUs, &C::extraUs, &C::usedUs});
          AddFields(Kind::LATEST, times, 1, vcpu, "cpu-guaranteed", {&C::guaranteedMs});
-         Add("cpu-usagemhz" + vcpu, Kind::RATE, [=](int64_t t) { return Mhz(times(t).usedUs); });
-         // The same for every virtual CPU.
-         AddFields(Kind::LATEST, times, 1000000, "", "sys-uptime", {&C::uptimeUs});
+         Add("cpu-usagemhz" + vcpu, Kind::RATE, [=](const Reading& at) {
+            const auto all = times(at);
+            return all ? Figure64(Mhz(all->usedUs)) : std::nullopt;
+         });
       }
-      AddCpuUse(options.vcpus,
-                [n = options.vcpus, k = key](int64_t t) { return GetVmCpu(k, n, t).usedUs; });
+      Add(
+         "cpu-usage", Kind::RATE,
+         [k = key](const Reading& at) { return GetPerVcpuUs(k, at.shape, at.timeSec) / 100; },
+         kFullPercent);
+      Add("cpu-usagemhz", Kind::RATE,
+          [k = key](const Reading& at) { return Mhz(GetUsedUs(k, at.shape, at.timeSec)); });
       AddLoad();
+   }
+
+   void AddVm(const SimShape& shape)
+   {
+      AddVmCpu(shape.mostOf[SimShape::VCPUS]);
+      isMissing = [](const SimShape& at) { return at.isHung; };
       Devices images;
       if (options.disks > 0) {
          const auto [first, second] = GetImageDisks(key, options.disks);
-         images.emplace_back(GetDiskName(first), key.Part(0));
+         images.push_back({GetDiskName(first), key.Part(0), SimShape::DISKS, 0, first});
          if (second != first) {
-            images.emplace_back(GetDiskName(second), key.Part(1));
+            images.push_back({GetDiskName(second), key.Part(1), SimShape::DISKS, 1, second});
          }
       }
-      AddDisks(images);
-      part = SimStat::kMemory;
+      AddDisks(images, false);
+      isMissing = [](const SimShape& at) { return at.isHung || at.isFailing; };
       AddVmMemory();
+      isMissing = [](const SimShape& at) { return at.isFailing; };
       Devices cards;
-      for (uint64_t i = 0; i < options.cards; ++i) {
-         cards.emplace_back(std::to_string(4000 + i), key.Part(i));
+      for (uint64_t i = 0; i < shape.mostOf[SimShape::CARDS]; ++i) {
+         cards.push_back({std::to_string(4000 + i), key.Part(i), SimShape::CARDS, i});
       }
       AddPorts(cards);
    }
 
    void AddPool()
    {
-      Add("cpu-usagemhz", Kind::RATE,
-          [k = key](int64_t t) { return Mhz(GetGroupCpu(k, t).usedUs); });
+      AddGroupCpu("cpu-usagemhz", key);
       AddMemory();
    }
 };
 
 } // namespace
 
-SimStatTable MakeHostStats(const SimOptions& options, const std::string& hostId)
+SimStatTable MakeHostStats(const SimOptions& options, const std::string& hostId, bool wideFigures)
 {
-   TableBuilder table{options, MakeKey(options.seed, hostId)};
+   TableBuilder table{options, MakeKey(options.seed, hostId), wideFigures};
    table.AddHost();
    return table.stats;
 }
 
 SimStatTable MakePoolStats(const SimOptions& options, const std::string& poolId)
 {
-   TableBuilder table{options, MakeKey(options.seed, poolId)};
+   TableBuilder table{options, MakeKey(options.seed, poolId), false};
    table.AddPool();
    return table.stats;
 }
 
-SimStatTable MakeVmStats(const SimOptions& options, const std::string& vmId)
+SimStatTable MakeVmStats(const SimOptions& options, const std::string& vmId, const SimShape& shape,
+                         bool wideFigures)
 {
-   TableBuilder table{options, MakeKey(options.seed, vmId)};
-   table.AddVm();
+   TableBuilder table{options, MakeKey(options.seed, vmId), wideFigures};
+   table.AddVm(shape);
    return table.stats;
 }

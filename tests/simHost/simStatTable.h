@@ -2,27 +2,35 @@
 
 #include "metrix/statTypes.h"
 #include "simHost/simOptions.h"
+#include "tests/simHost/simShape.h"
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 /// A stat that the collector keeps of a simulated entity, worked out from the host's model alone.
 struct SimStat {
    /// How samples come from readings; it decides the rollups, too.
    enum class Kind { GAUGE, GAUGE_AVERAGE, LATEST, GROWTH, RATE, RATE_AVERAGE };
-   /// What a run reads of an entity; a mask. The host and pools have kCpu alone, for everything.
-   enum Parts : uint8_t { kNothing = 0, kCpu = 1, kMemory = 2, kAll = 3 };
+   struct Reading {
+      int64_t timeSec;
+      const SimShape& shape; ///< the entity's
+      const SimShape& host;
+   };
 
    Kind kind;
-   uint8_t part;
    Metrix::StatVal limit; ///< a sample above it is cut to it; 0: no limit
-   std::function<uint64_t(int64_t timeSec)> read;
+   /// Nothing if the entity does not have this figure then.
+   std::function<std::optional<uint64_t>(const Reading& at)> read;
 };
 
 /// By stat name.
 using SimStatTable = std::map<std::string, SimStat>;
 
-SimStatTable MakeHostStats(const SimHost::SimOptions& options, const std::string& hostId);
+SimStatTable MakeHostStats(const SimHost::SimOptions& options, const std::string& hostId,
+                           bool wideFigures);
 SimStatTable MakePoolStats(const SimHost::SimOptions& options, const std::string& poolId);
-SimStatTable MakeVmStats(const SimHost::SimOptions& options, const std::string& vmId);
+/// With the stats of all parts that the virtual machine has ever had.
+SimStatTable MakeVmStats(const SimHost::SimOptions& options, const std::string& vmId,
+                         const SimShape& shape, bool wideFigures);
