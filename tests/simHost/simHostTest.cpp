@@ -250,13 +250,14 @@ TEST_F(SimulationTest, SumsAndQuotientsStayRightWhileTheirPartsComeAndGo)
           {18, SimAction::VCPUS_VM, "vm-0001", 3},   {20, SimAction::OFF_VM, "vm-0001"},
           {22, SimAction::ON_VM, "vm-0001"},         {30, SimAction::VCPUS_VM, "vm-0001", 1},
           {31, SimAction::VCPUS_VM, "vm-0001", 16},  {10, SimAction::CARDS_VM, "vm-0002", 3},
-          {20, SimAction::CARDS_VM, "vm-0002", 0},   {21, SimAction::CARDS_VM, "vm-0002", 10},
-          {10, SimAction::DISKS_VM, "vm-0003", 0},   {11, SimAction::DISKS_VM, "vm-0003", 2},
-          {20, SimAction::DISKS_HOST, "ha-host", 1}, {40, SimAction::DISKS_HOST, "ha-host", 3},
-          {41, SimAction::DISKS_HOST, "ha-host", 0}, {43, SimAction::DISKS_HOST, "ha-host", 2},
-          {20, SimAction::NICS_HOST, "ha-host", 2},  {40, SimAction::NICS_HOST, "ha-host", 3},
-          {41, SimAction::NICS_HOST, "ha-host", 0},  {45, SimAction::NICS_HOST, "ha-host", 1},
-          {50, SimAction::HANG_VM, "vm-0004"},       {55, SimAction::UNHANG_VM, "vm-0004"}});
+          {15, SimAction::CARDS_VM, "vm-0002", 1},   {20, SimAction::CARDS_VM, "vm-0002", 0},
+          {21, SimAction::CARDS_VM, "vm-0002", 10},  {10, SimAction::DISKS_VM, "vm-0003", 0},
+          {11, SimAction::DISKS_VM, "vm-0003", 2},   {20, SimAction::DISKS_HOST, "ha-host", 1},
+          {40, SimAction::DISKS_HOST, "ha-host", 3}, {41, SimAction::DISKS_HOST, "ha-host", 0},
+          {43, SimAction::DISKS_HOST, "ha-host", 2}, {20, SimAction::NICS_HOST, "ha-host", 2},
+          {40, SimAction::NICS_HOST, "ha-host", 3},  {41, SimAction::NICS_HOST, "ha-host", 0},
+          {45, SimAction::NICS_HOST, "ha-host", 1},  {50, SimAction::HANG_VM, "vm-0004"},
+          {55, SimAction::UNHANG_VM, "vm-0004"}});
    // One that joins or leaves costs a corrected figure no sample.
    for (const int run : {5, 15, 18, 31}) {
       EXPECT_NE(GetSample("vm-0001", "cpu-usage", run), kUnset) << run;
