@@ -9,7 +9,8 @@
 namespace HostCtl::Resource {
 
 /// In place of a figure that cannot be read.
-constexpr uint64_t kUnknownUs = UINT64_MAX;
+constexpr uint64_t kUnknown = UINT64_MAX;
+constexpr uint32_t kUnknown32 = UINT32_MAX;
 
 /// Times of one CPU of the host since the host started.
 struct HostCpuStats {
@@ -53,21 +54,21 @@ struct CpuStats {
 /// Times of one virtual CPU since the virtual machine started.
 struct CpuTimes {
    uint64_t usedUs = 0;
-   uint64_t systemUs = 0; ///< perhaps kUnknownUs
+   uint64_t systemUs = 0; ///< perhaps kUnknown
    uint64_t waitUs = 0;
    uint64_t readyUs = 0;
    uint64_t extraUs = 0;
    uint64_t guaranteedMs = 0;
-   uint64_t uptimeUs = 0; ///< perhaps kUnknownUs
+   uint64_t uptimeUs = 0; ///< perhaps kUnknown
 };
 
 /// Memory of a resource pool or virtual machine.
 struct MemoryStats {
    uint64_t grantedKb = 0;
-   uint64_t activeKb = 0;
+   uint64_t activeKb = 0; ///< of a virtual machine perhaps kUnknown
    uint64_t sharedKb = 0;
    uint64_t zeroKb = 0;
-   uint64_t swappedKb = 0;
+   uint64_t swappedKb = 0; ///< of a virtual machine perhaps kUnknown
    uint64_t balloonKb = 0;
    uint64_t overheadKb = 0;
 };
@@ -75,14 +76,14 @@ struct MemoryStats {
 /// Swapping of one virtual machine.
 struct SwapInfo {
    uint32_t targetKb = 0;
-   uint32_t inKb = 0;
-   uint32_t outKb = 0;
+   uint32_t inKb = 0;  ///< perhaps kUnknown32
+   uint32_t outKb = 0; ///< perhaps kUnknown32
 };
 
 /// Guest memory of one virtual machine.
 struct MemoryClientStats {
    uint64_t grantedKb = 0;
-   uint64_t activeKb = 0;
+   uint64_t activeKb = 0; ///< perhaps kUnknown
    uint64_t savedBySharingKb = 0;
    uint64_t balloonTargetKb = 0;
 };

@@ -216,13 +216,6 @@ std::string PoolIdOfPartition(std::string_view partition)
    return GetPoolId(namePath);
 }
 
-bool IsInMachineGroup(std::string_view path)
-{
-   return std::ranges::any_of(kMachineGroups, [path](std::string_view machine) {
-      return path.starts_with("/" + std::string(machine) + "/");
-   });
-}
-
 std::string FindMachinePath(const ControlGroups& groups)
 {
    const std::vector<std::string> machines = FindMachineGroups(groups);

@@ -61,9 +61,6 @@ private:
 /// partition and for one outside the machine group.
 std::string PoolIdOfPartition(std::string_view partition);
 
-/// Whether a group is below a machine group.
-bool IsInMachineGroup(std::string_view path);
-
 /// Path of the root pool's group; empty when there is none.
 std::string FindMachinePath(const ControlGroups& groups);
 

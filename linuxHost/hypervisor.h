@@ -34,6 +34,7 @@ struct VmDescription {
    std::string name;
    Quen::Vm::PowerState powerState = Quen::Vm::PowerState::POWERED_OFF;
    int64_t memoryMb = 0;
+   bool hasHugePages = false; ///< its memory is in huge pages
    std::string partition; ///< the resource partition, "/machine/gold/web"; empty: the default one
    std::vector<VmCard> cards;
    std::vector<VmDisk> disks;

@@ -9,6 +9,7 @@
 #include "linuxHost/linuxHostSystem.h"
 #include "linuxHost/linuxResourceMgr.h"
 #include "linuxHost/linuxVms.h"
+#include "linuxHost/rights.h"
 #include "linuxHost/snapshotPoller.h"
 #include "linuxHost/vmWatcher.h"
 
@@ -29,7 +30,8 @@ class LinuxBackend::Parts : public ExtraFigures {
 public:
    Parts(const LinuxHostOptions& options, const std::shared_ptr<Hypervisor>& hypervisor,
          int intervalSec, Corvax::Logger* logger)
-      : _inventory(kRootPoolId, "host"), _history(std::make_shared<VmHistory>(intervalSec)),
+      : _root(options.root), _logger(logger), _inventory(kRootPoolId, "host"),
+        _history(std::make_shared<VmHistory>(intervalSec)),
         _poller(hypervisor
                    ? std::make_unique<SnapshotPoller>(hypervisor, _history, intervalSec, logger)
                    : nullptr),
@@ -58,6 +60,9 @@ public:
 
    void Start()
    {
+      for (const std::string& right : FindMissingRights(_root)) {
+         _logger->Log(Corvax::kLogWarning, "%1", right);
+      }
       // Pools first: virtual machines refer to them.
       _groups.Start();
       if (_watcher) {
@@ -101,6 +106,8 @@ private:
       return _poller ? static_cast<const SnapshotSource&>(*_history) : _noSnapshots;
    }
 
+   const std::string _root;
+   const Corvax::Ref<Corvax::Logger> _logger;
    // Each may use those before it.
    const NoSnapshots _noSnapshots;
    Inventory::Inventory _inventory;

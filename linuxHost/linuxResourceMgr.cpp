@@ -2,6 +2,7 @@
 
 #include "linuxHost/groupTree.h"
 #include "linuxHost/kernel/saturate.h"
+#include "linuxHost/kernel/vmGroups.h"
 
 #include <algorithm>
 #include <limits>
@@ -200,7 +201,7 @@ private:
       const auto places = vm->GetPlaces();
       const uint64_t uptimeUs =
          places->startUs > 0 ? SaturatingSubtract(_cpu.ReadUptimeUs(), places->startUs)
-                             : kUnknownUs;
+                             : kUnknown;
       for (size_t i = 0; i < figures->vcpus.size(); ++i) {
          const VcpuFigures& vcpu = figures->vcpus[i];
          CpuTimes& record = times.emplace_back();
@@ -212,7 +213,7 @@ private:
             places->groupPath.empty()
                ? std::nullopt
                : _groups.ReadVcpuSystemUs(places->groupPath, static_cast<uint32_t>(i));
-         record.systemUs = systemUs.value_or(kUnknownUs);
+         record.systemUs = systemUs.value_or(kUnknown);
       }
       return times;
    }
@@ -226,34 +227,40 @@ private:
          return std::nullopt;
       }
       const auto places = vm->GetPlaces();
-      GroupMemory group;
+      const auto group =
+         places->groupPath.empty() ? std::nullopt : _groups.ReadMemory(places->groupPath);
       MergedMemory merged;
-      if (!places->groupPath.empty()) {
-         group = _groups.ReadMemory(places->groupPath).value_or(GroupMemory());
-      }
+      uint64_t hugeKb = 0;
       if (places->process) {
          merged = places->process->ReadMergedMemory();
       }
+      if (places->hasHugePages) {
+         const auto read = places->process ? places->process->ReadHugeKb() : std::nullopt;
+         // Unless it can be read: QEMU takes all huge pages when it starts.
+         hugeKb = read.value_or(figures->memory->balloonMaximumKb);
+      }
       MemoryRecords& memory = _vmMemory[vmRef.GetId()];
-      memory = Combine(*figures->memory, group, merged);
+      memory = Combine(*figures->memory, group, merged, hugeKb);
       return memory;
    }
 
-   static MemoryRecords Combine(const VmMemory& figures, const GroupMemory& group,
-                           const MergedMemory& merged)
+   static MemoryRecords Combine(const VmMemory& figures, const std::optional<GroupMemory>& group,
+                                const MergedMemory& merged, uint64_t hugeKb)
    {
       MemoryRecords memory;
       MemoryStats& stats = memory.stats;
-      // The resident memory consists of the guest memory that was used, and the process's own.
-      stats.grantedKb = std::min(figures.rssKb, figures.balloonCurrentKb);
-      stats.overheadKb = figures.rssKb - stats.grantedKb;
-      stats.activeKb = std::min(GetActiveKb(figures, group), stats.grantedKb);
+      // The resident memory consists of the guest memory that was used, and the process's own;
+      // huge pages are guest memory beside it.
+      stats.grantedKb =
+         std::min(hugeKb > 0 ? hugeKb : figures.rssKb, figures.balloonCurrentKb);
+      stats.overheadKb = SaturatingAdd(figures.rssKb, hugeKb) - stats.grantedKb;
+      stats.activeKb = GetActiveKb(figures, group, stats.grantedKb);
       stats.sharedKb = merged.sharedKb;
       stats.zeroKb = merged.zeroKb;
-      stats.swappedKb = group.swappedKb;
+      stats.swappedKb = group ? group->swappedKb : kUnknown;
       stats.balloonKb = SaturatingSubtract(figures.balloonMaximumKb, figures.balloonCurrentKb);
-      memory.swap.inKb = To32(group.swapInKb);
-      memory.swap.outKb = To32(group.swapOutKb);
+      memory.swap.inKb = group ? To32(group->swapInKb) : kUnknown32;
+      memory.swap.outKb = group ? To32(group->swapOutKb) : kUnknown32;
       memory.client.grantedKb = stats.grantedKb;
       memory.client.activeKb = stats.activeKb;
       memory.client.savedBySharingKb = merged.sharedKb;
@@ -263,11 +270,14 @@ private:
 
    /// Memory that the guest itself has in use, where its balloon driver reports that. The kernel's
    /// active list is far below it on a host that is not short of memory.
-   static uint64_t GetActiveKb(const VmMemory& figures, const GroupMemory& group)
+   static uint64_t GetActiveKb(const VmMemory& figures, const std::optional<GroupMemory>& group,
+                               uint64_t grantedKb)
    {
-      return figures.guestAvailableKb && figures.guestUsableKb
-                ? SaturatingSubtract(*figures.guestAvailableKb, *figures.guestUsableKb)
-                : group.activeKb;
+      if (figures.guestAvailableKb && figures.guestUsableKb) {
+         return std::min(SaturatingSubtract(*figures.guestAvailableKb, *figures.guestUsableKb),
+                         grantedKb);
+      }
+      return group ? std::min(group->activeKb, grantedKb) : kUnknown;
    }
 
    std::optional<MemoryRecords> FindVmMemory(const std::string& id) const
@@ -294,7 +304,7 @@ private:
       std::erase_if(_perCpuUse, isGone);
       for (const auto& [id, memory] : _vmMemory) {
          const Ref<LinuxVm> vm = _vms.Find(id);
-         if (FindFigures(*vm->GetMoRef()) && IsBelow(vm->GetParent(), pool.GetId())) {
+         if (FindFigures(*vm->GetMoRef()) && IsIn(*vm, pool, path)) {
             stats.sharedKb += memory.stats.sharedKb;
             stats.zeroKb += memory.stats.zeroKb;
             stats.balloonKb += memory.stats.balloonKb;
@@ -302,6 +312,15 @@ private:
          }
       }
       return stats;
+   }
+
+   /// By the machine's group, as the group's own figures: one in a slice outside the machine group
+   /// is in no pool's group, although the root pool is its parent.
+   bool IsIn(LinuxVm& vm, const MoRef& pool, const std::string& poolPath) const
+   {
+      const std::string groupPath = vm.GetPlaces()->groupPath;
+      return groupPath.empty() ? IsBelow(vm.GetParent(), pool.GetId())
+                               : IsBelowGroup(groupPath, poolPath);
    }
 
    bool IsBelow(Ref<MoRef> pool, const std::string& ancestorId) const

@@ -58,8 +58,8 @@ bool LinuxVm::IsStatsAvailable()
       _runsMissed = 0;
    } else if (++_runsMissed == kRunsMissedUntilLogged) {
       _logger->Log(Corvax::kLogWarning,
-                   "Virtual machine %1 (%2) has no statistics: it does not answer the hypervisor",
-                   GetName(), GetId());
+                   "Virtual machine %1 (%2) has no statistics: %3", GetName(), GetId(),
+                   _snapshots.GetFreshness(GetId()).reason);
    }
    return isPresent;
 }

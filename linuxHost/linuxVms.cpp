@@ -3,6 +3,7 @@
 #include "linuxHost/groupTree.h"
 #include "linuxHost/kernel/diskReader.h"
 #include "linuxHost/kernel/saturate.h"
+#include "linuxHost/kernel/vmGroups.h"
 
 #include <algorithm>
 
@@ -138,6 +139,7 @@ std::shared_ptr<VmPlaces> LinuxVms::FindPlaces(const VmDescription& description,
    const Ref<LinuxVm> vm = Find(description.id);
    const auto before = vm ? vm->GetPlaces() : std::make_shared<const VmPlaces>();
    FindProcess(*places, *before, description.id, processes);
+   places->hasHugePages = description.hasHugePages;
    for (const VmDisk& disk : description.disks) {
       const auto known = std::ranges::find_if(before->disks, [&disk](const VmPlaces::Disk& one) {
          return one.target == disk.target && one.path == disk.path;
@@ -149,27 +151,33 @@ std::shared_ptr<VmPlaces> LinuxVms::FindPlaces(const VmDescription& description,
    return places;
 }
 
-/// A process that is still there stays the machine's; its group may be another one now.
+/// A process that is still there stays the machine's; its group may be another one now. Its object
+/// is in use by other threads, so that a second one asks.
 void LinuxVms::FindProcess(VmPlaces& places, const VmPlaces& before, const std::string& id,
                            Processes& processes) const
 {
+   auto process = std::make_shared<QemuProcess>(_root, before.pid);
+   std::optional<uint64_t> startUs = process->ReadStartUs();
+   places.pid = before.pid;
    places.process = before.process;
-   const auto startUs = places.process ? places.process->ReadStartUs() : std::nullopt;
-   places.startUs = startUs.value_or(0);
-   if (!startUs) {
-      places.process = nullptr;
+   if (!startUs || *startUs != before.startUs) {
       if (!processes) {
          processes = FindQemuProcesses(_root);
       }
       const auto found = processes->find(id);
       if (found == processes->end()) {
+         places.pid = -1;
+         places.process = nullptr;
          return;
       }
-      places.process = std::make_shared<QemuProcess>(_root, found->second);
-      places.startUs = places.process->ReadStartUs().value_or(0);
+      process = std::make_shared<QemuProcess>(_root, found->second);
+      startUs = process->ReadStartUs();
+      places.pid = found->second;
+      places.process = process;
    }
-   const std::string path = places.process->ReadGroupPath();
-   places.groupPath = IsInMachineGroup(path) ? path : "";
+   places.startUs = startUs.value_or(0);
+   const std::string path = process->ReadGroupPath();
+   places.groupPath = IsVmGroup(path) ? path : "";
 }
 
 void LinuxVms::AssignPorts(const VmDescription& description, VmPlaces& places)

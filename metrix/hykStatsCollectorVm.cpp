@@ -18,7 +18,8 @@ using HostCtl::Lib::HostCtlException;
 using HostCtl::Resource::CpuLoadHistory;
 using HostCtl::Resource::CpuStats;
 using HostCtl::Resource::CpuTimes;
-using HostCtl::Resource::kUnknownUs;
+using HostCtl::Resource::kUnknown;
+using HostCtl::Resource::kUnknown32;
 using HostCtl::Resource::MemoryClientStats;
 using HostCtl::Resource::MemoryStats;
 using HostCtl::Resource::SwapInfo;
@@ -77,7 +78,7 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
       const CpuTimes& vcpu = vcpus[i];
       const std::string instance = Format("%1", i);
       Add(entity, kCpuUsageMhz, ts, ToMhz(vcpu.usedUs), instance);
-      if (vcpu.systemUs != kUnknownUs) {
+      if (vcpu.systemUs != kUnknown) {
          Add(entity, kCpuSystem, ts, vcpu.systemUs / 1000, instance);
       }
       Add(entity, kCpuWait, ts, vcpu.waitUs / 1000, instance);
@@ -85,7 +86,7 @@ void HykStatsCollector::CollectVmCpuStats(ResourceMgr* resourceMgr, Vm* vm, Time
       Add(entity, kCpuExtra, ts, vcpu.extraUs / 1000, instance);
       Add(entity, kCpuGuaranteed, ts, vcpu.guaranteedMs, instance);
       Add(entity, kCpuUsed, ts, vcpu.usedUs / 1000, instance);
-      if (i == 0 && vcpu.uptimeUs != kUnknownUs) {
+      if (i == 0 && vcpu.uptimeUs != kUnknown) {
          Add(entity, kSysUptime, ts, vcpu.uptimeUs / Corvax::kMicrosecondsPerSecond);
       }
    }
@@ -116,7 +117,8 @@ void HykStatsCollector::CollectVmMemStats(ResourceMgr* resourceMgr, Vm* vm, int6
       _logger->Log(kLogDebug, "Unable to collect memory stats for Vm %1", entity);
       return;
    }
-   if (memoryMb > 0) {
+   const bool isActiveKnown = client->activeKb != kUnknown;
+   if (memoryMb > 0 && isActiveKnown) {
       const uint64_t configuredKb = static_cast<uint64_t>(memoryMb) * 1024;
       Add(entity, kMemUsage, ts, client->activeKb * kFullPercent / configuredKb);
    }
@@ -124,13 +126,19 @@ void HykStatsCollector::CollectVmMemStats(ResourceMgr* resourceMgr, Vm* vm, int6
       client->grantedKb - std::min(client->savedBySharingKb, client->grantedKb);
    Add(entity, kMemConsumed, ts, consumedKb);
    Add(entity, kMemGranted, ts, client->grantedKb);
-   Add(entity, kMemActive, ts, client->activeKb);
+   if (isActiveKnown) {
+      Add(entity, kMemActive, ts, client->activeKb);
+   }
    Add(entity, kMemShared, ts, memory->sharedKb);
    Add(entity, kMemZero, ts, memory->zeroKb);
-   Add(entity, kMemSwapped, ts, memory->swappedKb);
+   if (memory->swappedKb != kUnknown) {
+      Add(entity, kMemSwapped, ts, memory->swappedKb);
+   }
    Add(entity, kMemSwapTarget, ts, swap->targetKb);
-   Add(entity, kMemSwapIn, ts, swap->inKb);
-   Add(entity, kMemSwapOut, ts, swap->outKb);
+   if (swap->inKb != kUnknown32 && swap->outKb != kUnknown32) {
+      Add(entity, kMemSwapIn, ts, swap->inKb);
+      Add(entity, kMemSwapOut, ts, swap->outKb);
+   }
    Add(entity, kMemVmmemctl, ts, memory->balloonKb);
    Add(entity, kMemVmmemctlTarget, ts, client->balloonTargetKb);
    Add(entity, kMemOverhead, ts, memory->overheadKb);

@@ -149,6 +149,7 @@ VmDescription ParseDomainXml(std::string_view xml)
    const pugi::xml_node memory = domain.child("memory");
    vm.memoryMb = static_cast<int64_t>(
       ParseBytes(memory.child_value(), memory.attribute("unit").value()) / kBytesPerMb);
+   vm.hasHugePages = static_cast<bool>(domain.child("memoryBacking").child("hugepages"));
    vm.partition = Trimmed(domain.child("resource").child_value("partition"));
    const pugi::xml_node devices = domain.child("devices");
    vm.cards = ParseCards(devices);

@@ -134,7 +134,7 @@ protected:
    }
    ~LinuxVmTest() override { HostCtl::HostFactory::SetProvider(nullptr); }
 
-   const ManualClock _clock; // never moved, so that no snapshot becomes too old
+   ManualClock _clock; // moved by the test alone, so that no reading becomes too old
    FakeAgent _agent;
    const std::shared_ptr<FakeHypervisor> _hypervisor = std::make_shared<FakeHypervisor>();
    std::unique_ptr<LinuxHost::LinuxBackend> _backend;
@@ -203,13 +203,14 @@ protected:
           {"proc/4711/cmdline", std::string("qemu\0-uuid\0", 11) + kVm + std::string("\0", 1)},
           {"proc/4711/stat", "4711 (qemu) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 3 0 40000 0 0\n"},
           {"proc/4711/cgroup", "4:memory:" + group + "\n0::" + group + "\n"},
+          {"proc/4711/status", "VmRSS:\t45000 kB\nHugetlbPages:\t28000 kB\n"},
           {"proc/diskstats", ""}});
-      VmDescription vm = Describe(kVm, PowerState::POWERED_ON);
+      VmDescription& vm = _description;
       vm.partition = "/machine/gold";
       vm.cards = {{4000, true, true, "tap0"}, {4001, false, true, ""}};
       vm.disks = {{"vda", LinuxHost::VmDisk::Image::NETWORK, ""},
                   {"vdb", LinuxHost::VmDisk::Image::NETWORK, ""}};
-      VmRecord record;
+      VmRecord& record = _record;
       record.basics = {3000000, {{"tap0", (uint64_t{1} << 32) + 5, 6, 7, 8}}};
       record.vcpus = {{2000000, 11, 22}};
       record.monitor = {{30000, 32768, 45000, {}, {}, 0},
@@ -246,6 +247,8 @@ protected:
       return Owned(HostCtl::Network::NetworkFactory::GetPort(_vm->GetPortId(card)));
    }
 
+   VmDescription _description = Describe(kVm, PowerState::POWERED_ON);
+   VmRecord _record;
    Corvax::Ref<Guestsvc::HaVirtualMachine> _vm;
    Corvax::Ref<Hostsvc::ResourceMgr> _manager;
 };
@@ -273,6 +276,58 @@ TEST_F(VmFiguresTest, MemoryOfAPoolIsItsGroupsOrTheSumOverItsVms)
    const auto poolMemory = Owned(_manager->GetPoolMemoryStats(pool->GetMoRef()));
    EXPECT_EQ(poolMemory->grantedKb, 9000) << "the group's";
    EXPECT_EQ(poolMemory->balloonKb, 2768) << "the sum over the VMs in it";
+}
+
+TEST_F(VmFiguresTest, HugePagesAreMemoryOfTheGuest)
+{
+   _description.hasHugePages = true;
+   _hypervisor->Set(_description, _record);
+   WaitFor([&] {
+      const auto memory = Owned(_manager->GetVmMemoryStats(_vm->GetMoRef()));
+      return memory->grantedKb == 28000 && memory->overheadKb == 45000;
+   });
+}
+
+TEST_F(VmFiguresTest, AnAgentThatSeesNoProcessesHasTheOtherFigures)
+{
+   Remove("proc/4711");
+   _hypervisor->Set(_description, _record);
+   WaitFor([&] {
+      const auto vcpus = _manager->GetVmCpuTimes(_vm->GetMoRef());
+      return vcpus.at(0).uptimeUs == HostCtl::Resource::kUnknown;
+   });
+   EXPECT_EQ(_manager->GetVmCpuTimes(_vm->GetMoRef()).at(0).systemUs, HostCtl::Resource::kUnknown);
+   const auto memory = Owned(_manager->GetVmMemoryStats(_vm->GetMoRef()));
+   EXPECT_EQ(memory->activeKb, HostCtl::Resource::kUnknown);
+   EXPECT_EQ(memory->grantedKb, 30000);
+   EXPECT_EQ(Owned(_manager->GetVmMemoryClientStats(_vm->GetMoRef()))->activeKb,
+             HostCtl::Resource::kUnknown);
+}
+
+TEST_F(VmFiguresTest, CpuUseOfEachVirtualCpuDoesNotJumpWithTheirNumber)
+{
+   const auto perCpuUs = [this] {
+      BeginCollection();
+      const auto cpu = Owned(_manager->GetVmCpuStats(_vm->GetMoRef()));
+      const auto vcpus = _manager->GetVmCpuTimes(_vm->GetMoRef()).size();
+      return static_cast<int64_t>(cpu->usedUs / vcpus) + cpu->perCpuCorrectionUs;
+   };
+   EXPECT_EQ(perCpuUs(), 3000000);
+   const auto useMore = [&](size_t vcpus, int64_t takenUs) {
+      _record.basics->usedUs += 400000;
+      _record.vcpus->resize(vcpus);
+      _clock.monotonicUs = takenUs + 500000;
+      _record.takenUs = -500000;
+      const int64_t reads = _hypervisor->GetReads();
+      _hypervisor->Set(_description, _record);
+      WaitFor([&] { return _hypervisor->GetReads() > reads + 1; });
+      return perCpuUs();
+   };
+   // A quarter of an interval before the second reading: three quarters of its growth.
+   EXPECT_EQ(useMore(4, 500000), 3000000 + 300000 / 4);
+   EXPECT_EQ(useMore(4, 1500000), 3000000 + 700000 / 4);
+   EXPECT_EQ(useMore(1, 2500000), 3000000 + 700000 / 4 + 400000 / 4);
+   EXPECT_EQ(useMore(1, 3500000), 3000000 + 1100000 / 4 + 400000);
 }
 
 TEST_F(VmFiguresTest, CpuTimesOfPoolsAndSystemGroupsComeFromTheirGroups)
