@@ -86,6 +86,12 @@ ROWS = (
     Row("idle-ms-per-s", "idle CPU of the agent between runs", 0.2),
     Row("agent-calls", "read and write calls of the agent per run on a simulated host, 10,000 samples", 2000),
     Row("host-read", "reading all host figures on Linux", 200),
+    Row("guest-run-100", "a virtual machine's part of a run on Linux, of 100 that run", 60),
+    Row("guest-run-500", "a virtual machine's part of a run on Linux, of 500 that run", 60),
+    Row("guest-poll-500", "of that: parsing the hypervisor's answer and keeping its figures"),
+    Row("guest-read-500", "of that: what the collection reads"),
+    Row("guest-load-500", "of that: load averages, read every 6 s"),
+    Row("guest-descriptors-500", "descriptors for a virtual machine on Linux"),
 )
 
 HOW_TO_READ = """\
@@ -102,6 +108,7 @@ HOW_TO_READ = """\
 - **Noise**: ratios within one measurement are good to about 20 %, absolute times depend on the machine's other load. Compare ratios.
 - **Rows** lie in the order in which the stats were created; samples come in the order of collection. On a real host these differ, because virtual machines come one after the other: hence *ingest* in five orders of creation.
 - **Bytes to the disk** in a day are counted by `write_bytes` of `/proc/PID/io`: pages count when they become dirty, once until they are written back. The benchmark records stamp after stamp and writes back after every second one, as a kernel with default settings does if they come every 20 s: it looks every 5 s for pages that have been dirty for 30 s. The agent's own figure is from five minutes with the kernel's real write-back. With `--device`, the files are on a block device of their own, which also counts what the file system itself writes.
+- **A virtual machine's part of a run on Linux** is the agent's work at an interval of 20 s, with the host's own figures shared out among the virtual machines: the parsing of the hypervisor's bulk answer, all readings of a collection and the load averages in between. Each machine has two virtual CPUs, a NIC and two disks. The kernel's files are a generated tree of ordinary ones, and the answer exists already: what the kernel does to write its files' text, what libvirt does and what the depot does with the samples is not in it.
 - Read and write calls are the kernel's count (`/proc/PID/io`). It does not include work on mapped files.
 """
 

@@ -154,6 +154,6 @@ room(tests/console SEES console ${fakes} TAKES ${system} gtest)
 room(tests/agentctl SEES agentctl ${fakes} TAKES ${system} gtest httplib)
 room(tests/depotTool SEES depotTool metrix/* ${fakes} TAKES ${system} gtest json)
 room(tests/qsh SEES qsh/framework ${fakes} TAKES ${system} gtest)
-room(bench SEES metrix/* simHost linuxHost linuxHost/kernel inventory ${services} ${interfaces}
-   TAKES ${system} benchmark)
+room(bench SEES metrix/* simHost linuxHost linuxHost/kernel linuxHost/libvirt inventory ${services}
+   ${interfaces} TAKES ${system} benchmark libvirt)
 room(bench/peers SEES corvax TAKES ${system} peers)
