@@ -28,6 +28,7 @@ namespace {
 
 using Corvax::kMicrosecondsPerSecond;
 using Corvax::Ref;
+using HostCtl::Resource::kUnknownUs;
 using HostCtl::Storage::DiskLun;
 
 constexpr unsigned kGuestRuns = 40;
@@ -226,8 +227,8 @@ private:
       Own(_resourceMgr->GetVmSwapInfo(id));
       Own(_resourceMgr->GetVmMemoryClientStats(id));
       bool isComplete = cpu && memory && memory->zeroKb > 0 && memory->swappedKb > 0 &&
-                        vcpus.size() == kGuestVcpus && vcpus.back().systemUs > 0 &&
-                        vcpus.front().uptimeUs > 0 && vm.GetWorldId() >= 0;
+                        vcpus.size() == kGuestVcpus && vcpus.back().systemUs != kUnknownUs &&
+                        vcpus.front().uptimeUs != kUnknownUs;
       const auto config = vm.GetConfig();
       for (const auto& device : *config->GetHardware().GetDevice()) {
          const auto card = Corvax::RefCast<Quen::Vm::Device::VirtualEthernetCard>(device);
