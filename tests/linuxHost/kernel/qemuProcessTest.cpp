@@ -50,8 +50,8 @@ TEST_F(QemuProcessTest, AProcessWithTheSameArgumentDoesNotHideTheVms)
       {"7", "bash", "/user.slice", 0},
       {"30", "kvm", "/", 30},
       {"20", "qemu-system-x86", "/user.slice" + scope, 20}, // anyone can create it there
-      {"12", "exe", "/own.slice/own-vms.slice" + scope + "/libvirt/emulator", 12},
-      {"9", "qemu-system-x86", "/system.slice", 12},
+      {"40", "exe", "/own.slice/own-vms.slice" + scope + "/libvirt/emulator", 40},
+      {"9", "qemu-system-x86", "/system.slice", 40},
    };
    for (const auto& [process, name, group, expected] : appearing) {
       WriteProcess(process, uuid, name, group);
