@@ -53,6 +53,7 @@ ExecStopPost=/bin/systemctl --no-block poweroff
 StandardOutput=tty
 StandardError=tty
 TTYPath=/dev/ttyS1
+Environment=HOME=/root SYSTEMD_COLORS=0
 UNIT
    echo host >"$1/etc/hostname"
    echo '127.0.0.1 localhost host' >"$1/etc/hosts"
@@ -81,7 +82,7 @@ makeImage() { # DIRECTORY
 
 # Sets $image to the directory of a valid image.
 findImage() {
-   image=$cache/$({ cat "$0" && libraryPackages; } | md5sum | cut -c 1-12)
+   image=$cache/$({ declare -f makeImage finishRoot && libraryPackages; } | md5sum | cut -c 1-12)
    [ ! -e "$image" ] || return 0
    echo "$(date +%T) making the host's disk image"
    rm -rf "$cache"
@@ -114,7 +115,7 @@ boot() {
       -drive "file=$image/disk,format=raw,if=virtio,snapshot=on"
       -drive "file=$dir/payload,format=raw,if=virtio,readonly=on"
       -nic user,model=virtio-net-pci,restrict=on -serial "file:$dir/console" -serial stdio)
-   TMPDIR=$dir timeout $bootPatience "${command[@]}" </dev/null | tr -d '\r' | tee "$dir/output" | sed '/^status [0-9]*$/d'
+   TMPDIR=$dir timeout $bootPatience "${command[@]}" </dev/null | sed -u 's/\r$//' | tee "$dir/output"
    status=$(sed -n 's/^status \([0-9]*\)$/\1/p' "$dir/output")
 }
 

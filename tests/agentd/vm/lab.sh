@@ -182,10 +182,14 @@ labRemovePool() { # PATH: with the pools below it; waits until no VM runs in one
 
 # Defines a VM of 32 MiB with one disk and one NIC, whose tap has the VM's name. Prints its UUID,
 # which depends on the name alone: a VM that is defined again has the same.
-labVm() { # NAME [POOL] [busy|idle] [VCPUS]
-   local image=$labDir/$1.qcow2 uuid ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=4)
+labVm() { # NAME [POOL] [busy|idle|quiet] [VCPUS]
+   local image=$labDir/$1.qcow2 uuid ticks
    [[ $1 == "$lab-"* && ${#1} -le 15 ]] || labFail "VM $1 does not begin with $lab-, or is too long for a tap" || return
-   [ "${3:-idle}" = idle ] || ticks=(--defsym SPIN_TICKS=2 --defsym HALT_TICKS=2)
+   case ${3:-idle} in
+   busy) ticks=(--defsym SPIN_TICKS=2 --defsym HALT_TICKS=2) ;;
+   idle) ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=4) ;;
+   quiet) ticks=(--defsym SPIN_TICKS=0 --defsym HALT_TICKS=36) ;;
+   esac
    as --32 "${ticks[@]}" "$labSources/vmBoot.S" -o "$image.o"
    ld -m elf_i386 -Ttext 0x7c00 --oformat binary "$image.o" -o "$image.raw"
    truncate -s 8M "$image.raw"
