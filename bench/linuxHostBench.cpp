@@ -28,7 +28,7 @@ namespace {
 
 using Corvax::kMicrosecondsPerSecond;
 using Corvax::Ref;
-using HostCtl::Resource::kUnknownUs;
+using HostCtl::Resource::kUnknown;
 using HostCtl::Storage::DiskLun;
 
 constexpr unsigned kGuestRuns = 40;
@@ -227,8 +227,8 @@ private:
       Own(_resourceMgr->GetVmSwapInfo(id));
       Own(_resourceMgr->GetVmMemoryClientStats(id));
       bool isComplete = cpu && memory && memory->zeroKb > 0 && memory->swappedKb > 0 &&
-                        vcpus.size() == kGuestVcpus && vcpus.back().systemUs != kUnknownUs &&
-                        vcpus.front().uptimeUs != kUnknownUs;
+                        vcpus.size() == kGuestVcpus && vcpus.back().systemUs != kUnknown &&
+                        vcpus.front().uptimeUs != kUnknown;
       const auto config = vm.GetConfig();
       for (const auto& device : *config->GetHardware().GetDevice()) {
          const auto card = Corvax::RefCast<Quen::Vm::Device::VirtualEthernetCard>(device);
