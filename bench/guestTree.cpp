@@ -219,7 +219,7 @@ void GuestTree::AddGuest(unsigned number)
    guest.disks.push_back({kTarget1, VmDisk::Image::FILE, "/images/" + digits + "b"});
    _descriptions.push_back(guest);
 
-   WriteGroups(scope);
+   WriteGroups(scope, number % 4 == 0);
    const std::string process = "proc/" + pid + "/";
    using namespace std::string_literals;
    Write(process + "cmdline", "qemu-system-x86_64\0-uuid\0"s + guest.id + "\0"s);
@@ -234,17 +234,20 @@ void GuestTree::AddGuest(unsigned number)
    Write(std::string(kGroups) + scope + "/libvirt/emulator/cgroup.procs", pid + "\n");
 }
 
-void GuestTree::WriteGroups(const std::string& scope) const
+void GuestTree::WriteGroups(const std::string& scope, bool hasQuota) const
 {
    const std::string path = kGroups + scope;
    for (const char* const group : {"", "/libvirt", "/libvirt/emulator"}) {
       Write(path + group + "/cpu.stat", GetCpuStat());
+      Write(path + group + "/cpu.max", "max 100000\n");
       Write(path + group + "/cpu.pressure", kPressure);
       Write(path + group + "/memory.stat", GetMemoryStat());
       Write(path + group + "/memory.swap.current", "4096\n");
    }
    for (unsigned vcpu = 0; vcpu < kGuestVcpus; ++vcpu) {
       Write(path + Format("/libvirt/vcpu%1/cpu.stat", vcpu), GetCpuStat());
+      Write(path + Format("/libvirt/vcpu%1/cpu.max", vcpu),
+            hasQuota ? "50000 100000\n" : "max 100000\n");
       Write(path + Format("/libvirt/vcpu%1/cpu.pressure", vcpu), kPressure);
    }
 }

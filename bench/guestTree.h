@@ -16,8 +16,8 @@ constexpr unsigned kGuestVcpus = 2;
 
 /// Kernel files and hypervisor's answers of a host with so many running virtual machines, each with
 /// two virtual CPUs, a NIC and two disks, in groups as systemd and libvirt create them: a scope in
-/// machine.slice, a group in it and in that one for each virtual CPU. The files have the lines that
-/// a kernel 6.1 writes.
+/// machine.slice, a group in it and in that one for each virtual CPU. Every fourth has a quota for
+/// its virtual CPUs. The files have the lines that a kernel 6.1 writes.
 class GuestTree {
 public:
    explicit GuestTree(unsigned guests);
@@ -33,7 +33,7 @@ private:
    void Write(const std::string& path, const std::string& text) const;
    void WriteHost() const;
    void AddGuest(unsigned number);
-   void WriteGroups(const std::string& scope) const;
+   void WriteGroups(const std::string& scope, bool hasQuota) const;
 
    const ScratchDirectory _directory;
    const std::string _root;
