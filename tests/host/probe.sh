@@ -92,7 +92,7 @@ $a cpu.used:0 1 stats mx-a vcpu.0.time 1000000
 $a cpu.ready:0 1 stats mx-a vcpu.0.delay 1000000
 $a disk.read:vda 1 stats mx-a block.0.rd.bytes 1024
 $b cpu.usagemhz.none $granularityMs cpuMs mx-b
-$b net.received:4000 1 stats mx-b net.0.rx.bytes 1024
+$b net.transmitted:4000 1 stats mx-b net.0.tx.bytes 1024
 $c cpu.usagemhz.none $granularityMs cpuMs mx-c
 $c disk.numberWrite:vda 0 stats mx-c block.0.wr.reqs 1
 $c net.packetsTx:4000 0 stats mx-c net.0.tx.pkts 1
@@ -145,7 +145,7 @@ hasGrown() {
 }
 
 checkGrowth() {
-   waitFor hasGrown
+   labWait hasGrown || wrong "some counters do not grow"
    awk '{ least = $7 - $6; grown = $8 - $5; most = $9 - $4
       isRight = grown > 0 && least - $3 <= grown && grown <= most + $3
       printf "   %s %-37s %-40s %d, %d to %d expected\n", isRight ? "     " : "WRONG", $1, $2, grown, least, most
