@@ -200,8 +200,7 @@ private:
       }
       const auto places = vm->GetPlaces();
       const uint64_t uptimeUs =
-         places->startUs > 0 ? SaturatingSubtract(_cpu.ReadUptimeUs(), places->startUs)
-                             : kUnknown;
+         places->startUs > 0 ? SaturatingSubtract(_cpu.ReadUptimeUs(), places->startUs) : kUnknown;
       for (size_t i = 0; i < figures->vcpus.size(); ++i) {
          const VcpuFigures& vcpu = figures->vcpus[i];
          CpuTimes& record = times.emplace_back();
@@ -251,8 +250,7 @@ private:
       MemoryStats& stats = memory.stats;
       // The resident memory consists of the guest memory that was used, and the process's own;
       // huge pages are guest memory beside it.
-      stats.grantedKb =
-         std::min(hugeKb > 0 ? hugeKb : figures.rssKb, figures.balloonCurrentKb);
+      stats.grantedKb = std::min(hugeKb > 0 ? hugeKb : figures.rssKb, figures.balloonCurrentKb);
       stats.overheadKb = SaturatingAdd(figures.rssKb, hugeKb) - stats.grantedKb;
       stats.activeKb = GetActiveKb(figures, group, stats.grantedKb);
       stats.sharedKb = merged.sharedKb;
@@ -341,7 +339,7 @@ private:
    ControlGroups _groups;
    CpuReader _cpu;
    std::map<std::string, std::string> _systemGroupPaths; // by key
-   std::map<std::string, PerCpuUse> _perCpuUse;    // by id
+   std::map<std::string, PerCpuUse> _perCpuUse;          // by id
    std::map<std::string, MemoryRecords> _vmMemory;       // by id, from the latest run
 };
 

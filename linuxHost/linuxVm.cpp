@@ -57,9 +57,8 @@ bool LinuxVm::IsStatsAvailable()
       }
       _runsMissed = 0;
    } else if (++_runsMissed == kRunsMissedUntilLogged) {
-      _logger->Log(Corvax::kLogWarning,
-                   "Virtual machine %1 (%2) has no statistics: %3", GetName(), GetId(),
-                   _snapshots.GetFreshness(GetId()).reason);
+      _logger->Log(Corvax::kLogWarning, "Virtual machine %1 (%2) has no statistics: %3", GetName(),
+                   GetId(), _snapshots.GetFreshness(GetId()).reason);
    }
    return isPresent;
 }
@@ -98,13 +97,11 @@ int64_t LinuxVm::GetNetworkSumCorrectionKb()
    const Ref<Quen::Vm::ConfigInfo> config = GetConfig();
    const auto places = GetPlaces();
    for (const Ref<Quen::Vm::Device::VirtualDevice>& device : *config->hardware.device) {
-      const auto place =
-         std::ranges::find(places->cards, device->GetKey(), &VmPlaces::Card::key);
+      const auto place = std::ranges::find(places->cards, device->GetKey(), &VmPlaces::Card::key);
       if (place == places->cards.end() || !device->GetConnectable()->IsConnected()) {
          continue;
       }
-      const auto card =
-         std::ranges::find(figures->second.cards, place->tap, &VmCardFigures::tap);
+      const auto card = std::ranges::find(figures->second.cards, place->tap, &VmCardFigures::tap);
       if (card != figures->second.cards.end()) {
          readings[card->tap] = card->bytesReceived / kBytesPerKb + card->bytesSent / kBytesPerKb;
       }

@@ -32,8 +32,8 @@ struct VmPlaces {
    std::shared_ptr<QemuProcess> process; ///< null when it was not found
    int32_t pid = -1;
    bool hasHugePages = false; ///< the guest's memory is in huge pages
-   std::string groupPath; ///< its control group; empty for none
-   uint64_t startUs = 0;  ///< time from the host's start to the process's; 0: unknown
+   std::string groupPath;     ///< its control group; empty for none
+   uint64_t startUs = 0;      ///< time from the host's start to the process's; 0: unknown
    std::vector<Disk> disks;
    std::vector<Card> cards; ///< those with a tap
 };

@@ -63,8 +63,7 @@ StorageStatistics ToStatistics(const VmDiskFigures& traffic)
    statistics.blocksWritten = traffic.bytesWritten / kBlockSizeBytes;
    statistics.readOperations = traffic.readOperations;
    statistics.writeOperations = traffic.writeOperations;
-   statistics.commands =
-      traffic.readOperations + traffic.writeOperations + traffic.flushOperations;
+   statistics.commands = traffic.readOperations + traffic.writeOperations + traffic.flushOperations;
    return statistics;
 }
 
@@ -106,8 +105,7 @@ void LinuxVms::Update(const VmDescription& description, Processes& processes)
    Ref<LinuxVm>& vm = _vms[description.id];
    const bool isNew = !vm;
    if (isNew) {
-      vm = MakeRef<LinuxVm>(description.id, ++_lastWorldId, _inventory, _snapshots,
-                            _logger.Get());
+      vm = MakeRef<LinuxVm>(description.id, ++_lastWorldId, _inventory, _snapshots, _logger.Get());
    }
    // Before the new state is published: subscribers to it find everything else up to date.
    vm->SetConfig(MakeConfig(description));
@@ -144,9 +142,9 @@ std::shared_ptr<VmPlaces> LinuxVms::FindPlaces(const VmDescription& description,
       const auto known = std::ranges::find_if(before->disks, [&disk](const VmPlaces::Disk& one) {
          return one.target == disk.target && one.path == disk.path;
       });
-      places->disks.push_back({disk.target, disk.path,
-                               known != before->disks.end() ? known->hostDisk
-                                                            : _locator.FindDisk(disk)});
+      places->disks.push_back(
+         {disk.target, disk.path,
+          known != before->disks.end() ? known->hostDisk : _locator.FindDisk(disk)});
    }
    return places;
 }
@@ -276,8 +274,7 @@ void LinuxVms::AddTraffic(DiskTraffic& traffic, const VmFigures& figures, const 
          continue;
       }
       VmDiskFigures& sum = traffic.byHostDisk[place->hostDisk];
-      const auto before =
-         std::ranges::find(traffic.last, disk.target, &VmDiskFigures::target);
+      const auto before = std::ranges::find(traffic.last, disk.target, &VmDiskFigures::target);
       if (before != traffic.last.end() || isFirst) {
          AddGrowth(sum, isFirst ? VmDiskFigures() : *before, disk);
       }

@@ -53,11 +53,10 @@ std::optional<Figures> Interpolate(const Figures& older, const Figures& newer,
 
 /// The figures of those that both readings name.
 template <class Figures, size_t Count>
-std::vector<Figures> InterpolateNamed(const std::vector<Figures>& older,
-                                      const std::vector<Figures>& newer,
-                                      std::string Figures::* name,
-                                      uint64_t Figures::* const (&counters)[Count],
-                                      const Position& position)
+std::vector<Figures>
+InterpolateNamed(const std::vector<Figures>& older, const std::vector<Figures>& newer,
+                 std::string Figures::* name, uint64_t Figures::* const (&counters)[Count],
+                 const Position& position)
 {
    std::vector<Figures> result;
    result.reserve(newer.size());
@@ -91,9 +90,9 @@ std::vector<VcpuFigures> InterpolateVcpus(const std::vector<VcpuFigures>& older,
    for (size_t i = 0; i < newer.size(); ++i) {
       const VcpuFigures before = i < older.size() ? older[i] : VcpuFigures();
       const auto figures = Interpolate(before, newer[i], kVcpuCounters, position);
-      result.push_back(
-         figures ? *figures
-                 : Interpolate(VcpuFigures(), newer[i], kVcpuCounters, position).value());
+      result.push_back(figures
+                          ? *figures
+                          : Interpolate(VcpuFigures(), newer[i], kVcpuCounters, position).value());
    }
    return result;
 }
@@ -201,15 +200,14 @@ std::optional<VmFigures> VmHistory::MakeFigures(const Vm& vm, int64_t timeUs, in
    figures.cards = InterpolateNamed(older.cards, newer.cards, &VmCardFigures::tap, kCardCounters,
                                     *basicsPosition);
    if (const auto position = FindPosition(vm.vcpus, timeUs)) {
-      figures.vcpus =
-         InterpolateVcpus(vm.vcpus.older->figures, vm.vcpus.newer->figures, *position);
+      figures.vcpus = InterpolateVcpus(vm.vcpus.older->figures, vm.vcpus.newer->figures, *position);
    }
    if (const auto position = FindPosition(vm.monitor, timeUs)) {
       figures.disks =
          InterpolateNamed(vm.monitor.older->figures.disks, vm.monitor.newer->figures.disks,
                           &VmDiskFigures::target, kDiskCounters, *position);
    }
-   if (vm.monitor.newer && nowUs - vm.monitor.newer->takenUs <= _intervalUs) {
+   if (IsCurrent(vm.monitor, nowUs)) {
       figures.memory = vm.monitor.newer->figures.memory;
    }
    return figures;
@@ -242,8 +240,7 @@ Freshness VmHistory::GetFreshness(const std::string& id) const
       return {Freshness::State::PARTLY, ToWallSec(sinceUs),
               vm.noMonitor.empty() ? "its monitor has not answered" : vm.noMonitor};
    }
-   return {Freshness::State::FRESH, ToWallSec(std::max(vm.basics.sinceUs, vm.monitor.sinceUs)),
-           ""};
+   return {Freshness::State::FRESH, ToWallSec(std::max(vm.basics.sinceUs, vm.monitor.sinceUs)), ""};
 }
 
 } // namespace LinuxHost

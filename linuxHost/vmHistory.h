@@ -19,7 +19,7 @@ struct VmFigures {
    uint64_t usedUs = 0;
    std::vector<VcpuFigures> vcpus; ///< by number; empty: unknown
    std::vector<VmCardFigures> cards;
-   std::optional<VmMemory> memory; ///< the newest reading, at most an interval old
+   std::optional<VmMemory> memory; ///< the newest reading, unless it is overdue
    std::vector<VmDiskFigures> disks;
 };
 

@@ -248,8 +248,7 @@ void HykStatsCollector::CollectHostNetworkStats(HostCtl::Host* host, TimeStamp t
       nics.emplace_back(nic);
    }
    // Not for sums that wrap: the correction is for counters that do not.
-   uint64_t totalKb =
-      _wideFigures ? static_cast<uint64_t>(networkInfo->GetSumCorrectionKb()) : 0;
+   uint64_t totalKb = _wideFigures ? static_cast<uint64_t>(networkInfo->GetSumCorrectionKb()) : 0;
    for (const auto& nic : nics) {
       const PtrObj<HostCtl::Network::Port> port(nic->GetUplinkPort());
       if (port != nullptr) {

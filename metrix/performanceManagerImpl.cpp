@@ -76,9 +76,8 @@ PerformanceManagerImpl::PerformanceManagerImpl(const std::string& id, Corvax::Lo
    } else {
       bool wideFigures = false;
       config->Get("wideFigures", wideFigures);
-      _statsCollector =
-         MakeRef<HykStatsCollector>(_logger.Get(), _statsMetadata.Get(), _statsDepot.Get(),
-                                    _collectionInterval, wideFigures);
+      _statsCollector = MakeRef<HykStatsCollector>(
+         _logger.Get(), _statsMetadata.Get(), _statsDepot.Get(), _collectionInterval, wideFigures);
    }
 }
 

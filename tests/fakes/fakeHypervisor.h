@@ -114,8 +114,8 @@ private:
       }
    }
 
-   std::vector<LinuxHost::VmRecord> Read(unsigned /*parts*/, const std::vector<std::string>& /*ids*/,
-                                         bool /*waitForMonitor*/)
+   std::vector<LinuxHost::VmRecord>
+   Read(unsigned /*parts*/, const std::vector<std::string>& /*ids*/, bool /*waitForMonitor*/)
    {
       std::unique_lock lock(_mutex);
       if (_isDown) {

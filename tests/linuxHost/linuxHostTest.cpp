@@ -223,7 +223,8 @@ TEST_F(LinuxHostTest, NicsAreThoseWithADeviceElseAllButTheLoopback)
    EXPECT_EQ("", Nics());
    MakeDirectory("sys/class/net/eth0/device");
    Write("proc/net/dev", kThreeInterfaces);
-   EXPECT_EQ("eth0:4294967301/8589934592/4294967295/7 ", Nics()) << "looked up again after it was gone";
+   EXPECT_EQ("eth0:4294967301/8589934592/4294967295/7 ", Nics())
+      << "looked up again after it was gone";
 }
 
 TEST_F(LinuxHostTest, ConfiguredNicsAreCountedOnceInTheirOrder)

@@ -1,5 +1,5 @@
-#include "linuxHost/steadySum.h"
 #include "linuxHost/vmHistory.h"
+#include "linuxHost/steadySum.h"
 #include "tests/fakes/manualTime.h"
 
 #include <gtest/gtest.h>

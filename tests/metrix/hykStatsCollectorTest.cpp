@@ -78,8 +78,8 @@ TEST_F(KernelCollectorTest, WideFiguresHaveSixtyFourBitsAndAnyNumberOfCores)
    _resourceMgr->cpu["vm-1"] = {40000, -10000};
 
    for (const bool isWide : {false, true}) {
-      const auto collector = MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(),
-                                                        _depot.Get(), 20, isWide);
+      const auto collector =
+         MakeRef<HykStatsCollector>(_agent.logger.Get(), _metadata.Get(), _depot.Get(), 20, isWide);
       collector->Start();
       _scheduler.RunNext();
       EXPECT_EQ(Raw("ha-host", "cpu-usage"), isWide ? 20000 : 384 * 2000000 / 25500) << isWide;

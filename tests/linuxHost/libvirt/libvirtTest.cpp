@@ -179,8 +179,10 @@ const Case kStatCases[] = {
     "1 0/0/42984 @0"},
    {"units and directions",
     "state.state=1 cpu.time=7000999 cpu.user=1 balloon.current=2 balloon.maximum=3 balloon.rss=4 "
-    "balloon.available=9 balloon.usable=8 balloon.last-update=5 vcpu.current=1 vcpu.0.state=1 vcpu.0.time=6000 vcpu.0.wait=7000 "
-    "vcpu.0.delay=8000 vcpu.0.halt_wait_ns.sum=9000 net.count=1 net.0.name=t net.0.rx.bytes=9 net.0.rx.pkts=10 "
+    "balloon.available=9 balloon.usable=8 balloon.last-update=5 vcpu.current=1 vcpu.0.state=1 "
+    "vcpu.0.time=6000 vcpu.0.wait=7000 "
+    "vcpu.0.delay=8000 vcpu.0.halt_wait_ns.sum=9000 net.count=1 net.0.name=t net.0.rx.bytes=9 "
+    "net.0.rx.pkts=10 "
     "net.0.rx.drop=77 net.0.tx.bytes=11 net.0.tx.pkts=12 block.count=1 block.0.name=vda "
     "block.0.path=/p block.0.rd.reqs=13 block.0.rd.bytes=14 block.0.rd.times=77 block.0.wr.reqs=15 "
     "block.0.wr.bytes=16 block.0.fl.reqs=17 block.0.fl.times=77",
