@@ -4,6 +4,8 @@
 #include "linuxHost/linuxBackend.h"
 #include "simHost/simHost.h"
 
+#include <type_traits>
+
 namespace Agentd {
 
 namespace {
@@ -20,7 +22,15 @@ public:
    ~BackendImpl() override { HostCtl::HostFactory::SetProvider(nullptr); }
 
    void Start() override { _host.Start(); }
-   void Stop() override { _host.Stop(); }
+   bool Stop() override
+   {
+      if constexpr (std::is_same_v<decltype(_host.Stop()), bool>) {
+         return _host.Stop();
+      } else {
+         _host.Stop();
+         return true;
+      }
+   }
 
 private:
    HostType _host;

@@ -32,7 +32,8 @@ public:
    virtual ~Backend() = default;
    /// Starts following the host; changes are published on the channels from then on.
    virtual void Start() = 0;
-   virtual void Stop() = 0;
+   /// False when something hangs that may still use this object, which then must not be destroyed.
+   virtual bool Stop() = 0;
 };
 
 std::unique_ptr<Backend> NewBackend(const BackendOptions& options, Corvax::Logger* logger);

@@ -114,8 +114,15 @@ void Run(const Options& options, const Configuration& configuration)
    api.RefuseRequests();
    monitor.Stop();
    plugin.Stop();
-   host->Stop();
+   const bool mayDestroy = host->Stop();
    logger->Log(kLogNotice, "agentd has stopped");
+   if (!mayDestroy) {
+      // The threads of calls that hang go on until the process's end: in the hypervisor's library,
+      // or waiting for a file system. Nothing that they use may be destroyed before, and that
+      // includes the objects of libraries.
+      std::fflush(nullptr);
+      std::_Exit(EXIT_SUCCESS);
+   }
 }
 
 int Main(int argc, char** argv)

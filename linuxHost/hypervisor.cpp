@@ -4,6 +4,7 @@ namespace LinuxHost {
 
 HypervisorListener::~HypervisorListener() = default;
 HypervisorConnection::~HypervisorConnection() = default;
+RefusedException::~RefusedException() = default;
 Hypervisor::~Hypervisor() = default;
 
 } // namespace LinuxHost

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "hostctl/lib.h"
 #include "quen/inventory.h"
 
 #include <cstdint>
@@ -66,7 +67,7 @@ struct VmDiskFigures {
    uint64_t flushOperations = 0;
 };
 
-/// Figures that the hypervisor knows without asking the virtual machine's monitor.
+/// Figures that the hypervisor can tell without the virtual machine's monitor.
 struct VmBasics {
    uint64_t usedUs = 0; ///< CPU time of the whole virtual machine
    std::vector<VmCardFigures> cards;
@@ -90,12 +91,15 @@ struct VmMonitorFigures {
    std::vector<VmDiskFigures> disks;
 };
 
-/// Parts of a virtual machine's figures, to be combined.
+/// Parts of a virtual machine's figures, to be combined. All of them ask its monitor when nobody
+/// else does, even the two that could do without: they hang with a monitor that hangs, except while
+/// another call is already waiting for it.
 enum VmParts : unsigned {
    VM_BASICS = 1U << 0U,
-   VM_VCPUS = 1U << 1U, ///< asks the monitor where it is free, but does not need it
+   VM_VCPUS = 1U << 1U,
    VM_MONITOR = 1U << 2U,
 };
+constexpr unsigned kNoVmParts = 0; ///< only which virtual machines run; no monitor is asked
 
 /// The answer for one running virtual machine; a part that was not asked for or could not be read
 /// is unset.
@@ -126,18 +130,25 @@ class HypervisorConnection {
 public:
    virtual ~HypervisorConnection();
 
-   /// All virtual machines, running or not.
-   virtual std::vector<VmDescription> ListVms() = 0;
+   /// The ids of all virtual machines, running or not.
+   virtual std::vector<std::string> ListVms() = 0;
    /// Unset when there is no VM with that id.
    virtual std::optional<VmDescription> DescribeVm(const std::string& id) = 0;
    /// One call for these virtual machines, all running ones where `ids` is empty; leaves out those
    /// that are not running. `parts` are of VmParts.
    ///
-   /// With VM_BASICS alone no monitor can block the call. Otherwise a monitor that stops answering
-   /// does. One that is busy with another call is waited for with `waitForMonitor`, and else costs
-   /// its machine what needs the monitor.
+   /// A monitor that hangs blocks the call for as long, unless no part is asked for. One that is in
+   /// use by another call is waited for with `waitForMonitor`, for half a minute or so; without it,
+   /// or after that time, the machine's record lacks VM_MONITOR.
    virtual std::vector<VmRecord> ReadVms(unsigned parts, const std::vector<std::string>& ids,
                                          bool waitForMonitor) = 0;
+};
+
+/// The hypervisor is there, but refuses the connection for lack of rights.
+class RefusedException : public HostCtl::Lib::HostCtlException {
+public:
+   using HostCtlException::HostCtlException;
+   ~RefusedException() override;
 };
 
 class Hypervisor {

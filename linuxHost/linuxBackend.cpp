@@ -30,13 +30,13 @@ class LinuxBackend::Parts : public ExtraFigures {
 public:
    Parts(const LinuxHostOptions& options, const std::shared_ptr<Hypervisor>& hypervisor,
          int intervalSec, Corvax::Logger* logger)
-      : _root(options.root), _logger(logger), _inventory(kRootPoolId, "host"),
-        _history(std::make_shared<VmHistory>(intervalSec)),
-        _poller(hypervisor
-                   ? std::make_unique<SnapshotPoller>(hypervisor, _history, intervalSec, logger)
-                   : nullptr),
+      : _root(options.root), _logger(logger),
+        _gate(hypervisor ? std::make_shared<HypervisorGate>(hypervisor) : nullptr),
+        _inventory(kRootPoolId, "host"), _history(std::make_shared<VmHistory>(intervalSec)),
+        _poller(_gate ? std::make_unique<SnapshotPoller>(_gate, _history, intervalSec, logger)
+                      : nullptr),
         _vms(options.root, _inventory, GetSnapshots(), logger),
-        _watcher(hypervisor ? std::make_unique<VmWatcher>(hypervisor, _vms, logger) : nullptr),
+        _watcher(_gate ? std::make_unique<VmWatcher>(_gate, _vms, logger) : nullptr),
         _groups(options.root, intervalSec, _inventory, _vms, logger),
         _provider(NewLinuxHostProvider(options, this))
    {
@@ -67,17 +67,21 @@ public:
       _groups.Start();
       if (_watcher) {
          _watcher->Start();
+         _poller->SetRunningHandler(
+            [this](const std::set<std::string>& running) { _watcher->OnPolled(running); });
          _poller->Start();
       }
    }
 
-   void Stop()
+   bool Stop()
    {
+      bool hasEnded = true;
       if (_watcher) {
-         _poller->Stop();
-         _watcher->Stop();
+         hasEnded = _poller->Stop();
+         hasEnded = _watcher->Stop() && hasEnded;
       }
       _groups.Stop();
+      return hasEnded;
    }
 
    std::map<std::string, std::vector<HostCtl::Storage::WorldStatistics>> GetDiskWorlds() override
@@ -109,6 +113,7 @@ private:
    const std::string _root;
    const Corvax::Ref<Corvax::Logger> _logger;
    // Each may use those before it.
+   const std::shared_ptr<HypervisorGate> _gate; // shared with calls that hang
    const NoSnapshots _noSnapshots;
    Inventory::Inventory _inventory;
    const std::shared_ptr<VmHistory> _history; // shared with calls that hang
@@ -147,9 +152,9 @@ void LinuxBackend::Start()
    _parts->Start();
 }
 
-void LinuxBackend::Stop()
+bool LinuxBackend::Stop()
 {
-   _parts->Stop();
+   return _parts->Stop();
 }
 
 std::shared_ptr<Hypervisor> LoadHypervisor(const std::string& moduleFile, const std::string& uri)

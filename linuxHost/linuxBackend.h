@@ -30,7 +30,9 @@ public:
 
    /// Starts the threads that watch hypervisor and control groups.
    void Start();
-   void Stop();
+   /// Takes at most two seconds. False when something hangs that may still use this object, which
+   /// then must not be destroyed.
+   bool Stop();
 
 private:
    class Parts;

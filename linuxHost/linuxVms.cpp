@@ -75,10 +75,11 @@ LinuxVms::LinuxVms(const std::string& root, Inventory::Inventory& inventory,
 {
 }
 
-void LinuxVms::Replace(const std::vector<VmDescription>& descriptions)
+void LinuxVms::Replace(const std::vector<VmDescription>& descriptions,
+                       const std::set<std::string>& kept)
 {
    Processes processes;
-   std::set<std::string> known;
+   std::set<std::string> known = kept;
    for (const VmDescription& description : descriptions) {
       known.insert(description.id);
       Update(description, processes);

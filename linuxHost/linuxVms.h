@@ -26,8 +26,9 @@ public:
    LinuxVms(const std::string& root, Inventory::Inventory& inventory,
             const SnapshotSource& snapshots, Corvax::Logger* logger);
 
-   /// Updates all of these and unregisters all others.
-   void Replace(const std::vector<VmDescription>& descriptions);
+   /// Updates all of these and unregisters all others except `kept`.
+   void Replace(const std::vector<VmDescription>& descriptions,
+                const std::set<std::string>& kept = {});
    /// For a virtual machine that is new or may have changed. What is known of its process and its
    /// images is not looked for again.
    void Update(const VmDescription& description);

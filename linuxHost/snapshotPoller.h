@@ -1,60 +1,82 @@
 #pragma once
 
 #include "corvax/logger.h"
-#include "linuxHost/hypervisor.h"
+#include "linuxHost/hypervisorCaller.h"
 #include "linuxHost/vmHistory.h"
 
-#include <condition_variable>
+#include <functional>
 #include <memory>
-#include <mutex>
+#include <optional>
+#include <set>
+#include <stop_token>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace LinuxHost {
 
-/// Takes a snapshot of all virtual machines for every collection, half an interval ahead of it, so
-/// that the collector never waits for the hypervisor.
+struct VmCall;
+
+/// Reads the figures of all running virtual machines for every collection, half an interval ahead
+/// of it, so that the collector never waits for the hypervisor.
 ///
-/// A call times out after a quarter of the interval. It is abandoned with its connection and
-/// thread, and a second call is made at once: if a virtual machine's monitor hangs, only that
-/// machine is missing from the second. When an abandoned call returns after all, its snapshot
-/// counts if it is the newest. Errors: none leave it; after a failed call the next poll uses a new
-/// connection. The lost connection itself is reported by VmWatcher. Locking: its own, a leaf; any
-/// thread may get the snapshot.
+/// A poll asks which machines run, which no monitor can block, and then makes the calls of a
+/// PollPlan. It ends shortly before the collection; readings that come later still count. While the
+/// hypervisor cannot be reached, as in its restart, it tries again until then. Errors: none leave
+/// it; the first of a state is logged as a warning. Locking: its own; takes the history's lock.
 class SnapshotPoller {
 public:
-   SnapshotPoller(std::shared_ptr<Hypervisor> hypervisor, std::shared_ptr<VmHistory> history,
+   using RunningHandler = std::function<void(const std::set<std::string>&)>;
+
+   SnapshotPoller(std::shared_ptr<HypervisorGate> gate, std::shared_ptr<VmHistory> history,
                   int intervalSec, Corvax::Logger* logger);
    ~SnapshotPoller();
    SnapshotPoller(const SnapshotPoller&) = delete;
    SnapshotPoller& operator=(const SnapshotPoller&) = delete;
 
+   /// Called in every poll, on its thread, with the ids of the running machines. Before Start.
+   void SetRunningHandler(RunningHandler handler) { _onRunning = std::move(handler); }
+
    void Start();
-   /// Does not wait for abandoned calls.
-   void Stop();
+   /// False when calls still hang after half a second: their threads live on.
+   bool Stop();
 
-   /// One poll: returns when a call has ended or the second one has timed out. Called by the
-   /// poller's thread; by others only while that is not running.
-   void Poll();
+   /// One poll. Called by the poller's thread; by others only while that is not running.
+   void Poll(const std::stop_token& stop = {});
 
-   /// Microseconds from now until the next poll is due.
-   static int64_t GetDelayToNextPoll(int64_t nowUs, int intervalSec);
+   /// Microseconds from now until the next poll is due: half an interval before a boundary, and
+   /// `shiftUs` later.
+   static int64_t GetDelayToNextPoll(int64_t nowUs, int intervalSec, int64_t shiftUs);
 
 private:
-   class Caller;
+   struct Board;
 
    void Run(const std::stop_token& stop);
-   bool Call();
-   void AbandonCaller();
+   std::optional<std::vector<VmRecord>> ListRunning(const std::stop_token& stop,
+                                                    int64_t deadlineUs);
+   void BeginListing();
+   void MakeCalls(const std::stop_token& stop, int64_t deadlineUs);
+   void BeginCall(uint64_t number, const VmCall& call);
+   HypervisorCaller& FindIdleCaller();
+   void DropSpareCallers();
+   void ReportProblems(const std::vector<VmRecord>& running);
+   void LogSilence(const std::string& reason);
+   void LogSilentMonitors(const std::vector<std::string>& silent,
+                          const std::vector<VmRecord>& running);
 
-   const std::shared_ptr<Hypervisor> _hypervisor;
-   const int _intervalSec;
-   const Corvax::Ref<Corvax::Logger> _logger;
+   const std::shared_ptr<HypervisorGate> _gate;
    const std::shared_ptr<VmHistory> _history;
-   std::shared_ptr<Caller> _caller; // null until the first call and after an abandoned one
-   std::vector<std::shared_ptr<Caller>> _abandoned;
-   std::mutex _wakeMutex;
-   std::condition_variable_any _wake;
+   const int _intervalSec;
+   const int64_t _shiftUs; // two agents on a host must not always ask at the same time
+   const Corvax::Ref<Corvax::Logger> _logger;
+   const std::shared_ptr<Board> _board; // shared with calls that hang
+   RunningHandler _onRunning;
+   // Used by the thread only.
+   std::shared_ptr<HypervisorCaller> _lister;
+   std::vector<std::shared_ptr<HypervisorCaller>> _callers;
+   std::vector<std::shared_ptr<HypervisorCaller>> _dropped;
+   std::string _silence; // as logged
+   std::set<std::string> _silentMonitors; // as logged
    std::jthread _thread;
 };
 

@@ -61,10 +61,11 @@ std::optional<int32_t> ParseCardNumber(std::string_view alias)
    return number && *number < kEnd ? std::optional(static_cast<int32_t>(*number)) : std::nullopt;
 }
 
-/// Whether a NIC of that type has a device of the host to itself, which its traffic passes.
+/// Whether the traffic of a NIC of that type passes a device of the host, or a port of a switch in
+/// user space, that is the NIC's alone.
 bool HasHostDevice(std::string_view interfaceType)
 {
-   constexpr std::string_view kTypes[] = {"network", "bridge", "ethernet", "direct"};
+   constexpr std::string_view kTypes[] = {"network", "bridge", "ethernet", "direct", "vhostuser"};
    return std::find(std::begin(kTypes), std::end(kTypes), interfaceType) != std::end(kTypes);
 }
 

@@ -1,9 +1,11 @@
 #include "linuxHost/libvirt/libvirtObjects.h"
 
 #include "corvax/format.h"
-#include "hostctl/lib.h"
+#include "linuxHost/hypervisor.h"
 
 #include <libvirt/virterror.h>
+
+#include <utility>
 
 namespace LinuxHost {
 
@@ -24,8 +26,17 @@ std::string GetUuid(virDomainPtr domain)
 
 void Fail(std::string_view attempt)
 {
-   throw HostCtl::Lib::HostCtlException(
-      Corvax::Format("Cannot %1: %2", attempt, ::virGetLastErrorMessage()));
+   std::string text = Corvax::Format("Cannot %1: %2", attempt, ::virGetLastErrorMessage());
+   switch (::virGetLastErrorCode()) {
+   case VIR_ERR_AUTH_FAILED:
+   case VIR_ERR_AUTH_UNAVAILABLE:
+   case VIR_ERR_AUTH_CANCELLED:
+   case VIR_ERR_OPERATION_DENIED:
+   case VIR_ERR_ACCESS_DENIED:
+      throw RefusedException(std::move(text));
+   default:
+      throw HostCtl::Lib::HostCtlException(std::move(text));
+   }
 }
 
 } // namespace LinuxHost

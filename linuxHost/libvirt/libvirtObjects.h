@@ -35,7 +35,8 @@ using Text = std::unique_ptr<char, Releaser<std::free>>;
 /// Lower case, as libvirt writes it. Clears the last error.
 std::string GetUuid(virDomainPtr domain);
 
-/// Throws HostCtl::Lib::HostCtlException: "Cannot " + `attempt` + ": " + libvirt's last error.
+/// Throws HostCtl::Lib::HostCtlException: "Cannot " + `attempt` + ": " + libvirt's last error; a
+/// RefusedException when libvirt wants other rights.
 [[noreturn]] void Fail(std::string_view attempt);
 
 } // namespace LinuxHost

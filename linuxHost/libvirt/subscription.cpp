@@ -94,6 +94,26 @@ void OnDevice(virConnectPtr /*connection*/, virDomainPtr domain, const char* /*a
    NotifyOfChange(domain, key);
 }
 
+/// The disk's image is another one when a job pivots.
+void OnBlockJob(virConnectPtr /*connection*/, virDomainPtr domain, const char* /*disk*/,
+                int /*type*/, int /*status*/, void* key)
+{
+   NotifyOfChange(domain, key);
+}
+
+/// A medium may have come or gone.
+void OnTray(virConnectPtr /*connection*/, virDomainPtr domain, const char* /*alias*/,
+            int /*reason*/, void* key)
+{
+   NotifyOfChange(domain, key);
+}
+
+void OnAgent(virConnectPtr /*connection*/, virDomainPtr domain, int /*state*/, int /*reason*/,
+             void* key)
+{
+   NotifyOfChange(domain, key);
+}
+
 /// libvirt stores the callbacks of all events as one type.
 template <class Callback>
 virConnectDomainEventGenericCallback ToGeneric(Callback* callback)
@@ -150,6 +170,9 @@ void Subscription::Start()
    Register(VIR_DOMAIN_EVENT_ID_LIFECYCLE, ToGeneric(OnLifecycle));
    Register(VIR_DOMAIN_EVENT_ID_DEVICE_ADDED, ToGeneric(OnDevice));
    Register(VIR_DOMAIN_EVENT_ID_DEVICE_REMOVED, ToGeneric(OnDevice));
+   Register(VIR_DOMAIN_EVENT_ID_BLOCK_JOB_2, ToGeneric(OnBlockJob));
+   Register(VIR_DOMAIN_EVENT_ID_TRAY_CHANGE, ToGeneric(OnTray));
+   Register(VIR_DOMAIN_EVENT_ID_AGENT_LIFECYCLE, ToGeneric(OnAgent));
 }
 
 void Subscription::Register(int eventId, virConnectDomainEventGenericCallback callback)

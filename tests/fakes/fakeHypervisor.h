@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 
 /// A hypervisor whose virtual machines are set by the test. The listener is notified of each
 /// change.
@@ -15,7 +16,12 @@ public:
    std::unique_ptr<LinuxHost::HypervisorConnection>
    Connect(LinuxHost::HypervisorListener* listener) override
    {
-      const std::lock_guard guard(_mutex);
+      std::unique_lock lock(_mutex);
+      ++_attempts;
+      _changed.wait(lock, [this] { return !_isStopped; });
+      if (_isRefusing) {
+         throw LinuxHost::RefusedException("authentication failed");
+      }
       if (_isDown) {
          throw HostCtl::Lib::HostCtlException("connection refused");
       }
@@ -41,27 +47,49 @@ public:
    {
       Change(id, [&] { _vms.erase(id); });
    }
+   /// As it is when the hypervisor has no event for it.
+   void SetStateUnnoticed(const std::string& id, Quen::Vm::PowerState state)
+   {
+      const std::lock_guard guard(_mutex);
+      _vms.at(id).powerState = state;
+   }
+   /// Calls that read figures.
    int64_t GetReads()
    {
       const std::lock_guard guard(_mutex);
       return _reads;
    }
+   /// To connect.
+   int64_t GetAttempts()
+   {
+      const std::lock_guard guard(_mutex);
+      return _attempts;
+   }
+   /// It ends, and all connections with it; those who do not listen find out with their next call.
    void GoDown()
    {
       const std::lock_guard guard(_mutex);
       _isDown = true;
+      ++_lives;
       if (_listener) {
          _listener->OnConnectionLost("end of file");
       }
    }
    void ComeBack() { Assign(_isDown, false); }
-   /// The VM's monitor stops answering: the next call waits for it, and others leave the VM out. An
-   /// empty id ends that.
-   void Hang(const std::string& id) { Assign(_hung, id); }
+   void Refuse(bool isRefusing) { Assign(_isRefusing, isRefusing); }
+   /// It stops: every call hangs until it goes on.
+   void Stop(bool isStopped) { Assign(_isStopped, isStopped); }
+   /// The monitors of these and no other machines hang.
+   void Hang(const std::set<std::string>& ids) { Assign(_hung, ids); }
+   /// The monitors of these and no other machines are in use by another program.
+   void Use(const std::set<std::string>& ids) { Assign(_used, ids); }
+   /// These and no others cannot be described.
+   void Damage(const std::set<std::string>& ids) { Assign(_damaged, ids); }
 
 private:
    struct Connection : LinuxHost::HypervisorConnection {
-      Connection(FakeHypervisor& h, LinuxHost::HypervisorListener* l) : hypervisor(h), listener(l)
+      Connection(FakeHypervisor& h, LinuxHost::HypervisorListener* l)
+         : hypervisor(h), listener(l), life(h._lives)
       {
       }
       ~Connection() override
@@ -71,30 +99,34 @@ private:
             hypervisor._listener = nullptr;
          }
       }
-      std::vector<LinuxHost::VmDescription> ListVms() override
+      std::vector<std::string> ListVms() override
       {
-         const std::lock_guard guard(hypervisor._mutex);
-         std::vector<LinuxHost::VmDescription> all;
-         all.reserve(hypervisor._vms.size());
+         const auto lock = hypervisor.Enter(life);
+         std::vector<std::string> all;
          for (const auto& [id, vm] : hypervisor._vms) {
-            all.push_back(vm);
+            all.push_back(id);
          }
          return all;
       }
       std::optional<LinuxHost::VmDescription> DescribeVm(const std::string& id) override
       {
-         const std::lock_guard guard(hypervisor._mutex);
+         const auto lock = hypervisor.Enter(life);
+         if (hypervisor._damaged.contains(id)) {
+            throw HostCtl::Lib::HostCtlException("damaged");
+         }
          const auto found = hypervisor._vms.find(id);
          return found == hypervisor._vms.end() ? std::nullopt : std::optional(found->second);
       }
       std::vector<LinuxHost::VmRecord> ReadVms(unsigned parts, const std::vector<std::string>& ids,
                                                bool waitForMonitor) override
       {
-         return hypervisor.Read(parts, ids, waitForMonitor);
+         auto lock = hypervisor.Enter(life);
+         return hypervisor.Read(lock, parts, ids, waitForMonitor);
       }
 
       FakeHypervisor& hypervisor;
       LinuxHost::HypervisorListener* const listener;
+      const int life;
    };
 
    template <class Value>
@@ -114,38 +146,79 @@ private:
       }
    }
 
-   std::vector<LinuxHost::VmRecord>
-   Read(unsigned /*parts*/, const std::vector<std::string>& /*ids*/, bool /*waitForMonitor*/)
+   std::unique_lock<std::mutex> Enter(int life)
    {
       std::unique_lock lock(_mutex);
-      if (_isDown) {
-         throw HostCtl::Lib::HostCtlException("connection refused");
+      _changed.wait(lock, [this] { return !_isStopped; });
+      if (life != _lives) {
+         throw HostCtl::Lib::HostCtlException("end of file");
       }
-      const std::string leftOut = _isCallWaiting ? _hung : "";
-      if (!_hung.empty() && !_isCallWaiting) {
-         _isCallWaiting = true;
-         _changed.wait(lock, [this] { return _hung.empty(); });
-         _isCallWaiting = false;
+      return lock;
+   }
+
+   std::vector<LinuxHost::VmRecord> Read(std::unique_lock<std::mutex>& lock, unsigned parts,
+                                         std::vector<std::string> ids, bool waitForMonitor)
+   {
+      _reads += parts != LinuxHost::kNoVmParts ? 1 : 0;
+      for (const auto& [id, vm] : ids.empty() ? _vms : decltype(_vms)()) {
+         ids.push_back(id);
       }
-      ++_reads;
       std::vector<LinuxHost::VmRecord> records;
-      for (const auto& [id, vm] : _vms) {
-         if (vm.powerState == Quen::Vm::PowerState::POWERED_ON && id != leftOut) {
-            records.push_back(_figures.at(id));
-            records.back().id = id;
-            records.back().takenUs += Corvax::System::GetMonotonicTime();
+      for (const std::string& id : ids) {
+         const bool hasMonitor = parts != 0 && AskMonitor(lock, id, waitForMonitor);
+         const auto vm = _vms.find(id);
+         if (vm == _vms.end() || vm->second.powerState != Quen::Vm::PowerState::POWERED_ON) {
+            continue;
          }
+         LinuxHost::VmRecord record = _figures.at(id);
+         record.id = id;
+         record.takenUs += Corvax::System::GetMonotonicTime();
+         if (!(parts & LinuxHost::VM_BASICS)) {
+            record.basics.reset();
+         }
+         if (!(parts & LinuxHost::VM_VCPUS)) {
+            record.vcpus.reset();
+         }
+         if (!(parts & LinuxHost::VM_MONITOR) || !hasMonitor) {
+            record.monitor.reset();
+         }
+         records.push_back(std::move(record));
       }
       return records;
+   }
+
+   /// One call at a time asks a monitor.
+   bool AskMonitor(std::unique_lock<std::mutex>& lock, const std::string& id, bool mayWait)
+   {
+      const auto isFree = [&] { return !_asked.contains(id) && !_used.contains(id); };
+      if (mayWait) {
+         _changed.wait(lock, isFree);
+      }
+      if (!isFree()) {
+         return false;
+      }
+      if (_hung.contains(id)) {
+         _asked.insert(id);
+         _changed.wait(lock, [&] { return !_hung.contains(id); });
+         _asked.erase(id);
+         _changed.notify_all();
+      }
+      return true;
    }
 
    std::mutex _mutex;
    std::condition_variable _changed;
    LinuxHost::HypervisorListener* _listener = nullptr;
+   int64_t _reads = 0;
+   int64_t _attempts = 0;
+   int _lives = 0;
    std::map<std::string, LinuxHost::VmDescription> _vms;
    std::map<std::string, LinuxHost::VmRecord> _figures;
    bool _isDown = false;
-   int64_t _reads = 0;
-   std::string _hung;
-   bool _isCallWaiting = false;
+   bool _isRefusing = false;
+   bool _isStopped = false;
+   std::set<std::string> _hung;
+   std::set<std::string> _asked; // by a call that hangs
+   std::set<std::string> _used;
+   std::set<std::string> _damaged;
 };

@@ -5,7 +5,6 @@
 #include "hostsvc/resourceMgr.h"
 #include "linuxHost/groupTree.h"
 #include "linuxHost/linuxBackend.h"
-#include "linuxHost/snapshotPoller.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeHypervisor.h"
 #include "tests/fakes/kernelTree.h"
@@ -13,7 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <thread>
 
 using LinuxHost::VmDescription;
@@ -163,6 +161,10 @@ TEST_F(LinuxVmTest, InventoryIsUpdatedByEventsAndAfterALostConnection)
    WaitFor([&] { return _agent.logger->Count("The connection to the hypervisor was lost") == 1; });
    EXPECT_TRUE(Find<Quen::VirtualMachine>(kVm)) << "its removal is still unknown";
    _hypervisor->ComeBack();
+   WaitFor([&] { // attempts to connect have pauses between them
+      _clock.Advance(100000);
+      return !Find<Quen::VirtualMachine>(kVm);
+   });
    messages.WaitFor({"b power 1", "a power gone", "a unregistered"});
    EXPECT_EQ(_agent.logger->Count("4 The connection to the hypervisor was lost"), 1);
    EXPECT_EQ(_agent.logger->Count("4 Cannot connect to the hypervisor"), 0)
@@ -363,15 +365,6 @@ TEST_F(VmFiguresTest, ImagesOnOneDiskShareARecord)
    EXPECT_EQ(worlds[0].worldId, _vm->GetWorldId());
    EXPECT_EQ(Corvax::Format("%1 %2 %3", disk.blocksRead, disk.blocksWritten, disk.commands),
              "3 4 13");
-}
-
-TEST(SnapshotPollerTest, APollIsDueHalfAnIntervalBeforeTheBoundary)
-{
-   using LinuxHost::SnapshotPoller;
-   EXPECT_EQ(SnapshotPoller::GetDelayToNextPoll(0, 20), 10000000);
-   EXPECT_EQ(SnapshotPoller::GetDelayToNextPoll(9999999, 20), 1);
-   EXPECT_EQ(SnapshotPoller::GetDelayToNextPoll(10000000, 20), 20000000) << "once per interval";
-   EXPECT_EQ(SnapshotPoller::GetDelayToNextPoll(1700000000600000, 1), 900000);
 }
 
 } // namespace

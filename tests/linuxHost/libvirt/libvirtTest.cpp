@@ -63,8 +63,8 @@ const Case kXmlCases[] = {
     "<devices><interface type='network'><alias name='net'/></interface>"
     "<interface type='direct'><alias name='net-1'/></interface>"
     "<interface type='user'><alias name='net2147480000'/></interface>"
-    "<interface type='vdpa'><alias name='ua-net9'/></interface></devices>",
-    "0MB  4000:net,up, 4001:net,up, 4002:up, 4003:up,"},
+    "<interface type='vhostuser'/><interface type='vdpa'><alias name='ua-net9'/></interface></devices>",
+    "0MB  4000:net,up, 4001:net,up, 4002:up, 4003:net,up, 4004:up,"},
    {"disks by the kind of their image, without empty drives",
     "<devices><disk type='file'><source file='/a'/><target dev='vda'/></disk>"
     "<disk type='block'><source dev='/dev/b'/><target dev='vdb'/></disk>"
@@ -237,18 +237,22 @@ TEST(HypervisorModuleTest, ConnectsAndListsTheDomains)
    } listener;
    const std::unique_ptr<LinuxHost::Hypervisor> hypervisor(entry("test:///default"));
    const auto connection = hypervisor->Connect(&listener);
-   const auto vms = connection->ListVms();
-   ASSERT_EQ(1U, vms.size());
+   const auto ids = connection->ListVms();
+   ASSERT_EQ(1U, ids.size());
+   const auto vm = connection->DescribeVm(ids[0]);
+   ASSERT_TRUE(vm);
    EXPECT_EQ("6695eb01-f6a4-8304-79aa-97f2502e193f test 8192MB  4000:net,up,testnet0 "
              "vda:0,/guest/diskimage1",
-             Show(vms[0]));
-   EXPECT_EQ(Quen::Vm::PowerState::POWERED_ON, vms[0].powerState);
-   EXPECT_TRUE(connection->DescribeVm(vms[0].id));
+             Show(*vm));
+   EXPECT_EQ(Quen::Vm::PowerState::POWERED_ON, vm->powerState);
    EXPECT_FALSE(connection->DescribeVm("6695eb01-f6a4-8304-79aa-97f2502e1930"));
    EXPECT_THROW(connection->DescribeVm("nonsense"), HostCtl::Lib::HostCtlException);
    const auto records = connection->ReadVms(kAllParts, {}, false);
    ASSERT_EQ(1U, records.size());
    EXPECT_FALSE(records[0].basics || records[0].monitor) << "it has no statistics";
+   EXPECT_EQ(1U, connection->ReadVms(LinuxHost::kNoVmParts, ids, true).size());
+   EXPECT_TRUE(
+      connection->ReadVms(kAllParts, {"6695eb01-f6a4-8304-79aa-97f2502e1930"}, false).empty());
    const std::unique_ptr<LinuxHost::Hypervisor> nowhere(
       entry("qemu:///system?socket=/no/such/socket"));
    EXPECT_THROW(nowhere->Connect(nullptr), HostCtl::Lib::HostCtlException);
