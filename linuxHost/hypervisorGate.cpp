@@ -44,8 +44,8 @@ void ConnectBackOff::OnFailure(int64_t nowUs, bool isRefused)
    } else if (_failures <= kRestartAttempts) {
       _dueUs = nowUs + kRestartPauseUs;
    } else {
-      _dueUs = nowUs + Doubled(kMicrosecondsPerSecond, _failures - kRestartAttempts - 1,
-                               kLongestAbsentUs);
+      _dueUs = nowUs +
+               Doubled(kMicrosecondsPerSecond, _failures - kRestartAttempts - 1, kLongestAbsentUs);
    }
 }
 

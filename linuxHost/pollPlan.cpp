@@ -31,8 +31,8 @@ VmCall AskOne(const std::string& id, unsigned parts)
 
 PollPlan::PollPlan(int64_t intervalUs, uint64_t seed)
    : _patienceUs(std::min(intervalUs / 10, kLongestPatienceUs)),
-     _groupSize(std::clamp<size_t>(static_cast<size_t>(_patienceUs / kUsualTimeUs), 1,
-                                   kLargestGroup)),
+     _groupSize(
+        std::clamp<size_t>(static_cast<size_t>(_patienceUs / kUsualTimeUs), 1, kLargestGroup)),
      _random(seed)
 {
 }
@@ -73,7 +73,8 @@ void PollPlan::Begin(const std::vector<VmRecord>& running, int64_t nowUs)
 void PollPlan::QueueGroups(const std::vector<std::string>& ids)
 {
    // At least one group for each call that may be made at a time.
-   const size_t size = std::clamp<size_t>((ids.size() + kMostActive - 1) / kMostActive, 1, _groupSize);
+   const size_t size =
+      std::clamp<size_t>((ids.size() + kMostActive - 1) / kMostActive, 1, _groupSize);
    for (size_t first = 0; first < ids.size(); first += size) {
       const size_t end = std::min(first + size, ids.size());
       VmCall call;
@@ -122,10 +123,12 @@ bool PollPlan::MayBegin(const VmCall& call, size_t overdue) const
       return false;
    }
    return overdue < kMostHanging || !(call.parts & VM_MONITOR) ||
-          std::ranges::all_of(call.ids, [this](const std::string& id) {
-             const auto vm = _vms.find(id);
-             return vm != _vms.end() && vm->second.answeredPoll >= _crowdedPoll;
-          });
+          std::ranges::all_of(
+             call.ids,
+             [this](const std::string& id) {
+                const auto vm = _vms.find(id);
+                return vm != _vms.end() && vm->second.answeredPoll >= _crowdedPoll;
+             });
 }
 
 std::optional<std::pair<uint64_t, VmCall>> PollPlan::Next(int64_t nowUs)

@@ -26,10 +26,10 @@ struct VmCall {
 /// Machines are asked for all parts in groups. A call is overdue after a tenth of the interval, at
 /// most half a second.
 /// The machines of an overdue group are asked one by one; if a call for one alone is overdue, its
-/// monitor is silent: the call is left to hang, and until it returns, further calls for that machine
-/// ask for the parts that can do without the monitor. Those return at once, because the hanging call
-/// occupies the monitor. A monitor that is in use by another program is waited for in a second call,
-/// a moment later.
+/// monitor is silent: the call is left to hang, and until it returns, further calls for that
+/// machine ask for the parts that can do without the monitor. Those return at once, because the
+/// hanging call occupies the monitor. A monitor that is in use by another program is waited for in
+/// a second call, a moment later.
 ///
 /// Every hanging call occupies a worker of the hypervisor's, of which there are 20, say. With
 /// kMostHanging of them, only machines that have answered since are asked.
@@ -66,7 +66,7 @@ public:
 private:
    struct Vm {
       int32_t startId = -1;
-      bool isSilent = false;     ///< a call for it alone hangs, or has hung while another still does
+      bool isSilent = false; ///< a call for it alone hangs, or has hung while another still does
       uint64_t answeredPoll = 0; ///< in which its monitor has last answered
       std::string problem;
    };

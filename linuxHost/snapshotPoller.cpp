@@ -33,7 +33,8 @@ int64_t ChooseShift(int intervalSec)
    char name[256] = "";
    ::gethostname(name, sizeof name - 1);
    const size_t hash = std::hash<std::string>()(name + std::to_string(::getpid()));
-   return static_cast<int64_t>(hash % static_cast<size_t>(intervalSec * kMicrosecondsPerSecond / 8));
+   return static_cast<int64_t>(hash %
+                               static_cast<size_t>(intervalSec * kMicrosecondsPerSecond / 8));
 }
 
 } // namespace
@@ -257,8 +258,7 @@ void SnapshotPoller::MakeCalls(const std::stop_token& stop, int64_t deadlineUs)
       if (_board->plan.IsComplete()) {
          return;
       }
-      _board->Wait(lock, stop,
-                   std::min(deadlineUs, _board->plan.GetNextUs().value_or(deadlineUs)));
+      _board->Wait(lock, stop, std::min(deadlineUs, _board->plan.GetNextUs().value_or(deadlineUs)));
    }
 }
 
@@ -269,8 +269,7 @@ void SnapshotPoller::BeginCall(uint64_t number, const VmCall& call)
       [records, call](HypervisorConnection& connection) {
          *records = connection.ReadVms(call.parts, call.ids, call.waitForMonitor);
       },
-      [records, number, board = _board,
-       logger = _logger](const std::optional<std::string>& error) {
+      [records, number, board = _board, logger = _logger](const std::optional<std::string>& error) {
          if (error) {
             logger->Log(kLogDebug, "Cannot read the figures of virtual machines: %1", *error);
             board->OnFailed(number, *error);

@@ -75,7 +75,7 @@ private:
    std::shared_ptr<HypervisorCaller> _lister;
    std::vector<std::shared_ptr<HypervisorCaller>> _callers;
    std::vector<std::shared_ptr<HypervisorCaller>> _dropped;
-   std::string _silence; // as logged
+   std::string _silence;                  // as logged
    std::set<std::string> _silentMonitors; // as logged
    std::jthread _thread;
 };

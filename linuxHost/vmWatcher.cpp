@@ -200,9 +200,8 @@ void VmWatcher::Follow(const std::stop_token& stop)
          std::unique_lock lock(_shared->mutex);
          const int64_t waitUs = GetNextRoundUs() - System::GetMonotonicTime();
          _shared->changed.wait_for(
-            lock, stop, std::chrono::microseconds(std::max<int64_t>(waitUs, 0)), [this] {
-               return _shared->loss || _shared->running || !_shared->changedVms.empty();
-            });
+            lock, stop, std::chrono::microseconds(std::max<int64_t>(waitUs, 0)),
+            [this] { return _shared->loss || _shared->running || !_shared->changedVms.empty(); });
          if (stop.stop_requested()) {
             return;
          }
@@ -251,8 +250,8 @@ bool VmWatcher::Call(const std::stop_token& stop, const HypervisorCaller::Call& 
    std::unique_lock lock(_shared->mutex);
    _shared->isCalling = true;
    lock.unlock();
-   _caller->Begin(call, [shared = _shared, number = _shared->connection](
-                           const std::optional<std::string>& error) {
+   _caller->Begin(call, [shared = _shared,
+                         number = _shared->connection](const std::optional<std::string>& error) {
       shared->Notify(number, [&] {
          shared->isCalling = false;
          shared->error = error;
@@ -265,8 +264,7 @@ bool VmWatcher::Call(const std::stop_token& stop, const HypervisorCaller::Call& 
    if (!_shared->error) {
       return true;
    }
-   LogFailure("Virtual machines are not followed until the hypervisor answers: " +
-              *_shared->error);
+   LogFailure("Virtual machines are not followed until the hypervisor answers: " + *_shared->error);
    return false;
 }
 

@@ -25,8 +25,8 @@ constexpr unsigned kKeepaliveTries = 3;
 /// Handles of virtual machines that a connection keeps; far more than run on a host.
 constexpr size_t kMostHandles = 4096;
 
-/// A domain takes longer than that only while the daemon waits for its monitor: the figures are read
-/// at the end of that time.
+/// A domain takes longer than that only while the daemon waits for its monitor: the figures are
+/// read at the end of that time.
 constexpr int64_t kUsualReadUs = 50'000;
 
 unsigned GetStatGroups(unsigned parts)

@@ -1,5 +1,5 @@
-#include "corvax/format.h"
 #include "linuxHost/snapshotPoller.h"
+#include "corvax/format.h"
 #include "linuxHost/vmWatcher.h"
 #include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/fakeHypervisor.h"
@@ -116,6 +116,11 @@ TEST_F(SnapshotPollerTest, AHypervisorThatRestartsIsAskedInTheSamePoll)
    });
    Poll();
    EXPECT_GT(_hypervisor->GetReads(), reads);
+   _hypervisor->GoDown();
+   _hypervisor->ComeBack();
+   const int64_t readsBefore = _hypervisor->GetReads();
+   Poll();
+   EXPECT_GT(_hypervisor->GetReads(), readsBefore) << "the connections are dead";
    EXPECT_EQ(_agent.logger->CountLevel(Corvax::kLogWarning), 0);
 }
 

@@ -63,7 +63,8 @@ const Case kXmlCases[] = {
     "<devices><interface type='network'><alias name='net'/></interface>"
     "<interface type='direct'><alias name='net-1'/></interface>"
     "<interface type='user'><alias name='net2147480000'/></interface>"
-    "<interface type='vhostuser'/><interface type='vdpa'><alias name='ua-net9'/></interface></devices>",
+    "<interface type='vhostuser'/><interface type='vdpa'><alias "
+    "name='ua-net9'/></interface></devices>",
     "0MB  4000:net,up, 4001:net,up, 4002:up, 4003:net,up, 4004:up,"},
    {"disks by the kind of their image, without empty drives",
     "<devices><disk type='file'><source file='/a'/><target dev='vda'/></disk>"
