@@ -30,7 +30,7 @@ VmCall AskOne(const std::string& id, unsigned parts)
 } // namespace
 
 PollPlan::PollPlan(int64_t intervalUs, uint64_t seed)
-   : _patienceUs(std::min(intervalUs / 10, kLongestPatienceUs)),
+   : _intervalUs(intervalUs), _patienceUs(std::min(intervalUs / 10, kLongestPatienceUs)),
      _groupSize(
         std::clamp<size_t>(static_cast<size_t>(_patienceUs / kUsualTimeUs), 1, kLargestGroup)),
      _random(seed)
@@ -85,10 +85,27 @@ void PollPlan::QueueGroups(const std::vector<std::string>& ids)
    }
 }
 
+/// Four times of what such calls have lately taken.
+int64_t PollPlan::GetPatienceUs(const VmCall& call) const
+{
+   const int64_t usualUs = _machineUs * static_cast<int64_t>(call.ids.size());
+   return std::clamp(4 * usualUs, _patienceUs, _intervalUs / 4);
+}
+
+/// A call that was much longer has hung.
+void PollPlan::LearnSpeed(const Pending& pending, int64_t nowUs)
+{
+   const int64_t callUs = nowUs - pending.startedUs;
+   if (callUs <= _intervalUs / 2) {
+      const auto machineUs = callUs / static_cast<int64_t>(pending.call.ids.size());
+      _machineUs = (3 * _machineUs + machineUs) / 4;
+   }
+}
+
 void PollPlan::MarkOverdue(int64_t nowUs)
 {
    for (auto& [number, pending] : _pending) {
-      if (!pending.isOverdue && nowUs - pending.startedUs >= _patienceUs) {
+      if (!pending.isOverdue && nowUs - pending.startedUs >= GetPatienceUs(pending.call)) {
          pending.isOverdue = true;
          OnOverdue(pending.call);
       }
@@ -156,7 +173,7 @@ std::optional<int64_t> PollPlan::GetNextUs() const
    const auto take = [&nextUs](int64_t us) { nextUs = std::min(nextUs.value_or(us), us); };
    for (const auto& [number, pending] : _pending) {
       if (!pending.isOverdue) {
-         take(pending.startedUs + _patienceUs);
+         take(pending.startedUs + GetPatienceUs(pending.call));
       }
    }
    if (!_later.empty()) {
@@ -184,6 +201,7 @@ std::vector<VmRecord> PollPlan::OnReturned(uint64_t number, std::vector<VmRecord
 {
    MarkOverdue(nowUs);
    const Pending pending = Take(number);
+   LearnSpeed(pending, nowUs);
    std::vector<VmRecord> counting;
    if (pending.isOverdue && pending.call.ids.size() > 1) {
       return counting;

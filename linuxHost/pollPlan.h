@@ -24,7 +24,7 @@ struct VmCall {
 /// anything.
 ///
 /// Machines are asked for all parts in groups. A call is overdue after a tenth of the interval, at
-/// most half a second.
+/// most half a second; later where all calls have lately been slow, but within a quarter.
 /// The machines of an overdue group are asked one by one; if a call for one alone is overdue, its
 /// monitor is silent: the call is left to hang, and until it returns, further calls for that
 /// machine ask for the parts that can do without the monitor. Those return at once, because the
@@ -82,6 +82,8 @@ private:
    };
 
    void QueueGroups(const std::vector<std::string>& ids);
+   int64_t GetPatienceUs(const VmCall& call) const;
+   void LearnSpeed(const Pending& pending, int64_t nowUs);
    void MarkOverdue(int64_t nowUs);
    void OnOverdue(const VmCall& call);
    bool MayBegin(const VmCall& call, size_t overdue) const;
@@ -90,9 +92,11 @@ private:
    Pending Take(uint64_t number);
    void OnRecord(const Pending& pending, Vm& vm, const VmRecord& record, int64_t nowUs);
 
+   const int64_t _intervalUs;
    const int64_t _patienceUs;
    const size_t _groupSize;
    std::mt19937_64 _random;
+   int64_t _machineUs = 0; // that a machine has lately taken
    std::map<std::string, Vm> _vms;
    std::deque<Queued> _queue;
    std::multimap<int64_t, Queued> _later; // by the time from which on they may begin

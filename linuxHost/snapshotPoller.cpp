@@ -23,6 +23,8 @@ using Corvax::kLogWarning;
 using Corvax::kMicrosecondsPerSecond;
 using Corvax::System;
 
+constexpr int kSilentPolls = 2;
+constexpr int64_t kMonitorSilenceUs = 10 * kMicrosecondsPerSecond;
 constexpr char kNoAnswer[] = "the hypervisor does not answer";
 constexpr std::chrono::milliseconds kStopPatience(500);
 constexpr int64_t kLongestWaitUs = kMicrosecondsPerSecond; // a stop ends it anyway
@@ -329,16 +331,14 @@ void SnapshotPoller::ReportProblems(const std::vector<VmRecord>& running)
 /// An empty reason: it is not silent.
 void SnapshotPoller::LogSilence(const std::string& reason)
 {
-   if (!reason.empty()) {
-      _history->SetSilent(reason);
-   }
-   if (reason.empty() == _silence.empty()) {
+   if (reason.empty()) {
+      if (std::exchange(_silentPolls, 0) >= kSilentPolls) {
+         _logger->Log(kLogNotice, "The virtual machines' figures are read again");
+      }
       return;
    }
-   _silence = reason;
-   if (reason.empty()) {
-      _logger->Log(kLogNotice, "The virtual machines' figures are read again");
-   } else {
+   _history->SetSilent(reason);
+   if (++_silentPolls == kSilentPolls) {
       _logger->Log(kLogWarning, "The virtual machines have no figures: %1", reason);
    }
 }
@@ -346,18 +346,25 @@ void SnapshotPoller::LogSilence(const std::string& reason)
 void SnapshotPoller::LogSilentMonitors(const std::vector<std::string>& silent,
                                        const std::vector<VmRecord>& running)
 {
-   const std::set<std::string> now(silent.begin(), silent.end());
-   for (const std::string& id : now) {
-      if (!_silentMonitors.contains(id)) {
+   const int64_t nowUs = System::GetMonotonicTime();
+   std::map<std::string, int64_t> sinceUs;
+   for (const std::string& id : silent) {
+      const auto before = _silentSinceUs.find(id);
+      sinceUs[id] = before == _silentSinceUs.end() ? nowUs : before->second;
+      if (nowUs - sinceUs[id] >= kMonitorSilenceUs && _silentMonitors.insert(id).second) {
          _logger->Log(kLogWarning, "The monitor of VM %1 does not answer", id);
       }
    }
-   for (const std::string& id : _silentMonitors) {
-      if (!now.contains(id) && std::ranges::find(running, id, &VmRecord::id) != running.end()) {
+   _silentSinceUs = std::move(sinceUs);
+   std::erase_if(_silentMonitors, [&](const std::string& id) {
+      if (_silentSinceUs.contains(id)) {
+         return false;
+      }
+      if (std::ranges::find(running, id, &VmRecord::id) != running.end()) {
          _logger->Log(kLogNotice, "The monitor of VM %1 answers again", id);
       }
-   }
-   _silentMonitors = now;
+      return true;
+   });
 }
 
 } // namespace LinuxHost

@@ -4,7 +4,9 @@
 #include "linuxHost/hypervisorCaller.h"
 #include "linuxHost/vmHistory.h"
 
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -23,7 +25,8 @@ struct VmCall;
 /// A poll asks which machines run, which no monitor can block, and then makes the calls of a
 /// PollPlan. It ends shortly before the collection; readings that come later still count. While the
 /// hypervisor cannot be reached, as in its restart, it tries again until then. Errors: none leave
-/// it; the first of a state is logged as a warning. Locking: its own; takes the history's lock.
+/// it. A hypervisor that is silent for two polls and a monitor that is for ten seconds are logged
+/// once. Locking: its own; takes the history's lock.
 class SnapshotPoller {
 public:
    using RunningHandler = std::function<void(const std::set<std::string>&)>;
@@ -75,8 +78,9 @@ private:
    std::shared_ptr<HypervisorCaller> _lister;
    std::vector<std::shared_ptr<HypervisorCaller>> _callers;
    std::vector<std::shared_ptr<HypervisorCaller>> _dropped;
-   std::string _silence;                  // as logged
-   std::set<std::string> _silentMonitors; // as logged
+   int _silentPolls = 0;
+   std::map<std::string, int64_t> _silentSinceUs; // monitors
+   std::set<std::string> _silentMonitors;         // as logged
    std::jthread _thread;
 };
 
