@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <limits>
@@ -16,7 +17,8 @@ namespace Corvax {
 namespace {
 
 std::mutex reserveMutex;
-std::vector<Descriptor> reserve; // protected by the mutex
+std::vector<Descriptor> reserve;         // protected by the mutex
+std::atomic<bool> isReserveShort{false}; // some of its descriptors were given back
 
 /// False when the reserve is empty.
 bool GiveBackOne()
@@ -26,6 +28,7 @@ bool GiveBackOne()
       return false;
    }
    reserve.pop_back();
+   isReserveShort = true;
    return true;
 }
 
@@ -52,7 +55,19 @@ DescriptorShares GetDescriptorShares()
    return {half, half};
 }
 
-Descriptor OpenBriefly(const char* path, int flags)
+BriefDescriptor::~BriefDescriptor()
+{
+   if (_descriptor) {
+      const int errorNumber = errno; // that of the caller's last operation
+      _descriptor = Descriptor();
+      if (isReserveShort) {
+         FillDescriptorReserve();
+      }
+      errno = errorNumber;
+   }
+}
+
+BriefDescriptor OpenBriefly(const char* path, int flags)
 {
    for (;;) {
       Descriptor opened(::open(path, flags | O_CLOEXEC));
@@ -61,7 +76,7 @@ Descriptor OpenBriefly(const char* path, int flags)
       // Another thread may be faster than the next open: then it takes the next one.
       if (opened || !isLimit || !GiveBackOne()) {
          errno = errorNumber;
-         return opened;
+         return BriefDescriptor(std::move(opened));
       }
    }
 }
@@ -76,6 +91,7 @@ void FillDescriptorReserve()
       }
       reserve.push_back(std::move(one));
    }
+   isReserveShort = false;
 }
 
 } // namespace Corvax

@@ -18,8 +18,6 @@ public:
    ~Descriptor();
 
    int Get() const noexcept { return _number; }
-   /// Gives up ownership.
-   int Release() noexcept { return std::exchange(_number, -1); }
    explicit operator bool() const noexcept { return _number >= 0; }
 
 private:
@@ -40,14 +38,30 @@ constexpr size_t kReservedDescriptors = 16;
 size_t GetDescriptorLimit();
 DescriptorShares GetDescriptorShares();
 
-/// As open(2), close-on-exec, for a file that is closed again at once. When the process has no
-/// descriptor left, one of the reserve is given back for it. None: errno says why.
-/// Locking: any thread may call.
-Descriptor OpenBriefly(const char* path, int flags);
+/// A descriptor that is closed again at once. The reserve is refilled then.
+class BriefDescriptor {
+public:
+   explicit BriefDescriptor(Descriptor descriptor = Descriptor()) noexcept
+      : _descriptor(std::move(descriptor))
+   {
+   }
+   BriefDescriptor(BriefDescriptor&&) noexcept = default;
+   BriefDescriptor& operator=(BriefDescriptor&&) = delete;
+   ~BriefDescriptor();
+
+   int Get() const noexcept { return _descriptor.Get(); }
+   explicit operator bool() const noexcept { return static_cast<bool>(_descriptor); }
+
+private:
+   Descriptor _descriptor;
+};
+
+/// As open(2), close-on-exec. When the process has no descriptor left, one of the reserve is given
+/// back for it. None: errno says why. Locking: any thread may call.
+BriefDescriptor OpenBriefly(const char* path, int flags);
 
 /// Fills the reserve to kReservedDescriptors, as far as there are descriptors. To be called at the
-/// start and now and then, because OpenBriefly empties it. Without a call there is no reserve.
-/// Locking: any thread may call.
+/// start and now and then. Without a call there is no reserve. Locking: any thread may call.
 void FillDescriptorReserve();
 
 } // namespace Corvax

@@ -208,7 +208,7 @@ public:
 
    void SyncDirectory(const std::string& path) override
    {
-      const Descriptor directory = OpenBriefly(path.c_str(), O_RDONLY | O_DIRECTORY);
+      const BriefDescriptor directory = OpenBriefly(path.c_str(), O_RDONLY | O_DIRECTORY);
       if (!directory || ::fsync(directory.Get()) != 0) {
          throw PlatformException("flush directory " + path + " to disk", errno);
       }

@@ -6,41 +6,46 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <memory>
 #include <string_view>
 
 namespace LinuxHost {
 
 namespace {
 
-struct CloseDirectory {
-   void operator()(DIR* directory) const { ::closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
-/// Null with errno set.
-Directory Open(const std::string& path)
-{
-   Corvax::Descriptor descriptor = Corvax::OpenBriefly(path.c_str(), O_RDONLY | O_DIRECTORY);
-   Directory directory(descriptor ? ::fdopendir(descriptor.Get()) : nullptr);
-   if (directory) {
-      descriptor.Release(); // closed by closedir
-   }
-   return directory;
-}
-
-bool IsDirectory(DIR* directory, const dirent& entry)
+bool IsDirectory(int directory, const dirent64& entry)
 {
    if (entry.d_type != DT_UNKNOWN) {
       return entry.d_type == DT_DIR;
    }
    struct stat status = {};
-   return ::fstatat(::dirfd(directory), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+   return ::fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
           S_ISDIR(status.st_mode);
+}
+
+/// Adds the names; returns an errno, 0 for success.
+int ReadNames(int directory, Entries entries, std::vector<std::string>& names)
+{
+   constexpr size_t kBufferBytes = 16384;
+   alignas(dirent64) std::array<char, kBufferBytes> buffer;
+   for (;;) {
+      const ssize_t count = ::getdents64(directory, buffer.data(), buffer.size());
+      if (count <= 0) {
+         return count == 0 ? 0 : errno;
+      }
+      for (ssize_t at = 0; at < count;) {
+         const auto& entry = *reinterpret_cast<const dirent64*>(buffer.data() + at);
+         at += entry.d_reclen;
+         const std::string_view name = entry.d_name;
+         if (name != "." && name != ".." &&
+             (entries == Entries::ALL || IsDirectory(directory, entry))) {
+            names.emplace_back(name);
+         }
+      }
+   }
 }
 
 } // namespace
@@ -48,24 +53,14 @@ bool IsDirectory(DIR* directory, const dirent& entry)
 std::optional<std::vector<std::string>> ListDirectory(const std::string& path, Entries entries)
 {
    std::vector<std::string> names;
-   const Directory directory = Open(path);
-   while (directory) {
-      errno = 0;
-      const dirent* const entry = ::readdir(directory.get());
-      if (entry == nullptr) {
-         break;
-      }
-      const std::string_view name = entry->d_name;
-      if (name != "." && name != ".." &&
-          (entries == Entries::ALL || IsDirectory(directory.get(), *entry))) {
-         names.emplace_back(name);
-      }
-   }
-   if (errno == ENOENT) {
+   const Corvax::BriefDescriptor directory =
+      Corvax::OpenBriefly(path.c_str(), O_RDONLY | O_DIRECTORY);
+   const int errorNumber = directory ? ReadNames(directory.Get(), entries, names) : errno;
+   if (errorNumber == ENOENT) {
       return std::nullopt; // also when it is removed meanwhile
    }
-   if (errno != 0) {
-      FailReading(path, errno);
+   if (errorNumber != 0) {
+      FailReading(path, errorNumber);
    }
    std::ranges::sort(names);
    return names;

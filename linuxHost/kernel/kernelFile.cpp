@@ -123,8 +123,8 @@ int KernelFile::OpenAndReadAll()
 {
    Corvax::Descriptor descriptor(::open(_path.c_str(), O_RDONLY | O_CLOEXEC));
    if (!descriptor && (errno == EMFILE || errno == ENFILE)) {
-      descriptor = Corvax::OpenBriefly(_path.c_str(), O_RDONLY);
-      return descriptor ? ReadAll(descriptor.Get()) : errno;
+      const Corvax::BriefDescriptor brief = Corvax::OpenBriefly(_path.c_str(), O_RDONLY);
+      return brief ? ReadAll(brief.Get()) : errno;
    }
    const int errorNumber = descriptor ? ReadAll(descriptor.Get()) : errno;
    if (errorNumber == 0) {

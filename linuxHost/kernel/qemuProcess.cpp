@@ -156,7 +156,7 @@ std::string_view QemuProcess::ReadKept(std::string_view fileName)
 
 std::string QemuProcess::ReadOnce(std::string_view fileName)
 {
-   const Corvax::Descriptor opened = _directory ? Corvax::Descriptor() : OpenSame();
+   const auto opened = _directory ? Corvax::BriefDescriptor() : OpenSame();
    if (!_directory && !opened) {
       return {};
    }
@@ -171,25 +171,21 @@ std::optional<uint64_t> QemuProcess::ReadStartTicks(int directory) const
 }
 
 /// The directory of the process; none when it has ended.
-Corvax::Descriptor QemuProcess::OpenSame()
+Corvax::BriefDescriptor QemuProcess::OpenSame()
 {
-   Corvax::Descriptor directory;
    if (_isGone) {
-      return directory;
+      return Corvax::BriefDescriptor();
    }
-   directory = Corvax::OpenBriefly(_path.c_str(), O_PATH | O_DIRECTORY);
+   Corvax::BriefDescriptor directory = Corvax::OpenBriefly(_path.c_str(), O_PATH | O_DIRECTORY);
    if (!directory && errno != ENOENT) {
       FailReading(_path, errno);
    }
-   _isGone = !directory;
-   if (!_isGone) {
-      const std::optional<uint64_t> ticks = ReadStartTicks(directory.Get());
-      if (!_startTicks) {
-         _startTicks = ticks; // there was no descriptor until now
-      }
-      _isGone = ticks != _startTicks;
+   const auto ticks = directory ? ReadStartTicks(directory.Get()) : std::nullopt;
+   if (!_startTicks) {
+      _startTicks = ticks; // there was no descriptor until now
    }
-   return _isGone ? Corvax::Descriptor() : std::move(directory);
+   _isGone = !directory || ticks != _startTicks;
+   return _isGone ? Corvax::BriefDescriptor() : std::move(directory);
 }
 
 } // namespace LinuxHost

@@ -62,7 +62,7 @@ private:
    template <class Operation>
    auto Named(const Operation& operation) const;
    std::optional<uint64_t> ReadStartTicks(int directory) const;
-   Corvax::Descriptor OpenSame();
+   Corvax::BriefDescriptor OpenSame();
 
    const int32_t _pid;
    const std::string _path;

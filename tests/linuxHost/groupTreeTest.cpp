@@ -1,8 +1,8 @@
 #include "linuxHost/groupTree.h"
 #include "corvax/format.h"
 #include "hostctl/lib.h"
-#include "tests/fakes/descriptorLimit.h"
 #include "tests/fakes/kernelTree.h"
+#include "tests/fakes/otherUser.h"
 
 #include <gtest/gtest.h>
 
@@ -67,11 +67,13 @@ TEST_F(GroupTreeTest, APoolIsGoneWhenItsGroupIsMissingTwiceAndNotWhenAListingFai
    EXPECT_EQ("", gone());
    const auto paths = pools.GetPaths();
    EXPECT_EQ("/machine/gold.partition/web.partition", paths.at("pool:gold/web"));
+   std::filesystem::permissions(GetRoot(), std::filesystem::perms::none);
    for (int i = 0; i < 2; ++i) {
-      const DescriptorLimit limit(0);
+      const OtherUser user;
       EXPECT_THROW(gone(), HostCtl::Lib::HostCtlException);
       EXPECT_THROW(LinuxHost::FindSystemGroups(groups), HostCtl::Lib::HostCtlException);
    }
+   std::filesystem::permissions(GetRoot(), std::filesystem::perms::owner_all);
    Remove(gold + "web.partition");
    EXPECT_EQ("", gone()) << "once";
    EXPECT_EQ(paths, pools.GetPaths());

@@ -5,6 +5,7 @@
 #include "tests/fakes/kernelTree.h"
 #include "tests/fakes/messageOf.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,15 +59,27 @@ TEST_F(KernelFileTest, FilesBeyondTheShareAreOpenedForEachReading)
    EXPECT_EQ(0U, LinuxHost::KeptDescriptor::GetCount());
 }
 
-TEST_F(KernelFileTest, TooManyOpenFilesAreNotAnAbsentFile)
+TEST_F(KernelFileTest, AFileIsReadWithADescriptorOfTheReserve)
 {
-   const DescriptorLimit limit(0);
-   const std::string message =
-      MessageOf<HostCtl::Lib::HostCtlException>([this] { KernelFile(Path("f")).ReadIfPresent(); });
-   EXPECT_EQ("Cannot read " + Path("f") +
-                ": Too many open files; the limit is 0 (LimitNOFILE of "
-                "the agent's unit, ulimit -n)",
-             message);
+   Write("f", "1\n");
+   Corvax::FillDescriptorReserve();
+   const DescriptorLimit limit(200);
+   std::list<Corvax::Descriptor> others;
+   while (others.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC))) {
+   }
+   std::list<KernelFile> files;
+   for (int i = 0; i < 40; ++i) {
+      EXPECT_EQ(1U, files.emplace_back(Path("f")).ReadNumberIfPresent()) << "none is kept";
+   }
+}
+
+TEST_F(KernelFileTest, TooManyOpenFilesNameTheLimit)
+{
+   const DescriptorLimit limit(200);
+   EXPECT_EQ(
+      "Cannot read f: Too many open files; the limit is 200 (LimitNOFILE of the agent's "
+      "unit, ulimit -n)",
+      MessageOf<HostCtl::Lib::HostCtlException>([] { LinuxHost::FailReading("f", EMFILE); }));
 }
 
 } // namespace

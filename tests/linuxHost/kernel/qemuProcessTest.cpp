@@ -2,6 +2,7 @@
 #include "linuxHost/kernel/vmGroups.h"
 #include "tests/fakes/descriptorLimit.h"
 #include "tests/fakes/kernelTree.h"
+#include "tests/fakes/otherUser.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -136,12 +137,10 @@ TEST_F(QemuProcessTest, ALaterProcessWithTheSameIdIsAnother)
 
 TEST_F(QemuProcessTest, FilesThatOnlyAnotherUserMayReadHaveNoFigures)
 {
-   const uid_t user = geteuid();
-   ASSERT_EQ(0, user == 0 ? seteuid(65534) : 0);
+   const OtherUser user;
    QemuProcess process("", 1);
    EXPECT_NO_THROW(EXPECT_EQ(0U, process.ReadMergedMemory().sharedKb));
    EXPECT_TRUE(process.ReadStartUs());
-   ASSERT_EQ(0, user == 0 ? seteuid(0) : 0);
 }
 
 } // namespace
