@@ -83,6 +83,8 @@ TEST(LoadHistoryTest, AveragesWeighByTimeAndAnEarlyReadingIsDropped)
       const auto load = history.Get().fifteenMinutes;
       EXPECT_EQ(expected, Format("%1/%2", load.activeAverage, load.activePeak)) << timeMs;
    }
+   EXPECT_FALSE(history.IsStale(51'000'000));
+   EXPECT_TRUE(history.IsStale(51'000'001)) << "a reading now would add no sample";
 }
 
 } // namespace
