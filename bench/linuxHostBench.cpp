@@ -7,6 +7,7 @@
 #include "corvax/format.h"
 #include "linuxHost/groupTree.h"
 #include "linuxHost/groupWatcher.h"
+#include "linuxHost/hypervisorGate.h"
 #include "linuxHost/libvirt/domainStats.h"
 #include "linuxHost/linuxHostProvider.h"
 #include "linuxHost/linuxResourceMgr.h"
@@ -19,8 +20,11 @@
 #include <chrono>
 #include <filesystem>
 #include <iterator>
+#include <map>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace Bench {
 
@@ -67,9 +71,15 @@ public:
 private:
    class Connection : public LinuxHost::HypervisorConnection {
    public:
-      explicit Connection(GuestTree& tree) : _tree(tree) {}
+      explicit Connection(GuestTree& tree) : _tree(tree)
+      {
+         for (const LinuxHost::VmDescription& vm : tree.GetDescriptions()) {
+            _ids.push_back(vm.id);
+            _guests.emplace(vm.id, _guests.size());
+         }
+      }
 
-      std::vector<LinuxHost::VmDescription> ListVms() override { return _tree.GetDescriptions(); }
+      std::vector<std::string> ListVms() override { return _ids; }
       std::optional<LinuxHost::VmDescription> DescribeVm(const std::string& /*id*/) override
       {
          return std::nullopt;
@@ -78,13 +88,10 @@ private:
                                                bool /*waitForMonitor*/) override
       {
          std::vector<LinuxHost::VmRecord> records;
-         const auto& vms = _tree.GetDescriptions();
-         for (size_t guest = 0; guest < vms.size(); ++guest) {
-            if (!ids.empty() && std::ranges::find(ids, vms[guest].id) == ids.end()) {
-               continue;
-            }
+         for (const std::string& id : ids.empty() ? _ids : ids) {
+            const size_t guest = _guests.at(id);
             auto record = LinuxHost::ParseDomainStats(_tree.GetAnswer(guest, parts), parts);
-            record->id = vms[guest].id;
+            record->id = id;
             record->startId = static_cast<int32_t>(guest) + 1;
             record->takenUs = Corvax::System::GetMonotonicTime();
             records.push_back(std::move(*record));
@@ -94,6 +101,8 @@ private:
 
    private:
       GuestTree& _tree;
+      std::vector<std::string> _ids;
+      std::map<std::string, size_t> _guests;
    };
 
    GuestTree& _tree;
@@ -112,7 +121,9 @@ public:
    GuestHost(GuestTree& tree, Corvax::Logger* logger)
       : _inventory(LinuxHost::kRootPoolId, "host"),
         _history(std::make_shared<LinuxHost::VmHistory>(kFinePeriodSec)),
-        _poller(std::make_shared<PreparedHypervisor>(tree), _history, kFinePeriodSec, logger),
+        _poller(
+           std::make_shared<LinuxHost::HypervisorGate>(std::make_shared<PreparedHypervisor>(tree)),
+           _history, kFinePeriodSec, logger),
         _vms(tree.GetRoot(), _inventory, *_history, logger),
         _groups(tree.GetRoot(), 1, _inventory, _vms, logger),
         _provider(LinuxHost::NewLinuxHostProvider({tree.GetRoot(), {}, 2500}, this)),

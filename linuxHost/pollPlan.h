@@ -37,7 +37,7 @@ struct VmCall {
 /// Times are monotonic. Locking: none; the caller's.
 class PollPlan {
 public:
-   static constexpr size_t kMostActive = 4; ///< calls at one time that are not overdue
+   static constexpr size_t kMostActive = 8; ///< calls at one time that are not overdue
    static constexpr size_t kMostHanging = 12;
    static constexpr size_t kMostCalls = 16; ///< of both kinds
 

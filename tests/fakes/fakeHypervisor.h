@@ -59,6 +59,12 @@ public:
       const std::lock_guard guard(_mutex);
       return _reads;
    }
+   /// Calls that wait for a monitor now.
+   int GetWaiting()
+   {
+      const std::lock_guard guard(_mutex);
+      return _waiting;
+   }
    /// To connect.
    int64_t GetAttempts()
    {
@@ -192,7 +198,9 @@ private:
    {
       const auto isFree = [&] { return !_asked.contains(id) && !_used.contains(id); };
       if (mayWait) {
+         ++_waiting;
          _changed.wait(lock, isFree);
+         --_waiting;
       }
       if (!isFree()) {
          return false;
@@ -220,5 +228,6 @@ private:
    std::set<std::string> _hung;
    std::set<std::string> _asked; // by a call that hangs
    std::set<std::string> _used;
+   int _waiting = 0;
    std::set<std::string> _damaged;
 };
