@@ -164,6 +164,7 @@ GuestTree::GuestTree(unsigned guests)
 
 std::span<const virTypedParameter> GuestTree::GetAnswer(size_t guest, unsigned parts)
 {
+   const std::lock_guard guard(_answersMutex);
    auto& answers = _answers[parts];
    if (answers.empty()) {
       for (LinuxHost::VmDescription& description : _descriptions) {

@@ -6,6 +6,7 @@
 #include <libvirt/libvirt.h>
 
 #include <map>
+#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
@@ -38,6 +39,7 @@ private:
    const ScratchDirectory _directory;
    const std::string _root;
    std::vector<LinuxHost::VmDescription> _descriptions;
+   std::mutex _answersMutex;
    std::map<unsigned, std::vector<std::vector<virTypedParameter>>> _answers; ///< by parts
 };
 
