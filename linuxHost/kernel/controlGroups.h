@@ -34,8 +34,8 @@ struct GroupMemory {
 /// where figures come from version 2 if it has them. A group's path starts at the top of its
 /// hierarchy, "/machine/gold.partition"; "/" is the whole host.
 ///
-/// Cost: a file is opened when it is first read and kept open; after that it costs two preads, one
-/// for the text and one that finds the end. Files of a group: for the CPU cpu.stat and cpu.pressure
+/// Cost: a file is opened when it is first read and kept open; after that it costs a pread.
+/// Files of a group: for the CPU cpu.stat and cpu.pressure
 /// (version 2), cpuacct.usage and cpu.stat (version 1), or cpu.stat twice and cpu.pressure (both);
 /// for the memory memory.stat and memory.swap.current (version 2) or memory.stat (version 1); one
 /// for each virtual CPU. A file that does not exist costs one failing open each time. So up to four

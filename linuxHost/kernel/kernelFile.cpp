@@ -17,6 +17,7 @@ namespace LinuxHost {
 namespace {
 
 constexpr size_t kFirstBufferBytes = 512;
+constexpr size_t kHalfPageBytes = 2048;
 
 bool MeansAbsent(int errorNumber)
 {
@@ -133,7 +134,9 @@ int KernelFile::OpenAndReadAll()
    return errorNumber;
 }
 
-/// Reads until nothing is left: a short read is not yet the end of a kernel file.
+/// Reads until nothing is left. A short read is not yet the end: the kernel makes a file's text in
+/// pages, and what does not fit into one comes with the next read. Of a page that is half empty,
+/// though, nothing was left out, because no line is that long; this saves a second read.
 int KernelFile::ReadAll(int descriptor)
 {
    _sizeBytes = 0;
@@ -141,13 +144,18 @@ int KernelFile::ReadAll(int descriptor)
       if (_sizeBytes == _buffer.size()) {
          _buffer.resize(_buffer.empty() ? kFirstBufferBytes : _buffer.size() * 2);
       }
-      const ssize_t count = ::pread(descriptor, _buffer.data() + _sizeBytes,
-                                    _buffer.size() - _sizeBytes, static_cast<off_t>(_sizeBytes));
+      const size_t wanted = _buffer.size() - _sizeBytes;
+      const ssize_t count = ::pread(descriptor, _buffer.data() + _sizeBytes, wanted,
+                                    static_cast<off_t>(_sizeBytes));
       if (count == 0) {
          return 0;
       }
       if (count > 0) {
-         _sizeBytes += static_cast<size_t>(count);
+         const auto got = static_cast<size_t>(count);
+         _sizeBytes += got;
+         if (got < wanted && got < kHalfPageBytes) {
+            return 0;
+         }
       } else if (errno != EINTR) {
          return errno;
       }
