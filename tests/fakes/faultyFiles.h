@@ -33,37 +33,16 @@ public:
    {
       return Corvax::MakeRef<Handle>(*this, _real->NewFileHandle());
    }
-   uint64_t GetFileSize(const std::string& path) override
-   {
-      Step();
-      return _real->GetFileSize(path);
-   }
+   uint64_t GetFileSize(const std::string& path) override { return Step().GetFileSize(path); }
    bool Exists(const std::string& path) override { return _real->Exists(path); }
-   void CreateDirectory(const std::string& path) override
-   {
-      Step();
-      _real->CreateDirectory(path);
-   }
-   void Rename(const std::string& from, const std::string& to) override
-   {
-      Step();
-      _real->Rename(from, to);
-   }
+   void CreateDirectory(const std::string& path) override { Step().CreateDirectory(path); }
+   void Rename(const std::string& from, const std::string& to) override { Step().Rename(from, to); }
    std::string NewScratchDirectory() override { return _real->NewScratchDirectory(); }
-   void Remove(const std::string& path) override
-   {
-      Step();
-      _real->Remove(path);
-   }
-   void SyncDirectory(const std::string& path) override
-   {
-      Step();
-      _real->SyncDirectory(path);
-   }
+   void Remove(const std::string& path) override { Step().Remove(path); }
+   void SyncDirectory(const std::string& path) override { Step().SyncDirectory(path); }
    std::vector<std::string> ListDirectory(const std::string& path) override
    {
-      Step();
-      return _real->ListDirectory(path);
+      return Step().ListDirectory(path);
    }
    std::unique_ptr<Corvax::FileLock> Lock(const std::string& path) override
    {
@@ -79,19 +58,17 @@ private:
    }
    bool IsDue()
    {
-      bool due = _failing;
-      if (!due && failAt > 0) {
-         --failAt;
-         due = failAt == 0;
-      }
+      const bool due = _failing || (failAt > 0 && --failAt == 0);
       _failing = due && failAll;
       return due;
    }
-   void Step()
+   /// The real files, unless the operation fails.
+   Corvax::SystemFactory& Step()
    {
       if (!cutWrites && IsDue()) {
          throw Corvax::PlatformException("access a file of the test", errorNumber);
       }
+      return *_real;
    }
 
    class Handle : public Corvax::FileHandle, public Corvax::ObjectImpl {
@@ -102,50 +79,41 @@ private:
       }
       void Open(const std::string& path, uint32_t access, Corvax::FileCreation creation) override
       {
-         _files.Step();
-         _real->Open(path, access, creation);
+         Step().Open(path, access, creation);
       }
       bool IsOpen() const override { return _real->IsOpen(); }
       void Close() override { _real->Close(); }
-      uint64_t GetSize() override
-      {
-         _files.Step();
-         return _real->GetSize();
-      }
+      uint64_t GetSize() override { return Step().GetSize(); }
       void Seek(uint64_t offset) override { _real->Seek(offset); }
       size_t Read(void* buffer, size_t sizeBytes) override
       {
-         _files.Step();
-         const size_t done = _real->Read(buffer, sizeBytes);
+         const size_t done = Step().Read(buffer, sizeBytes);
          _files.Count(done);
          return done;
       }
       size_t Write(const void* buffer, size_t sizeBytes) override
       {
-         _files.Step();
+         Step();
          _files.Count(sizeBytes);
          // A write of at most eight bytes is never split: it is within one page.
          const bool cut = _files.cutWrites && sizeBytes > 8 && _files.IsDue();
          return _real->Write(buffer, cut ? sizeBytes / 2 : sizeBytes);
       }
-      void Flush() override
-      {
-         _files.Step();
-         _real->Flush();
-      }
-      void Truncate(uint64_t sizeBytes) override
-      {
-         _files.Step();
-         _real->Truncate(sizeBytes);
-      }
+      void Flush() override { Step().Flush(); }
+      void Truncate(uint64_t sizeBytes) override { Step().Truncate(sizeBytes); }
       void Allocate(uint64_t offset, uint64_t sizeBytes) override
       {
-         _files.Step();
-         _real->Allocate(offset, sizeBytes);
+         Step().Allocate(offset, sizeBytes);
       }
       bool IsAt(const std::string& path) override { return _real->IsAt(path); }
 
    private:
+      Corvax::FileHandle& Step()
+      {
+         _files.Step();
+         return *_real;
+      }
+
       FaultyFiles& _files;
       const Corvax::Ref<Corvax::FileHandle> _real;
    };
