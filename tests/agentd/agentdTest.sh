@@ -10,25 +10,10 @@ hasLines() {
    return 1
 }
 
-# Unsigned integers of a file: numbers FILE OFFSET COUNT SIZE
-numbers() { od -An -v -t "u$4" -j "$2" -N $(($3 * $4)) -w$(($3 * $4)) "$1"; }
-
-store() { echo "$dir/stats/hostAgentStats-$1.stats"; }
-
-columns() { # STORE: the stamps of its columns in use
-   numbers "$1" 8 $(($(numbers "$1" 0 1 4))) 8 | tr -s ' ' '\n' | grep -E '^[0-9]+$' |
-      grep -vx 18446744073709551615
-}
-
 checkDepot() { # PERIOD of the finest store
-   local size columns
-   size=$(stat -c %s "$dir/stats/hostAgentStats.idMap")
-   [ $((size % 524)) -eq 0 ] && [ "$size" -gt 0 ] || fail "id map of $size bytes"
-   for columns in "$1:3600" "300:432"; do
-      size=$(stat -c %s "$(store "${columns%:*}")")
-      columns=${columns#*:}
-      [ $(((size - 8 - 8 * columns) % (12 + 8 * columns))) -eq 0 ] || fail "store of $size bytes"
-   done
+   "$build/bin/metrix-depot" check "$dir/stats" >"$dir/check" || fail "$(cat "$dir/check")"
+   [ "$("$build/bin/metrix-depot" dump "$dir/stats" | grep -cE "^interval .* ($1 3600|300 432)$")" -eq 2 ] ||
+      fail "not the intervals of $1 s"
 }
 
 usedMs() { # CPU time that all CPUs have used, in the fields that the agent counts
@@ -93,9 +78,9 @@ continues)
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log1" || fail "no new depot"
    ! grep -q "Reverting" "$dir/log2" || fail "the second run gave up the depot"
    grep -q "<4>Metrix: Reverting to default stats configuration" "$dir/log3" || fail "kept at 2 s"
-   [ -s "$dir/stats/hostAgentStats.aside/hostAgentStats-1.stats" ] || fail "the old depot is gone"
    ! grep -q "failed" "$dir"/log* || fail "errors in the log"
-   [ "$(columns "$dir/stats/hostAgentStats.aside/hostAgentStats-1.stats" | wc -l)" -ge 4 ] ||
+   [ "$("$build/bin/metrix-depot" dump "$dir/stats/hostAgentStats.aside" |
+      awk '/^interval/ && n++ { exit } /^columns/ { sum += $3 } END { print sum }')" -ge 4 ] ||
       fail "the second run did not add to the first's columns"
    ;;
 
