@@ -1,7 +1,6 @@
 #include "corvax/channel.h"
 #include "corvax/dateTime.h"
 #include "corvax/descriptor.h"
-#include "corvax/lockFile.h"
 #include "corvax/lockable.h"
 #include "corvax/objectRegistry.h"
 #include "corvax/scheduler.h"
@@ -285,8 +284,8 @@ TEST(TimerThreadTest, CallsEachFunctorOnceAndGoesOnAfterAFailure)
    EXPECT_TRUE(later->IsPending());
    EXPECT_TRUE(later->Cancel());
    EXPECT_FALSE(later->IsPending() || later->Cancel());
-   timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call),
-                       2000); // third to run after two chained
+   // The third to run, after two chained ones.
+   timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 2000);
    timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 4000);
    const auto last = timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 6000);
    done.get_future().wait();
@@ -298,33 +297,6 @@ TEST(TimerThreadTest, CallsEachFunctorOnceAndGoesOnAfterAFailure)
    EXPECT_THROW(timer->ScheduleOnce(MakeFunctor(notes.Get(), &Notebook::Call), 0),
                 AssertionException);
    EXPECT_EQ(notes->calls, 5);
-}
-
-TEST(FileTest, SaysWhatWasTriedOnWhatAndWhy)
-{
-   const Scratch scratch;
-   const auto file = System::GetFactory().NewFileHandle();
-   const std::string path = scratch.Path() + "f";
-   EXPECT_EQ(MessageOf([&] { file->Open(path, FILE_READ, FileCreation::OPEN_EXISTING); }),
-             "Cannot open " + path + " for reading: No such file or directory");
-   file->Open("/dev/full", FILE_WRITE, FileCreation::OPEN_EXISTING);
-   EXPECT_EQ(MessageOf([&] { file->WriteAll("abc", 3); }),
-             "Cannot write 3 bytes at offset 0 of /dev/full: No space left on device");
-   file->Open(path, FILE_READ_WRITE, FileCreation::CREATE_ALWAYS);
-   file->Seek(3);
-   file->WriteAll("xy", 2);
-   char bytes[8] = {};
-   file->Seek(0);
-   EXPECT_EQ(file->Read(bytes, sizeof bytes), 5u);
-   EXPECT_EQ(std::string(bytes, 5), std::string("\0\0\0xy", 5));
-   EXPECT_EQ(file->GetSize(), 5u);
-   const auto parents = scratch.Path() + "a/b/c/";
-   System::GetFactory().CreateDirectory(parents);
-   EXPECT_TRUE(System::GetFactory().Exists(parents));
-
-   const LockFile lock(path);
-   EXPECT_NE(MessageOf([&] { const LockFile second(path); }).find(" is locked: process "),
-             std::string::npos);
 }
 
 } // namespace

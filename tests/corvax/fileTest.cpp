@@ -5,9 +5,37 @@
 #include "tests/fakes/diskModel.h"
 #include "tests/fakes/messageOf.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
+
+namespace {
+
+std::vector<std::string> flushed; ///< the system's names of what was flushed
+
+int Flush(long number, int descriptor)
+{
+   char name[256] = {};
+   const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+   EXPECT_GT(::readlink(link.c_str(), name, sizeof name - 1), 0);
+   flushed.emplace_back(name);
+   return static_cast<int>(::syscall(number, descriptor));
+}
+
+} // namespace
+
+// In place of the system's.
+extern "C" int fdatasync(int file)
+{
+   return Flush(SYS_fdatasync, file);
+}
+extern "C" int fsync(int file)
+{
+   return Flush(SYS_fsync, file);
+}
 
 namespace {
 
@@ -62,7 +90,10 @@ TEST_P(FilesTest, TruncatingCutsOrAddsZeroBytes)
    EXPECT_EQ(Read(*file), "ab");
    file->Truncate(4);
    EXPECT_EQ(Read(*file), std::string("ab\0\0", 4));
-   EXPECT_EQ(Files().GetFileSize(Path("f")), 4u);
+   file->Seek(6);
+   file->WriteAll("x", 1);
+   EXPECT_EQ(Read(*file), std::string("ab\0\0\0\0x", 7));
+   EXPECT_EQ(Files().GetFileSize(Path("f")), 7u);
 }
 
 TEST_P(FilesTest, ReservingSpaceChangesNeitherSizeNorContent)
@@ -119,6 +150,24 @@ TEST_P(FilesTest, ALockExcludesOthersUntilItIsGivenBack)
    lock = nullptr;
    EXPECT_EQ(Files().GetLockHolder(Path("f")), 0);
    EXPECT_NE(Files().Lock(Path("f")), nullptr);
+}
+
+TEST(PlatformFilesTest, SaysWhatWasTriedAndFlushesToTheDisk)
+{
+   const std::string directory = System::GetFactory().NewScratchDirectory();
+   const std::string path = directory + "f";
+   const auto file = System::GetFactory().NewFileHandle();
+   EXPECT_EQ(MessageOf([&] { file->Open(path, FILE_READ, FileCreation::OPEN_EXISTING); }),
+             "Cannot open " + path + " for reading: No such file or directory");
+   file->Open("/dev/full", FILE_WRITE, FileCreation::OPEN_EXISTING);
+   EXPECT_EQ(MessageOf([&] { file->WriteAll("abc", 3); }),
+             "Cannot write 3 bytes at offset 0 of /dev/full: No space left on device");
+   file->Open(path, FILE_WRITE, FileCreation::CREATE_ALWAYS);
+   flushed.clear();
+   file->Flush();
+   System::GetFactory().SyncDirectory(directory);
+   EXPECT_EQ(flushed, (Names{path, directory.substr(0, directory.size() - 1)}));
+   System::GetFactory().Remove(directory);
 }
 
 INSTANTIATE_TEST_SUITE_P(PlatformAndModel, FilesTest, testing::Bool());
