@@ -151,7 +151,7 @@ room(tests/simHost SEES simHost metrix/* inventory ${fakes} TAKES ${system} gtes
 room(tests/http SEES http ${fakes} TAKES ${system} gtest zlib)
 room(tests/managementApi SEES managementApi http metrix/* ${fakes} TAKES ${system} gtest httplib)
 room(tests/console SEES console ${fakes} TAKES ${system} gtest)
-room(tests/agentctl SEES agentctl ${fakes} TAKES ${system} gtest httplib)
+room(tests/agentctl SEES agentctl http ${fakes} TAKES ${system} gtest)
 room(tests/depotTool SEES depotTool metrix/* ${fakes} TAKES ${system} gtest json)
 room(tests/qsh SEES qsh/framework ${fakes} TAKES ${system} gtest)
 room(bench SEES metrix/* simHost linuxHost linuxHost/kernel linuxHost/libvirt inventory ${services}

@@ -1,39 +1,17 @@
 #include "agentctl/httpClient.h"
 #include "corvax/descriptor.h"
-#include "corvax/thread.h"
+#include "http/server.h"
 #include "tests/fakes/messageOf.h"
+#include "tests/fakes/quietLogger.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <gtest/gtest.h>
-#include <httplib.h>
 
 namespace {
 
 using namespace Agentctl;
-
-/// A server on a free port of the loopback interface.
-class TestServer {
-public:
-   ~TestServer()
-   {
-      while (!server.is_running()) { // a stop before the start would be lost
-         std::this_thread::yield();
-      }
-      server.stop();
-   }
-
-   /// Call it once, after adding the routes.
-   void Start()
-   {
-      _thread = Corvax::StartThread("server",
-                                    [this](const std::stop_token&) { server.listen_after_bind(); });
-   }
-
-   httplib::Server server;
-   const int port = server.bind_to_any_port("127.0.0.1");
-
-private:
-   std::jthread _thread;
-};
 
 std::string ToUrl(int port)
 {
@@ -83,21 +61,25 @@ TEST(HttpClientTest, AcceptsOnlyUrlsOfServers)
 
 TEST(HttpClientTest, ReturnsResponsesOfAnyStatus)
 {
-   TestServer test;
-   test.server.Get("/a b", [](const httplib::Request& request, httplib::Response& response) {
-      response.status = 404;
-      response.set_content(request.target + " " + request.get_header_value("Accept"), "x/y");
+   const auto logger = Corvax::MakeRef<QuietLogger>();
+   Http::Server server(
+      {},
+      [](int status, const std::string&, Http::Response& response) {
+         response.body = "E" + std::to_string(status);
+      },
+      logger.Get());
+   server.Route("GET", "/a b", [](const Http::Request& request, Http::Response& response) {
+      response.body = request.path + request.query.at(0).second + request.accept;
    });
-   test.server.Post("/p", [](const httplib::Request& request, httplib::Response& response) {
-      response.set_content(request.body + request.get_header_value("Content-Type"), "x/y");
+   server.Route("POST", "/p", [](const Http::Request& request, Http::Response& response) {
+      response.body = request.body + request.contentType;
    });
-   test.Start();
-   // Destroyed before the server, which otherwise waits for the connection's end.
-   const auto client = NewHttpClient(ToUrl(test.port));
-   const HttpResponse response = client->Get("/a%20b?c=%26", "text/csv");
-   EXPECT_EQ(response.status, 404);
-   EXPECT_EQ(response.body, "/a%20b?c=%26 text/csv");
+   const auto client = NewHttpClient(ToUrl(server.Listen("127.0.0.1:0")));
+   EXPECT_EQ(client->Get("/a%20b?c=%26", "text/csv").body, "/a b&text/csv");
    EXPECT_EQ(client->Post("/p", "[]").body, "[]application/json");
+   const HttpResponse refusal = client->Get("/none", "");
+   EXPECT_EQ(refusal.status, 404);
+   EXPECT_EQ(refusal.body, "E404");
 }
 
 TEST(HttpClientTest, SaysWhyThereIsNoResponse)

@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 
 namespace {
@@ -18,23 +16,16 @@ using namespace Agentctl;
 
 constexpr tcflag_t kLineFlags = ECHO | ICANON;
 
-/// Reached only if what a test waits for never happens.
-constexpr int kTimeoutSec = 60;
-
-/// A screen in a process and on a terminal of its own. It draws its width; the key q ends it with
+/// A screen in a process and on a terminal of its own. Waits have no end of their own: one that is
+/// in vain ends with the test's time. It draws its width; the key q ends it with
 /// status 3.
 class ScreenProcess {
 public:
    ScreenProcess()
    {
-      // Blocked, so that none is lost before WaitForStatus waits for it.
-      ::sigemptyset(&_childSignal);
-      ::sigaddset(&_childSignal, SIGCHLD);
-      ::pthread_sigmask(SIG_BLOCK, &_childSignal, &_maskBefore);
       winsize size = GetWindowSize(30);
       _pid = ::forkpty(&_terminal, nullptr, nullptr, &size);
       if (_pid == 0) {
-         ::pthread_sigmask(SIG_SETMASK, &_maskBefore, nullptr);
          ::_exit(RunChild());
       }
    }
@@ -45,7 +36,6 @@ public:
          ::waitpid(_pid, nullptr, 0);
       }
       ::close(_terminal);
-      ::pthread_sigmask(SIG_SETMASK, &_maskBefore, nullptr);
    }
    ScreenProcess(const ScreenProcess&) = delete;
    ScreenProcess& operator=(const ScreenProcess&) = delete;
@@ -57,15 +47,13 @@ public:
       const winsize size = GetWindowSize(columns);
       ::ioctl(_terminal, TIOCSWINSZ, &size);
    }
-   /// Reads up to the text; false if it does not arrive.
+   /// Reads up to the text; false if the process ends before.
    bool Expect(const std::string& text)
    {
       std::string seen;
       char bytes[256];
       while (seen.find(text) == std::string::npos) {
-         pollfd readable = {_terminal, POLLIN, 0};
-         const bool isReadable = ::poll(&readable, 1, kTimeoutSec * 1000) > 0;
-         const ssize_t length = isReadable ? ::read(_terminal, bytes, sizeof bytes) : -1;
+         const ssize_t length = ::read(_terminal, bytes, sizeof bytes);
          if (length <= 0) {
             return false;
          }
@@ -80,16 +68,11 @@ public:
       ::tcgetattr(_terminal, &now);
       return now.c_lflag & kLineFlags;
    }
-   /// Waits until the process ends, or with WUNTRACED stops. -1 if it does not.
+   /// Waits until the process ends, or with WUNTRACED stops.
    int WaitForStatus(int options = 0)
    {
       int status = -1;
-      const timespec timeout = {kTimeoutSec, 0};
-      while (::waitpid(_pid, &status, options | WNOHANG) == 0) {
-         if (::sigtimedwait(&_childSignal, nullptr, &timeout) < 0 && errno == EAGAIN) {
-            return -1;
-         }
-      }
+      EXPECT_EQ(::waitpid(_pid, &status, options), _pid);
       _hasEnded = WIFEXITED(status) || WIFSIGNALED(status);
       return status;
    }
@@ -118,8 +101,6 @@ private:
    int _terminal = -1;
    pid_t _pid = -1;
    bool _hasEnded = false;
-   sigset_t _childSignal;
-   sigset_t _maskBefore;
 };
 
 constexpr char kLeave[] = "\x1b[?1049l";
