@@ -83,7 +83,7 @@ TEST_F(DepotToolTest, RestoreNamesTheLineThatIsWrong)
       EXPECT_NE(MessageOf([&] { Restore(dump, _scratch.Path()); }).find(complaint),
                 std::string::npos)
          << dump;
-      EXPECT_EQ(ReadAll().size(), 2u); // the dump and the lock
+      EXPECT_EQ(_scratch.ReadAll().size(), 1u); // the dump
    }
 }
 
@@ -142,9 +142,9 @@ TEST_F(DepotToolTest, InfoShowsSizeAndHistory)
 TEST_F(DepotToolTest, CopiesAreOfOneMomentOrBusy)
 {
    WriteDepot();
-   std::map<std::string, std::string> states[2] = {ReadAll()};
+   std::map<std::string, std::string> states[2] = {_scratch.ReadAll()};
    Open(_scratch.Path())->DeleteEntityStats("vm-2");
-   states[1] = ReadAll();
+   states[1] = _scratch.ReadAll();
    size_t changes = 0;
    BusyFiles files([&] {
       for (const auto& [file, content] : states[changes++ % 2]) {

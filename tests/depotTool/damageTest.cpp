@@ -4,34 +4,21 @@ namespace {
 
 using namespace DepotTool;
 
-/// A damage and what check finds then.
-struct Case {
-   const char* name;
-   const char* found;
-   std::function<void()> plant;
-};
-
 class DepotToolDamageTest : public DepotToolTest {
 protected:
-   /// Checks each damage and repairs it into another directory, which leaves the depot as it is.
+   /// Repairs each damage into another directory, which leaves the depot as it is.
    void Expect(const std::vector<Case>& cases)
    {
-      for (const auto& [name, found, plant] : cases) {
-         SCOPED_TRACE(name);
-         for (const auto& [file, content] : ReadAll()) {
-            Delete(file);
-         }
-         WriteDepot();
-         plant();
-         const auto before = ReadAll();
-         EXPECT_EQ(Check(), found);
-         EXPECT_EQ(ReadAll(), before);
+      for (const Case& damage : cases) {
+         SCOPED_TRACE(damage.name);
+         PlantAndCheck(damage);
+         const auto before = _scratch.ReadAll();
          const Scratch repaired;
          Options options;
          options.toDir = repaired.Path();
          options.recompute = true;
          EXPECT_EQ(Run(Command::REPAIR, options), 0) << _out;
-         EXPECT_EQ(ReadAll(), before);
+         EXPECT_EQ(_scratch.ReadAll(), before);
          EXPECT_EQ(Run(Command::CHECK, {}, repaired.Path()), 0) << _out;
          EXPECT_NO_THROW(Open(repaired.Path()));
       }

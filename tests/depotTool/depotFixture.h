@@ -47,6 +47,13 @@ inline std::string Encode64(uint64_t value)
    return bytes;
 }
 
+/// A damage and what check finds then.
+struct Case {
+   const char* name;
+   const char* found;
+   std::function<void()> plant;
+};
+
 class DepotToolTest : public testing::Test {
 protected:
    DepotToolTest() { _clock.SetSeconds(kLast); }
@@ -86,12 +93,10 @@ protected:
       content.resize(std::max(content.size(), offset + bytes.size()));
       _scratch.Write(file, content.replace(offset, bytes.size(), bytes));
    }
+   /// The new text is as long as the old one.
    void Replace(const std::string& file, const std::string& text, const std::string& by)
    {
-      const std::string content = _scratch.Read(file);
-      Poke(file, 0,
-           content.substr(0, content.find(text)) + by +
-              content.substr(content.find(text) + text.size()));
+      Poke(file, _scratch.Read(file).find(text), by);
    }
    void CutTo(const std::string& file, size_t bytes)
    {
@@ -132,6 +137,18 @@ protected:
       }
       return text;
    }
+   /// Plants a damage in a new depot; check finds it and leaves the depot as it is.
+   void PlantAndCheck(const Case& damage, const Metrix::JournalOptions& journal = {})
+   {
+      for (const auto& [file, content] : _scratch.ReadAll()) {
+         Delete(file);
+      }
+      WriteDepot("mem-used", journal);
+      damage.plant();
+      const auto before = _scratch.ReadAll();
+      EXPECT_EQ(Check(), damage.found) << _out;
+      EXPECT_EQ(_scratch.ReadAll(), before);
+   }
    std::string Dump(const std::string& dir = "")
    {
       EXPECT_EQ(Run(Command::DUMP, {}, dir), 0);
@@ -151,15 +168,6 @@ protected:
       depot->Load();
       return depot;
    }
-   std::map<std::string, std::string> ReadAll()
-   {
-      std::map<std::string, std::string> files;
-      for (const std::string& name : Corvax::System::GetFactory().ListDirectory(_scratch.Path())) {
-         files[name] = _scratch.Read(name);
-      }
-      return files;
-   }
-
    const Scratch _scratch;
    ManualClock _clock;
    const Corvax::Ref<CaptureLogger> _logger = Corvax::MakeRef<CaptureLogger>();

@@ -10,8 +10,6 @@ class DepotToolJournalTest : public DepotToolTest {
 protected:
    static constexpr Metrix::JournalOptions kJournal = {.checkpointSec = 100, .syncSec = 1};
 
-   /// Leaves the files as a crash does.
-   void WriteJournaled() { WriteDepot("mem-used", kJournal); }
    std::string ReadJournal() { return _scratch.Read(_journal); }
    /// Offset of the last record.
    size_t FindLast()
@@ -58,7 +56,7 @@ TEST_F(DepotToolJournalTest, ContentsAreThoseOfADepotWithoutOne)
    {
       const Corvax::Ref<StatsDepot> depot = WriteDepot("mem-used", kJournal);
       Extend(*depot, kLast + 20, kEnd - 20);
-      const auto files = ReadAll();
+      const auto files = _scratch.ReadAll();
       Extend(*depot, kEnd, kEnd);
       // As if the machine had died then: the last run is in the journal alone, and of a row that
       // has samples now and then, the first sector was written.
@@ -67,10 +65,10 @@ TEST_F(DepotToolJournalTest, ContentsAreThoseOfADepotWithoutOne)
       }
       Poke("d-20.stats", RowPos(11, 4), Encode64(kEnd));
    }
-   const auto before = ReadAll();
+   const auto before = _scratch.ReadAll();
    EXPECT_EQ(Dump(), dump);
    EXPECT_EQ(Check(), "journal.pending*1 stat.noSamples*1");
-   EXPECT_EQ(ReadAll(), before);
+   EXPECT_EQ(_scratch.ReadAll(), before);
    const Scratch repaired;
    Options options;
    options.toDir = repaired.Path();
@@ -87,7 +85,8 @@ TEST_F(DepotToolJournalTest, DamageIsFoundAndRepairedInPlace)
       Open(_scratch.Path())->AddSample("vm-2", "cpu#0", kLast + 21, 1, 0);
       _scratch.Write(_journal, journal);
    };
-   const std::tuple<const char*, const char*, std::function<void()>> cases[] = {
+   const Case cases[] = {
+      // the files are as a crash leaves them
       {"an unfinished write", "journal.pending*1 journal.torn*1",
        [this] {
           const size_t last = FindLast();
@@ -110,17 +109,12 @@ TEST_F(DepotToolJournalTest, DamageIsFoundAndRepairedInPlace)
       {"stamp in the store", "column.stamp*1 journal.pending*1",
        [this] { Poke("d-20.stats", Metrix::StoreFormat::TimeStampPos(1), Encode64(6280)); }},
    };
-   for (const auto& [name, found, plant] : cases) {
-      SCOPED_TRACE(name);
-      for (const auto& [file, content] : ReadAll()) {
-         Delete(file);
-      }
-      WriteJournaled();
-      plant();
-      EXPECT_EQ(Check(), found) << _out;
+   for (const Case& damage : cases) {
+      SCOPED_TRACE(damage.name);
+      PlantAndCheck(damage, kJournal);
       Options options;
       options.inPlace = true;
-      if (std::string(name) == "another version") {
+      if (std::string(damage.found) == "journal.unreadable*1") {
          EXPECT_THROW(Run(Command::REPAIR, options), Corvax::Exception);
          continue;
       }
