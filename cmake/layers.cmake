@@ -149,7 +149,8 @@ room(tests/linuxHost/kernel SEES linuxHost/kernel ${fakes} TAKES ${system} gtest
 room(tests/linuxHost/libvirt SEES linuxHost/libvirt linuxHost ${fakes} TAKES ${system} gtest)
 room(tests/simHost SEES simHost metrix/* inventory ${fakes} TAKES ${system} gtest)
 room(tests/http SEES http ${fakes} TAKES ${system} gtest zlib)
-room(tests/managementApi SEES managementApi http metrix/* ${fakes} TAKES ${system} gtest httplib)
+room(tests/managementApi SEES managementApi http metrix/* tests/metrix ${fakes}
+   TAKES ${system} gtest httplib)
 room(tests/console SEES console ${fakes} TAKES ${system} gtest)
 room(tests/agentctl SEES agentctl http ${fakes} TAKES ${system} gtest)
 room(tests/depotTool SEES depotTool metrix/* ${fakes} TAKES ${system} gtest json)

@@ -79,56 +79,6 @@ TEST(ColumnRingTest, FindsTheEarliestAndTheLatestColumnOfAFile)
    }
 }
 
-TEST(ColumnRingTest, AddingReplacesTheOldestColumnOnceAllAreInUse)
-{
-   for (const size_t size : {1u, 2u, 3u}) {
-      ColumnRing ring(Stamps(size, kUnset));
-      Stamps wanted;
-      for (TimeStamp ts = 10; ts <= 80; ts += 10) {
-         const int32_t column = ring.GetColumnToAdd();
-         EXPECT_EQ(column, static_cast<int32_t>((ts / 10 - 1) % size));
-         ring.AddColumn(ts);
-         EXPECT_EQ(ring.GetTimeStamp(column), ts);
-         wanted.push_back(ts);
-         if (wanted.size() > size) {
-            wanted.erase(wanted.begin());
-         }
-         EXPECT_EQ(InOrder(ring), wanted) << size << " columns, after " << ts;
-      }
-   }
-}
-
-/// Rings of five columns, of which one to five are in use, from each column on.
-TEST(ColumnRingTest, SearchesAgreeWithALookAtEveryStampWhereverTheRingStarts)
-{
-   for (int start = 0; start < 5; ++start) {
-      for (TimeStamp used = 1; used <= 5; ++used) {
-         SCOPED_TRACE(testing::Message() << used << " columns from " << start);
-         Stamps file(5, kUnset);
-         Stamps all;
-         for (TimeStamp i = 0; i < used; ++i) {
-            all.push_back(10 * (i + 1));
-            file[(static_cast<size_t>(start) + i) % 5] = all.back();
-         }
-         const ColumnRing ring(file);
-         for (TimeStamp ts = 5; ts <= 60; ts += 5) {
-            const auto closest = std::ranges::lower_bound(all, ts);
-            const int32_t column = closest == all.end()
-                                      ? -1
-                                      : (start + static_cast<int32_t>(closest - all.begin())) % 5;
-            EXPECT_EQ(ring.FindClosestColumn(ts), column) << ts;
-            EXPECT_EQ(ring.FindColumn(ts), ts % 10 == 0 ? column : -1) << ts;
-            for (TimeStamp end = 5; end <= 60; end += 5) {
-               Stamps wanted;
-               std::ranges::copy_if(all, std::back_inserter(wanted),
-                                    [&](TimeStamp stamp) { return ts <= stamp && stamp <= end; });
-               EXPECT_EQ(InOrder(ring, ts, end), wanted) << ts << " to " << end;
-            }
-         }
-      }
-   }
-}
-
 TEST(ColumnRingTest, StampsThatDoNotAscendAreSearchedOneByOne)
 {
    const ColumnRing ring(Stamps{10, 40, 20, 30, 50});

@@ -2,25 +2,15 @@
 // that is found then with a naive model.
 
 #include "corvax/exception.h"
-#include "metrix/statsDepot.h"
-#include "tests/fakes/diskModel.h"
-#include "tests/fakes/manualTime.h"
-#include "tests/fakes/quietLogger.h"
+#include "tests/metrix/diskFixture.h"
 #include "tests/metrix/scriptedHost.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <iostream>
-#include <random>
 #include <sstream>
 
 namespace {
 
 using namespace Metrix;
 using Corvax::Ref;
-
-const std::string kDepotDirectory = "/depot/";
 
 /// A stretch of a process's life: the disk that it found, all changes of the disk, and the states
 /// that the depot had.
@@ -46,22 +36,9 @@ struct Mode {
    uint64_t percent; ///< of the changes after which there is a crash
 };
 
-void PrintTo(const Mode& mode, std::ostream* out)
-{
-   *out << mode.name;
-}
-
-class CrashModelTest : public testing::TestWithParam<Mode> {
+class CrashModelTest : public DiskTest<Mode> {
 protected:
    static constexpr int kRuns = 120;
-
-   CrashModelTest()
-   {
-      const char* const fixed = std::getenv("METRIX_SEED");
-      const uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();
-      std::cout << "METRIX_SEED=" << seed << "\n";
-      _random.seed(seed);
-   }
 
    ~CrashModelTest() override
    {
@@ -86,8 +63,7 @@ protected:
          depot->Load();
       }
       for (int i = 0; i < runs && !HasFailure(); ++i) {
-         _clock.SetSeconds(static_cast<int64_t>(host.now) + 10);
-         _clock.monotonicUs += 10 * Corvax::kMicrosecondsPerSecond;
+         Advance(host.now + 10);
          host.Collect(*depot);
          if (runs <= kRuns) { // else there is no crash
             finish();
@@ -134,15 +110,6 @@ protected:
    }
 
 private:
-   uint64_t Below(uint64_t limit) { return _random() % limit; }
-
-   Ref<StatsDepot> New()
-   {
-      Ref<StatsDepot> depot;
-      GetStatsDepot(kDepotDirectory, "d", _logger.Get(), 1000000, depot, GetParam().journal);
-      return depot;
-   }
-
    /// Crashes with that many changes done, while that state was the last one finished.
    void CrashAt(const Recording& recording, const Disk& disk, size_t changes, size_t state)
    {
@@ -156,7 +123,6 @@ private:
       SCOPED_TRACE(where.str());
       ScriptedHost host{ModelOf({}), after.now, after.run, false};
       if (!Reopen(left, before, after, host)) {
-         PrintChanges(recording, disk, changes);
          return;
       }
       if (Below(5) == 0 || host.isNew) {
@@ -173,25 +139,6 @@ private:
          CrashAt(more, then, end, last);
       } else if (Below(100) == 0) {
          Record(left, host, 400);
-      }
-   }
-
-   /// The last ones before a crash.
-   static void PrintChanges(const Recording& recording, const Disk& disk, size_t end)
-   {
-      constexpr size_t kShown = 30;
-      constexpr const char* kKinds[] = {"create", "directory", "rename",   "remove",
-                                        "sync",   "write",     "truncate", "reserve",
-                                        "flush",  "lose",      "lose"};
-      for (size_t i = end - std::min(end, kShown); i < end; ++i) {
-         const Disk::Operation& change = recording.changes[i];
-         std::cout << i << " " << kKinds[change.kind] << " " << change.path << " " << change.to;
-         for (const auto& [name, file] : disk.GetNames()) {
-            if (change.path.empty() && file == change.file) {
-               std::cout << name << " " << change.offset << "+" << change.bytes.size();
-            }
-         }
-         std::cout << "\n";
       }
    }
 
@@ -262,24 +209,20 @@ private:
       host.model = ModelOf(shown);
       if (!host.isNew && Below(5) == 0) {
          const Ref<StatsDepot> reader = New();
+         const size_t changes = files.log.size();
          reader->LoadReadOnly();
          EXPECT_TRUE(PictureOf(*reader) == shown) << "read only";
+         EXPECT_EQ(files.log.size(), changes) << "a reader changes the disk";
       }
       return !HasFailure();
    }
 
    uint64_t _crashes = 0;
-   std::mt19937_64 _random;
-   const Ref<QuietLogger> _logger = Corvax::MakeRef<QuietLogger>();
-   ManualClock _clock;
 };
 
 TEST_P(CrashModelTest, ADepotHasWhatWasFinishedAndNothingElse)
 {
-   Disk disk(GetParam().grain);
-   disk.Apply({.kind = Disk::Operation::DIRECTORY, .path = "/depot"});
-   disk.Apply({.kind = Disk::Operation::SYNC_DIRECTORY});
-   CrashEverywhere(Record(disk, {}, kRuns));
+   CrashEverywhere(Record(NewDisk(GetParam().grain), {}, kRuns));
 }
 
 constexpr JournalOptions kJournal{300, 1};
@@ -289,6 +232,6 @@ INSTANTIATE_TEST_SUITE_P(Modes, CrashModelTest,
                                          Mode{"killed", kJournal, true, 4096, 30},
                                          Mode{"powerCut512", kJournal, false, 512, 40},
                                          Mode{"powerCut4096", kJournal, false, 4096, 40}),
-                         testing::PrintToStringParamName());
+                         [](const auto& each) { return std::string(each.param.name); });
 
 } // namespace

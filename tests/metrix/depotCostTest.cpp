@@ -81,13 +81,6 @@ protected:
       AddSamples(leftOut);
       _depot->Flush();
    }
-   void ExpectFlushFails()
-   {
-      const Corvax::Locker lock(_depot.Get());
-      AddSamples();
-      _files.failAt = 1;
-      EXPECT_THROW(_depot->Flush(), Corvax::Exception);
-   }
    void ResetCounts() { _files.calls = _files.bytes = allocations = 0; }
    TimeStamp Now() const { return kStart + _runs * _periodSec; }
    Metrix::StatVal Value(size_t stat) const { return _runs * 1000000 + stat; }
@@ -152,28 +145,6 @@ TEST_F(DepotCostTest, UnlockedDepotReadsAndWritesEachRowAtOnce)
    EXPECT_GE(_files.calls, 2 * kStats + 1) << "a read and a write per row, and one column stamp";
    EXPECT_LE(_files.calls, 3 * kStats) << "and a write more if the row lies across pages";
    ExpectInFiles();
-}
-
-TEST_F(DepotCostTest, UnlockingWritesRowsThatWereNotFlushed)
-{
-   Build(20);
-   {
-      const Corvax::Locker lock(_depot.Get());
-      AddSamples();
-   }
-   ExpectInFiles();
-}
-
-TEST_F(DepotCostTest, AfterAFailedFlushTheNextRunIsStored)
-{
-   for (const int periodSec : {20, 1}) {
-      _names.clear();
-      Build(periodSec);
-      Collect();
-      ExpectFlushFails();
-      Collect();
-      ExpectInFiles();
-   }
 }
 
 TEST_F(DepotCostTest, AFailureInUnlockIsLoggedAndTheNextRunIsStored)

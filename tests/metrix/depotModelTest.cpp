@@ -4,15 +4,13 @@
 #include "metrix/statsDepot.h"
 #include "tests/fakes/captureLogger.h"
 #include "tests/fakes/diskModel.h"
+#include "tests/fakes/seed.h"
 #include "tests/metrix/modelDepot.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <iostream>
 #include <map>
 #include <optional>
-#include <random>
 #include <set>
 
 namespace {
@@ -201,9 +199,7 @@ TEST_F(DepotModelTest, DepotAndModelGiveTheSameAnswers)
       {{10, 3}, {30, 2}},          {{10, 2}, {20, 3}},           {{10, 6}, {30, 3}},
       {{10, 3}, {30, 3}, {60, 2}}, {{10, 20}, {30, 4}, {90, 3}}, {{7, 12}, {21, 5}},
    };
-   const char* const fixed = std::getenv("METRIX_SEED");
-   uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();
-   std::cout << "METRIX_SEED=" << seed << "\n";
+   uint64_t seed = NewSeed();
    for (int repeat = 0; repeat < 3 && !HasFailure(); ++repeat) {
       for (const Shape& shape : shapes) {
          for (const JournalOptions& options : {JournalOptions{}, {40, 1}, {600, 0}}) {

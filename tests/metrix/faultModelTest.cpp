@@ -2,19 +2,11 @@
 // journal, lose nothing that it accepted.
 
 #include "corvax/exception.h"
-#include "metrix/statsDepot.h"
-#include "tests/fakes/diskModel.h"
-#include "tests/fakes/manualTime.h"
-#include "tests/fakes/quietLogger.h"
+#include "tests/metrix/diskFixture.h"
 #include "tests/metrix/scriptedHost.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
-#include <iostream>
-#include <random>
 #include <set>
 
 namespace {
@@ -23,7 +15,6 @@ using namespace Metrix;
 using Corvax::Ref;
 using Name = ModelDepot::Name;
 
-const std::string kDepotDirectory = "/depot/";
 constexpr int kStats = 8; ///< four of each of two entities
 
 Name NameOf(int index)
@@ -133,21 +124,10 @@ struct Fault {
    bool reverts = false;
 };
 
-void PrintTo(const Fault& fault, std::ostream* out)
-{
-   *out << fault.name;
-}
-
-class FaultModelTest : public testing::TestWithParam<Fault> {
+class FaultModelTest : public DiskTest<Fault> {
 protected:
-   FaultModelTest() : _start(4096)
+   FaultModelTest()
    {
-      const char* const fixed = std::getenv("METRIX_SEED");
-      const uint64_t seed = fixed ? std::strtoull(fixed, nullptr, 10) : std::random_device{}();
-      std::cout << "METRIX_SEED=" << seed << "\n";
-      _random.seed(seed);
-      _start.Apply({.kind = Disk::Operation::DIRECTORY, .path = "/depot"});
-      _start.Apply({.kind = Disk::Operation::SYNC_DIRECTORY});
       if (GetParam().isNew) {
          return;
       }
@@ -198,25 +178,15 @@ protected:
       return isHit;
    }
 
-   uint64_t Below(uint64_t limit) { return _random() % limit; }
-
 private:
    static constexpr uint64_t kRuns = 12;
 
    static bool IsStraight() { return GetParam().journal.checkpointSec == 0; }
 
-   Ref<StatsDepot> New()
-   {
-      Ref<StatsDepot> depot;
-      GetStatsDepot(kDepotDirectory, "d", _logger.Get(), 1000000, depot, GetParam().journal);
-      return depot;
-   }
-
    void Collect(StatsDepot& depot, StrugglingHost& host)
    {
       host.Collect(depot);
-      _clock.SetSeconds(static_cast<int64_t>(host.now));
-      _clock.monotonicUs += 10 * Corvax::kMicrosecondsPerSecond;
+      Advance(host.now);
    }
 
    /// Loads or creates the depot; the third attempt succeeds.
@@ -316,12 +286,9 @@ private:
    }
 
    uint64_t _faults = 0;
-   std::mt19937_64 _random;
-   Disk _start;
+   Disk _start = NewDisk(4096);
    Picture _atStart; ///< empty if there is no depot
    StrugglingHost _host;
-   const Ref<QuietLogger> _logger = Corvax::MakeRef<QuietLogger>();
-   ManualClock _clock;
 };
 
 TEST_P(FaultModelTest, ADepotRecoversAndInventsNothing)
@@ -358,6 +325,6 @@ INSTANTIATE_TEST_SUITE_P(
                    Fault{"creationFlush", DiskModel::FLUSH, EIO, kJournal, true},
                    Fault{"creationFull", kSpace, ENOSPC, kJournal, true},
                    Fault{"creationNoRoom", 0, ENOSPC, kJournal, true}),
-   testing::PrintToStringParamName());
+   [](const auto& each) { return std::string(each.param.name); });
 
 } // namespace

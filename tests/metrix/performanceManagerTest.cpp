@@ -1,16 +1,10 @@
-#include "metrix/performanceManagerImpl.h"
-
 #include "corvax/exception.h"
 #include "metrix/metrix.h"
 #include "plexa/fault.h"
 #include "quen/inventory.h"
-#include "tests/fakes/fakeAgent.h"
 #include "tests/fakes/faultyFiles.h"
-#include "tests/fakes/manualTime.h"
 #include "tests/fakes/messageOf.h"
-#include "tests/fakes/scratch.h"
-
-#include <gtest/gtest.h>
+#include "tests/metrix/managerFixture.h"
 
 #include <random>
 
@@ -35,16 +29,11 @@ TEST(FindIntervalBoundaryTest, ReturnsTheNextInstantOfTheGrid)
    }
 }
 
-class PerformanceManagerTest : public testing::Test {
+class PerformanceManagerTest : public ManagerTest {
 protected:
    static constexpr int64_t kNow = 1000000000;
 
-   PerformanceManagerTest()
-   {
-      _clock.SetSeconds(kNow);
-      _agent.config->Set("plugins/metrix/depotDir", _scratch.Path());
-      _agent.config->Set("plugins/metrix/enableMockup", "true");
-   }
+   PerformanceManagerTest() { _clock.SetSeconds(kNow); }
 
    /// Creates the manager as the agent does when it starts.
    void Start(const std::string& interval = "")
@@ -54,7 +43,7 @@ protected:
       if (!interval.empty()) {
          _agent.config->Set("plugins/metrix/collectionInterval", interval);
       }
-      _manager = MakeRef<PerformanceManagerImpl>("ha-perfmgr", _agent.logger.Get());
+      NewManager();
    }
    bool HasReverted() const
    {
@@ -71,27 +60,10 @@ protected:
    void Record(TimeStamp ts, const std::vector<std::pair<std::string, StatVal>>& figures,
                const std::string& entity = "ha-host")
    {
-      _manager = nullptr; // it has the depot's lock
-      Ref<StatsDepot> depot;
-      GetStatsDepot(_scratch.Path(), "hostAgentStats", _agent.logger.Get(), 1, depot);
-      depot->Load();
-      for (const auto& [stat, value] : figures) {
-         if (!depot->AddSample(entity, stat, ts, value, 0)) {
-            depot->CreateStat(entity, stat, StatsDepot::STATTYPE_ABSOLUTE, 1, {});
-            depot->AddSample(entity, stat, ts, value, 0);
-         }
+      for (const auto depot = TakeDepot(); const auto& [stat, value] : figures) {
+         Add(*depot, entity, stat, ts, value);
       }
-      depot = nullptr;
       Start();
-   }
-
-   void Collect(int runs)
-   {
-      _manager->StartStatsCollection();
-      for (; runs > 0; --runs) {
-         _scheduler.RunNext();
-      }
-      _manager->StopStatsCollection();
    }
    /// All stats of the mock-up collector have a sample in the newest column.
    void ExpectNewestSamples()
@@ -126,11 +98,6 @@ protected:
    }
 
    std::mt19937_64 _random{20261121};
-   const Scratch _scratch;
-   FakeAgent _agent;
-   ManualClock _clock;
-   ManualScheduler _scheduler{_clock};
-   Ref<PerformanceManagerImpl> _manager;
 };
 
 TEST_F(PerformanceManagerTest, CollectionIntervalMustDivideTheHistoricalPeriod)
@@ -187,7 +154,7 @@ TEST_F(PerformanceManagerTest, DepotThatIsReplacedIsSetAsideWhole)
       Corvax::NewPosixFactory()->Remove(_scratch.Path());
       _clock.SetSeconds(kNow);
       Start("20");
-      Collect(3);
+      RunCollection(3);
       _manager = nullptr;
       spoil();
       const auto before = _scratch.ReadAll();
@@ -195,14 +162,14 @@ TEST_F(PerformanceManagerTest, DepotThatIsReplacedIsSetAsideWhole)
       EXPECT_TRUE(HasReverted());
       EXPECT_EQ(_agent.logger->Count("are now in " + _scratch.Path() + name + ".aside: "), 1);
       EXPECT_TRUE(_scratch.ReadAll(name + ".aside/") == before);
-      Collect(1);
+      RunCollection(1);
    }
 }
 
 TEST_F(PerformanceManagerTest, DepotThatCannotBeReadStaysAsItIs)
 {
    Start();
-   Collect(20);
+   RunCollection(20);
    _manager = nullptr;
    const auto before = _scratch.ReadAll();
    for (const auto& [error, isLasting] : {std::pair{EACCES, true}, {EMFILE, true}, {EIO, false}}) {
@@ -248,14 +215,14 @@ TEST_F(PerformanceManagerTest, StartsAndCollectsAfterAnyDamageToTheFiles)
          SCOPED_TRACE(file + " " + damage);
          Corvax::System::GetFactory().Remove(_scratch.Path() + description);
          Start();
-         Collect(20);
+         RunCollection(20);
          Damage(file, damage);
          Start();
          if (!(file == description && damage == "cut by a byte")) { // only its last line feed
             EXPECT_GT(_agent.logger->CountLevel(3) + _agent.logger->CountLevel(4), 0);
          }
          _agent.logger->Clear();
-         Collect(2);
+         RunCollection(2);
          EXPECT_EQ(_agent.logger->CountLevel(3), 0);
          ExpectNewestSamples();
       }
