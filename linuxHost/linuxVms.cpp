@@ -143,9 +143,17 @@ std::shared_ptr<VmPlaces> LinuxVms::FindPlaces(const VmDescription& description,
       const auto known = std::ranges::find_if(before->disks, [&disk](const VmPlaces::Disk& one) {
          return one.target == disk.target && one.path == disk.path;
       });
-      places->disks.push_back(
-         {disk.target, disk.path,
-          known != before->disks.end() ? known->hostDisk : _locator.FindDisk(disk)});
+      if (known != before->disks.end()) {
+         places->disks.push_back(*known);
+         continue;
+      }
+      try {
+         places->disks.push_back({disk.target, disk.path, _locator.FindDisk(disk)});
+      } catch (const HostCtl::Lib::HostCtlException& e) {
+         _logger->Log(Corvax::kLogWarning,
+                      "Virtual machine %1 (%2) has no figures of %3 until it is described anew: %4",
+                      description.name, description.id, disk.target, e.GetMessage());
+      }
    }
    return places;
 }
@@ -161,7 +169,7 @@ void LinuxVms::FindProcess(VmPlaces& places, const VmPlaces& before, const std::
    places.process = before.process;
    if (!startUs || *startUs != before.startUs) {
       if (!processes) {
-         processes = FindQemuProcesses(_root);
+         processes = FindProcesses();
       }
       const auto found = processes->find(id);
       if (found == processes->end()) {
@@ -177,6 +185,20 @@ void LinuxVms::FindProcess(VmPlaces& places, const VmPlaces& before, const std::
    places.startUs = startUs.value_or(0);
    const std::string path = process->ReadGroupPath();
    places.groupPath = IsVmGroup(path) ? path : "";
+}
+
+/// None when they cannot be listed: the machines' other figures do not depend on them.
+std::map<std::string, int32_t> LinuxVms::FindProcesses() const
+{
+   try {
+      return FindQemuProcesses(_root);
+   } catch (const HostCtl::Lib::HostCtlException& e) {
+      _logger->Log(Corvax::kLogWarning,
+                   "Virtual machines have no figures of their processes and groups until they are "
+                   "described anew: %1",
+                   e.GetMessage());
+      return {};
+   }
 }
 
 void LinuxVms::AssignPorts(const VmDescription& description, VmPlaces& places)

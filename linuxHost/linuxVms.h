@@ -67,6 +67,7 @@ private:
    void Update(const VmDescription& description, Processes& processes);
    std::shared_ptr<VmPlaces> FindPlaces(const VmDescription& description,
                                         Processes& processes) const;
+   std::map<std::string, int32_t> FindProcesses() const;
    void FindProcess(VmPlaces& places, const VmPlaces& before, const std::string& id,
                     Processes& processes) const;
    void AssignPorts(const VmDescription& description, VmPlaces& places);
