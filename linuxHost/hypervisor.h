@@ -144,7 +144,7 @@ public:
                                          bool waitForMonitor) = 0;
 };
 
-/// The hypervisor is there, but refuses the connection for lack of rights.
+/// The hypervisor is there, but refuses the connection, as for lack of rights.
 class RefusedException : public HostCtl::Lib::HostCtlException {
 public:
    using HostCtlException::HostCtlException;

@@ -10,7 +10,6 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
 #include <utility>
 
 namespace LinuxHost {
@@ -153,7 +152,7 @@ void SnapshotPoller::Run(const std::stop_token& stop)
    while (!stop.stop_requested()) {
       try {
          Poll(stop);
-      } catch (const std::system_error& e) {
+      } catch (const std::exception& e) { // without threads
          _logger->Log(kLogWarning, "Cannot read the figures of the virtual machines: %1", e.what());
       }
       const int64_t delayUs = GetDelayToNextPoll(System::GetTime(), _intervalSec, _shiftUs);

@@ -1,5 +1,6 @@
 #include "linuxHost/vmWatcher.h"
 
+#include "corvax/format.h"
 #include "corvax/system.h"
 #include "corvax/thread.h"
 
@@ -142,9 +143,15 @@ void VmWatcher::Run(const std::stop_token& stop)
       if (!_gate->Await(stop, System::GetMonotonicTime() + kLongestWaitUs)) {
          continue;
       }
-      const bool wasConnected = Connect(stop);
-      if (wasConnected) {
-         Follow(stop);
+      bool wasConnected = false;
+      try {
+         wasConnected = Connect(stop);
+         if (wasConnected) {
+            Follow(stop);
+         }
+      } catch (const std::exception& e) { // without threads, or from the inventory
+         wasConnected = false;
+         LogFailure(Corvax::Format("Cannot update the virtual machines: %1", e.what()));
       }
       DropConnection();
       if (!wasConnected && _gate->GetFailure().empty()) {
@@ -270,11 +277,13 @@ bool VmWatcher::Call(const std::stop_token& stop, const HypervisorCaller::Call& 
 
 void VmWatcher::DropConnection()
 {
-   _caller->Abandon();
+   if (_caller) {
+      _caller->Abandon();
+      _dropped.push_back(std::exchange(_caller, nullptr));
+   }
    std::erase_if(_dropped, [](const auto& caller) {
       return caller->WaitForEnd(std::chrono::steady_clock::time_point());
    });
-   _dropped.push_back(std::exchange(_caller, nullptr));
 }
 
 /// The machines whose power state contradicts this poll and the last one.

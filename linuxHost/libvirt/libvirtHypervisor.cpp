@@ -122,7 +122,7 @@ public:
       : _connection(::virConnectOpenReadOnly(uri.c_str()))
    {
       if (!_connection) {
-         Fail(Corvax::Format("connect to %1", uri));
+         FailToConnect(uri);
       }
       // A driver inside this process has no connection to keep alive.
       if (::virConnectSetKeepAlive(_connection.get(), kKeepaliveSec, kKeepaliveTries) < 0 &&

@@ -26,17 +26,18 @@ std::string GetUuid(virDomainPtr domain)
 
 void Fail(std::string_view attempt)
 {
-   std::string text = Corvax::Format("Cannot %1: %2", attempt, ::virGetLastErrorMessage());
-   switch (::virGetLastErrorCode()) {
-   case VIR_ERR_AUTH_FAILED:
-   case VIR_ERR_AUTH_UNAVAILABLE:
-   case VIR_ERR_AUTH_CANCELLED:
-   case VIR_ERR_OPERATION_DENIED:
-   case VIR_ERR_ACCESS_DENIED:
-      throw RefusedException(std::move(text));
-   default:
+   throw HostCtl::Lib::HostCtlException(
+      Corvax::Format("Cannot %1: %2", attempt, ::virGetLastErrorMessage()));
+}
+
+void FailToConnect(std::string_view uri)
+{
+   const int code = ::virGetLastErrorCode();
+   std::string text = Corvax::Format("Cannot connect to %1: %2", uri, ::virGetLastErrorMessage());
+   if (code == VIR_ERR_SYSTEM_ERROR || code == VIR_ERR_RPC || code == VIR_ERR_NO_CONNECT) {
       throw HostCtl::Lib::HostCtlException(std::move(text));
    }
+   throw RefusedException(std::move(text));
 }
 
 } // namespace LinuxHost

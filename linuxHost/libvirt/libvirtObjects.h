@@ -35,8 +35,11 @@ using Text = std::unique_ptr<char, Releaser<std::free>>;
 /// Lower case, as libvirt writes it. Clears the last error.
 std::string GetUuid(virDomainPtr domain);
 
-/// Throws HostCtl::Lib::HostCtlException: "Cannot " + `attempt` + ": " + libvirt's last error; a
-/// RefusedException when libvirt wants other rights.
+/// Throws HostCtl::Lib::HostCtlException: "Cannot " + `attempt` + ": " + libvirt's last error.
 [[noreturn]] void Fail(std::string_view attempt);
+
+/// The same when no connection came about. An error of the system, as of a socket that nobody
+/// listens on, means that libvirt is absent; any other is libvirt's answer, a RefusedException.
+[[noreturn]] void FailToConnect(std::string_view uri);
 
 } // namespace LinuxHost
