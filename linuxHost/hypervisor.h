@@ -124,8 +124,8 @@ public:
 /// Its destructor closes it; the listener is not called after that.
 ///
 /// Errors: HostCtl::Lib::HostCtlException naming what was tried and why it failed.
-/// Locking: its own; any thread may call. Threads that must not wait for each other's calls need a
-/// connection each. Do not destroy it while holding a lock that the listener takes.
+/// Locking: any thread may call, one at a time: threads that must not wait for each other's calls
+/// need a connection each. Do not destroy it while holding a lock that the listener takes.
 class HypervisorConnection {
 public:
    virtual ~HypervisorConnection();
