@@ -58,8 +58,7 @@ UNIT
    echo host >"$1/etc/hostname"
    echo '127.0.0.1 localhost host' >"$1/etc/hosts"
    echo '/dev/vda / ext4 rw,noatime 0 0' >"$1/etc/fstab"
-   chroot "$1" systemctl -q enable serial-getty@ttyS0 2>/dev/null || true
-   chroot "$1" systemctl -q mask getty@tty1 serial-getty@ttyS0 apt-daily.timer apt-daily-upgrade.timer
+   chroot "$1" systemctl -q mask getty@tty1 serial-getty@ttyS0 apt-daily.timer apt-daily-upgrade.timer || return
    mkdir -p "$1/etc/systemd/system/graphical.target.wants"
    ln -s ../probe.service "$1/etc/systemd/system/graphical.target.wants/probe.service"
 }
@@ -72,20 +71,17 @@ makeImage() { # DIRECTORY
    mmdebstrap --quiet --variant=minbase --include="${packages[*]}" --aptopt='Apt::Install-Recommends "false"' \
       --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
       --dpkgopt='path-exclude=/usr/share/locale/*' bookworm "$root" \
-      $([ ! -s "$1/sources.list" ] || echo "$1/sources.list") >"$1/log" 2>&1 || return
-   finishRoot "$root"
-   cp -L "$root/vmlinuz" "$root/initrd.img" "$1"
-   truncate -s 4G "$1/disk"
-   mke2fs -q -F -t ext4 -E lazy_itable_init=1 -d "$root" "$1/disk"
-   rm -rf "$root"
+      $([ ! -s "$1/sources.list" ] || echo "$1/sources.list") >"$1/log" 2>&1 &&
+      finishRoot "$root" && cp -L "$root/vmlinuz" "$root/initrd.img" "$1" && truncate -s 4G "$1/disk" &&
+      mke2fs -q -F -t ext4 -E lazy_itable_init=1 -d "$root" "$1/disk" && rm -rf "$root"
 }
 
 # Sets $image to the directory of a valid image.
 findImage() {
-   image=$cache/$({ declare -f makeImage finishRoot && libraryPackages; } | md5sum | cut -c 1-12)
+   image=$cache/image-$({ declare -f makeImage finishRoot && libraryPackages; } | md5sum | cut -c 1-12)
    [ ! -e "$image" ] || return 0
    echo "$(date +%T) making the host's disk image"
-   rm -rf "$cache"
+   rm -rf "$cache"/image-*
    mkdir -p "$image.new"
    if ! makeImage "$image.new"; then
       tail -n 20 "$image.new/log" >&2
