@@ -95,7 +95,8 @@ private:
    void Add(const ModelDepot::Name& name, TimeStamp ts)
    {
       StatVal& counter = _counters[name];
-      counter = Below(20) == 0 ? Below(10) : counter + Below(1000); // sometimes a reset
+      // Sometimes a reset, also to values whose sums wrap.
+      counter = Below(20) == 0 ? Below(10) - Below(2) * 2000000 : counter + Below(1000);
       const StatVal maxVal = Below(4) == 0 ? 50 : 0;
       if (!_model.stats.contains(name)) {
          ASSERT_FALSE(_depot->AddSample(name.first, name.second, ts, counter, maxVal));
