@@ -57,8 +57,9 @@ bool LinuxVm::IsStatsAvailable()
       }
       _runsMissed = 0;
    } else if (++_runsMissed == kRunsMissedUntilLogged) {
+      const std::string reason = _snapshots.GetFreshness(GetId()).reason;
       _logger->Log(Corvax::kLogWarning, "Virtual machine %1 (%2) has no statistics: %3", GetName(),
-                   GetId(), _snapshots.GetFreshness(GetId()).reason);
+                   GetId(), reason.empty() ? "the hypervisor answers too late" : reason);
    }
    return isPresent;
 }

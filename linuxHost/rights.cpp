@@ -75,7 +75,7 @@ std::vector<std::string> FindMissingRights(const std::string& root,
    if (Exists(root + "/proc/self") && !Exists(init)) {
       lines.emplace_back(
          "The processes of other users are hidden: virtual machines have no cpu.system, "
-         "mem.active, mem.shared, mem.zero, mem.swapped, mem.swapin, mem.swapout, sys.uptime "
+         "mem.active, mem.usage, mem.swapped, mem.swapin, mem.swapout, sys.uptime "
          "and rescpu.*; set ProtectProc=default in the agent's unit, or mount /proc "
          "without hidepid");
    } else if (IsRefused(init + "/ksm_merging_pages", R_OK)) {
