@@ -171,11 +171,12 @@ void SnapshotPoller::Poll(const std::stop_token& stop)
    if (!running) {
       return;
    }
+   std::set<std::string> ids;
+   for (const VmRecord& record : *running) {
+      ids.insert(record.id);
+   }
+   _history->KeepOnly(ids);
    if (_onRunning) {
-      std::set<std::string> ids;
-      for (const VmRecord& record : *running) {
-         ids.insert(record.id);
-      }
       _onRunning(ids);
    }
    {

@@ -158,10 +158,13 @@ void VmHistory::SetSilent(const std::string& reason)
    _silence = reason;
 }
 
-void VmHistory::Forget(const std::string& id)
+void VmHistory::KeepOnly(const std::set<std::string>& ids)
 {
+   const int64_t nowUs = Corvax::System::GetMonotonicTime();
    const std::lock_guard guard(_mutex);
-   _vms.erase(id);
+   std::erase_if(_vms, [&](const auto& entry) {
+      return !ids.contains(entry.first) && !IsCurrent(entry.second.basics, nowUs);
+   });
 }
 
 void VmHistory::BeginCollection()

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -60,8 +61,9 @@ public:
    void Add(VmRecord record, const std::string& noMonitor = {});
    /// The hypervisor has given no answer at all; ends with the next Add.
    void SetSilent(const std::string& reason);
-   /// The virtual machine is gone or off.
-   void Forget(const std::string& id);
+   /// Forgets all virtual machines but these, which run, and those with a recent reading: a
+   /// hypervisor that has just started may not know all of them yet.
+   void KeepOnly(const std::set<std::string>& ids);
 
    /// A collection begins: GetSnapshot returns its figures from now on.
    void BeginCollection();

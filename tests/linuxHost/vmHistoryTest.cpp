@@ -31,7 +31,7 @@ protected:
    std::shared_ptr<const LinuxHost::VmSnapshot> Collect(double second)
    {
       _clock.monotonicUs = static_cast<int64_t>(second * 1e6);
-      _clock.nowUs = _clock.monotonicUs + kWallUs;
+      _clock.nowUs = _clock.monotonicUs + _wallUs;
       _history.BeginCollection();
       return _history.GetSnapshot();
    }
@@ -45,6 +45,7 @@ protected:
    }
 
    static constexpr int64_t kWallUs = 1'700'000'000'000'000;
+   int64_t _wallUs = kWallUs;
    ManualClock _clock;
    LinuxHost::VmHistory _history{kIntervalUs / 1'000'000};
 };
@@ -92,9 +93,19 @@ TEST_F(VmHistoryTest, ReadingsThatDoNotEncloseTheTimeYieldNothing)
    Read(90, 2, 65);
    EXPECT_EQ(CollectUsed(100), 2'000'000) << "second 85, 20 s after the start";
    EXPECT_EQ(Collect(125), nullptr) << "the hypervisor is silent";
-   _history.Forget(kVm);
+   _history.KeepOnly({"another"});
    Read(130, 2, 65);
    EXPECT_EQ(CollectUsed(140), -1);
+}
+
+TEST_F(VmHistoryTest, AWallClockThatIsSetBackChangesNoFigure)
+{
+   Read(10);
+   Read(30);
+   _wallUs -= 3'600'000'000;
+   EXPECT_EQ(CollectUsed(40), 2'500'000);
+   Read(50);
+   EXPECT_EQ(CollectUsed(60), 4'500'000);
 }
 
 TEST_F(VmHistoryTest, SecondReadingsOfOnePollDoNotCostTheFirst)
