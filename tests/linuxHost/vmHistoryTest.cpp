@@ -92,10 +92,12 @@ TEST_F(VmHistoryTest, ReadingsThatDoNotEncloseTheTimeYieldNothing)
    EXPECT_EQ(CollectUsed(80), -1) << "started anew between the readings";
    Read(90, 2, 65);
    EXPECT_EQ(CollectUsed(100), 2'000'000) << "second 85, 20 s after the start";
-   EXPECT_EQ(Collect(125), nullptr) << "the hypervisor is silent";
+   Read(110, 3);
+   EXPECT_EQ(CollectUsed(120), -1) << "started anew, and has used more than before";
+   EXPECT_EQ(Collect(145), nullptr) << "the hypervisor is silent";
    _history.KeepOnly({"another"});
-   Read(130, 2, 65);
-   EXPECT_EQ(CollectUsed(140), -1);
+   Read(150, 3);
+   EXPECT_EQ(CollectUsed(160), -1);
 }
 
 TEST_F(VmHistoryTest, AWallClockThatIsSetBackChangesNoFigure)
