@@ -145,8 +145,8 @@ int KernelFile::ReadAll(int descriptor)
          _buffer.resize(_buffer.empty() ? kFirstBufferBytes : _buffer.size() * 2);
       }
       const size_t wanted = _buffer.size() - _sizeBytes;
-      const ssize_t count = ::pread(descriptor, _buffer.data() + _sizeBytes, wanted,
-                                    static_cast<off_t>(_sizeBytes));
+      const ssize_t count =
+         ::pread(descriptor, _buffer.data() + _sizeBytes, wanted, static_cast<off_t>(_sizeBytes));
       if (count == 0) {
          return 0;
       }
