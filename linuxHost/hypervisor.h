@@ -67,6 +67,11 @@ struct VmDiskFigures {
    uint64_t flushOperations = 0;
 };
 
+/// All counters of a disk.
+constexpr uint64_t VmDiskFigures::* kDiskCounters[] = {
+   &VmDiskFigures::bytesRead, &VmDiskFigures::bytesWritten, &VmDiskFigures::readOperations,
+   &VmDiskFigures::writeOperations, &VmDiskFigures::flushOperations};
+
 /// Figures that the hypervisor can tell without the virtual machine's monitor.
 struct VmBasics {
    uint64_t usedUs = 0; ///< CPU time of the whole virtual machine

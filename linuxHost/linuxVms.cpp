@@ -44,10 +44,6 @@ Ref<Quen::Vm::ConfigInfo> MakeConfig(const VmDescription& description)
    return config;
 }
 
-constexpr uint64_t VmDiskFigures::* kDiskCounters[] = {
-   &VmDiskFigures::bytesRead, &VmDiskFigures::bytesWritten, &VmDiskFigures::readOperations,
-   &VmDiskFigures::writeOperations, &VmDiskFigures::flushOperations};
-
 /// Adds by how much the disk's counters have grown.
 void AddGrowth(VmDiskFigures& sum, const VmDiskFigures& before, const VmDiskFigures& now)
 {

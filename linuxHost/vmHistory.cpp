@@ -76,9 +76,6 @@ constexpr uint64_t VcpuFigures::* kVcpuCounters[] = {&VcpuFigures::usedUs, &Vcpu
 constexpr uint64_t VmCardFigures::* kCardCounters[] = {
    &VmCardFigures::bytesReceived, &VmCardFigures::bytesSent, &VmCardFigures::packetsReceived,
    &VmCardFigures::packetsSent};
-constexpr uint64_t VmDiskFigures::* kDiskCounters[] = {
-   &VmDiskFigures::bytesRead, &VmDiskFigures::bytesWritten, &VmDiskFigures::readOperations,
-   &VmDiskFigures::writeOperations, &VmDiskFigures::flushOperations};
 
 /// A virtual CPU that was plugged in between the readings began at zero.
 std::vector<VcpuFigures> InterpolateVcpus(const std::vector<VcpuFigures>& older,
