@@ -95,19 +95,25 @@ void LinuxVms::Update(const VmDescription& description)
 
 void LinuxVms::Update(const VmDescription& description, Processes& processes)
 {
-   // Before the lock: access to the images may be slow, as on a network file system.
+   // Before the locks: access to the images may be slow, as on a network file system.
    const auto places = FindPlaces(description, processes);
-   const std::lock_guard guard(_mutex);
-   AssignPorts(description, *places);
-   Ref<LinuxVm>& vm = _vms[description.id];
+   Ref<LinuxVm> vm = Find(description.id);
    const bool isNew = !vm;
    if (isNew) {
       vm = MakeRef<LinuxVm>(description.id, ++_lastWorldId, _inventory, _snapshots, _logger.Get());
    }
-   // Before the new state is published: subscribers to it find everything else up to date.
-   vm->SetConfig(MakeConfig(description));
-   vm->SetPoolId(PoolIdOfPartition(description.partition));
-   vm->SetPlaces(places);
+   {
+      // A collection, which locks the machine, sees all of a change or nothing: the sum over NICs
+      // and its correction must be of the same NICs.
+      const Corvax::Locker whole(vm.Get());
+      const std::lock_guard guard(_mutex);
+      AssignPorts(description, *places);
+      vm->SetConfig(MakeConfig(description));
+      vm->SetPoolId(PoolIdOfPartition(description.partition));
+      vm->SetPlaces(places);
+      _vms[description.id] = vm;
+   }
+   // After all else: subscribers to the power state find everything up to date.
    if (isNew) {
       vm->SetPowerState(description.powerState);
       _inventory.RegisterVm(vm);

@@ -18,8 +18,8 @@ namespace LinuxHost {
 /// The hypervisor's virtual machines: keeps the inventory as the hypervisor describes them, and
 /// finds their processes, ports and images on this host.
 ///
-/// Locking: its own, taken before the inventory's and the objects'. One thread at a time may call
-/// Replace, Update and Remove; any thread may call the others.
+/// Locking: its own, taken after a machine's and before the inventory's. One thread at a time may
+/// call Replace, Update and Remove; any thread may call the others.
 class LinuxVms {
 public:
    /// Inventory and snapshots outlive it; `root` goes before the path of every kernel file.
